@@ -1,0 +1,34 @@
+# Entry points for a fresh machine. Each installs what is missing, then builds.
+PRESET ?= asan
+.PHONY: deps build test demo bench fuzz format clean
+
+deps:
+	@./scripts/install-deps
+
+build: deps
+	@cmake --preset $(PRESET) >/dev/null
+	@cmake --build --preset $(PRESET)
+
+test: build
+	@ctest --preset $(PRESET)
+
+demo: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release
+	@./scripts/demo
+
+bench: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release
+	@./build/release/bench/orvelline-bench
+
+fuzz: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz
+	@mkdir -p build/fuzz/corpus-line && ./build/fuzz/fuzz/fuzz-traffic-line -max_total_time=$${FUZZ_SECONDS:-60} build/fuzz/corpus-line fuzz/corpus/traffic-line
+
+format:
+	@clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+clean:
+	@rm -rf build

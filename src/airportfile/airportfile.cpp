@@ -1,0 +1,7 @@
+#include "airportfile/airportfile.h"
+
+namespace orv::airportfile {
+
+void flushLiveAirports() {}
+
+} // namespace orv::airportfile

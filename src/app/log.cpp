@@ -1,0 +1,262 @@
+#include "app/app.h"
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <mutex>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include "platform/platform.h"
+#include "refdata/refdata.h"
+#include "ui/ui.h"
+
+namespace orv {
+
+namespace {
+std::mutex logLock;
+std::ofstream logStream;
+
+std::mutex messageLock;
+std::string gMessageLine;
+std::string gErrorLine;
+int gMessageSecond = 0;
+int gSecondCount = 0;
+
+std::time_t utcSeconds() { return std::chrono::system_clock::to_time_t(platform::clock().utcNow()); }
+} // namespace
+
+void gf_openLog(const fs::path& file) {
+    std::lock_guard lock(logLock);
+    if (logStream.is_open()) logStream.close();
+    logStream.open(file, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (!logStream.is_open()) throw std::runtime_error("Failed to write file " + file.string());
+    logStream << fmt::format("{:%Y-%m-%d %H:%M:%S} (utc) {} version {}.{}.{} for {}\n", fmt::gmtime(utcSeconds()),
+                             kAppName, kVersion.major, kVersion.minor, kVersion.patch, kSimName);
+    logStream.flush();
+}
+
+void gf_closeLog() {
+    std::lock_guard lock(logLock);
+    if (logStream.is_open()) logStream.close();
+}
+
+void gf_log(std::string_view text) {
+    std::lock_guard lock(logLock);
+    if (!logStream.is_open()) return;
+    logStream << text << '\n';
+}
+
+void gf_logFlush(std::string_view text) {
+    std::lock_guard lock(logLock);
+    if (!logStream.is_open()) return;
+    logStream << "==> " << text << '\n';
+    logStream.flush();
+}
+
+std::string gf_timeText() { return fmt::format("{:%H:%M:%S}", fmt::gmtime(utcSeconds())); }
+
+// ---- Message and error lines ----------------------------------------------------------------
+
+void gf_message(std::string_view text, bool alsoLog) {
+    {
+        std::lock_guard lock(messageLock);
+        if (!gErrorLine.empty()) return;
+        gMessageLine = text;
+        gMessageSecond = text.empty() ? 0 : std::max(gSecondCount, 1);
+    }
+    if (alsoLog && !text.empty()) gf_log(text);
+    ui::repaint(ui::Region::MessageLine);
+}
+
+void gf_clearMessage() { gf_message({}, false); }
+
+void gf_error(std::string_view text) {
+    {
+        std::lock_guard lock(messageLock);
+        gMessageLine.clear();
+        gMessageSecond = 0;
+        gErrorLine = text;
+    }
+    gf_log(fmt::format("Error {}", text));
+    ui::repaint(ui::Region::MessageLine);
+}
+
+std::string gf_messageLine() {
+    std::lock_guard lock(messageLock);
+    return gMessageLine;
+}
+
+std::string gf_errorLine() {
+    std::lock_guard lock(messageLock);
+    return gErrorLine;
+}
+
+void gf_messageSecond() {
+    bool cleared = false;
+    {
+        std::lock_guard lock(messageLock);
+        ++gSecondCount;
+        if (gMessageSecond > 0 && gSecondCount - gMessageSecond >= 25) {
+            gMessageLine.clear();
+            gMessageSecond = 0;
+            cleared = true;
+        }
+    }
+    if (cleared) ui::repaint(ui::Region::MessageLine);
+}
+
+void gf_resetMessages() {
+    std::lock_guard lock(messageLock);
+    gMessageLine.clear();
+    gErrorLine.clear();
+    gMessageSecond = 0;
+    gSecondCount = 0;
+}
+
+// ---- Text files -----------------------------------------------------------------------------
+
+namespace {
+std::optional<std::string> readWhole(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return data;
+}
+
+// Lines cut at LF; a CR before it is dropped; no empty last line for a final LF.
+template <typename Fn>
+void forEachLine(std::string_view data, Fn&& fn) {
+    std::size_t start = 0;
+    while (start < data.size()) {
+        auto end = data.find('\n', start);
+        if (end == std::string_view::npos) end = data.size();
+        auto line = data.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        fn(line);
+        start = end + 1;
+    }
+}
+
+Encoding checkUtf8(const unsigned char* p, std::size_t n) {
+    std::size_t i = 0;
+    while (i < n) {
+        const unsigned char b = p[i];
+        if (b < 0x80) {
+            ++i;
+            continue;
+        }
+        std::size_t len = 0;
+        if (b == 0xC0 || b == 0xC1 || b > 0xF4) return Encoding::Ansi;
+        if (b >= 0xC2 && b <= 0xDF) len = 2;
+        else if (b >= 0xE0 && b <= 0xEF) len = 3;
+        else if (b >= 0xF0 && b <= 0xF4) len = 4;
+        else return Encoding::Ansi; // a lone continuation byte
+        if (i + len > n) return Encoding::Ansi;
+        for (std::size_t k = 1; k < len; ++k)
+            if ((p[i + k] & 0xC0) != 0x80) return Encoding::Ansi;
+        if (b == 0xE0 && p[i + 1] < 0xA0) return Encoding::Ansi;
+        if (b == 0xF0 && p[i + 1] < 0x90) return Encoding::Ansi;
+        if (b == 0xF4 && p[i + 1] > 0x8F) return Encoding::Ansi;
+        i += len;
+    }
+    return Encoding::Utf8WithoutBom;
+}
+
+std::u16string utf16Units(std::string_view bytes, bool bigEndian) {
+    std::u16string out;
+    out.reserve(bytes.size() / 2);
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+        const auto a = static_cast<unsigned char>(bytes[i]);
+        const auto b = static_cast<unsigned char>(bytes[i + 1]);
+        out.push_back(static_cast<char16_t>(bigEndian ? (a << 8 | b) : (b << 8 | a)));
+    }
+    return out;
+}
+} // namespace
+
+Encoding gf_detectEncoding(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return Encoding::NoneFound;
+    unsigned char buf[4096];
+    in.read(reinterpret_cast<char*>(buf), sizeof buf);
+    const auto n = static_cast<std::size_t>(in.gcount());
+    if (n == 0) return Encoding::Utf8WithoutBom;
+    if (n >= 3 && buf[0] == 0xEF && buf[1] == 0xBB && buf[2] == 0xBF) return Encoding::Utf8WithBom;
+    if (n >= 2) {
+        if (buf[0] == 0xFF && buf[1] == 0xFE) return Encoding::Unicode;
+        const bool feff = buf[0] == 0xFE && buf[1] == 0xFF;
+        if (!feff && buf[1] == 0 && (n < 4 || buf[3] == 0)) return Encoding::Unicode;
+        if (feff) return Encoding::UnicodeBigEndian;
+        if (buf[0] == 0 && (n < 4 || buf[2] == 0)) return Encoding::UnicodeBigEndian;
+    }
+    return checkUtf8(buf, n);
+}
+
+bool gf_readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out) {
+    out.clear();
+    try {
+        const int e = static_cast<int>(encoding);
+        if (e < 0 || e > 4)
+            throw std::runtime_error(fmt::format("file {} has unknown charset: {}", path.string(), e));
+        const auto data = readWhole(path);
+        if (!data) return false;
+        out.reserve(2048);
+        switch (encoding) {
+        case Encoding::Unicode:
+        case Encoding::UnicodeBigEndian: {
+            auto units = utf16Units(*data, encoding == Encoding::UnicodeBigEndian);
+            if (!units.empty() && units.front() == 0xFEFF) units.erase(0, 1);
+            forEachLine(wide_to_utf8(units), [&](std::string_view l) { out.emplace_back(l); });
+            break;
+        }
+        case Encoding::Utf8WithBom: {
+            std::string_view v(*data);
+            if (v.starts_with("\xEF\xBB\xBF")) v.remove_prefix(3);
+            forEachLine(v, [&](std::string_view l) { out.emplace_back(l); });
+            break;
+        }
+        case Encoding::Utf8WithoutBom:
+            forEachLine(*data, [&](std::string_view l) { out.emplace_back(l); });
+            break;
+        default:
+            forEachLine(*data, [&](std::string_view l) { out.push_back(gf_ansiToUtf8(l)); });
+            break;
+        }
+        return true;
+    } catch (const std::exception& e) {
+        gf_message(fmt::format("Read failed for '{}': {}", path.string(), e.what()));
+        return false;
+    }
+}
+
+std::variant<std::size_t, std::string> gf_readAllLines(const fs::path& path, std::vector<std::string>& out,
+                                                       std::size_t reserve) {
+    const auto data = readWhole(path);
+    if (!data) return std::string("open_failed");
+    out.clear();
+    out.reserve(reserve);
+    forEachLine(*data, [&](std::string_view l) { out.emplace_back(l); });
+    return out.size();
+}
+
+bool gf_writeText(std::string_view text, const fs::path& path, bool withNewline) {
+    fs::path tmp = path;
+    tmp += ".tmp";
+    {
+        std::ofstream o(tmp, std::ios::binary | std::ios::trunc);
+        if (!o) return false;
+        o << text;
+        if (withNewline) o << '\n';
+        o.flush();
+        if (!o) return false;
+    }
+    std::error_code ec;
+    fs::rename(tmp, path, ec);
+    if (!ec) return true;
+    fs::remove(tmp, ec);
+    return false;
+}
+
+} // namespace orv

@@ -1,0 +1,204 @@
+#include <condition_variable>
+#include <csignal>
+#include <deque>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "app/app.h"
+#include "feed/feed.h"
+#include "live/live.h"
+#include "params/params.h"
+#include "platform/platform.h"
+#include "refdata/refdata.h"
+
+namespace orv {
+
+Options gOptions;
+
+namespace {
+
+std::mutex queueMutex;
+std::condition_variable queueSignal;
+std::deque<WindowMessage> queue;
+std::atomic<bool> closeSignal{false};
+
+void onSignal(int) { closeSignal = true; }
+
+constexpr std::string_view kHelp = R"(Usage: orvelline [options]
+
+Fills a running flight simulator with real-world air traffic.
+
+  --production, /production         run everything (the default)
+  --no-production, /no-production   run the start sequence, then stop
+  --home DIR                        the program folder (data files, airports, output);
+                                    default: the folder of the executable
+  --user-at LAT,LON                 simulator stand-in: the user's parked position
+  --stop-after SECONDS              close as the user would, after this many seconds
+  --status                          print a status line every 5 seconds
+  --help                            this text
+
+Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).
+)";
+
+void printStatus() {
+    const auto& c = gTrafficReader.counts;
+    std::cout << fmt::format("[{}] traffic lines {} (queued {}, dropped {}, ignored {}, failed {}), "
+                             "engine took {}, tick {}",
+                             gf_timeText(), gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(),
+                             c.ignored.load(), c.failed.load(), live::samplesTaken(), gRun.engineTick.load())
+              << std::endl;
+}
+
+} // namespace
+
+void gf_postWindowMessage(WindowMessage message) {
+    {
+        std::lock_guard lock(queueMutex);
+        queue.push_back(message);
+    }
+    queueSignal.notify_one();
+}
+
+std::string gf_parseOptions(const std::vector<std::string>& args, Options& out, bool& help) {
+    help = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        const auto value = [&](std::string& into) -> bool {
+            if (i + 1 >= args.size()) return false;
+            into = args[++i];
+            return true;
+        };
+        if (gf_iequals(a, "--production") || gf_iequals(a, "/production")) {
+            out.production = true;
+            out.productionGiven = true;
+        } else if (gf_iequals(a, "--no-production") || gf_iequals(a, "/no-production")) {
+            out.production = false;
+            out.productionGiven = true;
+        } else if (a == "--help" || a == "-h") {
+            help = true;
+        } else if (a == "--status") {
+            out.status = true;
+        } else if (a == "--home") {
+            std::string v;
+            if (!value(v)) return "--home needs a folder";
+            out.home = v;
+        } else if (a == "--user-at") {
+            if (!value(out.userAt)) return "--user-at needs LAT,LON";
+        } else if (a == "--stop-after") {
+            std::string v;
+            if (!value(v)) return "--stop-after needs a number of seconds";
+            try {
+                out.stopAfterSeconds = std::stoi(v);
+            } catch (const std::exception&) {
+                return fmt::format("--stop-after: '{}' is not a number of seconds", v);
+            }
+        } else {
+            return fmt::format("unknown option '{}' (see --help)", a);
+        }
+    }
+    return {};
+}
+
+int gf_runProcess(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    bool help = false;
+    if (auto err = gf_parseOptions(args, gOptions, help); !err.empty()) {
+        std::cerr << "orvelline: " << err << '\n';
+        return 2;
+    }
+    if (help) {
+        std::cout << kHelp;
+        return 0;
+    }
+
+    // One instance per user; a second one leaves at once and writes nothing.
+    platform::InstanceLock instance;
+    if (!instance.acquire("orvelline")) return -1;
+
+    gPaths.dataFolder = platform::configFolder() / kAppName;
+    gPaths.programFolder = gOptions.home.empty() ? platform::executableFolder() : fs::absolute(gOptions.home);
+    std::error_code ec;
+    fs::create_directories(gPaths.dataFolder, ec);
+    if (ec) {
+        std::cerr << fmt::format("Failed to create directory: {}", gPaths.dataFolder.string()) << '\n';
+        return 1;
+    }
+    try {
+        gf_openLog(gPaths.dataFolder / "Log.txt");
+    } catch (const std::exception& e) {
+        std::cerr << e.what() << '\n';
+        return 1;
+    }
+    gf_log(fmt::format("program folder {}, data folder {}", gPaths.programFolder.string(),
+                       gPaths.dataFolder.string()));
+
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+
+    // The null window: the message loop of a window without one.
+    gf_postWindowMessage(WindowMessage::StartWorker);
+    std::thread worker;
+    auto& clock = platform::clock();
+    const auto started = clock.steadyNow();
+    auto nextStatus = started + std::chrono::seconds(5);
+    std::string shownError;
+    bool closeSent = false;
+    int exitCode = 0;
+    bool running = true;
+    while (running) {
+        std::optional<WindowMessage> msg;
+        {
+            std::unique_lock lock(queueMutex);
+            queueSignal.wait_for(lock, std::chrono::milliseconds(100), [] { return !queue.empty(); });
+            if (!queue.empty()) {
+                msg = queue.front();
+                queue.pop_front();
+            }
+        }
+        const auto now = clock.steadyNow();
+        const bool timeUp =
+            gOptions.stopAfterSeconds > 0 && now - started >= std::chrono::seconds(gOptions.stopAfterSeconds);
+        if ((closeSignal || timeUp) && !closeSent) {
+            closeSent = true;
+            gf_postWindowMessage(WindowMessage::Close);
+        }
+        if (gOptions.status && now >= nextStatus) {
+            nextStatus += std::chrono::seconds(5);
+            printStatus();
+        }
+        if (auto err = gf_errorLine(); err != shownError) {
+            shownError = err;
+            if (!err.empty()) std::cerr << "Error: " << err << " (Ctrl-C closes)\n";
+        }
+        if (!msg) continue;
+        switch (*msg) {
+        case WindowMessage::StartWorker:
+            if (worker.joinable()) worker.join();
+            worker = std::thread(lf_startUpORVL);
+            break;
+        case WindowMessage::End:
+            gf_log(fmt::format("{} window closed", gf_timeText()));
+            exitCode = gRun.processExitCode;
+            running = false;
+            break;
+        case WindowMessage::Close:
+            gf_log(fmt::format("Close window button clicked, closing {} ...", kAppName));
+            gf_userStop();
+            break;
+        case WindowMessage::Repaint:
+            break;
+        }
+    }
+    if (worker.joinable()) worker.join();
+    gf_stopReaders();
+    gf_waitReadersStopped(std::chrono::milliseconds(2000));
+    if (gOptions.status) printStatus();
+    gf_logFlush("process ends");
+    gf_closeLog();
+    return exitCode;
+}
+
+} // namespace orv

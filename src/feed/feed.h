@@ -1,0 +1,176 @@
+// Traffic feed: the UDP receive loop shared by the readers, the traffic line decoder and its
+// queue to the engine.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/platform.h"
+#include "refdata/refdata.h"
+
+namespace orv {
+
+struct LatLon {
+    double latitude = 0.0;
+    double longitude = 0.0;
+};
+
+// Great-circle distance in nautical miles (haversine, one minute of arc = one nautical mile).
+double gf_distanceNm(const LatLon& a, const LatLon& b) noexcept;
+
+// One decoded traffic line. The part from `latitude` on is the engine's position record.
+struct TrafficSample {
+    std::uint16_t airlineCode = 0; // filled by the engine
+    std::uint16_t modelCode = 0;
+    IataCode origin;
+    IataCode destination;
+    std::string callsign;
+    std::string flightA; // filled by the engine
+    std::string flightB; // filled by the engine
+    std::string registration;
+    double latitude = 0.0;
+    double longitude = 0.0;
+    double altitude = 0.0; // 0.0 marks an aircraft on the ground
+    double groundSpeed = 0.0;
+    double track = 0.0;
+    double verticalSpeed = 0.0;
+    double trueAirspeed = 0.0;
+    std::int32_t tick = 0;
+    bool airborne = false;
+    bool stationary = false; // set by the engine
+    bool hasTrueHeading = false;
+    std::optional<double> roll;    // radians, the sent bank with its sign changed
+    std::optional<double> heading; // radians
+    double timestamp = 0.0;
+    std::uint32_t hexid = 0;
+};
+
+// The decoded lines on their way to the engine, and whether the engine takes any now.
+struct TrafficQueue {
+    std::mutex trafficLock;
+    std::deque<TrafficSample> trafficQueue;
+    bool acceptTraffic = false;
+};
+extern TrafficQueue gTraffic;
+void gf_setAcceptTraffic(bool accept);
+// Moves up to `max` samples into out (which keeps its capacity); returns how many. Never waits.
+std::size_t gf_takeTraffic(TrafficSample* out, std::size_t max);
+
+// The receive loop that the Traffic Reader and the QNH Reader share: one datagram is one line.
+class UdpReader {
+public:
+    static constexpr std::size_t kBufferSize = 16384;
+
+    virtual ~UdpReader() = default;
+    virtual void processLine() = 0;
+    virtual void onStopped() {}
+    virtual void onBound() {}
+    virtual std::string_view threadName() const = 0;
+
+    // Opens and binds the socket, then receives until `stop`. Throws on a socket failure.
+    void run(std::uint16_t port, bool localOnly);
+    // The loop alone, on a socket already bound.
+    void receiveLoop(bool localOnly);
+
+    const char* line = nullptr;
+    std::uint64_t lineLength = 0;
+    std::atomic<bool> stop{false};
+    std::atomic<std::uint32_t> lineCount{0};
+    char buffer[kBufferSize + 1] = {};
+    std::string previous;
+    platform::UdpSocket socket;
+    std::atomic<std::uint16_t> boundPort{0}; // the port actually bound, for tests on port 0
+    std::atomic<bool> running{false};         // between the thread's start and its end
+
+protected:
+    void closeAndNotify();
+};
+
+// Where the user is and what airport is current; the run sequence writes it before the reader
+// starts and when the traffic area moves.
+struct TrafficArea {
+    LatLon reference;
+    std::optional<double> referenceElevation; // feet, of the current airport
+    std::optional<LatLon> airport;            // the current airport's position
+};
+
+class TrafficReader final : public UdpReader {
+public:
+    TrafficReader();
+    void processLine() override;
+    void onStopped() override;
+    void onBound() override;
+    std::string_view threadName() const override { return "Traffic Reader"; }
+    void processLineSub();
+
+    // Decodes one line as if it had arrived as a datagram (tests, benchmarks, fuzzing).
+    void decode(std::string_view text);
+
+    // Outcome counters: a line ends in exactly one of them.
+    struct Counts {
+        std::atomic<std::uint64_t> queued{0}, ignored{0}, dropped{0}, failed{0}, overruns{0};
+        void clear() { queued = ignored = dropped = failed = overruns = 0; }
+    };
+
+    std::unordered_set<std::string> seenCallsigns;
+    std::vector<std::string_view> fields;
+    TrafficArea area; // the reader thread's own copy
+    std::atomic<bool> collectCallsigns{false};
+    std::atomic<std::int32_t> qnh{1013};
+    std::atomic<double> lastTimestamp{0.0};
+    Counts counts;
+
+    void clearForRun(); // at every wait for a RealTraffic connection
+    // Any thread may move the area; the reader picks it up before its next line.
+    void setArea(const TrafficArea& a);
+
+private:
+    void pickUpArea();
+    std::mutex areaMutex_;
+    TrafficArea pendingArea_;
+    std::atomic<std::uint32_t> areaVersion_{0};
+    std::uint32_t seenAreaVersion_ = 0;
+    bool lf_checkAltitude(TrafficSample& s);
+    std::string decodeCopy_; // the text of decode() lives here while its fields are used
+};
+
+extern TrafficReader gTrafficReader;
+
+// The weather reader; its decoding of QNH datagrams arrives with the RealTraffic link.
+class QnhReader final : public UdpReader {
+public:
+    void processLine() override;
+    void onStopped() override;
+    std::string_view threadName() const override { return "QNH Reader"; }
+    std::atomic<bool> received{false};
+};
+extern QnhReader gQnhReader;
+
+inline constexpr std::uint16_t kTrafficPort = 49005;
+inline constexpr std::uint16_t kWeatherPort = 49004;
+
+// The reader threads: names "Traffic Reader" and "QNH Reader". They are detached; a failure is
+// shown to the user and stops the run with reason 6.
+void gf_startTrafficReader(std::uint16_t port, bool localOnly);
+void gf_startQnhReader(std::uint16_t port);
+void gf_stopReaders();
+// Waits up to `timeout` for both reader threads to end; false if one is still running.
+bool gf_waitReadersStopped(std::chrono::milliseconds timeout);
+
+// The RealTraffic link. Until it lands nothing is sent and the link is never needed.
+bool gf_realTrafficConnected();
+void gf_sendUserPositionToRealTraffic();
+void gf_sendTimeToRealTraffic();
+void gf_realTrafficFarewell();
+void gf_copyUserPositionForReaders();
+void gf_qnhUpdate();
+
+} // namespace orv

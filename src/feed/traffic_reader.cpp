@@ -1,0 +1,325 @@
+#include <charconv>
+#include <cmath>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "app/app.h"
+#include "feed/feed.h"
+#include "params/params.h"
+#include "ui/ui.h"
+
+namespace orv {
+
+TrafficQueue gTraffic;
+TrafficReader gTrafficReader;
+QnhReader gQnhReader;
+
+double gf_distanceNm(const LatLon& a, const LatLon& b) noexcept {
+    constexpr double kDeg = 0.017453292519943295;
+    const double dLat = (b.latitude - a.latitude) * kDeg;
+    const double dLon = (b.longitude - a.longitude) * kDeg;
+    const double s1 = std::sin(dLat / 2), s2 = std::sin(dLon / 2);
+    const double h = s1 * s1 + std::cos(a.latitude * kDeg) * std::cos(b.latitude * kDeg) * s2 * s2;
+    return 6875.493541569878 * std::asin(std::sqrt(std::min(1.0, h)));
+}
+
+void gf_setAcceptTraffic(bool accept) {
+    std::lock_guard lock(gTraffic.trafficLock);
+    gTraffic.acceptTraffic = accept;
+}
+
+std::size_t gf_takeTraffic(TrafficSample* out, std::size_t max) {
+    std::unique_lock lock(gTraffic.trafficLock, std::try_to_lock);
+    if (!lock.owns_lock()) return 0;
+    std::size_t n = 0;
+    while (n < max && !gTraffic.trafficQueue.empty()) {
+        out[n++] = std::move(gTraffic.trafficQueue.front());
+        gTraffic.trafficQueue.pop_front();
+    }
+    return n;
+}
+
+namespace {
+
+constexpr std::size_t kFieldCount = 29;
+constexpr double kDegToRad = 0.017453292519943295;
+
+// Plain floating point text: starts at the first character, no blank or plus sign, a minus
+// sign, "inf" and "nan" allowed, trailing text tolerated, empty is a failure.
+bool parseNumber(std::string_view field, double& out) {
+    if (field.empty()) return false;
+    const auto r = std::from_chars(field.data(), field.data() + field.size(), out);
+    return r.ec == std::errc{};
+}
+
+double number(std::string_view field, std::string_view name) {
+    double v = 0.0;
+    if (!parseNumber(field, v)) throw std::runtime_error(fmt::format("{}:{}", name, field));
+    return v;
+}
+
+bool isAcceptedType(std::string_view type, std::string_view category) {
+    if (type.empty() || type == "null") return false;
+    if (category == "B1" || category == "B2" || category == "B4" || category == "C1" || category == "C2")
+        return false;
+    if (type.size() > 4) return false;
+    for (const std::string_view t : {"BALL", "EMER", "GLID", "GRND", "GND", "PARA", "SERV", "SHIP", "VENT", "TWR"})
+        if (type == t) return false;
+    return true;
+}
+
+IataCode routeCode(std::string_view field) {
+    if (field == "null") return {};
+    return IataCode(field); // throws the FixedCode message on anything but 3 letters or digits
+}
+
+double tasForAltitude(double altitude) {
+    if (altitude <= 2000) return 180;
+    if (altitude <= 5000) return 220;
+    if (altitude <= 10000) return 250;
+    if (altitude <= 20000) return 350;
+    return 430;
+}
+
+} // namespace
+
+TrafficReader::TrafficReader() { fields.reserve(64); }
+
+void TrafficReader::onBound() {
+    ui::setIndicator(ui::Indicator::Traffic, 1);
+    ui::setIndicator(ui::Indicator::Weather, 1);
+    ui::repaint(ui::Region::Indicators);
+}
+
+void TrafficReader::onStopped() {
+    ui::setIndicator(ui::Indicator::Traffic, 3);
+    ui::repaint(ui::Region::Indicators);
+    gf_log("Traffic Reader has stopped");
+}
+
+void TrafficReader::clearForRun() {
+    lineCount = 0;
+    lastTimestamp = 0.0;
+    seenCallsigns.clear();
+    qnh = 1013;
+    counts.clear();
+}
+
+void TrafficReader::setArea(const TrafficArea& a) {
+    std::lock_guard lock(areaMutex_);
+    pendingArea_ = a;
+    areaVersion_.fetch_add(1, std::memory_order_release);
+}
+
+void TrafficReader::pickUpArea() {
+    const auto v = areaVersion_.load(std::memory_order_acquire);
+    if (v == seenAreaVersion_) return;
+    std::lock_guard lock(areaMutex_);
+    area = pendingArea_;
+    seenAreaVersion_ = areaVersion_.load(std::memory_order_relaxed);
+}
+
+void TrafficReader::decode(std::string_view text) {
+    decodeCopy_.assign(text);
+    line = decodeCopy_.c_str();
+    lineLength = decodeCopy_.size();
+    processLine();
+}
+
+void TrafficReader::processLine() {
+    const std::string_view text(line, lineLength);
+    if (text.find(" VEH") != std::string_view::npos) {
+        ++counts.ignored;
+        return;
+    }
+    fields.clear();
+    std::size_t start = 0;
+    while (true) {
+        const auto comma = text.find(',', start);
+        if (comma == std::string_view::npos) {
+            fields.push_back(text.substr(start));
+            break;
+        }
+        fields.push_back(text.substr(start, comma - start));
+        start = comma + 1;
+    }
+    if (fields.size() < kFieldCount) {
+        // Fields are read by position; a short line would be read past its end.
+        ++counts.failed;
+        gf_log(fmt::format("traffic line refused: {} fields, {} needed", fields.size(), kFieldCount));
+        return;
+    }
+    processLineSub();
+}
+
+void TrafficReader::processLineSub() {
+    pickUpArea();
+    try {
+        const auto& f = fields;
+        // 1. Any line with a timestamp counts as traffic, even if a filter drops it below.
+        lastTimestamp = number(f[14], "timestamp");
+        const double timestamp = lastTimestamp;
+
+        // 2-4. Position and range.
+        const double lat = number(f[2], "lat");
+        const double lon = number(f[3], "lon");
+        if (!(lat >= -90.0 && lat <= 90.0) || !(lon >= -180.0 && lon <= 180.0) ||
+            (std::fabs(lat) <= 0.0001 && std::fabs(lon) <= 0.0001))
+            throw std::runtime_error(fmt::format("invalid lalo: {}", fmt::format("{:.6f},{:.6f}", lat, lon)));
+        const LatLon pos{lat, lon};
+        if (gf_distanceNm(area.reference, pos) > gParams.RANGE.load(std::memory_order_relaxed)) {
+            ++counts.dropped;
+            return;
+        }
+
+        // 5. Registration.
+        if (f[11].size() > 12) {
+            ++counts.dropped;
+            return;
+        }
+        TrafficSample s;
+        s.latitude = lat;
+        s.longitude = lon;
+        s.timestamp = timestamp;
+        if (f[11] != "null") s.registration.assign(f[11]);
+
+        // 7. Callsigns seen, for the static parking calculation.
+        if (collectCallsigns.load(std::memory_order_acquire) && !f[9].empty() && f[9] != "null" &&
+            f[9].find('@') == std::string_view::npos)
+            seenCallsigns.emplace(f[9]);
+
+        // 8-9. Type.
+        if (!isAcceptedType(f[10], f[28])) {
+            ++counts.dropped;
+            return;
+        }
+        s.modelCode = gf_modelId(f[10]);
+
+        // 10. True heading, trusted from ADS-B only.
+        if (f[17] == "adsb_icao") {
+            const double th = number(f[25], "trueheading");
+            if (th > 360.0) throw std::runtime_error(fmt::format("trueheading: {:.2f}", th));
+            if (th == 0.0) {
+                s.heading = 6.283185307179586;
+                s.hasTrueHeading = true;
+            } else if (th > 0.0) {
+                s.heading = th * kDegToRad;
+                s.hasTrueHeading = true;
+            }
+        }
+
+        // 11. Identity: live aircraft are above 10000.
+        {
+            std::uint32_t id = 0;
+            const auto r = std::from_chars(f[1].data(), f[1].data() + f[1].size(), id);
+            if (r.ec != std::errc{} || f[1].empty() || f[1][0] < '0' || f[1][0] > '9')
+                throw std::runtime_error(fmt::format("hexid incorrect{}", f[1]));
+            if (id <= 10000) {
+                ++counts.dropped;
+                return;
+            }
+            s.hexid = id;
+        }
+
+        // 12-13. Speed and the on-ground decision.
+        s.groundSpeed = number(f[8], "gs");
+        if (!lf_checkAltitude(s)) {
+            ++counts.dropped;
+            return;
+        }
+        s.airborne = s.altitude > 0.0;
+
+        // 14-15. Callsign.
+        if (f[9] != "null" && f[9].find('@') == std::string_view::npos) {
+            if (f[9] == "ERARMTR1" || f[9] == "AIRPORT1" || f[9] == "00000000") {
+                ++counts.dropped;
+                return;
+            }
+            s.callsign.assign(f[9]);
+        }
+        if (s.callsign.empty() && s.registration.empty()) {
+            ++counts.dropped;
+            return;
+        }
+
+        // 16. On the ground only near the current airport.
+        if (!s.airborne && !(area.airport && gf_distanceNm(*area.airport, pos) <= 5.0)) {
+            ++counts.dropped;
+            return;
+        }
+
+        // 17. Track, or the true heading when the track says nothing.
+        if (!f[7].empty()) {
+            double t = 0.0;
+            if (!parseNumber(f[7], t)) throw std::runtime_error(fmt::format("track incorrect {}", f[7]));
+            s.track = t;
+            if (s.track == 0.0 && s.hasTrueHeading) s.track = *s.heading * 57.29577951308232;
+        } else {
+            s.track = s.hasTrueHeading ? *s.heading * 57.29577951308232 : 0.0;
+        }
+
+        // 18-19.
+        s.verticalSpeed = number(f[5], "vs");
+        s.origin = routeCode(f[12]);
+        s.destination = routeCode(f[13]);
+
+        // 20. Bank, airborne only; RealTraffic's sign is the opposite of the simulator's.
+        if (s.airborne) {
+            const double roll = number(f[23], "roll");
+            if (roll != -1.0 && roll != 0.0) s.roll = -roll * kDegToRad;
+        }
+
+        // 21. True airspeed, estimated from the altitude when unknown.
+        {
+            double tas = 0.0;
+            if (!parseNumber(f[20], tas)) throw std::runtime_error(fmt::format("TAS incorrect{}", f[20]));
+            s.trueAirspeed = tas == -1.0 ? tasForAltitude(s.altitude) : tas;
+        }
+
+        // 22-23.
+        s.tick = gRun.engineTick.load(std::memory_order_relaxed) + 3000;
+        std::lock_guard lock(gTraffic.trafficLock);
+        if (gTraffic.acceptTraffic) {
+            gTraffic.trafficQueue.push_back(std::move(s));
+            ++counts.queued;
+        } else {
+            ++counts.dropped;
+        }
+    } catch (const std::exception& e) {
+        ++counts.failed;
+        gf_log(fmt::format("exception in processLineSub: {}", e.what()));
+    }
+}
+
+bool TrafficReader::lf_checkAltitude(TrafficSample& s) {
+    double a = 0.0;
+    if (!parseNumber(fields[4], a))
+        throw std::runtime_error(
+            fmt::format("altitude {} incorrect, from: {}", fields[4], std::string_view(line, lineLength)));
+    if (a <= 0.0) {
+        a = 0.0;
+    } else {
+        if (a < 14000.0) {
+            const double h = area.referenceElevation ? a - *area.referenceElevation : a + 1000.0;
+            const double gs = s.groundSpeed;
+            if (h <= 0.0 || (h <= 42.0 && gs <= 120.0) || (h <= 84.0 && gs <= 80.0) || (h <= 108.0 && gs <= 43.0))
+                a = 0.0;
+        }
+        if (a > 0.0 && s.groundSpeed <= 35.0) a = 0.0;
+    }
+    s.altitude = a;
+    if (!gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed)) return true;
+    const double airportElevation = area.airport ? area.referenceElevation.value_or(0.0) : 0.0;
+    return std::fabs(a - airportElevation) > 300.0;
+}
+
+void QnhReader::processLine() { received = true; }
+
+void QnhReader::onStopped() {
+    ui::setIndicator(ui::Indicator::Weather, 3);
+    ui::repaint(ui::Region::Indicators);
+    gf_log("QNH Reader has stopped");
+}
+
+} // namespace orv

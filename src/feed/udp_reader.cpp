@@ -1,0 +1,109 @@
+#include "feed/feed.h"
+
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "app/app.h"
+#include "ui/ui.h"
+
+namespace orv {
+
+void UdpReader::closeAndNotify() {
+    socket.close();
+    onStopped();
+}
+
+void UdpReader::run(std::uint16_t port, bool localOnly) {
+    if (auto err = socket.open(); !err.empty())
+        throw std::runtime_error(fmt::format("failed to create the socket, error: {}", err));
+    if (auto err = socket.bind(port, localOnly); !err.empty()) {
+        socket.close();
+        throw std::runtime_error(fmt::format("bind to stream socket failed, error: {}", err));
+    }
+    boundPort = socket.localPort();
+    onBound();
+    gf_log(fmt::format("{} connected", threadName()));
+    receiveLoop(localOnly);
+}
+
+void UdpReader::receiveLoop(bool localOnly) {
+    socket.setReceiveTimeout(1000);
+    if (stop) return closeAndNotify();
+    while (true) {
+        const auto r = socket.receive(buffer, kBufferSize);
+        if (r.status == platform::RecvStatus::Failed) {
+            if (!stop) throw std::runtime_error(fmt::format("receive error: {}", platform::errorText(r.error)));
+            return closeAndNotify();
+        }
+        if (r.status == platform::RecvStatus::Data && r.size > 0) {
+            if (r.size >= kBufferSize) {
+                if (!stop) gf_log(fmt::format("buffer overrun: {} bytes", r.size));
+            } else {
+                buffer[r.size] = 0;
+                const std::string_view text(buffer, r.size);
+                bool duplicate = false;
+                if (!localOnly) {
+                    // Off the loopback the same datagram may arrive twice (several interfaces).
+                    duplicate = text == previous;
+                    if (!duplicate) previous.assign(text);
+                }
+                if (!duplicate) {
+                    line = buffer;
+                    lineLength = r.size;
+                    lineCount.fetch_add(1, std::memory_order_relaxed);
+                    processLine();
+                }
+            }
+        }
+        if (stop) {
+            socket.shutdownBoth();
+            return closeAndNotify();
+        }
+    }
+}
+
+namespace {
+
+void startThread(UdpReader& reader, std::uint16_t port, bool localOnly) {
+    reader.stop = false;
+    reader.boundPort = 0;
+    reader.running = true;
+    std::thread([&reader, port, localOnly] {
+        const std::string name(reader.threadName());
+        try {
+            reader.run(port, localOnly);
+        } catch (const std::exception& e) {
+            gf_message(fmt::format("The {} has stopped with error: {}", name, e.what()), true);
+            gf_requestStop(ExitReason::ReaderError, 15);
+        } catch (...) {
+            gf_message(fmt::format("The {} has stopped with error: {}", name, "Unknown exception"), true);
+            gf_requestStop(ExitReason::ReaderError, 15);
+        }
+        reader.running = false;
+    }).detach();
+}
+
+} // namespace
+
+void gf_startTrafficReader(std::uint16_t port, bool localOnly) { startThread(gTrafficReader, port, localOnly); }
+void gf_startQnhReader(std::uint16_t port) { startThread(gQnhReader, port, true); }
+
+void gf_stopReaders() {
+    gTrafficReader.stop = true;
+    gQnhReader.stop = true;
+}
+
+bool gf_waitReadersStopped(std::chrono::milliseconds timeout) {
+    // Real time on purpose: the readers block in the socket, not on the program's clock.
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (gTrafficReader.running || gQnhReader.running) {
+        if (std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+} // namespace orv

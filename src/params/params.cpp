@@ -1,0 +1,23 @@
+#include "params/params.h"
+
+namespace orv {
+
+Parameters gParams;
+
+void Parameters::reset() {
+    RANGE = 40;
+    AUTO_RANGE = true;
+    AIRBORNE_ONLY = false;
+    SCAN_LIVERIES = false;
+    SCAN_AIRPORTS = false;
+    INITIAL_LOAD_ONLY = false;
+    OBJECTID_LIST = false;
+    AEROWINX = false;
+    ALWAYS_ON_TOP = false;
+    PORT_NUMBER = 10747;
+    DESTINATION.clear();
+    BLOCK_CALLSIGN.clear();
+    MSFS_PATH.clear();
+}
+
+} // namespace orv

@@ -1,0 +1,11 @@
+#include "parking/parking.h"
+
+namespace orv::parking {
+
+bool checkParkAirports() { return true; }
+void followUp() {}
+void idleRefresh() {}
+void recalculate() {}
+void reset() {}
+
+} // namespace orv::parking

@@ -1,0 +1,141 @@
+// Reference data: the small code types every subsystem speaks in, the string helpers the file
+// readers share, and the user-facing error type.
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orv {
+
+// ---- Fixed-width codes ----------------------------------------------------------------------
+
+inline constexpr const char* kFixedCodeError = "FixedCode: invalid string (length/charset)";
+
+// The one rule for a code: exactly n characters of A-Z or 0-9, lower-case ASCII folded up.
+// Writes the folded bytes to out and returns true, or returns false and leaves out untouched.
+bool gf_foldCode(std::string_view text, std::size_t n, char* out) noexcept;
+
+// N upper-case characters without terminator; all zero bytes is the empty code.
+template <std::size_t N>
+class FixedCode {
+public:
+    FixedCode() = default;
+    explicit FixedCode(std::string_view text) {
+        if (!gf_foldCode(text, N, bytes_.data())) throw std::invalid_argument(kFixedCodeError);
+    }
+    // The non-throwing twin, for readers that act on a bad code in their own way.
+    static std::optional<FixedCode> tryMake(std::string_view text) noexcept {
+        FixedCode c;
+        if (!gf_foldCode(text, N, c.bytes_.data())) return std::nullopt;
+        return c;
+    }
+    // N characters; the empty code shows N blanks so that tables stay aligned.
+    std::string_view view() const noexcept {
+        return empty() ? std::string_view(kBlanks, N) : std::string_view(bytes_.data(), N);
+    }
+    bool empty() const noexcept { return bytes_[0] == 0; }
+    const std::array<char, N>& bytes() const noexcept { return bytes_; }
+
+    friend bool operator==(const FixedCode&, const FixedCode&) = default;
+    friend auto operator<=>(const FixedCode&, const FixedCode&) = default;
+
+private:
+    static constexpr char kBlanks[] = "    ";
+    static_assert(N < sizeof kBlanks);
+    std::array<char, N> bytes_{};
+};
+
+using AirportCode = FixedCode<4>;
+using IataCode = FixedCode<3>;
+
+// An airport code as one 32-bit word, for fast keys.
+inline std::uint32_t gf_codeWord(const AirportCode& c) noexcept {
+    const auto& b = c.bytes();
+    return static_cast<std::uint32_t>(static_cast<unsigned char>(b[0])) |
+           static_cast<std::uint32_t>(static_cast<unsigned char>(b[1])) << 8 |
+           static_cast<std::uint32_t>(static_cast<unsigned char>(b[2])) << 16 |
+           static_cast<std::uint32_t>(static_cast<unsigned char>(b[3])) << 24;
+}
+
+// ---- Interned code tables -------------------------------------------------------------------
+
+using AirlineId = std::uint16_t;
+using ModelId = std::uint16_t;
+
+// Airline in the low half, model in the high half.
+using AirlineModelKey = std::uint32_t;
+constexpr AirlineModelKey gf_airlineModelKey(AirlineId a, ModelId m) noexcept {
+    return static_cast<AirlineModelKey>(a) | static_cast<AirlineModelKey>(m) << 16;
+}
+
+std::uint64_t gf_fnv1a(std::string_view text) noexcept;
+
+AirlineId gf_airlineId(std::string_view code);
+ModelId gf_modelId(std::string_view code);
+std::string_view gf_airlineCode(AirlineId id) noexcept;
+std::string_view gf_modelCode(ModelId id) noexcept;
+std::size_t gf_airlineCount() noexcept;
+std::size_t gf_modelCount() noexcept;
+
+// ---- Category -------------------------------------------------------------------------------
+
+enum class Category : std::uint8_t { Light = 0, Buzjets = 1, Large = 2, Heavy = 3, HighPerf = 4, Rotorcraft = 5 };
+inline constexpr int kCategoryCount = 6;
+std::string_view gf_categoryWord(Category c) noexcept;
+std::optional<Category> gf_categoryFromWord(std::string_view word) noexcept;
+
+// ---- Strings --------------------------------------------------------------------------------
+
+std::string gf_trim(std::string_view text);
+std::vector<std::string> gf_splitList(std::string_view text);
+std::string gf_trimList(std::string_view text);
+std::string gf_toUpper(std::string_view text);
+bool gf_iequals(std::string_view a, std::string_view b) noexcept;
+
+// Strict: invalid input throws std::runtime_error, nothing is replaced.
+std::u16string utf8_to_wide(std::string_view text);
+std::string wide_to_utf8(std::u16string_view text);
+// One line of the ANSI code page to UTF-8: strict first, then lenient, else empty.
+std::string gf_ansiToUtf8(std::string_view line);
+
+// ---- User errors ----------------------------------------------------------------------------
+
+// An error the user must read and act on; code 99 shows its text alone.
+class UserErrorException : public std::runtime_error {
+public:
+    UserErrorException(std::int32_t number, const std::string& text);
+    std::int32_t number() const noexcept { return number_; }
+    const std::string& text() const noexcept { return text_; }
+
+private:
+    std::int32_t number_;
+    std::string text_;
+};
+
+} // namespace orv
+
+template <std::size_t N>
+struct std::hash<orv::FixedCode<N>> {
+    std::size_t operator()(const orv::FixedCode<N>& c) const noexcept {
+        return static_cast<std::size_t>(orv::gf_fnv1a(c.view()));
+    }
+};
+
+namespace orv {
+
+// ---- Reference data files -------------------------------------------------------------------
+
+bool gf_versionStep();     // the check for a newer program and data; false ends the run
+bool gf_readDataFiles();   // the reference database, once per process
+bool gf_readAirports();    // the airport directory
+void gf_writeUnknownLists(); // types, airlines and registrations the database did not know
+
+} // namespace orv
