@@ -1,1 +1,38 @@
-int main() { return 0; }
+// orvelline-data: the project's data chores (recordings now; reference files later).
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "recording.h"
+
+namespace {
+constexpr const char* kUsage = R"(Usage: orvelline-data COMMAND ...
+
+  convert --readsb FILE -o OUT
+      a readsb "globe history" trace (JSON) into a traffic recording
+  convert --opensky FILE [--flights CS1,CS2] [--type TYPE] [--type CALLSIGN=TYPE] -o OUT
+      OpenSky state rows (a JSON array; gunzip first) into a traffic recording. OpenSky rows
+      carry no aircraft type, so --type gives one (a default, or per callsign)
+
+A traffic recording holds one traffic line per point, in time order, in the wire format of
+RealTraffic's UDP feed; points on the ground have altitude 0.
+)";
+}
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty() || args[0] == "--help" || args[0] == "-h") {
+        std::cout << kUsage;
+        return args.empty() ? 2 : 0;
+    }
+    try {
+        const std::string cmd = args[0];
+        args.erase(args.begin());
+        if (cmd == "convert") return orv::tools::gf_convertMain(args);
+        std::cerr << "orvelline-data: unknown command '" << cmd << "'\n" << kUsage;
+        return 2;
+    } catch (const std::exception& e) {
+        std::cerr << "orvelline-data: " << e.what() << '\n';
+        return 1;
+    }
+}

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <optional>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -118,6 +120,8 @@ extern Paths gPaths;
 
 enum class WindowMessage : std::uint32_t { Close = 0x0010, StartWorker = 0x8001, End = 0x8002, Repaint = 0x8060 };
 void gf_postWindowMessage(WindowMessage message);
+// The next posted message, waiting up to `wait`; nullopt if none came.
+std::optional<WindowMessage> gf_nextWindowMessage(std::chrono::milliseconds wait);
 
 // ---- Run sequence ---------------------------------------------------------------------------
 
@@ -150,6 +154,8 @@ struct Options {
     std::string userAt;      // "LAT,LON": where the simulator stand-in puts the user
     int stopAfterSeconds = 0; // close as the user would after this many seconds (0: never)
     bool status = false;      // print a status line to the terminal every few seconds
+    std::uint16_t trafficPort = 49005;
+    std::uint16_t weatherPort = 49004;
 };
 extern Options gOptions;
 

@@ -38,6 +38,7 @@ Fills a running flight simulator with real-world air traffic.
   --user-at LAT,LON                 simulator stand-in: the user's parked position
   --stop-after SECONDS              close as the user would, after this many seconds
   --status                          print a status line every 5 seconds
+  --traffic-port N, --weather-port N  UDP ports of the feed (49005 and 49004)
   --help                            this text
 
 Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).
@@ -60,6 +61,15 @@ void gf_postWindowMessage(WindowMessage message) {
         queue.push_back(message);
     }
     queueSignal.notify_one();
+}
+
+std::optional<WindowMessage> gf_nextWindowMessage(std::chrono::milliseconds wait) {
+    std::unique_lock lock(queueMutex);
+    queueSignal.wait_for(lock, wait, [] { return !queue.empty(); });
+    if (queue.empty()) return std::nullopt;
+    const auto msg = queue.front();
+    queue.pop_front();
+    return msg;
 }
 
 std::string gf_parseOptions(const std::vector<std::string>& args, Options& out, bool& help) {
@@ -87,6 +97,16 @@ std::string gf_parseOptions(const std::vector<std::string>& args, Options& out, 
             out.home = v;
         } else if (a == "--user-at") {
             if (!value(out.userAt)) return "--user-at needs LAT,LON";
+        } else if (a == "--traffic-port" || a == "--weather-port") {
+            std::string v;
+            if (!value(v)) return fmt::format("{} needs a port number", a);
+            int port = -1;
+            try {
+                port = std::stoi(v);
+            } catch (const std::exception&) {
+            }
+            if (port < 0 || port > 65535) return fmt::format("{}: '{}' is not a port number", a, v);
+            (a == "--traffic-port" ? out.trafficPort : out.weatherPort) = static_cast<std::uint16_t>(port);
         } else if (a == "--stop-after") {
             std::string v;
             if (!value(v)) return "--stop-after needs a number of seconds";
@@ -149,15 +169,7 @@ int gf_runProcess(int argc, char** argv) {
     int exitCode = 0;
     bool running = true;
     while (running) {
-        std::optional<WindowMessage> msg;
-        {
-            std::unique_lock lock(queueMutex);
-            queueSignal.wait_for(lock, std::chrono::milliseconds(100), [] { return !queue.empty(); });
-            if (!queue.empty()) {
-                msg = queue.front();
-                queue.pop_front();
-            }
-        }
+        const auto msg = gf_nextWindowMessage(std::chrono::milliseconds(100));
         const auto now = clock.steadyNow();
         const bool timeUp =
             gOptions.stopAfterSeconds > 0 && now - started >= std::chrono::seconds(gOptions.stopAfterSeconds);
@@ -177,6 +189,11 @@ int gf_runProcess(int argc, char** argv) {
         switch (*msg) {
         case WindowMessage::StartWorker:
             if (worker.joinable()) worker.join();
+            if (closeSent) { // the user closed the window while a restart was pending
+                gf_log(fmt::format("{} window closed", gf_timeText()));
+                running = false;
+                break;
+            }
             worker = std::thread(lf_startUpORVL);
             break;
         case WindowMessage::End:

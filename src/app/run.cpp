@@ -165,9 +165,9 @@ bool lf_startThreads() {
 
     gf_setAcceptTraffic(false);
     gf_copyUserPositionForReaders();
-    gf_startQnhReader(kWeatherPort);
+    gf_startQnhReader(gOptions.weatherPort);
     clk().sleepFor(2s);
-    gf_startTrafficReader(kTrafficPort, gRun.realTrafficInstalled);
+    gf_startTrafficReader(gOptions.trafficPort, gRun.realTrafficInstalled);
     gf_sendUserPositionToRealTraffic();
     if (!waitFor([] { return gQnhReader.received.load(); }, 100ms, 150) && !stopping())
         gf_message("No traffic in this region?", true);

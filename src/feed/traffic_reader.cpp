@@ -310,6 +310,8 @@ bool TrafficReader::lf_checkAltitude(TrafficSample& s) {
     }
     s.altitude = a;
     if (!gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed)) return true;
+    // A ground report is never "airborne", however high its airport lies.
+    if (a == 0.0) return false;
     const double airportElevation = area.airport ? area.referenceElevation.value_or(0.0) : 0.0;
     return std::fabs(a - airportElevation) > 300.0;
 }

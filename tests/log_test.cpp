@@ -1,0 +1,155 @@
+#include <regex>
+
+#include <gtest/gtest.h>
+
+#include "app/app.h"
+#include "support.h"
+#include "ui/ui.h"
+
+namespace orv {
+namespace {
+
+using test::LogCapture;
+using test::TempDir;
+using test::writeBytes;
+
+TEST(Log, HeaderThenPlainAndFlushedLines) {
+    LogCapture log;
+    gf_log("plain line");
+    gf_logFlush("important");
+    const auto text = log.text();
+    EXPECT_TRUE(std::regex_search(
+        text, std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \(utc\) Orvelline version \d+\.\d+\.\d+ for MSFS 2020/2024\n)")))
+        << text;
+    EXPECT_NE(text.find("\nplain line\n==> important\n"), std::string::npos) << text;
+}
+
+TEST(Log, UnwritableFileThrowsAndClosedLogIgnoresLines) {
+    EXPECT_THROW(gf_openLog("/nonexistent-folder/Log.txt"), std::runtime_error);
+    gf_log("nowhere"); // must not crash
+    gf_logFlush("nowhere");
+}
+
+TEST(Messages, EmptyClearsSilentlyErrorBlocksAndOldMessagesExpire) {
+    LogCapture log;
+    gf_resetMessages();
+    gf_message("hello", true);
+    EXPECT_EQ(gf_messageLine(), "hello");
+    gf_message("", true);
+    EXPECT_EQ(gf_messageLine(), "");
+
+    gf_messageSecond();
+    gf_message("fades");
+    for (int s = 0; s < 24; ++s) gf_messageSecond();
+    EXPECT_EQ(gf_messageLine(), "fades");
+    gf_messageSecond();
+    EXPECT_EQ(gf_messageLine(), "");
+
+    gf_error("disk full");
+    gf_message("ignored while an error shows", true);
+    EXPECT_EQ(gf_messageLine(), "");
+    EXPECT_EQ(gf_errorLine(), "disk full");
+    const auto text = log.text();
+    EXPECT_NE(text.find("hello\n"), std::string::npos);
+    EXPECT_NE(text.find("Error disk full\n"), std::string::npos);
+    EXPECT_EQ(text.find("ignored while"), std::string::npos);
+    // The empty message logged nothing: "hello" is followed by the error line directly.
+    EXPECT_NE(text.find("hello\nError disk full"), std::string::npos) << text;
+    gf_resetMessages();
+}
+
+TEST(TextFiles, EncodingDetection) {
+    struct Case {
+        const char* name;
+        std::string bytes;
+        Encoding expected;
+    };
+    const Case cases[] = {
+        {"empty", "", Encoding::Utf8WithoutBom},
+        {"one ascii byte", "A", Encoding::Utf8WithoutBom},
+        {"one high byte", "\xE9", Encoding::Ansi},
+        {"utf8 bom", "\xEF\xBB\xBFhi", Encoding::Utf8WithBom},
+        {"utf16le bom", "\xFF\xFEh\0", Encoding::Unicode},
+        {"utf16le no bom, two bytes", std::string("A\0", 2), Encoding::Unicode},
+        {"utf16le no bom", std::string("A\0B\0", 4), Encoding::Unicode},
+        {"utf16be bom", std::string("\xFE\xFF\0h", 4), Encoding::UnicodeBigEndian},
+        {"utf16be no bom", std::string("\0A\0B", 4), Encoding::UnicodeBigEndian},
+        {"utf8 text", "Z\xC3\xBCrich", Encoding::Utf8WithoutBom},
+        {"latin1 text", "Z\xFCrich", Encoding::Ansi},
+        {"C0 lead", "a\xC0\x80", Encoding::Ansi},
+        {"above F4", "a\xF5\x80\x80\x80", Encoding::Ansi},
+        {"E0 overlong", "a\xE0\x80\x80", Encoding::Ansi},
+        {"F0 overlong", "a\xF0\x80\x80\x80", Encoding::Ansi},
+        {"F4 too high", "a\xF4\x90\x80\x80", Encoding::Ansi},
+        {"cut at end", "ab\xE2\x82", Encoding::Ansi},
+    };
+    TempDir dir;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        writeBytes(dir / "f.txt", c.bytes);
+        EXPECT_EQ(gf_detectEncoding(dir / "f.txt"), c.expected);
+    }
+    EXPECT_EQ(gf_detectEncoding(dir / "missing.txt"), Encoding::NoneFound);
+    // A multi-byte sequence cut by the 4096-byte window counts as not UTF-8.
+    writeBytes(dir / "long.txt", std::string(4095, 'a') + "\xC3\xA9");
+    EXPECT_EQ(gf_detectEncoding(dir / "long.txt"), Encoding::Ansi);
+}
+
+TEST(TextFiles, EveryEncodingReadsAsUtf8Lines) {
+    struct Case {
+        const char* name;
+        std::string bytes;
+    };
+    const std::vector<std::string> expected = {"Z\xC3\xBCrich", "", "EHAM"};
+    const auto le = [](const std::u16string& s, bool bom, bool big) {
+        std::string out = bom ? (big ? std::string("\xFE\xFF") : std::string("\xFF\xFE")) : std::string();
+        for (char16_t c : s) {
+            const char lo = static_cast<char>(c & 0xFF), hi = static_cast<char>(c >> 8);
+            out += big ? std::string{hi, lo} : std::string{lo, hi};
+        }
+        return out;
+    };
+    const Case cases[] = {
+        {"utf8", "Z\xC3\xBCrich\r\n\nEHAM\n"},
+        {"utf8 bom", "\xEF\xBB\xBFZ\xC3\xBCrich\n\nEHAM"},
+        {"ansi", "Z\xFCrich\n\r\nEHAM\n"},
+        {"utf16le", le(u"Z\u00FCrich\r\n\r\nEHAM\r\n", true, false)},
+        {"utf16be", le(u"Z\u00FCrich\n\nEHAM", true, true)},
+    };
+    TempDir dir;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        writeBytes(dir / "f.txt", c.bytes);
+        std::vector<std::string> lines{"stale"};
+        ASSERT_TRUE(gf_readLines(gf_detectEncoding(dir / "f.txt"), dir / "f.txt", lines));
+        EXPECT_EQ(lines, expected);
+    }
+    gf_resetMessages();
+    std::vector<std::string> lines;
+    EXPECT_FALSE(gf_readLines(Encoding::NoneFound, dir / "f.txt", lines));
+    EXPECT_NE(gf_messageLine().find("has unknown charset: 5"), std::string::npos) << gf_messageLine();
+    gf_resetMessages();
+}
+
+TEST(TextFiles, ReadAllLinesAndWriteText) {
+    TempDir dir;
+    std::vector<std::string> lines;
+    const auto missing = gf_readAllLines(dir / "none", lines, 10);
+    ASSERT_TRUE(std::holds_alternative<std::string>(missing));
+    EXPECT_EQ(std::get<std::string>(missing), "open_failed");
+
+    ASSERT_TRUE(gf_writeText("a\nb", dir / "out.txt", true));
+    EXPECT_EQ(test::readBytes(dir / "out.txt"), "a\nb\n");
+    ASSERT_TRUE(gf_writeText("c", dir / "out.txt", false));
+    EXPECT_EQ(test::readBytes(dir / "out.txt"), "c");
+    EXPECT_FALSE(fs::exists(dir / "out.txt.tmp"));
+    EXPECT_FALSE(gf_writeText("x", dir / "no" / "such" / "folder.txt", false));
+
+    const auto n = gf_readAllLines(dir / "out.txt", lines, 10);
+    ASSERT_TRUE(std::holds_alternative<std::size_t>(n));
+    EXPECT_EQ(std::get<std::size_t>(n), 1u);
+    EXPECT_GE(lines.capacity(), 10u);
+}
+
+} // namespace
+} // namespace orv

@@ -1,0 +1,398 @@
+#include <csignal>
+#include <fcntl.h>
+#include <map>
+#include <set>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "app/app.h"
+#include "feed/feed.h"
+#include "params/params.h"
+#include "platform/platform.h"
+#include "support.h"
+
+extern char** environ;
+
+namespace orv {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(ExitReasons, FixedTableOfNine) {
+    const char* names[] = {"NOT YET SET",      "SIM WAS CLOSED", "NEW FLIGHT",   "NEW SETTINGS", "USER CLOSED SIM",
+                           "SIMCONNECT ERROR", "READER ERROR",   "SYSTEM ERROR", "NEW VERSION"};
+    for (std::uint32_t i = 0; i < 9; ++i) EXPECT_EQ(gf_exitReasonName(i), names[i]);
+    EXPECT_THROW(gf_exitReasonName(9), std::logic_error);
+}
+
+TEST(ExitReasons, FirstStopWinsAndLaterReasonsAreLost) {
+    for (int round = 0; round < 20; ++round) {
+        gRun.reset();
+        std::atomic<int> winners{0};
+        std::vector<std::thread> threads;
+        for (std::uint32_t r = 1; r <= 8; ++r)
+            threads.emplace_back([r, &winners] {
+                if (gf_requestStop(static_cast<ExitReason>(r), static_cast<std::int32_t>(r * 10))) ++winners;
+            });
+        for (auto& t : threads) t.join();
+        EXPECT_EQ(winners, 1);
+        // Reason and delay come from the same caller.
+        EXPECT_EQ(gRun.restartDelaySeconds, static_cast<std::int32_t>(gRun.exitReason * 10));
+    }
+    gRun.reset();
+    gf_requestStop(ExitReason::ReaderError, 15);
+    gf_userStop(); // the close button after a reader error changes nothing
+    EXPECT_EQ(gRun.exitReason, 6u);
+    EXPECT_TRUE(gRun.userStopRequested);
+    gRun.reset();
+}
+
+// Drives the loop on virtual time; the "simulator" raises secondElapsed each virtual second.
+class Loop : public ::testing::Test {
+protected:
+    void SetUp() override {
+        gf_resetRunState();
+        gParams.reset();
+        platform::setClock(&clock);
+        gRun.simRunning = true;
+        clock.onAdvance = [this](platform::SteadyTime now) {
+            const auto t = now.time_since_epoch();
+            while (t >= nextSecond) {
+                nextSecond += 1s;
+                gRun.secondElapsed = true;
+            }
+            if (stallAt && t >= *stallAt) {
+                stallAt.reset();
+                clock.advance(stall);
+            }
+            if (t >= endAt) gf_requestStop(ExitReason::UserClosedSim, 0);
+        };
+        gLoopProbe.onScheduled = [this](int second, Scheduled what) { seen[what].push_back(second); };
+        gLoopProbe.onPass = [this] { passes.push_back(clock.steadyNow().time_since_epoch()); };
+    }
+    void TearDown() override {
+        gLoopProbe = {};
+        platform::setClock(nullptr);
+        gf_resetRunState();
+    }
+
+    platform::VirtualClock clock;
+    std::chrono::nanoseconds nextSecond = 1s;
+    std::chrono::nanoseconds endAt = 3600s + 500ms; // a stop is seen on the next second: 3601
+    std::optional<std::chrono::nanoseconds> stallAt;
+    std::chrono::nanoseconds stall{};
+    std::map<Scheduled, std::vector<int>> seen;
+    std::vector<std::chrono::nanoseconds> passes;
+};
+
+TEST_F(Loop, AnHourKeepsTheScheduleAndTheSecondsCounter) {
+    const auto wall = std::chrono::steady_clock::now();
+    lf_mainLoop();
+    const auto took = std::chrono::steady_clock::now() - wall;
+    std::cout << "an hour of loop passes took "
+              << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms\n";
+
+    EXPECT_EQ(gRun.secondsCounter, 3601);
+    EXPECT_NEAR(static_cast<double>(passes.size()), 360100.0, 5.0);
+    EXPECT_EQ(gRun.engineTick, static_cast<std::int32_t>(passes.size())); // one frame per pass
+    EXPECT_EQ(seen[Scheduled::Every5].size(), 720u);
+    EXPECT_EQ(seen[Scheduled::Every15].size(), 240u);
+    EXPECT_EQ(seen[Scheduled::Every30].size(), 120u);
+    // The idle refresh, QNH update and duplicates sweep skip the seconds the 5 s tasks use.
+    EXPECT_EQ(seen[Scheduled::Idle16].size(), 180u);
+    EXPECT_EQ(seen[Scheduled::Qnh59].size(), 49u);
+    EXPECT_EQ(seen[Scheduled::Duplicates61].size(), 48u);
+    const auto first = [&](Scheduled s, std::size_t n) {
+        return std::vector<int>(seen[s].begin(), seen[s].begin() + static_cast<std::ptrdiff_t>(n));
+    };
+    EXPECT_EQ(first(Scheduled::Every5, 3), (std::vector<int>{5, 10, 15}));
+    EXPECT_EQ(first(Scheduled::Every15, 2), (std::vector<int>{15, 30}));
+    EXPECT_EQ(first(Scheduled::Idle16, 5), (std::vector<int>{16, 32, 48, 64, 96}));
+    EXPECT_EQ(first(Scheduled::Qnh59, 5), (std::vector<int>{59, 118, 177, 236, 354}));
+    EXPECT_EQ(first(Scheduled::Duplicates61, 5), (std::vector<int>{61, 122, 183, 244, 366}));
+}
+
+TEST_F(Loop, NoCatchUpAfterAStallOverATenthOfASecond) {
+    struct Case {
+        std::chrono::milliseconds stall;
+        bool catchUp;
+    };
+    for (const Case c : {Case{500ms, false}, Case{150ms, false}, Case{50ms, true}}) {
+        SCOPED_TRACE(c.stall.count());
+        gf_resetRunState();
+        gRun.simRunning = true;
+        clock.advance(10s - clock.steadyNow().time_since_epoch() % 10s + 10s);
+        nextSecond = clock.steadyNow().time_since_epoch() + 1s;
+        const auto stallTime = clock.steadyNow().time_since_epoch() + 2s + 3ms;
+        stallAt = stallTime;
+        stall = c.stall;
+        endAt = stallTime + 3s;
+        passes.clear();
+        lf_mainLoop();
+        // Passes that ran at one instant are catch-up passes.
+        int sameInstant = 0;
+        for (std::size_t i = 1; i < passes.size(); ++i)
+            if (passes[i] == passes[i - 1]) ++sameInstant;
+        if (c.catchUp) {
+            EXPECT_GE(sameInstant, 3);
+        } else {
+            EXPECT_EQ(sameInstant, 0);
+        }
+        // Whatever the stall, the loop is back to one pass per 10 ms afterwards.
+        const auto n = passes.size();
+        EXPECT_EQ(passes[n - 1] - passes[n - 2], 10ms);
+    }
+}
+
+TEST_F(Loop, SecondsCounterWrapsAfterADay) {
+    gRun.secondsCounter = 86399;
+    gRun.secondElapsed = true;
+    ASSERT_TRUE(lf_step());
+    EXPECT_EQ(seen[Scheduled::Every30], std::vector<int>{86400});
+    EXPECT_EQ(gRun.secondsCounter, 0);
+}
+
+TEST_F(Loop, PauseStopsTrafficAndResumeTakesItAgain) {
+    test::LogCapture log;
+    gf_setAcceptTraffic(true);
+    gRun.simRunning = false;
+    for (int i = 0; i < 150; ++i) ASSERT_TRUE(lf_step());
+    EXPECT_FALSE(gTraffic.acceptTraffic);
+    gRun.simRunning = true;
+    gRun.secondElapsed = true;
+    ASSERT_TRUE(lf_step());
+    EXPECT_TRUE(gTraffic.acceptTraffic);
+    const auto text = log.text();
+    EXPECT_EQ(text.find("Flight not running"), text.rfind("Flight not running")) << "logged once";
+    EXPECT_NE(text.find("Flight resumed"), std::string::npos);
+}
+
+// ---- Closing down ---------------------------------------------------------------------------
+
+class Closing : public Loop {};
+
+TEST_F(Closing, RestartsForSettingsSimConnectAndReaderErrorsOnly) {
+    struct Case {
+        ExitReason reason;
+        std::int32_t delay;
+        bool restart;
+        bool scanFlagsKept;
+    };
+    const Case cases[] = {
+        {ExitReason::SimWasClosed, 0, false, true},     {ExitReason::NewFlight, 45, false, true},
+        {ExitReason::NewSettings, 2, true, true},       {ExitReason::UserClosedSim, 0, false, true},
+        {ExitReason::SimconnectError, 9, true, false},  {ExitReason::ReaderError, 15, true, false},
+        {ExitReason::SystemError, 0, false, true},      {ExitReason::NewVersion, 0, false, true},
+    };
+    for (const auto& c : cases) {
+        const auto reason = static_cast<std::uint32_t>(c.reason);
+        SCOPED_TRACE(gf_exitReasonName(reason));
+        test::LogCapture log;
+        gf_resetRunState();
+        gf_resetMessages();
+        while (gf_nextWindowMessage(0ms)) {
+        }
+        gParams.SCAN_LIVERIES = true;
+        gParams.SCAN_AIRPORTS = true;
+        gParams.DESTINATION = "KMSP";
+        gRun.isRestart = false;
+        gf_requestStop(c.reason, c.delay);
+        if (c.reason == ExitReason::SystemError) gRun.userStopRequested = true; // the user has read the error
+        const auto before = clock.steadyNow();
+        lf_closingDown();
+        const auto waited = clock.steadyNow() - before;
+
+        const auto msg = gf_nextWindowMessage(0ms);
+        ASSERT_TRUE(msg);
+        EXPECT_EQ(*msg, c.restart ? WindowMessage::StartWorker : WindowMessage::End);
+        EXPECT_EQ(gRun.isRestart.load(), c.restart);
+        EXPECT_EQ(gParams.SCAN_LIVERIES.load(), c.scanFlagsKept);
+        EXPECT_EQ(gParams.SCAN_AIRPORTS.load(), c.scanFlagsKept);
+        EXPECT_EQ(gParams.DESTINATION, "");
+        const auto text = log.text();
+        EXPECT_NE(text.find(fmt::format("==> Exiting: {}\n", gf_exitReasonName(reason))), std::string::npos);
+        if (c.restart) {
+            // The countdown ran on the clock, and the run state starts afresh.
+            EXPECT_GE(waited, std::chrono::seconds(c.delay));
+            EXPECT_NE(text.find(fmt::format("Restarting after {} seconds\n{}\n", c.delay, std::string(48, '-'))),
+                      std::string::npos);
+            EXPECT_NE(text.find("Restart countdown finished"), std::string::npos);
+            EXPECT_EQ(gf_messageLine(), "Restarting after 1 second");
+            EXPECT_FALSE(gRun.stopRequested);
+            EXPECT_EQ(gRun.exitReason, 0u);
+        } else {
+            EXPECT_EQ(text.find("Restarting after"), std::string::npos);
+            EXPECT_TRUE(gRun.stopRequested);
+        }
+        if (c.reason == ExitReason::NewFlight) {
+            EXPECT_NE(gf_messageLine().find("New flight detected, Orvelline will close, please restart manually"),
+                      std::string::npos);
+            EXPECT_GE(waited, 10s);
+        }
+        if (c.reason == ExitReason::SystemError) {
+            EXPECT_NE(text.find("User closed Orvelline"), std::string::npos);
+        }
+    }
+    gRun.isRestart = false;
+    gf_resetMessages();
+}
+
+TEST_F(Closing, SystemErrorWaitsForTheUserToClose) {
+    test::LogCapture log;
+    gf_requestStop(ExitReason::SystemError, 0);
+    std::chrono::nanoseconds closeAt = clock.steadyNow().time_since_epoch() + 30s;
+    clock.onAdvance = [&](platform::SteadyTime now) {
+        if (now.time_since_epoch() >= closeAt) gRun.userStopRequested = true;
+    };
+    const auto before = clock.steadyNow();
+    lf_closingDown();
+    EXPECT_GE(clock.steadyNow() - before, 30s);
+    EXPECT_EQ(gf_nextWindowMessage(0ms), WindowMessage::End);
+}
+
+// ---- The process ----------------------------------------------------------------------------
+
+struct Child {
+    pid_t pid = -1;
+    int wait() {
+        int status = 0;
+        if (waitpid(pid, &status, 0) < 0) return -1000;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -100 - WTERMSIG(status);
+    }
+};
+
+Child spawn(const std::vector<std::string>& args, const std::vector<std::string>& env,
+            const std::string& stderrFile = "/dev/null") {
+    std::vector<std::string> all = {ORV_PROGRAM};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& a : all) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::vector<std::string> envs = env;
+    for (char** e = environ; *e; ++e) {
+        const std::string s(*e);
+        if (s.rfind("XDG_", 0) != 0) envs.push_back(s);
+    }
+    std::vector<char*> envp;
+    for (auto& e : envs) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    Child c;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, stderrFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    EXPECT_EQ(posix_spawn(&c.pid, ORV_PROGRAM, &actions, nullptr, argv.data(), envp.data()), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    return c;
+}
+
+bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = 20s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(20ms);
+    }
+    return done();
+}
+
+TEST(Process, SecondInstanceLeavesWithMinusOneAndWritesNoLog) {
+    test::TempDir dir;
+    fs::create_directories(dir / "home");
+    const std::string runtime = "XDG_RUNTIME_DIR=" + (dir / "").string();
+    const auto log1 = dir / "cfg1" / "Orvelline" / "Log.txt";
+    const auto log2 = dir / "cfg2" / "Orvelline" / "Log.txt";
+
+    auto first = spawn({"--home", (dir / "home").string(), "--user-at", "44.882,-93.2218", "--stop-after", "60", "--traffic-port", "0", "--weather-port", "0"},
+                       {runtime, "XDG_CONFIG_HOME=" + (dir / "cfg1").string()});
+    // The lock is taken before the log opens, so a log header means the lock is held.
+    ASSERT_TRUE(waitFor([&] { return test::readBytes(log1).find("(utc)") != std::string::npos; }));
+
+    auto second = spawn({"--home", (dir / "home").string(), "--user-at", "44.882,-93.2218"},
+                        {runtime, "XDG_CONFIG_HOME=" + (dir / "cfg2").string()});
+    EXPECT_EQ(second.wait(), 255);
+    EXPECT_FALSE(fs::exists(log2));
+
+    kill(first.pid, SIGTERM); // the window's close button
+    EXPECT_EQ(first.wait(), 0);
+    const auto text = test::readBytes(log1);
+    EXPECT_NE(text.find("Close window button clicked, closing Orvelline ..."), std::string::npos) << text;
+    EXPECT_NE(text.find("==> Exiting: USER CLOSED SIM"), std::string::npos) << text;
+}
+
+TEST(Process, StartSequenceOutcomes) {
+    struct Case {
+        const char* name;
+        std::vector<std::string> args;
+        std::string shownError; // what the user reads on the terminal; empty: the run just ends
+        std::string logHas;
+    };
+    const Case cases[] = {
+        {"non-production stops after reading", {"/NO-PRODUCTION", "--user-at", "44.882,-93.2218"}, "",
+         "==> Exiting: USER CLOSED SIM"},
+        {"no simulator folders is the user's to fix",
+         {"--production"},
+         "Error: 150: No install path detected. Type the full path to your Community folder above, then press "
+         "Enter",
+         "==> Exiting: SYSTEM ERROR"},
+        {"missing program folder",
+         {"--home", "/nonexistent/orvelline", "--user-at", "1,1"},
+         "Error: 41: Orvelline must be run from the /nonexistent/orvelline folder!",
+         "==> Exiting: SYSTEM ERROR"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        test::TempDir dir;
+        fs::create_directories(dir / "home");
+        auto args = c.args;
+        for (const char* a : {"--traffic-port", "0", "--weather-port", "0"}) args.push_back(a);
+        if (std::find(args.begin(), args.end(), "--home") == args.end()) {
+            args.push_back("--home");
+            args.push_back((dir / "home").string());
+        }
+        const auto log = dir / "cfg" / "Orvelline" / "Log.txt";
+        const auto err = dir / "stderr.txt";
+        auto child = spawn(args, {"XDG_RUNTIME_DIR=" + dir.path().string(), "XDG_CONFIG_HOME=" + (dir / "cfg").string()},
+                           err.string());
+        if (!c.shownError.empty()) {
+            // An error keeps the program open until the user has read it and closes it.
+            ASSERT_TRUE(waitFor([&] { return test::readBytes(err).find(c.shownError) != std::string::npos; }))
+                << test::readBytes(err);
+            kill(child.pid, SIGTERM);
+        }
+        EXPECT_EQ(child.wait(), 0);
+        const auto text = test::readBytes(log);
+        EXPECT_NE(text.find(c.logHas), std::string::npos) << text;
+    }
+}
+
+TEST(Options, CommandLine) {
+    struct Case {
+        std::vector<std::string> args;
+        bool production, given;
+        std::string error;
+    };
+    const Case cases[] = {
+        {{}, true, false, ""},
+        {{"--no-production"}, false, true, ""},
+        {{"/No-Production", "--PRODUCTION"}, true, true, ""},
+        {{"--production", "/no-production"}, false, true, ""},
+        {{"--stop-after", "x"}, true, false, "--stop-after: 'x' is not a number of seconds"},
+        {{"--home"}, true, false, "--home needs a folder"},
+        {{"--bogus"}, true, false, "unknown option '--bogus' (see --help)"},
+    };
+    for (const auto& c : cases) {
+        Options o;
+        bool help = false;
+        EXPECT_EQ(gf_parseOptions(c.args, o, help), c.error);
+        if (!c.error.empty()) continue;
+        EXPECT_EQ(o.production, c.production);
+        EXPECT_EQ(o.productionGiven, c.given);
+    }
+}
+
+} // namespace
+} // namespace orv

@@ -1,0 +1,64 @@
+// Helpers the tests share: a scratch folder and a log they can read back.
+#pragma once
+
+#include <filesystem>
+#include <unistd.h>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/app.h"
+
+namespace orv::test {
+
+namespace fs = std::filesystem;
+
+class TempDir {
+public:
+    TempDir() {
+        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        path_ = fs::temp_directory_path() /
+                (std::string("orv-") + (info ? info->test_suite_name() : "x") + "-" + (info ? info->name() : "y") +
+                 "-" + std::to_string(::getpid()));
+        fs::remove_all(path_);
+        fs::create_directories(path_);
+    }
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(path_, ec);
+    }
+    const fs::path& path() const { return path_; }
+    fs::path operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    fs::path path_;
+};
+
+inline void writeBytes(const fs::path& p, const std::string& bytes) {
+    std::ofstream o(p, std::ios::binary);
+    o << bytes;
+}
+
+inline std::string readBytes(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// Opens Log.txt in a scratch folder for the test's lifetime.
+class LogCapture {
+public:
+    LogCapture() { gf_openLog(dir_ / "Log.txt"); }
+    ~LogCapture() { gf_closeLog(); }
+    std::string text() {
+        gf_logFlush("(read by test)");
+        return readBytes(dir_ / "Log.txt");
+    }
+    bool contains(const std::string& s) { return text().find(s) != std::string::npos; }
+
+private:
+    TempDir dir_;
+};
+
+} // namespace orv::test

@@ -1,0 +1,46 @@
+// Traffic recordings: real tracks turned into the traffic lines RealTraffic sends.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+namespace orv::tools {
+
+// One point of one aircraft, in the units of a traffic line.
+struct TrackPoint {
+    std::uint32_t hexid = 0;
+    double timestamp = 0.0; // seconds since the epoch
+    double latitude = 0.0, longitude = 0.0;
+    double altitude = 0.0; // feet; 0 on the ground
+    bool onGround = false;
+    double groundSpeed = 0.0;
+    std::optional<double> track;
+    double verticalSpeed = 0.0;
+    std::string callsign, type, registration, category, messageType = "adsb_icao";
+    std::optional<double> trueAirspeed, roll, trueHeading;
+};
+
+// One line in the wire format: 29 comma-separated fields, "null" for unknown texts.
+std::string gf_trafficLine(const TrackPoint& p);
+
+struct OpenSkyOptions {
+    std::vector<std::string> callsigns;            // empty: all
+    std::map<std::string, std::string> types;      // callsign -> ICAO type designator
+    std::string defaultType;                       // for callsigns without one
+};
+
+// A readsb "globe history" trace, or an array of OpenSky state rows. Throws on a malformed input.
+std::vector<TrackPoint> gf_readsbPoints(const nlohmann::json& trace);
+std::vector<TrackPoint> gf_openSkyPoints(const nlohmann::json& rows, const OpenSkyOptions& options);
+
+// Fills what the source left out (speeds from positions, altitudes from neighbours), sorts by time.
+void gf_completeTracks(std::vector<TrackPoint>& points);
+
+int gf_convertMain(const std::vector<std::string>& args);
+
+} // namespace orv::tools
