@@ -24,8 +24,8 @@ bench: deps
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null
-	@cmake --build --preset fuzz
-	@mkdir -p build/fuzz/corpus-line && ./build/fuzz/fuzz/fuzz-traffic-line -max_total_time=$${FUZZ_SECONDS:-60} build/fuzz/corpus-line fuzz/corpus/traffic-line
+	@cmake --build --preset fuzz --target fuzz-traffic-line
+	@mkdir -p build/fuzz/corpus-line && ./build/fuzz/fuzz/fuzz-traffic-line -max_total_time=$${FUZZ_SECONDS:-60} -max_len=1024 build/fuzz/corpus-line fuzz/corpus/traffic-line
 
 format:
 	@clang-format -i $$(git ls-files '*.cpp' '*.h')

@@ -15,9 +15,17 @@ TEST(FixedCode, ValidationFoldsCaseAndRejectsEverythingElse) {
         std::string view;
     };
     const Case cases[] = {
-        {"EHAM", true, "EHAM"}, {"eham", true, "EHAM"},  {"00AK", true, "00AK"}, {"EHA", false, ""},
-        {"EHAMX", false, ""},   {"EH M", false, ""},     {"EH\xC3\x84M", false, ""}, {"", false, ""},
-        {"EH-M", false, ""},    {"EHa1", true, "EHA1"}, {std::string("EH\0M", 4), false, ""},
+        {"EHAM", true, "EHAM"},
+        {"eham", true, "EHAM"},
+        {"00AK", true, "00AK"},
+        {"EHA", false, ""},
+        {"EHAMX", false, ""},
+        {"EH M", false, ""},
+        {"EH\xC3\x84M", false, ""},
+        {"", false, ""},
+        {"EH-M", false, ""},
+        {"EHa1", true, "EHA1"},
+        {std::string("EH\0M", 4), false, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
@@ -123,12 +131,12 @@ TEST(Strings, StrictUnicodeConversions) {
     const Case cases[] = {
         {"", true},
         {"Z\xC3\xBCrich", true},
-        {"\xF0\x9F\x9B\xAB", true},        // outside the BMP: a surrogate pair
-        {"\xE9", false},                   // a lone Latin-1 byte
-        {"\xC0\xAF", false},               // overlong
-        {"\xED\xA0\x80", false},           // an encoded surrogate
-        {"\xF4\x90\x80\x80", false},       // above U+10FFFF
-        {"\xE2\x82", false},               // cut short
+        {"\xF0\x9F\x9B\xAB", true},  // outside the BMP: a surrogate pair
+        {"\xE9", false},             // a lone Latin-1 byte
+        {"\xC0\xAF", false},         // overlong
+        {"\xED\xA0\x80", false},     // an encoded surrogate
+        {"\xF4\x90\x80\x80", false}, // above U+10FFFF
+        {"\xE2\x82", false},         // cut short
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.utf8);
@@ -154,9 +162,9 @@ TEST(Strings, StrictUnicodeConversions) {
 
 TEST(Strings, AnsiLinesBecomeUtf8) {
     EXPECT_EQ(gf_ansiToUtf8(""), "");
-    EXPECT_EQ(gf_ansiToUtf8("\xE9"), "\xC3\xA9");          // é
-    EXPECT_EQ(gf_ansiToUtf8("\x80"), "\xE2\x82\xAC");      // the euro sign of Windows-1252
-    EXPECT_EQ(gf_ansiToUtf8("a\x81z"), "a\xC2\x81z");      // unassigned: the lenient pass keeps it
+    EXPECT_EQ(gf_ansiToUtf8("\xE9"), "\xC3\xA9");     // é
+    EXPECT_EQ(gf_ansiToUtf8("\x80"), "\xE2\x82\xAC"); // the euro sign of Windows-1252
+    EXPECT_EQ(gf_ansiToUtf8("a\x81z"), "a\xC2\x81z"); // unassigned: the lenient pass keeps it
     EXPECT_EQ(gf_ansiToUtf8("plain"), "plain");
 }
 

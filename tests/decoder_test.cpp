@@ -17,12 +17,15 @@ constexpr double kDeg = 0.017453292519943295;
 const LatLon kKmsp{44.8820, -93.2218};
 constexpr double kKmspElevation = 841.0;
 
-TrafficArea kmspArea() { return {kKmsp, kKmspElevation, kKmsp}; }
+TrafficArea kmspArea() {
+    return {kKmsp, kKmspElevation, kKmsp};
+}
 
 std::vector<std::string> baseFields() {
-    return {"RTTFC", "11298587", "44.9",  "-93.2", "5000", "-700", "0",    "120.5", "180",  "DAL1812",
-            "B739",  "N899DN",   "MSP",   "ATL",   "1738717900.5", "adsb", "null", "adsb_icao", "5000", "-1",
-            "250",   "-1",       "-1",    "2.5",   "-1",   "121.0", "0",   "none",  "A3"};
+    return {"RTTFC",   "11298587", "44.9",   "-93.2", "5000", "-700",         "0",    "120.5", "180",
+            "DAL1812", "B739",     "N899DN", "MSP",   "ATL",  "1738717900.5", "adsb", "null",  "adsb_icao",
+            "5000",    "-1",       "250",    "-1",    "-1",   "2.5",          "-1",   "121.0", "0",
+            "none",    "A3"};
 }
 
 std::string join(const std::vector<std::string>& f) {
@@ -44,7 +47,7 @@ struct Case {
 };
 
 class Decoder : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         gParams.reset();
         gf_setAcceptTraffic(true);
@@ -69,7 +72,10 @@ protected:
 TEST_F(Decoder, EveryStepOfTheLine) {
     const auto near = [](double v, double want) { return std::fabs(v - want) < 1e-9; };
     const std::vector<Case> cases = {
-        {"valid airborne", {}, Outcome::Queued, "",
+        {"valid airborne",
+         {},
+         Outcome::Queued,
+         "",
          [&](const TrafficSample& s) {
              EXPECT_EQ(s.hexid, 11298587u);
              EXPECT_EQ(s.callsign, "DAL1812");
@@ -95,15 +101,30 @@ TEST_F(Decoder, EveryStepOfTheLine) {
         {"leading blank", {{2, " 44.9"}}, Outcome::Failed, "lat: 44.9"},
         {"plus sign", {{3, "+93.2"}}, Outcome::Failed, "lon:+93.2"},
         {"trailing text tolerated", {{2, "44.9deg"}}, Outcome::Queued},
-        {"position at the null island", {{2, "0.00005"}, {3, "-0.00005"}}, Outcome::Failed,
-         "invalid lalo: 0.000050,-0.000050", {}, [](TrafficArea& a) { a.reference = {0, 0}; }},
-        {"just off the null island", {{2, "0.00005"}, {3, "0.2"}}, Outcome::Queued, "", {},
-         [](TrafficArea& a) { a.reference = {0, 0}; }},
+        {"position at the null island",
+         {{2, "0.00005"}, {3, "-0.00005"}},
+         Outcome::Failed,
+         "invalid lalo: 0.000050,-0.000050",
+         {},
+         [](TrafficArea& a) {
+             a.reference = {0, 0};
+         }},
+        {"just off the null island",
+         {{2, "0.00005"}, {3, "0.2"}},
+         Outcome::Queued,
+         "",
+         {},
+         [](TrafficArea& a) {
+             a.reference = {0, 0};
+         }},
         {"latitude out of range", {{2, "90.5"}}, Outcome::Failed, "invalid lalo: 90.500000,-93.200000"},
         {"not a number", {{2, "nan"}}, Outcome::Failed, "invalid lalo: nan"},
         {"out of range", {{2, "46.0"}}, Outcome::Dropped},
         {"registration of 13", {{11, "ABCDEFGHIJKLM"}}, Outcome::Dropped},
-        {"no registration", {{11, "null"}}, Outcome::Queued, "",
+        {"no registration",
+         {{11, "null"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_EQ(s.registration, ""); }},
         {"type null", {{10, "null"}}, Outcome::Dropped},
         {"type empty", {{10, ""}}, Outcome::Dropped},
@@ -113,54 +134,97 @@ TEST_F(Decoder, EveryStepOfTheLine) {
         {"lower-case glider is a type", {{10, "glid"}}, Outcome::Queued},
         {"category B2", {{28, "B2"}}, Outcome::Dropped},
         {"category C1", {{28, "C1"}}, Outcome::Dropped},
-        {"true heading 0", {{25, "0"}, {7, "0"}}, Outcome::Queued, "",
+        {"true heading 0",
+         {{25, "0"}, {7, "0"}},
+         Outcome::Queued,
+         "",
          [&](const TrafficSample& s) {
              EXPECT_TRUE(near(*s.heading, 2 * M_PI));
              EXPECT_TRUE(near(s.track, 360.0));
          }},
-        {"empty track takes the heading", {{7, ""}}, Outcome::Queued, "",
+        {"empty track takes the heading",
+         {{7, ""}},
+         Outcome::Queued,
+         "",
          [&](const TrafficSample& s) { EXPECT_TRUE(near(s.track, 121.0)); }},
-        {"empty track without heading", {{7, ""}, {25, "-1"}}, Outcome::Queued, "",
+        {"empty track without heading",
+         {{7, ""}, {25, "-1"}},
+         Outcome::Queued,
+         "",
          [&](const TrafficSample& s) {
              EXPECT_EQ(s.track, 0.0);
              EXPECT_FALSE(s.hasTrueHeading);
              EXPECT_FALSE(s.heading);
          }},
         {"true heading 361", {{25, "361"}}, Outcome::Failed, "trueheading: 361.00"},
-        {"heading not read for mlat", {{17, "mlat"}, {25, "garbage"}}, Outcome::Queued, "",
+        {"heading not read for mlat",
+         {{17, "mlat"}, {25, "garbage"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_FALSE(s.hasTrueHeading); }},
         {"heading unparsable", {{25, "x"}}, Outcome::Failed, "trueheading:x"},
         {"hexid 10000", {{1, "10000"}}, Outcome::Dropped},
         {"hexid 10001", {{1, "10001"}}, Outcome::Queued},
         {"hexid past 32 bits", {{1, "4294967296"}}, Outcome::Failed, "hexid incorrect4294967296"},
         {"hexid not a number", {{1, "ac671b"}}, Outcome::Failed, "hexid incorrectac671b"},
-        {"hexid with tail", {{1, "20000x"}}, Outcome::Queued, "",
+        {"hexid with tail",
+         {{1, "20000x"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_EQ(s.hexid, 20000u); }},
         {"gs empty", {{8, ""}}, Outcome::Failed, "gs:"},
         {"altitude bad", {{4, "x"}}, Outcome::Failed, "altitude x incorrect, from: RTTFC,11298587"},
-        {"80 ft at 70 kt is on the ground", {{4, "921"}, {8, "70"}, {2, "44.89"}}, Outcome::Queued, "",
+        {"80 ft at 70 kt is on the ground",
+         {{4, "921"}, {8, "70"}, {2, "44.89"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) {
              EXPECT_EQ(s.altitude, 0.0);
              EXPECT_FALSE(s.airborne);
              EXPECT_FALSE(s.roll);
          }},
-        {"100 ft at 40 kt is on the ground", {{4, "941"}, {8, "40"}, {2, "44.89"}}, Outcome::Queued, "",
+        {"100 ft at 40 kt is on the ground",
+         {{4, "941"}, {8, "40"}, {2, "44.89"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_FALSE(s.airborne); }},
-        {"50 ft at 130 kt flies", {{4, "891"}, {8, "130"}}, Outcome::Queued, "",
+        {"50 ft at 130 kt flies",
+         {{4, "891"}, {8, "130"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_EQ(s.altitude, 891.0); }},
-        {"100 ft at 100 kt flies", {{4, "941"}, {8, "100"}}, Outcome::Queued, "",
+        {"100 ft at 100 kt flies",
+         {{4, "941"}, {8, "100"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_TRUE(s.airborne); }},
-        {"slow means on the ground", {{4, "3000"}, {8, "35"}, {2, "44.89"}}, Outcome::Queued, "",
+        {"slow means on the ground",
+         {{4, "3000"}, {8, "35"}, {2, "44.89"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_FALSE(s.airborne); }},
-        {"no elevation: measured from -1000 ft", {{4, "30"}, {8, "100"}}, Outcome::Queued, "",
+        {"no elevation: measured from -1000 ft",
+         {{4, "30"}, {8, "100"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_EQ(s.altitude, 30.0); },
          [](TrafficArea& a) { a.referenceElevation.reset(); }},
-        {"below the airport is on the ground", {{4, "30"}, {8, "100"}, {2, "44.89"}}, Outcome::Queued, "",
+        {"below the airport is on the ground",
+         {{4, "30"}, {8, "100"}, {2, "44.89"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_FALSE(s.airborne); }},
         {"ground far from the airport", {{4, "0"}, {2, "44.99"}}, Outcome::Dropped},
-        {"ground without an airport", {{4, "0"}, {2, "44.89"}}, Outcome::Dropped, "", {},
+        {"ground without an airport",
+         {{4, "0"}, {2, "44.89"}},
+         Outcome::Dropped,
+         "",
+         {},
          [](TrafficArea& a) { a.airport.reset(); }},
-        {"callsign with @", {{9, "DAL@1"}}, Outcome::Queued, "",
+        {"callsign with @",
+         {{9, "DAL@1"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_EQ(s.callsign, ""); }},
         {"callsign with @ and no registration", {{9, "DAL@1"}, {11, "null"}}, Outcome::Dropped},
         {"blocked callsign", {{9, "AIRPORT1"}}, Outcome::Dropped},
@@ -169,7 +233,10 @@ TEST_F(Decoder, EveryStepOfTheLine) {
         {"vs empty", {{5, ""}}, Outcome::Failed, "vs:"},
         {"origin empty", {{12, ""}}, Outcome::Failed, "FixedCode: invalid string (length/charset)"},
         {"destination of 4", {{13, "KATL"}}, Outcome::Failed, "FixedCode: invalid string (length/charset)"},
-        {"route null and lower case", {{12, "null"}, {13, "atl"}}, Outcome::Queued, "",
+        {"route null and lower case",
+         {{12, "null"}, {13, "atl"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) {
              EXPECT_TRUE(s.origin.empty());
              EXPECT_EQ(s.destination.view(), "ATL");
@@ -177,11 +244,20 @@ TEST_F(Decoder, EveryStepOfTheLine) {
         {"roll -1", {{23, "-1"}}, Outcome::Queued, "", [](const TrafficSample& s) { EXPECT_FALSE(s.roll); }},
         {"roll 0", {{23, "0"}}, Outcome::Queued, "", [](const TrafficSample& s) { EXPECT_FALSE(s.roll); }},
         {"roll bad", {{23, ""}}, Outcome::Failed, "roll:"},
-        {"tas unknown low", {{20, "-1"}, {4, "2000"}}, Outcome::Queued, "",
+        {"tas unknown low",
+         {{20, "-1"}, {4, "2000"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_EQ(s.trueAirspeed, 180.0); }},
-        {"tas unknown mid", {{20, "-1"}}, Outcome::Queued, "",
+        {"tas unknown mid",
+         {{20, "-1"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_EQ(s.trueAirspeed, 220.0); }},
-        {"tas unknown high", {{20, "-1"}, {4, "30000"}}, Outcome::Queued, "",
+        {"tas unknown high",
+         {{20, "-1"}, {4, "30000"}},
+         Outcome::Queued,
+         "",
          [](const TrafficSample& s) { EXPECT_EQ(s.trueAirspeed, 430.0); }},
         {"tas bad", {{20, "fast"}}, Outcome::Failed, "TAS incorrectfast"},
         {"airborne only, ground", {{4, "0"}, {2, "44.89"}}, Outcome::Dropped, "", {}, {}, true},
@@ -195,8 +271,10 @@ TEST_F(Decoder, EveryStepOfTheLine) {
         SCOPED_TRACE(c.name);
         auto f = baseFields();
         for (const auto& [i, v] : c.set) {
-            if (i == -1) f.resize(static_cast<std::size_t>(std::stoi(v)));
-            else f[static_cast<std::size_t>(i)] = v;
+            if (i == -1)
+                f.resize(static_cast<std::size_t>(std::stoi(v)));
+            else
+                f[static_cast<std::size_t>(i)] = v;
         }
         TrafficArea area = kmspArea();
         if (c.area) c.area(area);
@@ -357,11 +435,13 @@ TEST_F(Decoder, DatagramsOnALoopbackPortReachTheQueue) {
         auto other = baseFields();
         other[1] = "20001";
         const std::vector<std::string> datagrams = {
-            line, line,                   // the same datagram twice
-            "garbage", "a,b,c",           // too short
-            std::string(20000, 'x'),      // larger than the buffer
-            std::string(40, ','),         // enough fields, all empty
-            join(other),                  // still decoding after all that
+            line,
+            line, // the same datagram twice
+            "garbage",
+            "a,b,c",                 // too short
+            std::string(20000, 'x'), // larger than the buffer
+            std::string(40, ','),    // enough fields, all empty
+            join(other),             // still decoding after all that
         };
         for (const auto& d : datagrams) ASSERT_EQ(platform::UdpSocket::sendTo("127.0.0.1", port, d), "");
         const std::uint32_t expectedLines = localOnly ? 6 : 5;
@@ -397,8 +477,9 @@ TEST_F(Decoder, APortInUseStopsTheRunWithReaderError) {
     ASSERT_TRUE(waitUntil([] { return gRun.stopRequested.load(); }));
     EXPECT_EQ(gRun.exitReason, 6u);
     EXPECT_EQ(gRun.restartDelaySeconds, 15);
-    EXPECT_NE(gf_messageLine().find("The Traffic Reader has stopped with error: bind to stream socket failed"),
-              std::string::npos)
+    EXPECT_NE(
+        gf_messageLine().find("The Traffic Reader has stopped with error: bind to stream socket failed"),
+        std::string::npos)
         << gf_messageLine();
     ASSERT_TRUE(gf_waitReadersStopped(std::chrono::milliseconds(3000)));
     gRun.reset();

@@ -19,7 +19,9 @@ TEST(Log, HeaderThenPlainAndFlushedLines) {
     gf_logFlush("important");
     const auto text = log.text();
     EXPECT_TRUE(std::regex_search(
-        text, std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \(utc\) Orvelline version \d+\.\d+\.\d+ for MSFS 2020/2024\n)")))
+        text,
+        std::regex(
+            R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \(utc\) Orvelline version \d+\.\d+\.\d+ for MSFS 2020/2024\n)")))
         << text;
     EXPECT_NE(text.find("\nplain line\n==> important\n"), std::string::npos) << text;
 }

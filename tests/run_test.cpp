@@ -23,8 +23,9 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(ExitReasons, FixedTableOfNine) {
-    const char* names[] = {"NOT YET SET",      "SIM WAS CLOSED", "NEW FLIGHT",   "NEW SETTINGS", "USER CLOSED SIM",
-                           "SIMCONNECT ERROR", "READER ERROR",   "SYSTEM ERROR", "NEW VERSION"};
+    const char* names[] = {"NOT YET SET",  "SIM WAS CLOSED",  "NEW FLIGHT",
+                           "NEW SETTINGS", "USER CLOSED SIM", "SIMCONNECT ERROR",
+                           "READER ERROR", "SYSTEM ERROR",    "NEW VERSION"};
     for (std::uint32_t i = 0; i < 9; ++i) EXPECT_EQ(gf_exitReasonName(i), names[i]);
     EXPECT_THROW(gf_exitReasonName(9), std::logic_error);
 }
@@ -53,7 +54,7 @@ TEST(ExitReasons, FirstStopWinsAndLaterReasonsAreLost) {
 
 // Drives the loop on virtual time; the "simulator" raises secondElapsed each virtual second.
 class Loop : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         gf_resetRunState();
         gParams.reset();
@@ -183,10 +184,10 @@ TEST_F(Closing, RestartsForSettingsSimConnectAndReaderErrorsOnly) {
         bool scanFlagsKept;
     };
     const Case cases[] = {
-        {ExitReason::SimWasClosed, 0, false, true},     {ExitReason::NewFlight, 45, false, true},
-        {ExitReason::NewSettings, 2, true, true},       {ExitReason::UserClosedSim, 0, false, true},
-        {ExitReason::SimconnectError, 9, true, false},  {ExitReason::ReaderError, 15, true, false},
-        {ExitReason::SystemError, 0, false, true},      {ExitReason::NewVersion, 0, false, true},
+        {ExitReason::SimWasClosed, 0, false, true},    {ExitReason::NewFlight, 45, false, true},
+        {ExitReason::NewSettings, 2, true, true},      {ExitReason::UserClosedSim, 0, false, true},
+        {ExitReason::SimconnectError, 9, true, false}, {ExitReason::ReaderError, 15, true, false},
+        {ExitReason::SystemError, 0, false, true},     {ExitReason::NewVersion, 0, false, true},
     };
     for (const auto& c : cases) {
         const auto reason = static_cast<std::uint32_t>(c.reason);
@@ -218,8 +219,9 @@ TEST_F(Closing, RestartsForSettingsSimConnectAndReaderErrorsOnly) {
         if (c.restart) {
             // The countdown ran on the clock, and the run state starts afresh.
             EXPECT_GE(waited, std::chrono::seconds(c.delay));
-            EXPECT_NE(text.find(fmt::format("Restarting after {} seconds\n{}\n", c.delay, std::string(48, '-'))),
-                      std::string::npos);
+            EXPECT_NE(
+                text.find(fmt::format("Restarting after {} seconds\n{}\n", c.delay, std::string(48, '-'))),
+                std::string::npos);
             EXPECT_NE(text.find("Restart countdown finished"), std::string::npos);
             EXPECT_EQ(gf_messageLine(), "Restarting after 1 second");
             EXPECT_FALSE(gRun.stopRequested);
@@ -229,8 +231,9 @@ TEST_F(Closing, RestartsForSettingsSimConnectAndReaderErrorsOnly) {
             EXPECT_TRUE(gRun.stopRequested);
         }
         if (c.reason == ExitReason::NewFlight) {
-            EXPECT_NE(gf_messageLine().find("New flight detected, Orvelline will close, please restart manually"),
-                      std::string::npos);
+            EXPECT_NE(
+                gf_messageLine().find("New flight detected, Orvelline will close, please restart manually"),
+                std::string::npos);
             EXPECT_GE(waited, 10s);
         }
         if (c.reason == ExitReason::SystemError) {
@@ -306,7 +309,8 @@ TEST(Process, SecondInstanceLeavesWithMinusOneAndWritesNoLog) {
     const auto log1 = dir / "cfg1" / "Orvelline" / "Log.txt";
     const auto log2 = dir / "cfg2" / "Orvelline" / "Log.txt";
 
-    auto first = spawn({"--home", (dir / "home").string(), "--user-at", "44.882,-93.2218", "--stop-after", "60", "--traffic-port", "0", "--weather-port", "0"},
+    auto first = spawn({"--home", (dir / "home").string(), "--user-at", "44.882,-93.2218", "--stop-after",
+                        "60", "--traffic-port", "0", "--weather-port", "0"},
                        {runtime, "XDG_CONFIG_HOME=" + (dir / "cfg1").string()});
     // The lock is taken before the log opens, so a log header means the lock is held.
     ASSERT_TRUE(waitFor([&] { return test::readBytes(log1).find("(utc)") != std::string::npos; }));
@@ -331,11 +335,14 @@ TEST(Process, StartSequenceOutcomes) {
         std::string logHas;
     };
     const Case cases[] = {
-        {"non-production stops after reading", {"/NO-PRODUCTION", "--user-at", "44.882,-93.2218"}, "",
+        {"non-production stops after reading",
+         {"/NO-PRODUCTION", "--user-at", "44.882,-93.2218"},
+         "",
          "==> Exiting: USER CLOSED SIM"},
         {"no simulator folders is the user's to fix",
          {"--production"},
-         "Error: 150: No install path detected. Type the full path to your Community folder above, then press "
+         "Error: 150: No install path detected. Type the full path to your Community folder above, then "
+         "press "
          "Enter",
          "==> Exiting: SYSTEM ERROR"},
         {"missing program folder",
@@ -355,8 +362,9 @@ TEST(Process, StartSequenceOutcomes) {
         }
         const auto log = dir / "cfg" / "Orvelline" / "Log.txt";
         const auto err = dir / "stderr.txt";
-        auto child = spawn(args, {"XDG_RUNTIME_DIR=" + dir.path().string(), "XDG_CONFIG_HOME=" + (dir / "cfg").string()},
-                           err.string());
+        auto child = spawn(
+            args, {"XDG_RUNTIME_DIR=" + dir.path().string(), "XDG_CONFIG_HOME=" + (dir / "cfg").string()},
+            err.string());
         if (!c.shownError.empty()) {
             // An error keeps the program open until the user has read it and closes it.
             ASSERT_TRUE(waitFor([&] { return test::readBytes(err).find(c.shownError) != std::string::npos; }))

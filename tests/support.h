@@ -2,9 +2,9 @@
 #pragma once
 
 #include <filesystem>
-#include <unistd.h>
 #include <fstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,12 +16,12 @@ namespace orv::test {
 namespace fs = std::filesystem;
 
 class TempDir {
-public:
+  public:
     TempDir() {
         const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        path_ = fs::temp_directory_path() /
-                (std::string("orv-") + (info ? info->test_suite_name() : "x") + "-" + (info ? info->name() : "y") +
-                 "-" + std::to_string(::getpid()));
+        path_ =
+            fs::temp_directory_path() / (std::string("orv-") + (info ? info->test_suite_name() : "x") + "-" +
+                                         (info ? info->name() : "y") + "-" + std::to_string(::getpid()));
         fs::remove_all(path_);
         fs::create_directories(path_);
     }
@@ -32,7 +32,7 @@ public:
     const fs::path& path() const { return path_; }
     fs::path operator/(const std::string& name) const { return path_ / name; }
 
-private:
+  private:
     fs::path path_;
 };
 
@@ -48,7 +48,7 @@ inline std::string readBytes(const fs::path& p) {
 
 // Opens Log.txt in a scratch folder for the test's lifetime.
 class LogCapture {
-public:
+  public:
     LogCapture() { gf_openLog(dir_ / "Log.txt"); }
     ~LogCapture() { gf_closeLog(); }
     std::string text() {
@@ -57,7 +57,7 @@ public:
     }
     bool contains(const std::string& s) { return text().find(s) != std::string::npos; }
 
-private:
+  private:
     TempDir dir_;
 };
 

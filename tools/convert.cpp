@@ -4,12 +4,14 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <thread>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "app/app.h"
 #include "feed/feed.h"
+#include "platform/platform.h"
 
 namespace orv::tools {
 
@@ -17,7 +19,9 @@ using nlohmann::json;
 
 namespace {
 
-std::string text(const std::string& s) { return s.empty() ? std::string("null") : s; }
+std::string text(const std::string& s) {
+    return s.empty() ? std::string("null") : s;
+}
 std::string num(const std::optional<double>& v, const char* fmtText = "{:.1f}") {
     return v ? fmt::format(fmt::runtime(fmtText), *v) : std::string("-1");
 }
@@ -43,13 +47,14 @@ std::string trimmed(std::string s) {
 
 std::string gf_trafficLine(const TrackPoint& p) {
     // RTTFC layout; fields the program does not read still carry plausible values.
-    return fmt::format("RTTFC,{},{:.6f},{:.6f},{:.0f},{:.0f},{},{},{:.1f},{},{},{},null,null,{:.2f},adsb,null,{},"
-                       "{:.0f},-1,{},-1,-1,{},-1,{},{:.0f},none,{}",
-                       p.hexid, p.latitude, p.longitude, p.onGround ? 0.0 : p.altitude, p.verticalSpeed,
-                       p.onGround ? 1 : 0, p.track ? fmt::format("{:.1f}", *p.track) : std::string(),
-                       p.groundSpeed, text(p.callsign), text(p.type), text(p.registration), p.timestamp,
-                       p.messageType, p.onGround ? 0.0 : p.altitude, num(p.trueAirspeed, "{:.0f}"),
-                       num(p.roll, "{:.2f}"), num(p.trueHeading, "{:.2f}"), p.verticalSpeed, text(p.category));
+    return fmt::format(
+        "RTTFC,{},{:.6f},{:.6f},{:.0f},{:.0f},{},{},{:.1f},{},{},{},null,null,{:.2f},adsb,null,{},"
+        "{:.0f},-1,{},-1,-1,{},-1,{},{:.0f},none,{}",
+        p.hexid, p.latitude, p.longitude, p.onGround ? 0.0 : p.altitude, p.verticalSpeed, p.onGround ? 1 : 0,
+        p.track ? fmt::format("{:.1f}", *p.track) : std::string(), p.groundSpeed, text(p.callsign),
+        text(p.type), text(p.registration), p.timestamp, p.messageType, p.onGround ? 0.0 : p.altitude,
+        num(p.trueAirspeed, "{:.0f}"), num(p.roll, "{:.2f}"), num(p.trueHeading, "{:.2f}"), p.verticalSpeed,
+        text(p.category));
 }
 
 std::vector<TrackPoint> gf_readsbPoints(const json& trace) {
@@ -61,7 +66,8 @@ std::vector<TrackPoint> gf_readsbPoints(const json& trace) {
     std::string callsign, category;
     std::optional<double> lastAlt;
     for (const auto& row : trace.at("trace")) {
-        if (!row.is_array() || row.size() < 10) throw std::runtime_error("readsb row with fewer than 10 fields");
+        if (!row.is_array() || row.size() < 10)
+            throw std::runtime_error("readsb row with fewer than 10 fields");
         TrackPoint p;
         p.hexid = hexid;
         p.timestamp = t0 + row[0].get<double>();
@@ -76,8 +82,10 @@ std::vector<TrackPoint> gf_readsbPoints(const json& trace) {
         p.messageType = row[9].is_string() ? row[9].get<std::string>() : "other";
         if (row.size() > 13) p.roll = optNumber(row[13]);
         if (const auto& d = row[8]; d.is_object()) {
-            if (d.contains("flight") && d["flight"].is_string()) callsign = trimmed(d["flight"].get<std::string>());
-            if (d.contains("category") && d["category"].is_string()) category = d["category"].get<std::string>();
+            if (d.contains("flight") && d["flight"].is_string())
+                callsign = trimmed(d["flight"].get<std::string>());
+            if (d.contains("category") && d["category"].is_string())
+                category = d["category"].get<std::string>();
             if (d.contains("tas")) p.trueAirspeed = optNumber(d["tas"]);
             if (d.contains("true_heading")) p.trueHeading = optNumber(d["true_heading"]);
         }
@@ -130,19 +138,24 @@ void gf_completeTracks(std::vector<TrackPoint>& points) {
             if (p.groundSpeed < 0.0) {
                 const std::size_t j = i > b ? i - 1 : (i + 1 < e ? i + 1 : i);
                 const double dt = std::fabs(points[j].timestamp - p.timestamp);
-                const double nm = gf_distanceNm({p.latitude, p.longitude}, {points[j].latitude, points[j].longitude});
+                const double nm =
+                    gf_distanceNm({p.latitude, p.longitude}, {points[j].latitude, points[j].longitude});
                 p.groundSpeed = dt > 0.0 ? nm / dt * 3600.0 : 0.0;
             }
         }
         std::optional<double> known;
         for (std::size_t i = b; i < e; ++i) {
-            if (!points[i].onGround && points[i].altitude >= 0.0) known = points[i].altitude;
-            else if (!points[i].onGround && known) points[i].altitude = *known;
+            if (!points[i].onGround && points[i].altitude >= 0.0)
+                known = points[i].altitude;
+            else if (!points[i].onGround && known)
+                points[i].altitude = *known;
         }
         known.reset();
         for (std::size_t i = e; i-- > b;) {
-            if (!points[i].onGround && points[i].altitude >= 0.0) known = points[i].altitude;
-            else if (!points[i].onGround) points[i].altitude = known.value_or(0.0);
+            if (!points[i].onGround && points[i].altitude >= 0.0)
+                known = points[i].altitude;
+            else if (!points[i].onGround)
+                points[i].altitude = known.value_or(0.0);
         }
         b = e;
     }
@@ -168,8 +181,10 @@ int gf_convertMain(const std::vector<std::string>& args) {
         } else if (args[i] == "--type") {
             const auto v = next();
             const auto eq = v.find('=');
-            if (eq == std::string::npos) os.defaultType = v;
-            else os.types[v.substr(0, eq)] = v.substr(eq + 1);
+            if (eq == std::string::npos)
+                os.defaultType = v;
+            else
+                os.types[v.substr(0, eq)] = v.substr(eq + 1);
         } else {
             throw std::runtime_error("unknown option '" + args[i] + "'");
         }
@@ -188,6 +203,65 @@ int gf_convertMain(const std::vector<std::string>& args) {
     }
     if (!gf_writeText(out, output, false)) throw std::runtime_error("cannot write " + output);
     std::cout << fmt::format("{}: {} lines from {}\n", output, points.size(), input);
+    return 0;
+}
+
+} // namespace orv::tools
+
+namespace orv::tools {
+
+int gf_sendMain(const std::vector<std::string>& args) {
+    std::string file, host = "127.0.0.1";
+    int port = 49005, weatherPort = 49004;
+    double speed = 1.0, maxGap = 2.0;
+    std::size_t skip = 0;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const auto next = [&]() -> std::string {
+            if (i + 1 >= args.size()) throw std::runtime_error(args[i] + " needs a value");
+            return args[++i];
+        };
+        if (args[i] == "--port")
+            port = std::stoi(next());
+        else if (args[i] == "--weather-port")
+            weatherPort = std::stoi(next());
+        else if (args[i] == "--speed")
+            speed = std::stod(next());
+        else if (args[i] == "--max-gap")
+            maxGap = std::stod(next());
+        else if (args[i] == "--skip")
+            skip = static_cast<std::size_t>(std::stoul(next()));
+        else if (file.empty())
+            file = args[i];
+        else
+            throw std::runtime_error("unknown option '" + args[i] + "'");
+    }
+    if (file.empty()) throw std::runtime_error("send needs a recording");
+    if (speed <= 0.0) throw std::runtime_error("--speed must be above 0");
+    std::vector<std::string> lines;
+    if (!std::holds_alternative<std::size_t>(gf_readAllLines(file, lines, 4096)))
+        throw std::runtime_error("cannot read " + file);
+    // One weather datagram first, so that the program sees a live feed.
+    if (weatherPort > 0)
+        platform::UdpSocket::sendTo(host, static_cast<std::uint16_t>(weatherPort), R"({"QNH":1013})");
+    double last = -1.0;
+    std::size_t sent = 0;
+    for (std::size_t n = skip; n < lines.size(); ++n) {
+        const auto& l = lines[n];
+        const auto c1 = l.find(','), c14 = [&] {
+            std::size_t p = 0;
+            for (int k = 0; k < 14 && p != std::string::npos; ++k) p = l.find(',', p + 1);
+            return p;
+        }();
+        double t = last;
+        if (c1 != std::string::npos && c14 != std::string::npos) t = std::atof(l.c_str() + c14 + 1);
+        if (last >= 0.0 && t > last)
+            std::this_thread::sleep_for(std::chrono::duration<double>(std::min(t - last, maxGap) / speed));
+        last = t;
+        if (auto err = platform::UdpSocket::sendTo(host, static_cast<std::uint16_t>(port), l); !err.empty())
+            throw std::runtime_error("send failed: " + err);
+        ++sent;
+    }
+    std::cout << fmt::format("sent {} lines of {} to {}:{}\n", sent, file, host, port);
     return 0;
 }
 

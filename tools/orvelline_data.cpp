@@ -14,6 +14,11 @@ constexpr const char* kUsage = R"(Usage: orvelline-data COMMAND ...
       OpenSky state rows (a JSON array; gunzip first) into a traffic recording. OpenSky rows
       carry no aircraft type, so --type gives one (a default, or per callsign)
 
+  send FILE [--port 49005] [--weather-port 49004] [--speed X] [--max-gap SECONDS] [--skip N]
+      sends a recording's lines to 127.0.0.1 as UDP datagrams at their recorded pace, sped up
+      X times, with gaps cut to at most SECONDS (before speeding up), from line N on; one weather
+      datagram first
+
 A traffic recording holds one traffic line per point, in time order, in the wire format of
 RealTraffic's UDP feed; points on the ground have altitude 0.
 )";
@@ -29,6 +34,7 @@ int main(int argc, char** argv) {
         const std::string cmd = args[0];
         args.erase(args.begin());
         if (cmd == "convert") return orv::tools::gf_convertMain(args);
+        if (cmd == "send") return orv::tools::gf_sendMain(args);
         std::cerr << "orvelline-data: unknown command '" << cmd << "'\n" << kUsage;
         return 2;
     } catch (const std::exception& e) {

@@ -29,9 +29,9 @@ struct TrackPoint {
 std::string gf_trafficLine(const TrackPoint& p);
 
 struct OpenSkyOptions {
-    std::vector<std::string> callsigns;            // empty: all
-    std::map<std::string, std::string> types;      // callsign -> ICAO type designator
-    std::string defaultType;                       // for callsigns without one
+    std::vector<std::string> callsigns;       // empty: all
+    std::map<std::string, std::string> types; // callsign -> ICAO type designator
+    std::string defaultType;                  // for callsigns without one
 };
 
 // A readsb "globe history" trace, or an array of OpenSky state rows. Throws on a malformed input.
@@ -42,5 +42,7 @@ std::vector<TrackPoint> gf_openSkyPoints(const nlohmann::json& rows, const OpenS
 void gf_completeTracks(std::vector<TrackPoint>& points);
 
 int gf_convertMain(const std::vector<std::string>& args);
+// Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
+int gf_sendMain(const std::vector<std::string>& args);
 
 } // namespace orv::tools

@@ -4,10 +4,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <optional>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -118,7 +118,12 @@ extern Paths gPaths;
 
 // ---- The window's message queue -------------------------------------------------------------
 
-enum class WindowMessage : std::uint32_t { Close = 0x0010, StartWorker = 0x8001, End = 0x8002, Repaint = 0x8060 };
+enum class WindowMessage : std::uint32_t {
+    Close = 0x0010,
+    StartWorker = 0x8001,
+    End = 0x8002,
+    Repaint = 0x8060
+};
 void gf_postWindowMessage(WindowMessage message);
 // The next posted message, waiting up to `wait`; nullopt if none came.
 std::optional<WindowMessage> gf_nextWindowMessage(std::chrono::milliseconds wait);
@@ -150,8 +155,8 @@ extern LoopProbe gLoopProbe;
 struct Options {
     bool production = true;
     bool productionGiven = false;
-    fs::path home;           // the program folder, if not the install folder
-    std::string userAt;      // "LAT,LON": where the simulator stand-in puts the user
+    fs::path home;            // the program folder, if not the install folder
+    std::string userAt;       // "LAT,LON": where the simulator stand-in puts the user
     int stopAfterSeconds = 0; // close as the user would after this many seconds (0: never)
     bool status = false;      // print a status line to the terminal every few seconds
     std::uint16_t trafficPort = 49005;

@@ -24,7 +24,9 @@ std::string gErrorLine;
 int gMessageSecond = 0;
 int gSecondCount = 0;
 
-std::time_t utcSeconds() { return std::chrono::system_clock::to_time_t(platform::clock().utcNow()); }
+std::time_t utcSeconds() {
+    return std::chrono::system_clock::to_time_t(platform::clock().utcNow());
+}
 } // namespace
 
 void gf_openLog(const fs::path& file) {
@@ -32,8 +34,9 @@ void gf_openLog(const fs::path& file) {
     if (logStream.is_open()) logStream.close();
     logStream.open(file, std::ios::out | std::ios::trunc | std::ios::binary);
     if (!logStream.is_open()) throw std::runtime_error("Failed to write file " + file.string());
-    logStream << fmt::format("{:%Y-%m-%d %H:%M:%S} (utc) {} version {}.{}.{} for {}\n", fmt::gmtime(utcSeconds()),
-                             kAppName, kVersion.major, kVersion.minor, kVersion.patch, kSimName);
+    logStream << fmt::format("{:%Y-%m-%d %H:%M:%S} (utc) {} version {}.{}.{} for {}\n",
+                             fmt::gmtime(utcSeconds()), kAppName, kVersion.major, kVersion.minor,
+                             kVersion.patch, kSimName);
     logStream.flush();
 }
 
@@ -55,7 +58,9 @@ void gf_logFlush(std::string_view text) {
     logStream.flush();
 }
 
-std::string gf_timeText() { return fmt::format("{:%H:%M:%S}", fmt::gmtime(utcSeconds())); }
+std::string gf_timeText() {
+    return fmt::format("{:%H:%M:%S}", fmt::gmtime(utcSeconds()));
+}
 
 // ---- Message and error lines ----------------------------------------------------------------
 
@@ -70,7 +75,9 @@ void gf_message(std::string_view text, bool alsoLog) {
     ui::repaint(ui::Region::MessageLine);
 }
 
-void gf_clearMessage() { gf_message({}, false); }
+void gf_clearMessage() {
+    gf_message({}, false);
+}
 
 void gf_error(std::string_view text) {
     {
@@ -149,10 +156,14 @@ Encoding checkUtf8(const unsigned char* p, std::size_t n) {
         }
         std::size_t len = 0;
         if (b == 0xC0 || b == 0xC1 || b > 0xF4) return Encoding::Ansi;
-        if (b >= 0xC2 && b <= 0xDF) len = 2;
-        else if (b >= 0xE0 && b <= 0xEF) len = 3;
-        else if (b >= 0xF0 && b <= 0xF4) len = 4;
-        else return Encoding::Ansi; // a lone continuation byte
+        if (b >= 0xC2 && b <= 0xDF)
+            len = 2;
+        else if (b >= 0xE0 && b <= 0xEF)
+            len = 3;
+        else if (b >= 0xF0 && b <= 0xF4)
+            len = 4;
+        else
+            return Encoding::Ansi; // a lone continuation byte
         if (i + len > n) return Encoding::Ansi;
         for (std::size_t k = 1; k < len; ++k)
             if ((p[i + k] & 0xC0) != 0x80) return Encoding::Ansi;

@@ -25,7 +25,9 @@ std::condition_variable queueSignal;
 std::deque<WindowMessage> queue;
 std::atomic<bool> closeSignal{false};
 
-void onSignal(int) { closeSignal = true; }
+void onSignal(int) {
+    closeSignal = true;
+}
 
 constexpr std::string_view kHelp = R"(Usage: orvelline [options]
 
@@ -48,8 +50,9 @@ void printStatus() {
     const auto& c = gTrafficReader.counts;
     std::cout << fmt::format("[{}] traffic lines {} (queued {}, dropped {}, ignored {}, failed {}), "
                              "engine took {}, tick {}",
-                             gf_timeText(), gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(),
-                             c.ignored.load(), c.failed.load(), live::samplesTaken(), gRun.engineTick.load())
+                             gf_timeText(), gTrafficReader.lineCount.load(), c.queued.load(),
+                             c.dropped.load(), c.ignored.load(), c.failed.load(), live::samplesTaken(),
+                             gRun.engineTick.load())
               << std::endl;
 }
 

@@ -26,13 +26,17 @@ Paths gPaths;
 LoopProbe gLoopProbe;
 
 namespace {
-constexpr std::string_view kReasonNames[] = {"NOT YET SET",     "SIM WAS CLOSED",   "NEW FLIGHT",
-                                             "NEW SETTINGS",    "USER CLOSED SIM",  "SIMCONNECT ERROR",
-                                             "READER ERROR",    "SYSTEM ERROR",     "NEW VERSION"};
+constexpr std::string_view kReasonNames[] = {"NOT YET SET",  "SIM WAS CLOSED",  "NEW FLIGHT",
+                                             "NEW SETTINGS", "USER CLOSED SIM", "SIMCONNECT ERROR",
+                                             "READER ERROR", "SYSTEM ERROR",    "NEW VERSION"};
 
-platform::Clock& clk() { return platform::clock(); }
+platform::Clock& clk() {
+    return platform::clock();
+}
 
-bool stopping() { return gRun.stopRequested.load(std::memory_order_acquire); }
+bool stopping() {
+    return gRun.stopRequested.load(std::memory_order_acquire);
+}
 
 // Polls `done` every `step` until it holds, a stop is requested, or `tries` run out.
 template <typename Pred>
@@ -124,7 +128,8 @@ bool lf_readEverything() {
     if (!gf_readAirports()) throw std::runtime_error("reading airports failed!");
     if (sim::installPath().empty())
         throw UserErrorException(
-            150, "No install path detected. Type the full path to your Community folder above, then press Enter");
+            150,
+            "No install path detected. Type the full path to your Community folder above, then press Enter");
 
     if (!gOptions.production) {
         try {
@@ -190,13 +195,16 @@ void lf_startUpORVL() {
             }
             if (!stopping()) {
                 liveries::read();
-                gf_log(fmt::format("{} liveries, {} airport files", liveries::count(), scan::airportFileCount()));
+                gf_log(fmt::format("{} liveries, {} airport files", liveries::count(),
+                                   scan::airportFileCount()));
                 sim::createFlightPlanFolder();
                 if (parking::checkParkAirports()) gf_log("park airports and stands are okay");
                 ui::enableControls();
                 if (!gParams.DESTINATION.empty()) {
                     const auto code = AirportCode::tryMake(gParams.DESTINATION);
-                    if (!code) throw UserErrorException(44, fmt::format("Invalid airport '{}'", gParams.DESTINATION));
+                    if (!code)
+                        throw UserErrorException(44,
+                                                 fmt::format("Invalid airport '{}'", gParams.DESTINATION));
                     gParams.DESTINATION = std::string(code->view());
                 }
                 if (lf_startThreads()) {
@@ -315,7 +323,8 @@ void lf_every30Seconds() {
     if (c % 60 == 0 && --gRun.parkingCountdown <= 0) {
         gRun.parkingCountdown = 20;
         if (!gParams.INITIAL_LOAD_ONLY) {
-            gf_message(fmt::format("{} will update static parking in {} second{} ...", kAppName, 5, "s"), true);
+            gf_message(fmt::format("{} will update static parking in {} second{} ...", kAppName, 5, "s"),
+                       true);
             parking::recalculate();
         }
     }
@@ -374,8 +383,9 @@ void lf_closingDown() {
         } else {
             gRun.isRestart = false;
             if (reason == 2) {
-                gf_message(fmt::format("New flight detected, {} will close, please restart manually ...", kAppName),
-                           true);
+                gf_message(
+                    fmt::format("New flight detected, {} will close, please restart manually ...", kAppName),
+                    true);
                 clk().sleepFor(10s);
             }
         }

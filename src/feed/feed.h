@@ -66,7 +66,7 @@ std::size_t gf_takeTraffic(TrafficSample* out, std::size_t max);
 
 // The receive loop that the Traffic Reader and the QNH Reader share: one datagram is one line.
 class UdpReader {
-public:
+  public:
     static constexpr std::size_t kBufferSize = 16384;
 
     virtual ~UdpReader() = default;
@@ -88,9 +88,9 @@ public:
     std::string previous;
     platform::UdpSocket socket;
     std::atomic<std::uint16_t> boundPort{0}; // the port actually bound, for tests on port 0
-    std::atomic<bool> running{false};         // between the thread's start and its end
+    std::atomic<bool> running{false};        // between the thread's start and its end
 
-protected:
+  protected:
     void closeAndNotify();
 };
 
@@ -103,7 +103,7 @@ struct TrafficArea {
 };
 
 class TrafficReader final : public UdpReader {
-public:
+  public:
     TrafficReader();
     void processLine() override;
     void onStopped() override;
@@ -132,7 +132,7 @@ public:
     // Any thread may move the area; the reader picks it up before its next line.
     void setArea(const TrafficArea& a);
 
-private:
+  private:
     void pickUpArea();
     std::mutex areaMutex_;
     TrafficArea pendingArea_;
@@ -146,7 +146,7 @@ extern TrafficReader gTrafficReader;
 
 // The weather reader; its decoding of QNH datagrams arrives with the RealTraffic link.
 class QnhReader final : public UdpReader {
-public:
+  public:
     void processLine() override;
     void onStopped() override;
     std::string_view threadName() const override { return "QNH Reader"; }

@@ -4,7 +4,9 @@
 namespace orv {
 
 // The RealTraffic control link arrives later; until then it is never connected.
-bool gf_realTrafficConnected() { return false; }
+bool gf_realTrafficConnected() {
+    return false;
+}
 void gf_sendUserPositionToRealTraffic() {}
 void gf_sendTimeToRealTraffic() {}
 void gf_realTrafficFarewell() {}

@@ -64,7 +64,8 @@ bool isAcceptedType(std::string_view type, std::string_view category) {
     if (category == "B1" || category == "B2" || category == "B4" || category == "C1" || category == "C2")
         return false;
     if (type.size() > 4) return false;
-    for (const std::string_view t : {"BALL", "EMER", "GLID", "GRND", "GND", "PARA", "SERV", "SHIP", "VENT", "TWR"})
+    for (const std::string_view t :
+         {"BALL", "EMER", "GLID", "GRND", "GND", "PARA", "SERV", "SHIP", "VENT", "TWR"})
         if (type == t) return false;
     return true;
 }
@@ -84,7 +85,9 @@ double tasForAltitude(double altitude) {
 
 } // namespace
 
-TrafficReader::TrafficReader() { fields.reserve(64); }
+TrafficReader::TrafficReader() {
+    fields.reserve(64);
+}
 
 void TrafficReader::onBound() {
     ui::setIndicator(ui::Indicator::Traffic, 1);
@@ -303,7 +306,8 @@ bool TrafficReader::lf_checkAltitude(TrafficSample& s) {
         if (a < 14000.0) {
             const double h = area.referenceElevation ? a - *area.referenceElevation : a + 1000.0;
             const double gs = s.groundSpeed;
-            if (h <= 0.0 || (h <= 42.0 && gs <= 120.0) || (h <= 84.0 && gs <= 80.0) || (h <= 108.0 && gs <= 43.0))
+            if (h <= 0.0 || (h <= 42.0 && gs <= 120.0) || (h <= 84.0 && gs <= 80.0) ||
+                (h <= 108.0 && gs <= 43.0))
                 a = 0.0;
         }
         if (a > 0.0 && s.groundSpeed <= 35.0) a = 0.0;
@@ -316,7 +320,9 @@ bool TrafficReader::lf_checkAltitude(TrafficSample& s) {
     return std::fabs(a - airportElevation) > 300.0;
 }
 
-void QnhReader::processLine() { received = true; }
+void QnhReader::processLine() {
+    received = true;
+}
 
 void QnhReader::onStopped() {
     ui::setIndicator(ui::Indicator::Weather, 3);

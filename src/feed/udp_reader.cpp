@@ -35,7 +35,8 @@ void UdpReader::receiveLoop(bool localOnly) {
     while (true) {
         const auto r = socket.receive(buffer, kBufferSize);
         if (r.status == platform::RecvStatus::Failed) {
-            if (!stop) throw std::runtime_error(fmt::format("receive error: {}", platform::errorText(r.error)));
+            if (!stop)
+                throw std::runtime_error(fmt::format("receive error: {}", platform::errorText(r.error)));
             return closeAndNotify();
         }
         if (r.status == platform::RecvStatus::Data && r.size > 0) {
@@ -88,8 +89,12 @@ void startThread(UdpReader& reader, std::uint16_t port, bool localOnly) {
 
 } // namespace
 
-void gf_startTrafficReader(std::uint16_t port, bool localOnly) { startThread(gTrafficReader, port, localOnly); }
-void gf_startQnhReader(std::uint16_t port) { startThread(gQnhReader, port, true); }
+void gf_startTrafficReader(std::uint16_t port, bool localOnly) {
+    startThread(gTrafficReader, port, localOnly);
+}
+void gf_startQnhReader(std::uint16_t port) {
+    startThread(gQnhReader, port, true);
+}
 
 void gf_stopReaders() {
     gTrafficReader.stop = true;

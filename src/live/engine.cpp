@@ -31,8 +31,12 @@ void collisionChecks() {}
 void duplicatesSweep() {}
 void clearGhosts() {}
 void writeObjectIdList() {}
-void reset() { taken = 0; }
+void reset() {
+    taken = 0;
+}
 
-std::uint64_t samplesTaken() noexcept { return taken.load(std::memory_order_relaxed); }
+std::uint64_t samplesTaken() noexcept {
+    return taken.load(std::memory_order_relaxed);
+}
 
 } // namespace orv::live

@@ -5,11 +5,11 @@
 
 namespace orv::live {
 
-void reserveContainers();   // before the loop starts: nothing in the frame allocates
-void engineFrame();         // one 10 ms frame
-void drainEvents();         // simulator events while paused
+void reserveContainers(); // before the loop starts: nothing in the frame allocates
+void engineFrame();       // one 10 ms frame
+void drainEvents();       // simulator events while paused
 void removeAtReservedStand();
-void routeQueueStep();      // one hexid of the route queue per second
+void routeQueueStep(); // one hexid of the route queue per second
 void publishCallsignLookup();
 void collisionChecks();
 void duplicatesSweep();

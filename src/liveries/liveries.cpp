@@ -2,10 +2,16 @@
 
 namespace orv::liveries {
 
-bool liveriesFileExists() { return true; }
+bool liveriesFileExists() {
+    return true;
+}
 void scan() {}
-bool read() { return true; }
-std::size_t count() { return 0; }
+bool read() {
+    return true;
+}
+std::size_t count() {
+    return 0;
+}
 void saveFailedList() {}
 void reset() {}
 

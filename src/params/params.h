@@ -8,8 +8,8 @@
 namespace orv {
 
 struct Parameters {
-    std::atomic<int> RANGE{40};          // traffic radius, nautical miles
-    std::atomic<bool> AUTO_RANGE{true};  // radius follows height and airport distance
+    std::atomic<int> RANGE{40};         // traffic radius, nautical miles
+    std::atomic<bool> AUTO_RANGE{true}; // radius follows height and airport distance
     std::atomic<bool> AIRBORNE_ONLY{false};
     std::atomic<bool> SCAN_LIVERIES{false};
     std::atomic<bool> SCAN_AIRPORTS{false};

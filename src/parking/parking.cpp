@@ -2,7 +2,9 @@
 
 namespace orv::parking {
 
-bool checkParkAirports() { return true; }
+bool checkParkAirports() {
+    return true;
+}
 void followUp() {}
 void idleRefresh() {}
 void recalculate() {}

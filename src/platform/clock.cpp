@@ -4,7 +4,9 @@
 
 namespace orv::platform {
 
-void SystemClock::sleepUntil(SteadyTime target) { std::this_thread::sleep_until(target); }
+void SystemClock::sleepUntil(SteadyTime target) {
+    std::this_thread::sleep_until(target);
+}
 
 VirtualClock::VirtualClock(UtcTime utcStart) : utcStart_(utcStart) {}
 
@@ -32,7 +34,11 @@ SystemClock systemClock;
 std::atomic<Clock*> current{&systemClock};
 } // namespace
 
-Clock& clock() { return *current.load(std::memory_order_acquire); }
-void setClock(Clock* c) { current.store(c ? c : &systemClock, std::memory_order_release); }
+Clock& clock() {
+    return *current.load(std::memory_order_acquire);
+}
+void setClock(Clock* c) {
+    current.store(c ? c : &systemClock, std::memory_order_release);
+}
 
 } // namespace orv::platform

@@ -19,7 +19,9 @@ std::string errorText(int err) {
 }
 
 namespace {
-std::string lastError() { return errorText(errno); }
+std::string lastError() {
+    return errorText(errno);
+}
 
 bool resolveIpv4(std::string_view host, std::uint16_t port, sockaddr_in& out) {
     out = {};
@@ -43,7 +45,9 @@ std::uint16_t boundPort(int fd) {
     return ntohs(a.sin_port);
 }
 
-bool isTransient(int err) { return err == EINTR || err == EAGAIN || err == EWOULDBLOCK || err == ETIMEDOUT; }
+bool isTransient(int err) {
+    return err == EINTR || err == EAGAIN || err == EWOULDBLOCK || err == ETIMEDOUT;
+}
 } // namespace
 
 // ---- UDP ------------------------------------------------------------------------------------
@@ -78,7 +82,9 @@ RecvResult UdpSocket::receive(char* buffer, std::size_t capacity) {
     return {isTransient(err) ? RecvStatus::Transient : RecvStatus::Failed, 0, err};
 }
 
-std::uint16_t UdpSocket::localPort() const { return boundPort(fd_.load()); }
+std::uint16_t UdpSocket::localPort() const {
+    return boundPort(fd_.load());
+}
 
 void UdpSocket::shutdownBoth() {
     const int fd = fd_.load();
@@ -180,7 +186,9 @@ std::optional<TcpStream> TcpListener::accept(int timeoutMs) {
     return TcpStream(fd);
 }
 
-std::uint16_t TcpListener::localPort() const { return boundPort(fd_); }
+std::uint16_t TcpListener::localPort() const {
+    return boundPort(fd_);
+}
 
 void TcpListener::close() {
     if (fd_ >= 0) ::close(fd_);

@@ -21,7 +21,7 @@ using UtcTime = std::chrono::system_clock::time_point;
 
 // Steady time drives the 10 ms loop; UTC time is for log times, half hours and epochs.
 class Clock {
-public:
+  public:
     virtual ~Clock() = default;
     virtual SteadyTime steadyNow() = 0;
     virtual UtcTime utcNow() = 0;
@@ -30,7 +30,7 @@ public:
 };
 
 class SystemClock final : public Clock {
-public:
+  public:
     SteadyTime steadyNow() override { return std::chrono::steady_clock::now(); }
     UtcTime utcNow() override { return std::chrono::system_clock::now(); }
     void sleepUntil(SteadyTime target) override;
@@ -39,7 +39,7 @@ public:
 // Time that moves only when somebody sleeps: an hour of loop passes costs no wall time and
 // the same input gives the same output. `onAdvance` runs after each move, on the sleeping thread.
 class VirtualClock final : public Clock {
-public:
+  public:
     explicit VirtualClock(UtcTime utcStart = UtcTime{std::chrono::seconds{1738700000}});
     SteadyTime steadyNow() override;
     UtcTime utcNow() override;
@@ -47,7 +47,7 @@ public:
     void advance(std::chrono::nanoseconds d);
     std::function<void(SteadyTime)> onAdvance;
 
-private:
+  private:
     std::atomic<std::int64_t> elapsedNs_{0};
     UtcTime utcStart_;
 };
@@ -72,7 +72,7 @@ struct RecvResult {
 };
 
 class UdpSocket {
-public:
+  public:
     UdpSocket() = default;
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
@@ -91,12 +91,12 @@ public:
     // One datagram to host:port; for senders (tests, the replay tool).
     static std::string sendTo(std::string_view host, std::uint16_t port, std::string_view data);
 
-private:
+  private:
     std::atomic<int> fd_{-1};
 };
 
 class TcpStream {
-public:
+  public:
     TcpStream() = default;
     explicit TcpStream(int fd) : fd_(fd) {}
     TcpStream(TcpStream&& o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
@@ -112,12 +112,12 @@ public:
     bool isOpen() const { return fd_ >= 0; }
     void close();
 
-private:
+  private:
     int fd_ = -1;
 };
 
 class TcpListener {
-public:
+  public:
     TcpListener() = default;
     TcpListener(const TcpListener&) = delete;
     TcpListener& operator=(const TcpListener&) = delete;
@@ -129,7 +129,7 @@ public:
     std::uint16_t localPort() const;
     void close();
 
-private:
+  private:
     int fd_ = -1;
 };
 
@@ -137,7 +137,7 @@ private:
 
 // A lock file held with flock in the user's runtime folder: one instance per user.
 class InstanceLock {
-public:
+  public:
     InstanceLock() = default;
     InstanceLock(const InstanceLock&) = delete;
     InstanceLock& operator=(const InstanceLock&) = delete;
@@ -145,7 +145,7 @@ public:
     bool acquire(std::string_view name); // false when another holder has it
     void release();
 
-private:
+  private:
     int fd_ = -1;
 };
 

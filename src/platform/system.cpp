@@ -28,9 +28,15 @@ fs::path homeFolder() {
     return (h && *h) ? fs::path(h) : fs::temp_directory_path();
 }
 
-fs::path configFolder() { return envFolder("XDG_CONFIG_HOME", homeFolder() / ".config"); }
-fs::path localDataFolder() { return envFolder("XDG_DATA_HOME", homeFolder() / ".local" / "share"); }
-fs::path runtimeFolder() { return envFolder("XDG_RUNTIME_DIR", fs::temp_directory_path()); }
+fs::path configFolder() {
+    return envFolder("XDG_CONFIG_HOME", homeFolder() / ".config");
+}
+fs::path localDataFolder() {
+    return envFolder("XDG_DATA_HOME", homeFolder() / ".local" / "share");
+}
+fs::path runtimeFolder() {
+    return envFolder("XDG_RUNTIME_DIR", fs::temp_directory_path());
+}
 
 fs::path executableFolder() {
     std::error_code ec;

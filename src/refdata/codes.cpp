@@ -36,14 +36,16 @@ namespace {
 
 struct Fnv1aHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view s) const noexcept { return static_cast<std::size_t>(gf_fnv1a(s)); }
+    std::size_t operator()(std::string_view s) const noexcept {
+        return static_cast<std::size_t>(gf_fnv1a(s));
+    }
 };
 
 // Handles are 16 bits, so the table never holds more than 65536 texts: the slots are allocated
 // once, a published slot never moves or changes, and reading a handle's text takes no lock.
 // Appends (the traffic reader, scan threads) and text look-ups serialise on one mutex.
 class InternTable {
-public:
+  public:
     InternTable() : slots_(std::make_unique<std::string[]>(kCapacity)) { slots_[0] = std::string(); }
 
     std::uint16_t idOf(std::string_view text) {
@@ -66,7 +68,7 @@ public:
 
     std::size_t size() const noexcept { return size_.load(std::memory_order_acquire); }
 
-private:
+  private:
     static constexpr std::size_t kCapacity = 65536;
     std::unique_ptr<std::string[]> slots_;
     std::atomic<std::size_t> size_{1};
@@ -83,16 +85,28 @@ InternTable& models() {
     return t;
 }
 
-constexpr std::string_view kCategoryWords[kCategoryCount] = {"Light",    "Buzjets",   "Large",
-                                                             "Heavy",    "HighPerf", "Rotorcraft"};
+constexpr std::string_view kCategoryWords[kCategoryCount] = {"Light", "Buzjets",  "Large",
+                                                             "Heavy", "HighPerf", "Rotorcraft"};
 } // namespace
 
-AirlineId gf_airlineId(std::string_view code) { return airlines().idOf(code); }
-ModelId gf_modelId(std::string_view code) { return models().idOf(code); }
-std::string_view gf_airlineCode(AirlineId id) noexcept { return airlines().textOf(id); }
-std::string_view gf_modelCode(ModelId id) noexcept { return models().textOf(id); }
-std::size_t gf_airlineCount() noexcept { return airlines().size(); }
-std::size_t gf_modelCount() noexcept { return models().size(); }
+AirlineId gf_airlineId(std::string_view code) {
+    return airlines().idOf(code);
+}
+ModelId gf_modelId(std::string_view code) {
+    return models().idOf(code);
+}
+std::string_view gf_airlineCode(AirlineId id) noexcept {
+    return airlines().textOf(id);
+}
+std::string_view gf_modelCode(ModelId id) noexcept {
+    return models().textOf(id);
+}
+std::size_t gf_airlineCount() noexcept {
+    return airlines().size();
+}
+std::size_t gf_modelCount() noexcept {
+    return models().size();
+}
 
 std::string_view gf_categoryWord(Category c) noexcept {
     const auto i = static_cast<std::size_t>(c);

@@ -3,13 +3,17 @@
 namespace orv {
 
 // The reference files arrive with the reference database; until then there is nothing to read.
-bool gf_versionStep() { return true; }
+bool gf_versionStep() {
+    return true;
+}
 bool gf_readDataFiles() {
     gf_airlineId("");
     gf_modelId("");
     return true;
 }
-bool gf_readAirports() { return true; }
+bool gf_readAirports() {
+    return true;
+}
 void gf_writeUnknownLists() {}
 
 } // namespace orv

@@ -26,7 +26,7 @@ bool gf_foldCode(std::string_view text, std::size_t n, char* out) noexcept;
 // N upper-case characters without terminator; all zero bytes is the empty code.
 template <std::size_t N>
 class FixedCode {
-public:
+  public:
     FixedCode() = default;
     explicit FixedCode(std::string_view text) {
         if (!gf_foldCode(text, N, bytes_.data())) throw std::invalid_argument(kFixedCodeError);
@@ -47,7 +47,7 @@ public:
     friend bool operator==(const FixedCode&, const FixedCode&) = default;
     friend auto operator<=>(const FixedCode&, const FixedCode&) = default;
 
-private:
+  private:
     static constexpr char kBlanks[] = "    ";
     static_assert(N < sizeof kBlanks);
     std::array<char, N> bytes_{};
@@ -87,7 +87,14 @@ std::size_t gf_modelCount() noexcept;
 
 // ---- Category -------------------------------------------------------------------------------
 
-enum class Category : std::uint8_t { Light = 0, Buzjets = 1, Large = 2, Heavy = 3, HighPerf = 4, Rotorcraft = 5 };
+enum class Category : std::uint8_t {
+    Light = 0,
+    Buzjets = 1,
+    Large = 2,
+    Heavy = 3,
+    HighPerf = 4,
+    Rotorcraft = 5
+};
 inline constexpr int kCategoryCount = 6;
 std::string_view gf_categoryWord(Category c) noexcept;
 std::optional<Category> gf_categoryFromWord(std::string_view word) noexcept;
@@ -110,12 +117,12 @@ std::string gf_ansiToUtf8(std::string_view line);
 
 // An error the user must read and act on; code 99 shows its text alone.
 class UserErrorException : public std::runtime_error {
-public:
+  public:
     UserErrorException(std::int32_t number, const std::string& text);
     std::int32_t number() const noexcept { return number_; }
     const std::string& text() const noexcept { return text_; }
 
-private:
+  private:
     std::int32_t number_;
     std::string text_;
 };
@@ -133,9 +140,9 @@ namespace orv {
 
 // ---- Reference data files -------------------------------------------------------------------
 
-bool gf_versionStep();     // the check for a newer program and data; false ends the run
-bool gf_readDataFiles();   // the reference database, once per process
-bool gf_readAirports();    // the airport directory
+bool gf_versionStep();       // the check for a newer program and data; false ends the run
+bool gf_readDataFiles();     // the reference database, once per process
+bool gf_readAirports();      // the airport directory
 void gf_writeUnknownLists(); // types, airlines and registrations the database did not know
 
 } // namespace orv

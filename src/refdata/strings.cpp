@@ -6,7 +6,9 @@ namespace orv {
 
 namespace {
 constexpr std::string_view kSpace = " \t\n\r";
-bool hasSpace(std::string_view s) { return s.find_first_of(kSpace) != std::string_view::npos; }
+bool hasSpace(std::string_view s) {
+    return s.find_first_of(kSpace) != std::string_view::npos;
+}
 } // namespace
 
 std::string gf_trim(std::string_view text) {
@@ -73,10 +75,14 @@ std::u16string utf8_to_wide(std::string_view text) {
         }
         int len = 0;
         char32_t cp = 0, min = 0;
-        if (b0 >= 0xC2 && b0 <= 0xDF) len = 2, cp = b0 & 0x1F, min = 0x80;
-        else if (b0 >= 0xE0 && b0 <= 0xEF) len = 3, cp = b0 & 0x0F, min = 0x800;
-        else if (b0 >= 0xF0 && b0 <= 0xF4) len = 4, cp = b0 & 0x07, min = 0x10000;
-        else fail();
+        if (b0 >= 0xC2 && b0 <= 0xDF)
+            len = 2, cp = b0 & 0x1F, min = 0x80;
+        else if (b0 >= 0xE0 && b0 <= 0xEF)
+            len = 3, cp = b0 & 0x0F, min = 0x800;
+        else if (b0 >= 0xF0 && b0 <= 0xF4)
+            len = 4, cp = b0 & 0x07, min = 0x10000;
+        else
+            fail();
         if (i + static_cast<std::size_t>(len) > text.size()) fail();
         for (int k = 1; k < len; ++k) {
             const auto b = static_cast<unsigned char>(text[i + static_cast<std::size_t>(k)]);

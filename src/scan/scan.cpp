@@ -3,6 +3,8 @@
 namespace orv::scan {
 
 void scanAirports() {}
-std::size_t airportFileCount() { return 0; }
+std::size_t airportFileCount() {
+    return 0;
+}
 
 } // namespace orv::scan

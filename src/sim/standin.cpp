@@ -31,7 +31,8 @@ std::optional<UserPosition> parseUserAt(const std::string& text) {
 void startClient() {
     stopClient();
     position = parseUserAt(gOptions.userAt);
-    if (!position) gf_log(fmt::format("No simulator link yet; user position '{}' not usable", gOptions.userAt));
+    if (!position)
+        gf_log(fmt::format("No simulator link yet; user position '{}' not usable", gOptions.userAt));
     running = true;
     gRun.simRunning = position.has_value();
     thread = std::thread([] {
@@ -53,14 +54,26 @@ void stopClient() {
 }
 
 void requestUserOnGround() {}
-std::optional<UserPosition> userPosition() { return position; }
-bool userTitleKnown() { return true; }
+std::optional<UserPosition> userPosition() {
+    return position;
+}
+bool userTitleKnown() {
+    return true;
+}
 void clearLists() {}
-void reset() { gRun.simRunning = false; }
+void reset() {
+    gRun.simRunning = false;
+}
 
-std::string installPath() { return gOptions.userAt.empty() ? std::string() : std::string("(simulator stand-in)"); }
+std::string installPath() {
+    return gOptions.userAt.empty() ? std::string() : std::string("(simulator stand-in)");
+}
 
-bool createFlightPlanFolder() { return true; }
-std::string removeFlightPlanFolder() { return {}; }
+bool createFlightPlanFolder() {
+    return true;
+}
+std::string removeFlightPlanFolder() {
+    return {};
+}
 
 } // namespace orv::sim
