@@ -19,9 +19,9 @@ class TempDir {
   public:
     TempDir() {
         const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        path_ =
-            fs::temp_directory_path() / (std::string("orv-") + (info ? info->test_suite_name() : "x") + "-" +
-                                         (info ? info->name() : "y") + "-" + std::to_string(::getpid()));
+        path_ = fs::temp_directory_path() / (std::string("orv-") + (info ? info->test_suite_name() : "x") +
+                                             "-" + (info ? info->name() : "y") + "-" +
+                                             std::to_string(::getpid()) + "-" + std::to_string(counter()++));
         fs::remove_all(path_);
         fs::create_directories(path_);
     }
@@ -33,6 +33,10 @@ class TempDir {
     fs::path operator/(const std::string& name) const { return path_ / name; }
 
   private:
+    static int& counter() {
+        static int n = 0;
+        return n;
+    }
     fs::path path_;
 };
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "recording.h"
+#include "refdata/refdata.h"
 
 namespace {
 constexpr const char* kUsage = R"(Usage: orvelline-data COMMAND ...
@@ -18,6 +19,9 @@ constexpr const char* kUsage = R"(Usage: orvelline-data COMMAND ...
       sends a recording's lines to 127.0.0.1 as UDP datagrams at their recorded pace, sped up
       X times, with gaps cut to at most SECONDS (before speeding up), from line N on; one weather
       datagram first
+
+  encrypt IN OUT, decrypt IN OUT
+      turn a plain reference file into the program's encrypted form and back
 
 A traffic recording holds one traffic line per point, in time order, in the wire format of
 RealTraffic's UDP feed; points on the ground have altitude 0.
@@ -35,6 +39,17 @@ int main(int argc, char** argv) {
         args.erase(args.begin());
         if (cmd == "convert") return orv::tools::gf_convertMain(args);
         if (cmd == "send") return orv::tools::gf_sendMain(args);
+        if (cmd == "encrypt" || cmd == "decrypt") {
+            if (args.size() != 2) throw std::runtime_error(cmd + " needs IN and OUT");
+            if (cmd == "decrypt") {
+                if (!orv::gf_streamDecrypt(args[0], args[1]))
+                    throw std::runtime_error("cannot decrypt " + args[0] +
+                                             " (wrong file, key or a damaged chunk)");
+            } else if (auto err = orv::gf_streamEncrypt(args[0], args[1]); !err.empty()) {
+                throw std::runtime_error(err);
+            }
+            return 0;
+        }
         std::cerr << "orvelline-data: unknown command '" << cmd << "'\n" << kUsage;
         return 2;
     } catch (const std::exception& e) {

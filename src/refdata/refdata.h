@@ -6,6 +6,7 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -144,5 +145,22 @@ bool gf_versionStep();       // the check for a newer program and data; false en
 bool gf_readDataFiles();     // the reference database, once per process
 bool gf_readAirports();      // the airport directory
 void gf_writeUnknownLists(); // types, airlines and registrations the database did not know
+
+} // namespace orv
+
+namespace orv {
+
+// ---- Encrypted data files -------------------------------------------------------------------
+
+// libsodium secretstream (XChaCha20-Poly1305): a 24-byte header, then chunks of 4096 plain bytes
+// plus 17 bytes of authentication, the last one tagged final.
+inline constexpr std::size_t kCryptChunk = 4096;
+
+// Decrypts input into output; false (logged, no output left behind) on any failure.
+bool gf_streamDecrypt(const std::filesystem::path& input, const std::filesystem::path& output);
+// Encrypts input into output with the program's key; an empty string on success, else the reason.
+std::string gf_streamEncrypt(const std::filesystem::path& input, const std::filesystem::path& output);
+// Removes a file if it exists; a failure is only a warning in the log.
+void gf_removeFile(const std::filesystem::path& path);
 
 } // namespace orv
