@@ -260,13 +260,30 @@ TEST_F(Closing, SystemErrorWaitsForTheUserToClose) {
 // ---- The process ----------------------------------------------------------------------------
 
 struct Child {
+    Child() = default;
+    Child(Child&& o) noexcept : pid(std::exchange(o.pid, -1)), waited(o.waited) {}
+    Child& operator=(Child&&) = delete;
     pid_t pid = -1;
+    bool waited = false;
     int wait() {
         int status = 0;
+        waited = true;
         if (waitpid(pid, &status, 0) < 0) return -1000;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -100 - WTERMSIG(status);
     }
+    ~Child() { // a failed assertion must not leave the program running
+        if (pid > 0 && !waited) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
 };
+
+// A program folder with the reference files the build made beside the program.
+void makeHome(const fs::path& home) {
+    fs::create_directories(home);
+    fs::copy(fs::path(ORV_PROGRAM).parent_path() / "input", home / "input", fs::copy_options::recursive);
+}
 
 Child spawn(const std::vector<std::string>& args, const std::vector<std::string>& env,
             const std::string& stderrFile = "/dev/null") {
@@ -304,7 +321,7 @@ bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit 
 
 TEST(Process, SecondInstanceLeavesWithMinusOneAndWritesNoLog) {
     test::TempDir dir;
-    fs::create_directories(dir / "home");
+    makeHome(dir / "home");
     const std::string runtime = "XDG_RUNTIME_DIR=" + (dir / "").string();
     const auto log1 = dir / "cfg1" / "Orvelline" / "Log.txt";
     const auto log2 = dir / "cfg2" / "Orvelline" / "Log.txt";
@@ -353,7 +370,7 @@ TEST(Process, StartSequenceOutcomes) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         test::TempDir dir;
-        fs::create_directories(dir / "home");
+        makeHome(dir / "home");
         auto args = c.args;
         for (const char* a : {"--traffic-port", "0", "--weather-port", "0"}) args.push_back(a);
         if (std::find(args.begin(), args.end(), "--home") == args.end()) {

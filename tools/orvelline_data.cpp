@@ -20,6 +20,9 @@ constexpr const char* kUsage = R"(Usage: orvelline-data COMMAND ...
       X times, with gaps cut to at most SECONDS (before speeding up), from line N on; one weather
       datagram first
 
+  refdata SOURCE_FOLDER INPUT_FOLDER
+      builds the encrypted reference files (airports.enc) from data/refdata into INPUT_FOLDER;
+      the build runs it for the program folder of each preset
   encrypt IN OUT, decrypt IN OUT
       turn a plain reference file into the program's encrypted form and back
 
@@ -39,6 +42,7 @@ int main(int argc, char** argv) {
         args.erase(args.begin());
         if (cmd == "convert") return orv::tools::gf_convertMain(args);
         if (cmd == "send") return orv::tools::gf_sendMain(args);
+        if (cmd == "refdata") return orv::tools::gf_refdataMain(args);
         if (cmd == "encrypt" || cmd == "decrypt") {
             if (args.size() != 2) throw std::runtime_error(cmd + " needs IN and OUT");
             if (cmd == "decrypt") {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -42,6 +43,11 @@ std::vector<TrackPoint> gf_openSkyPoints(const nlohmann::json& rows, const OpenS
 void gf_completeTracks(std::vector<TrackPoint>& points);
 
 int gf_convertMain(const std::vector<std::string>& args);
+// Reference files: the airport directory as XML from its compact sources, and the command
+// that writes the encrypted files into a program folder's input folder.
+std::string gf_airportsXml(const std::filesystem::path& airportsCsv,
+                           const std::filesystem::path& standCountsCsv, std::size_t& skipped);
+int gf_refdataMain(const std::vector<std::string>& args);
 // Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
 int gf_sendMain(const std::vector<std::string>& args);
 

@@ -11,9 +11,6 @@ bool gf_readDataFiles() {
     gf_modelId("");
     return true;
 }
-bool gf_readAirports() {
-    return true;
-}
 void gf_writeUnknownLists() {}
 
 } // namespace orv

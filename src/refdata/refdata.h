@@ -164,3 +164,42 @@ std::string gf_streamEncrypt(const std::filesystem::path& input, const std::file
 void gf_removeFile(const std::filesystem::path& path);
 
 } // namespace orv
+
+namespace orv {
+
+// ---- Airport directory ----------------------------------------------------------------------
+
+struct AirportRecord {
+    AirportCode code;
+    IataCode iata;
+    double latitude = 0.0;
+    double longitude = 0.0;
+    float elevation = 0.0f;
+    std::int32_t stands = 0;
+};
+
+// Reads input/airports.enc of the program folder once per process; whether any airport is known.
+bool gf_readAirports();
+// The work behind it, for a given encrypted file; throws UserErrorException 88 on a broken file.
+std::size_t gf_loadAirports(const std::filesystem::path& encrypted);
+void gf_clearAirports();
+
+bool gf_airportKnown(const AirportCode& code);
+const AirportRecord* gf_airportByName(std::string_view text);
+const AirportRecord* gf_airportInText(std::string_view text);
+const std::vector<AirportRecord>& gf_airports();
+
+// Distance in nautical miles from a position to an airport's nearest stand, with the stand's
+// name; the airport files fill this in. Without it the closest airport simply wins.
+struct StandDistance {
+    std::string stand;
+    double nm;
+};
+using StandDistanceFn =
+    std::function<std::optional<StandDistance>(const AirportRecord&, double lat, double lon)>;
+void gf_setStandDistance(StandDistanceFn fn);
+
+// The airport within 5 nm of the position, settled by the stands when a neighbour is as near.
+std::optional<AirportRecord> gf_closestAirport(double latitude, double longitude);
+
+} // namespace orv

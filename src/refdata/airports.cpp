@@ -1,0 +1,152 @@
+#include <algorithm>
+#include <cstring>
+#include <unordered_set>
+
+#include <fmt/format.h>
+#include <pugixml.hpp>
+
+#include "app/app.h"
+#include "feed/feed.h"
+#include "refdata/refdata.h"
+
+namespace orv {
+
+namespace {
+
+std::vector<AirportRecord> store;
+std::unordered_set<AirportCode> known;
+StandDistanceFn standDistance;
+
+} // namespace
+
+void gf_clearAirports() {
+    store.clear();
+    known.clear();
+}
+
+const std::vector<AirportRecord>& gf_airports() {
+    return store;
+}
+void gf_setStandDistance(StandDistanceFn fn) {
+    standDistance = std::move(fn);
+}
+
+std::size_t gf_loadAirports(const fs::path& encrypted) {
+    const fs::path plain = fs::path(encrypted).replace_extension(".xml");
+    try {
+        if (!gf_streamDecrypt(encrypted, plain))
+            gf_log(
+                fmt::format("{} exception : {}", "gf_readAirports", "decryption of " + encrypted.string()));
+        pugi::xml_document doc;
+        const auto loaded = doc.load_file(plain.c_str());
+        if (!loaded) {
+            gf_removeFile(plain);
+            throw std::runtime_error(fmt::format("{} not loaded: {}", plain.string(), loaded.description()));
+        }
+        const auto section = doc.child("root").child("airports");
+        if (!section) throw std::runtime_error("Missing <airports> root in: " + plain.string());
+        gf_clearAirports();
+        store.reserve(15000);
+        for (const auto ap : section.children("ap")) {
+            const AirportCode code(ap.attribute("c").as_string()); // a bad code ends the reading
+            const auto la = ap.attribute("la"), lo = ap.attribute("lo"), a = ap.attribute("a");
+            if (!la || !lo) {
+                gf_log(fmt::format("Missing latLons for airport '{}'", code.view()));
+                continue;
+            }
+            if (!a) {
+                gf_log(fmt::format("Missing alt for airport '{}'", code.view()));
+                continue;
+            }
+            AirportRecord r;
+            r.code = code;
+            r.latitude = la.as_double();
+            r.longitude = lo.as_double();
+            r.elevation = a.as_float();
+            if (const auto i = ap.attribute("i")) {
+                r.stands = i.as_int();
+            } else {
+                gf_log(fmt::format("Missing stands for airport '{}'", code.view()));
+            }
+            if (const auto s = ap.attribute("s")) {
+                try {
+                    r.iata = IataCode(s.as_string());
+                } catch (const std::exception& e) {
+                    gf_log(fmt::format("Error storing airport '{}' '{}': {}", code.view(), s.as_string(),
+                                       e.what()));
+                    continue;
+                }
+            }
+            store.push_back(r);
+            known.insert(code);
+        }
+        std::sort(store.begin(), store.end(), [](const AirportRecord& x, const AirportRecord& y) {
+            return x.code.bytes() < y.code.bytes();
+        });
+        gf_log(fmt::format("{:5} airports read", store.size()));
+        gf_removeFile(plain);
+        return store.size();
+    } catch (const std::exception& e) {
+        gf_removeFile(plain);
+        throw UserErrorException(88, e.what());
+    }
+}
+
+bool gf_readAirports() {
+    static std::optional<bool> done; // once per process; a restart keeps the directory
+    if (!done) done = gf_loadAirports(gPaths.programFolder / "input" / "airports.enc") > 0;
+    return *done;
+}
+
+bool gf_airportKnown(const AirportCode& code) {
+    return known.contains(code);
+}
+
+const AirportRecord* gf_airportByName(std::string_view text) {
+    const std::string prefix = gf_toUpper(text.substr(0, 4));
+    for (const auto& r : store)
+        if (r.code.view().starts_with(prefix)) return &r;
+    return nullptr;
+}
+
+const AirportRecord* gf_airportInText(std::string_view text) {
+    for (const auto& r : store) {
+        const std::string code(r.code.view());
+        if (text.find(code + "-") != std::string_view::npos ||
+            text.find("-" + code) != std::string_view::npos)
+            return &r;
+    }
+    return nullptr;
+}
+
+std::optional<AirportRecord> gf_closestAirport(double latitude, double longitude) {
+    double best = 100.0;
+    const AirportRecord* closest = nullptr;
+    const AirportRecord* neighbour = nullptr;
+    for (const auto& r : store) {
+        const double d = gf_distanceNm({latitude, longitude}, {r.latitude, r.longitude});
+        if (d <= 5.0 && d < best) {
+            neighbour = closest ? closest : neighbour;
+            closest = &r;
+            best = d;
+        }
+    }
+    if (!closest) return std::nullopt;
+    if (!neighbour) return *closest;
+    gf_log(
+        fmt::format("Airport {} is closest, neighbour is {}", closest->code.view(), neighbour->code.view()));
+    if (standDistance) {
+        const auto mine = standDistance(*closest, latitude, longitude);
+        const auto theirs = standDistance(*neighbour, latitude, longitude);
+        if (theirs && (!mine || theirs->nm < mine->nm)) {
+            gf_log(fmt::format(
+                "Airport {} is closest, but stand {} at neighbouring airport {} is closer at {:.0F} "
+                "meters ...",
+                closest->code.view(), theirs->stand, neighbour->code.view(), theirs->nm * 1852));
+            return *neighbour;
+        }
+    }
+    return *closest;
+}
+
+} // namespace orv
