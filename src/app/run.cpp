@@ -202,7 +202,7 @@ void lf_startUpORVL() {
                 ui::enableControls();
                 if (!gParams.DESTINATION.empty()) {
                     const auto code = AirportCode::tryMake(gParams.DESTINATION);
-                    if (!code)
+                    if (!code || !gf_airportKnown(*code))
                         throw UserErrorException(44,
                                                  fmt::format("Invalid airport '{}'", gParams.DESTINATION));
                     gParams.DESTINATION = std::string(code->view());
