@@ -3,7 +3,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace orv {
 
@@ -27,5 +31,99 @@ struct Parameters {
 };
 
 extern Parameters gParams;
+
+} // namespace orv
+
+// ---- The parameter model and parameters.xml -------------------------------------------------
+
+namespace pugi {
+class xml_document;
+}
+
+namespace orv {
+
+// What a window control needs from a parameter; the null window has none.
+class ControlSink {
+  public:
+    virtual ~ControlSink() = default;
+    virtual void setChecked(std::uint16_t controlId, bool checked) = 0;
+    virtual void setText(std::uint16_t controlId, const std::string& text) = 0;
+};
+
+struct Parameter {
+    explicit Parameter(std::string n) : name(std::move(n)) {}
+    virtual ~Parameter() = default;
+    std::string name;
+};
+
+struct BoolParameter : Parameter {
+    BoolParameter(std::string n, bool d) : Parameter(std::move(n)), defaultValue(d), value(d) {}
+    bool defaultValue;
+    bool value;
+};
+
+struct IntParameter : Parameter {
+    IntParameter(std::string n, std::int32_t d, std::int32_t lo, std::int32_t hi)
+        : Parameter(std::move(n)), defaultValue(d), minimum(lo), maximum(hi), value(d) {}
+    std::int32_t defaultValue, minimum, maximum, value;
+};
+
+struct StringParameter : Parameter {
+    StringParameter(std::string n, std::string d)
+        : Parameter(std::move(n)), defaultValue(d), value(std::move(d)) {}
+    std::string defaultValue;
+    std::string value;
+};
+
+struct ControlBinding {
+    std::uint16_t controlId = 0;
+    std::int32_t row = 0;
+    ControlSink* windowHandle = nullptr;
+};
+
+struct CheckBoxParameter : BoolParameter, ControlBinding {
+    CheckBoxParameter(std::string n, bool d, std::uint16_t id, std::int32_t r)
+        : BoolParameter(std::move(n), d), ControlBinding{id, r, nullptr} {}
+};
+
+struct ChoiceIntParameter : IntParameter, ControlBinding {
+    ChoiceIntParameter(std::string n, std::int32_t d, std::vector<std::int32_t> allowed, std::uint16_t id,
+                       std::int32_t r)
+        : IntParameter(std::move(n), d, allowed.front(), allowed.back()), ControlBinding{id, r, nullptr},
+          allowedValues(std::move(allowed)) {}
+    std::vector<std::int32_t> allowedValues;
+};
+
+struct TextParameter : StringParameter, ControlBinding {
+    TextParameter(std::string n, std::string d, std::uint16_t id, std::int32_t r)
+        : StringParameter(std::move(n), std::move(d)), ControlBinding{id, r, nullptr} {}
+};
+
+// The six lists, in file order: bools, check boxes, integers, choice integers, strings, texts
+// with a control. They decide what is read at start and what a full save writes.
+struct ParameterLists {
+    std::vector<BoolParameter*> bools;
+    std::vector<CheckBoxParameter*> checkBoxes;
+    std::vector<IntParameter*> ints;
+    std::vector<ChoiceIntParameter*> choiceInts;
+    std::vector<StringParameter*> strings;
+    std::vector<TextParameter*> texts;
+    StringParameter* programVersion = nullptr; // set to the running version by a save of defaults
+};
+
+// True when the file was absent or unusable and was created with defaults; false when read.
+bool loadParameters(const std::filesystem::path& file, const ParameterLists& lists);
+void saveParameters(const std::filesystem::path& file, const ParameterLists& lists, bool writeDefaults);
+void updateParameter(const std::filesystem::path& file, const ParameterLists& lists, const BoolParameter& p);
+void updateParameter(const std::filesystem::path& file, const ParameterLists& lists, const IntParameter& p);
+void updateParameter(const std::filesystem::path& file, const ParameterLists& lists,
+                     const StringParameter& p);
+// A file that exists but does not parse is kept as parameters.0.xml and removed.
+void gf_checkParameterFile(const std::filesystem::path& file);
+
+std::optional<std::int32_t> readIntParameter(const pugi::xml_document& doc, const std::string& name);
+std::optional<bool> readBoolParameter(const pugi::xml_document& doc, const std::string& name);
+std::optional<std::string> readStringParameter(const pugi::xml_document& doc, const std::string& name);
+std::optional<std::size_t> selectedIndex(const ChoiceIntParameter& p);
 
 } // namespace orv

@@ -1,0 +1,213 @@
+#include <fmt/format.h>
+#include <pugixml.hpp>
+
+#include "app/app.h"
+#include "params/params.h"
+
+namespace orv {
+
+namespace {
+
+pugi::xml_node parametersNode(const pugi::xml_document& doc) {
+    const auto root = doc.child("root");
+    return root ? root.child("parameters") : doc.child("parameters");
+}
+
+pugi::xml_node findParameter(pugi::xml_node parameters, const std::string& name) {
+    return parameters.find_child_by_attribute("parameter", "name", name.c_str());
+}
+
+void logValue(const std::string& name, const std::string& shown) {
+    if (!gRun.stopRequested) gf_log(fmt::format("{}={}", name, shown));
+}
+void logValue(const BoolParameter& p) {
+    logValue(p.name, p.value ? "true" : "false");
+}
+void logValue(const IntParameter& p) {
+    logValue(p.name, std::to_string(p.value));
+}
+void logValue(const StringParameter& p) {
+    logValue(p.name, fmt::format("\"{}\"", p.value));
+}
+
+void showControl(const CheckBoxParameter& p) {
+    if (p.windowHandle) p.windowHandle->setChecked(p.controlId, p.value);
+}
+void showControl(const ChoiceIntParameter& p) {
+    if (p.windowHandle) p.windowHandle->setText(p.controlId, std::to_string(p.value));
+}
+void showControl(const TextParameter& p) {
+    if (p.windowHandle) p.windowHandle->setText(p.controlId, p.value);
+}
+
+bool appendValue(pugi::xml_node parameters, const std::string& name, const std::string& value) {
+    auto e = parameters.append_child("parameter");
+    const bool ok = e && e.append_attribute("name").set_value(name.c_str()) &&
+                    e.append_attribute("value").set_value(value.c_str());
+    if (!ok) gf_log(fmt::format("{}adding xml parameter {} with {} failed!", "===> ", name, value));
+    return ok;
+}
+
+std::string text(bool v) {
+    return v ? "true" : "false";
+}
+std::string text(std::int32_t v) {
+    return std::to_string(v);
+}
+const std::string& text(const std::string& v) {
+    return v;
+}
+
+// Visits every listed parameter in file order with its typed value text.
+template <typename Fn>
+void forEachListed(const ParameterLists& lists, Fn&& fn) {
+    for (auto* p : lists.bools) fn(*p);
+    for (auto* p : lists.checkBoxes) fn(*p);
+    for (auto* p : lists.ints) fn(*p);
+    for (auto* p : lists.choiceInts) fn(*p);
+    for (auto* p : lists.strings) fn(*p);
+    for (auto* p : lists.texts) fn(*p);
+}
+
+void takeValue(BoolParameter& p, pugi::xml_attribute a) {
+    p.value = a.as_bool();
+}
+void takeValue(IntParameter& p, pugi::xml_attribute a) {
+    p.value = std::clamp(a.as_int(p.defaultValue), p.minimum, p.maximum);
+}
+void takeValue(StringParameter& p, pugi::xml_attribute a) {
+    p.value = a.as_string();
+}
+
+template <typename P>
+void showIfControl(P& p) {
+    if constexpr (std::is_base_of_v<ControlBinding, P>) showControl(p);
+}
+
+template <typename P>
+void updateOne(const fs::path& file, const ParameterLists& lists, const P& p) {
+    const std::string value = text(p.value);
+    pugi::xml_document doc;
+    if (!doc.load_file(file.c_str())) {
+        pugi::xml_document fresh;
+        appendValue(fresh.append_child("root").append_child("parameters"), p.name, value);
+        if (!fresh.save_file(file.c_str())) gf_log(fmt::format("saving: {} failed", file.string()));
+        logValue(p);
+        return;
+    }
+    const bool hasRoot = static_cast<bool>(doc.child("root"));
+    auto parameters = parametersNode(doc);
+    if (!parameters) parameters = (hasRoot ? doc.child("root") : doc.root()).append_child("parameters");
+    bool matched = false;
+    for (auto e : parameters.children("parameter")) {
+        if (p.name != e.attribute("name").as_string()) continue;
+        auto v = e.attribute("value");
+        if (!v) v = e.append_attribute("value");
+        v.set_value(value.c_str());
+        matched = true;
+    }
+    if (!matched) appendValue(parameters, p.name, value);
+    logValue(p);
+    if (hasRoot) {
+        if (!doc.save_file(file.c_str())) gf_log(fmt::format("saving: {} failed", file.string()));
+        return;
+    }
+    gf_log("\nPlacing a root level around a new parameters.xml to make it 100% xml compliance\n");
+    std::error_code ec;
+    fs::remove(file, ec);
+    saveParameters(file, lists, false);
+}
+
+} // namespace
+
+std::optional<std::int32_t> readIntParameter(const pugi::xml_document& doc, const std::string& name) {
+    const auto e = findParameter(parametersNode(doc), name);
+    if (!e || !e.attribute("value")) return std::nullopt;
+    return e.attribute("value").as_int();
+}
+
+std::optional<bool> readBoolParameter(const pugi::xml_document& doc, const std::string& name) {
+    const auto e = findParameter(parametersNode(doc), name);
+    if (!e || !e.attribute("value")) return std::nullopt;
+    return e.attribute("value").as_bool();
+}
+
+std::optional<std::string> readStringParameter(const pugi::xml_document& doc, const std::string& name) {
+    const auto e = findParameter(parametersNode(doc), name);
+    if (!e || !e.attribute("value")) return std::nullopt;
+    return std::string(e.attribute("value").as_string());
+}
+
+std::optional<std::size_t> selectedIndex(const ChoiceIntParameter& p) {
+    for (std::size_t i = 0; i < p.allowedValues.size(); ++i)
+        if (p.allowedValues[i] == p.value) return i;
+    return std::nullopt;
+}
+
+void saveParameters(const fs::path& file, const ParameterLists& lists, bool writeDefaults) {
+    if (writeDefaults && lists.programVersion) {
+        lists.programVersion->value = fmt::format("{}.{}.{}", kVersion.major, kVersion.minor, kVersion.patch);
+        lists.programVersion->defaultValue = lists.programVersion->value;
+    }
+    pugi::xml_document doc;
+    auto parameters = doc.append_child("root").append_child("parameters");
+    forEachListed(lists, [&](auto& p) {
+        if (writeDefaults) p.value = p.defaultValue;
+        appendValue(parameters, p.name, text(p.value));
+        showIfControl(p);
+    });
+    if (!doc.save_file(file.c_str())) gf_log(fmt::format("saving: {} failed", file.string()));
+}
+
+bool loadParameters(const fs::path& file, const ParameterLists& lists) {
+    gf_log("--- parameters ---");
+    pugi::xml_document doc;
+    const bool loaded = static_cast<bool>(doc.load_file(file.c_str()));
+    if (loaded) gf_log(fmt::format("from '{}'", file.string()));
+    auto parameters = loaded ? parametersNode(doc) : pugi::xml_node();
+    if (!parameters) {
+        gf_log(fmt::format("{} not found, creating new with default values:", file.string()));
+        saveParameters(file, lists, true);
+        forEachListed(lists, [](auto& p) { logValue(p); });
+        return true;
+    }
+    forEachListed(lists, [&](auto& p) {
+        const auto e = findParameter(parameters, p.name);
+        if (e && e.attribute("value")) {
+            takeValue(p, e.attribute("value"));
+        } else {
+            p.value = p.defaultValue;
+            appendValue(parameters, p.name, text(p.value));
+        }
+        showIfControl(p);
+    });
+    if (!doc.save_file(file.c_str())) gf_log(fmt::format("saving: {} failed", file.string()));
+    forEachListed(lists, [](auto& p) { logValue(p); });
+    return false;
+}
+
+void updateParameter(const fs::path& file, const ParameterLists& lists, const BoolParameter& p) {
+    updateOne(file, lists, p);
+}
+void updateParameter(const fs::path& file, const ParameterLists& lists, const IntParameter& p) {
+    updateOne(file, lists, p);
+}
+void updateParameter(const fs::path& file, const ParameterLists& lists, const StringParameter& p) {
+    updateOne(file, lists, p);
+}
+
+void gf_checkParameterFile(const fs::path& file) {
+    if (!fs::exists(file)) return;
+    pugi::xml_document doc;
+    const auto r = doc.load_file(file.c_str());
+    if (r) return;
+    gf_log(
+        fmt::format("{} failed to load ({}). Saved as 0.xml and removed.", file.string(), r.description()));
+    fs::path keep = file;
+    keep.replace_extension(".0" + file.extension().string());
+    std::error_code ec;
+    fs::copy_file(file, keep, fs::copy_options::overwrite_existing, ec);
+    fs::remove(file, ec);
+}
+
+} // namespace orv

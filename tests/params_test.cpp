@@ -1,0 +1,143 @@
+#include <map>
+
+#include <fmt/format.h>
+#include <pugixml.hpp>
+
+#include <gtest/gtest.h>
+
+#include "params/params.h"
+#include "support.h"
+
+namespace orv {
+namespace {
+
+using test::readBytes;
+using test::writeBytes;
+
+struct FakeControls : ControlSink {
+    std::map<std::uint16_t, std::string> shown;
+    void setChecked(std::uint16_t id, bool c) override { shown[id] = c ? "checked" : "unchecked"; }
+    void setText(std::uint16_t id, const std::string& t) override { shown[id] = t; }
+};
+
+// A small catalogue of every kind, as the real one is built.
+struct Catalogue {
+    BoolParameter flag{"FLAG", false};
+    CheckBoxParameter box{"BOX", true, 32801, 100};
+    IntParameter count{"COUNT", 5, 0, 10};
+    ChoiceIntParameter range{"RANGE", 40, {2, 5, 10, 40, 100}, 32818, 231};
+    StringParameter version{"PROGRAM_VERSION", ""};
+    TextParameter dest{"DESTINATION", "", 32900, 300};
+    FakeControls controls;
+    ParameterLists lists;
+    Catalogue() {
+        box.windowHandle = &controls;
+        range.windowHandle = &controls;
+        dest.windowHandle = &controls;
+        lists = {{&flag}, {&box}, {&count}, {&range}, {&version}, {&dest}, &version};
+    }
+};
+
+std::string fileOf(const std::string& body, bool withRoot = true) {
+    const std::string params = "<parameters>" + body + "</parameters>";
+    return withRoot ? "<root>" + params + "</root>" : params;
+}
+
+TEST(Parameters, MissingFileIsCreatedWithDefaults) {
+    test::TempDir dir;
+    Catalogue c;
+    c.count.value = 9;
+    EXPECT_TRUE(loadParameters(dir / "parameters.xml", c.lists));
+    EXPECT_EQ(c.count.value, 5);
+    EXPECT_EQ(c.version.value, fmt::format("{}.{}.{}", kVersion.major, kVersion.minor, kVersion.patch));
+    pugi::xml_document doc;
+    ASSERT_TRUE(doc.load_file((dir / "parameters.xml").c_str()));
+    EXPECT_EQ(readIntParameter(doc, "RANGE"), 40);
+    EXPECT_EQ(readBoolParameter(doc, "BOX"), true);
+    EXPECT_EQ(readStringParameter(doc, "PROGRAM_VERSION"), c.version.value);
+    EXPECT_EQ(c.controls.shown[32801], "checked");
+    EXPECT_EQ(c.controls.shown[32818], "40");
+}
+
+TEST(Parameters, ReadingClampsTakesFirstAndAddsWhatIsNew) {
+    test::TempDir dir;
+    for (const bool withRoot : {true, false}) {
+        SCOPED_TRACE(withRoot ? "with root" : "older form without root");
+        Catalogue c;
+        writeBytes(dir / "parameters.xml",
+                   fileOf(R"(<parameter name="COUNT" value="99"/><parameter name="FLAG" value="true"/>)"
+                          R"(<parameter name="FLAG" value="false"/><parameter name="RANGE" value="1"/>)"
+                          R"(<parameter name="DESTINATION" value="eham"/><parameter name="OLD" value="x"/>)",
+                          withRoot));
+        EXPECT_FALSE(loadParameters(dir / "parameters.xml", c.lists));
+        EXPECT_EQ(c.count.value, 10); // clamped to the maximum
+        EXPECT_EQ(c.range.value, 2);  // clamped to the first allowed value
+        EXPECT_TRUE(c.flag.value);    // the first occurrence wins
+        EXPECT_EQ(c.dest.value, "eham");
+        EXPECT_TRUE(c.box.value); // absent: the default, now added to the file
+        EXPECT_EQ(c.controls.shown[32900], "eham");
+        pugi::xml_document doc;
+        ASSERT_TRUE(doc.load_file((dir / "parameters.xml").c_str()));
+        EXPECT_EQ(readBoolParameter(doc, "BOX"), true);
+        EXPECT_EQ(readIntParameter(doc, "COUNT"), 99); // the file keeps its text until an update
+    }
+}
+
+TEST(Parameters, UpdateChangesEveryMatchKeepsUnknownsAndAddsTheRoot) {
+    test::TempDir dir;
+    const auto file = dir / "parameters.xml";
+    Catalogue c;
+    writeBytes(file, fileOf(R"(<parameter name="COUNT" value="1"/><parameter name="COUNT"/>)"
+                            R"(<parameter name="OLD" value="x"/>)"));
+    c.count.value = 7;
+    updateParameter(file, c.lists, c.count);
+    auto text = readBytes(file);
+    EXPECT_EQ(text.find("value=\"1\""), std::string::npos) << text;
+    EXPECT_NE(text.find("name=\"OLD\""), std::string::npos) << "unknown elements survive an update";
+    pugi::xml_document doc;
+    ASSERT_TRUE(doc.load_file(file.c_str()));
+    int sevens = 0;
+    for (auto e : doc.child("root").child("parameters").children("parameter"))
+        if (std::string(e.attribute("value").as_string()) == "7") ++sevens;
+    EXPECT_EQ(sevens, 2);
+
+    // The older form is rewritten whole, with the root and the current values.
+    writeBytes(file, fileOf(R"(<parameter name="OLD" value="x"/>)", false));
+    c.dest.value = "KMSP";
+    updateParameter(file, c.lists, c.dest);
+    ASSERT_TRUE(doc.load_file(file.c_str()));
+    EXPECT_TRUE(doc.child("root").child("parameters"));
+    EXPECT_EQ(readStringParameter(doc, "DESTINATION"), "KMSP");
+    EXPECT_EQ(readIntParameter(doc, "COUNT"), 7);
+    EXPECT_FALSE(readStringParameter(doc, "OLD"));
+
+    // No file at all: one parameter in a new file.
+    fs::remove(file);
+    updateParameter(file, c.lists, c.flag);
+    ASSERT_TRUE(doc.load_file(file.c_str()));
+    EXPECT_EQ(readBoolParameter(doc, "FLAG"), false);
+}
+
+TEST(Parameters, BrokenFileIsKeptAsGenerationZero) {
+    test::LogCapture log;
+    test::TempDir dir;
+    const auto file = dir / "parameters.xml";
+    writeBytes(file, "<root><parameters><parameter name=");
+    gf_checkParameterFile(file);
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(readBytes(dir / "parameters.0.xml"), "<root><parameters><parameter name=");
+    EXPECT_TRUE(log.contains("parameters.xml failed to load ("));
+    EXPECT_TRUE(log.contains("). Saved as 0.xml and removed."));
+    Catalogue c;
+    EXPECT_TRUE(loadParameters(file, c.lists));
+}
+
+TEST(Parameters, SelectedIndex) {
+    Catalogue c;
+    EXPECT_EQ(selectedIndex(c.range), 3u);
+    c.range.value = 7;
+    EXPECT_FALSE(selectedIndex(c.range));
+}
+
+} // namespace
+} // namespace orv
