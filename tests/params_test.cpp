@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 
 #include <fmt/format.h>
@@ -21,7 +22,7 @@ struct FakeControls : ControlSink {
 };
 
 // A small catalogue of every kind, as the real one is built.
-struct Catalogue {
+struct SmallCatalogue {
     BoolParameter flag{"FLAG", false};
     CheckBoxParameter box{"BOX", true, 32801, 100};
     IntParameter count{"COUNT", 5, 0, 10};
@@ -30,7 +31,7 @@ struct Catalogue {
     TextParameter dest{"DESTINATION", "", 32900, 300};
     FakeControls controls;
     ParameterLists lists;
-    Catalogue() {
+    SmallCatalogue() {
         box.windowHandle = &controls;
         range.windowHandle = &controls;
         dest.windowHandle = &controls;
@@ -45,7 +46,7 @@ std::string fileOf(const std::string& body, bool withRoot = true) {
 
 TEST(Parameters, MissingFileIsCreatedWithDefaults) {
     test::TempDir dir;
-    Catalogue c;
+    SmallCatalogue c;
     c.count.value = 9;
     EXPECT_TRUE(loadParameters(dir / "parameters.xml", c.lists));
     EXPECT_EQ(c.count.value, 5);
@@ -63,7 +64,7 @@ TEST(Parameters, ReadingClampsTakesFirstAndAddsWhatIsNew) {
     test::TempDir dir;
     for (const bool withRoot : {true, false}) {
         SCOPED_TRACE(withRoot ? "with root" : "older form without root");
-        Catalogue c;
+        SmallCatalogue c;
         writeBytes(dir / "parameters.xml",
                    fileOf(R"(<parameter name="COUNT" value="99"/><parameter name="FLAG" value="true"/>)"
                           R"(<parameter name="FLAG" value="false"/><parameter name="RANGE" value="1"/>)"
@@ -86,7 +87,7 @@ TEST(Parameters, ReadingClampsTakesFirstAndAddsWhatIsNew) {
 TEST(Parameters, UpdateChangesEveryMatchKeepsUnknownsAndAddsTheRoot) {
     test::TempDir dir;
     const auto file = dir / "parameters.xml";
-    Catalogue c;
+    SmallCatalogue c;
     writeBytes(file, fileOf(R"(<parameter name="COUNT" value="1"/><parameter name="COUNT"/>)"
                             R"(<parameter name="OLD" value="x"/>)"));
     c.count.value = 7;
@@ -128,15 +129,77 @@ TEST(Parameters, BrokenFileIsKeptAsGenerationZero) {
     EXPECT_EQ(readBytes(dir / "parameters.0.xml"), "<root><parameters><parameter name=");
     EXPECT_TRUE(log.contains("parameters.xml failed to load ("));
     EXPECT_TRUE(log.contains("). Saved as 0.xml and removed."));
-    Catalogue c;
+    SmallCatalogue c;
     EXPECT_TRUE(loadParameters(file, c.lists));
 }
 
 TEST(Parameters, SelectedIndex) {
-    Catalogue c;
+    SmallCatalogue c;
     EXPECT_EQ(selectedIndex(c.range), 3u);
     c.range.value = 7;
     EXPECT_FALSE(selectedIndex(c.range));
+}
+
+} // namespace
+} // namespace orv
+
+namespace orv {
+namespace {
+
+TEST(ParameterCatalogue, ListsInFileOrderWithTheirDefaultsAndRanges) {
+    const auto& l = gf_parameterLists();
+    EXPECT_EQ(l.bools.size(), 1u);
+    EXPECT_EQ(l.checkBoxes.size(), 21u);
+    EXPECT_EQ(l.ints.size(), 7u);
+    EXPECT_EQ(l.choiceInts.size(), 7u);
+    EXPECT_EQ(l.strings.size(), 22u);
+    EXPECT_EQ(l.texts.size(), 2u);
+    EXPECT_EQ(gf_buttons().size(), 7u);
+    EXPECT_EQ(l.checkBoxes.front()->name, "ALWAYS_ON_TOP");
+    EXPECT_EQ(l.checkBoxes.back()->name, "PARK_SOFT");
+    EXPECT_EQ(l.ints[2]->name, "LAST_EPOCH_TIME:");
+    EXPECT_EQ(l.strings.back()->name, "DESTINATION");
+    EXPECT_EQ(l.texts.back()->name, "SIM_CHOICE");
+
+    struct IntCase {
+        const char* name;
+        int def, lo, hi;
+    };
+    for (const auto& c : {IntCase{"RANGE", 40, 2, 100}, IntCase{"AR_ABOVE_HEIGHT", 48000, 18000, 48000},
+                          IntCase{"MAX_FIT", 47, 0, 47}, IntCase{"CUSTOM_PARKING_PERCENTAGE", -1, -1, 100},
+                          IntCase{"parking_percentage", 30, 0, 100}}) {
+        SCOPED_TRACE(c.name);
+        const auto* p = dynamic_cast<IntParameter*>(gf_findParameter(c.name));
+        ASSERT_TRUE(p);
+        EXPECT_EQ(p->defaultValue, c.def);
+        EXPECT_EQ(p->minimum, c.lo);
+        EXPECT_EQ(p->maximum, c.hi);
+    }
+    const auto* selector = dynamic_cast<ChoiceTextParameter*>(gf_findParameter("AI_PACKAGE_SELECTOR"));
+    ASSERT_TRUE(selector);
+    EXPECT_EQ(selector->allowedValues.size(), 24u);
+    EXPECT_TRUE(std::is_sorted(selector->allowedValues.begin(), selector->allowedValues.end()));
+    EXPECT_EQ(selector->allowedValues.front(), "AIG, FSLTL, JF, MTL");
+    EXPECT_EQ(dynamic_cast<StringParameter*>(gf_findParameter("PORT_NUMBER"))->defaultValue, "10747");
+    EXPECT_FALSE(gf_findParameter("NO_SUCH"));
+}
+
+TEST(ParameterCatalogue, AFreshFileHoldsEveryListedParameterInOrder) {
+    test::TempDir dir;
+    EXPECT_TRUE(loadParameters(dir / "parameters.xml", gf_parameterLists()));
+    pugi::xml_document doc;
+    ASSERT_TRUE(doc.load_file((dir / "parameters.xml").c_str()));
+    std::vector<std::string> names;
+    for (auto e : doc.child("root").child("parameters").children("parameter"))
+        names.emplace_back(e.attribute("name").as_string());
+    ASSERT_EQ(names.size(), 60u);
+    EXPECT_EQ(names.front(), "RANDOM");
+    EXPECT_EQ(names[1], "ALWAYS_ON_TOP");
+    EXPECT_EQ(names.back(), "SIM_CHOICE");
+    EXPECT_EQ(readStringParameter(doc, "PROGRAM_VERSION"), "11.12.1");
+    EXPECT_EQ(readIntParameter(doc, "LAST_EPOCH_TIME:"), 0);
+    EXPECT_EQ(readStringParameter(doc, "AI_PACKAGE_SELECTOR"), "AIG, FSLTL, JF, MTL");
+    EXPECT_FALSE(readStringParameter(doc, "ALL_INSTALL_PATH")) << "objects in no list are not written";
 }
 
 } // namespace

@@ -99,6 +99,28 @@ struct TextParameter : StringParameter, ControlBinding {
         : StringParameter(std::move(n), std::move(d)), ControlBinding{id, r, nullptr} {}
 };
 
+struct ChoiceTextParameter : TextParameter {
+    ChoiceTextParameter(std::string n, std::string d, std::vector<std::string> allowed, std::uint16_t id,
+                        std::int32_t r)
+        : TextParameter(std::move(n), std::move(d), id, r), allowedValues(std::move(allowed)) {}
+    std::vector<std::string> allowedValues;
+};
+
+// The one float selector (hours of fit).
+struct ChoiceFloatParameter : Parameter, ControlBinding {
+    ChoiceFloatParameter(std::string n, float d, std::vector<float> allowed, std::uint16_t id, std::int32_t r)
+        : Parameter(std::move(n)), ControlBinding{id, r, nullptr}, defaultValue(d), minimum(allowed.front()),
+          maximum(allowed.back()), value(d), allowedValues(std::move(allowed)) {}
+    float defaultValue, minimum, maximum, value;
+    std::vector<float> allowedValues;
+};
+
+// A push button: its name is the label; it has no value and is not stored.
+struct ButtonControl : Parameter, ControlBinding {
+    ButtonControl(std::string label, std::uint16_t id, std::int32_t r)
+        : Parameter(std::move(label)), ControlBinding{id, r, nullptr} {}
+};
+
 // The six lists, in file order: bools, check boxes, integers, choice integers, strings, texts
 // with a control. They decide what is read at start and what a full save writes.
 struct ParameterLists {
@@ -120,6 +142,14 @@ void updateParameter(const std::filesystem::path& file, const ParameterLists& li
                      const StringParameter& p);
 // A file that exists but does not parse is kept as parameters.0.xml and removed.
 void gf_checkParameterFile(const std::filesystem::path& file);
+
+// The catalogue: every parameter of the program with its default, range and control.
+struct Catalogue;
+Catalogue& gf_catalogue();
+const ParameterLists& gf_parameterLists();
+const std::vector<ButtonControl*>& gf_buttons();
+// A parameter of the catalogue by its stored name (lists and the objects in no list).
+Parameter* gf_findParameter(std::string_view name);
 
 std::optional<std::int32_t> readIntParameter(const pugi::xml_document& doc, const std::string& name);
 std::optional<bool> readBoolParameter(const pugi::xml_document& doc, const std::string& name);
