@@ -110,6 +110,12 @@ void gf_resetRunState() {
 
 bool lf_readEverything() {
     ui::clearCounters();
+    if (!gRun.isRestart) {
+        const auto file = gPaths.dataFolder / "parameters.xml";
+        gf_checkParameterFile(file);
+        loadParameters(file, gf_parameterLists());
+        gParams.takeFromCatalogue();
+    }
     // A Community folder typed in full is stored as the folder above it.
     constexpr std::string_view kCommunity = "/Community";
     if (gParams.MSFS_PATH.ends_with(kCommunity))

@@ -1,4 +1,6 @@
 // Every parameter of the program. Names are spelled as stored in parameters.xml.
+#include <stdexcept>
+#include <string>
 #include <string_view>
 
 #include "params/params.h"
@@ -201,6 +203,27 @@ Parameter* gf_findParameter(std::string_view name) {
                                                           &c.parking_percentage, &c.MAX_FIT_FL})
         if (!found && p->name == name) found = p;
     return found;
+}
+
+void Parameters::takeFromCatalogue() {
+    auto& c = gf_catalogue();
+    RANGE = c.RANGE.value;
+    AUTO_RANGE = c.AUTO_RANGE.value;
+    AIRBORNE_ONLY = c.AIRBORNE_ONLY.value;
+    SCAN_LIVERIES = c.SCAN_LIVERIES.value;
+    SCAN_AIRPORTS = c.SCAN_AIRPORTS.value;
+    INITIAL_LOAD_ONLY = c.INITIAL_LOAD_ONLY.value;
+    OBJECTID_LIST = c.OBJECTID_LIST.value;
+    AEROWINX = c.AEROWINX.value;
+    ALWAYS_ON_TOP = c.ALWAYS_ON_TOP.value;
+    try {
+        PORT_NUMBER = std::stoi(c.PORT_NUMBER.value);
+    } catch (const std::exception&) {
+        PORT_NUMBER = 10747;
+    }
+    DESTINATION = c.DESTINATION.value;
+    BLOCK_CALLSIGN = c.BLOCK_CALLSIGN.value;
+    MSFS_PATH = c.MSFS_INSTALL_PATH.value;
 }
 
 } // namespace orv

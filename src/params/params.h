@@ -28,6 +28,8 @@ struct Parameters {
     std::string MSFS_PATH;
 
     void reset();
+    // Copies the catalogue's values, after parameters.xml was read.
+    void takeFromCatalogue();
 };
 
 extern Parameters gParams;
