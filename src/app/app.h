@@ -141,6 +141,9 @@ void lf_pausedStep();
 void lf_closingDown();
 void lf_restartCountdown();
 void gf_resetRunState(); // every subsystem's run state, as a restart needs it
+// Reads parameters.xml and brings it and the stored data in line with the running version.
+void lf_versionStep(const fs::path& parametersFile);
+bool lf_versionUpdate(const fs::path& parametersFile); // true: too old to convert
 
 // What the loop ran, for tests and diagnosis; empty in normal runs.
 enum class Scheduled { Every5, Every15, Every30, Idle16, Qnh59, Duplicates61 };

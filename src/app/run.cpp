@@ -111,9 +111,7 @@ void gf_resetRunState() {
 bool lf_readEverything() {
     ui::clearCounters();
     if (!gRun.isRestart) {
-        const auto file = gPaths.dataFolder / "parameters.xml";
-        gf_checkParameterFile(file);
-        loadParameters(file, gf_parameterLists());
+        lf_versionStep(gPaths.dataFolder / "parameters.xml");
         gParams.takeFromCatalogue();
     }
     // A Community folder typed in full is stored as the folder above it.

@@ -1,0 +1,109 @@
+// Bringing stored settings and files in line with the running version.
+#include <charconv>
+#include <tuple>
+
+#include <fmt/format.h>
+
+#include "app/app.h"
+#include "params/params.h"
+
+namespace orv {
+
+namespace {
+
+std::string versionText(const VersionData& v) {
+    return fmt::format("{}.{}.{}", v.major, v.minor, v.patch);
+}
+
+// "a.b.c"; anything else reads as 0.0.0, which is older than every version that can be converted.
+VersionData parseVersion(std::string_view text) {
+    VersionData v{0, 0, 0};
+    int* parts[] = {&v.major, &v.minor, &v.patch};
+    const char* p = text.data();
+    const char* end = text.data() + text.size();
+    for (int i = 0; i < 3; ++i) {
+        const auto r = std::from_chars(p, end, *parts[i]);
+        if (r.ec != std::errc{} || (i < 2 && (r.ptr == end || *r.ptr != '.'))) return {0, 0, 0};
+        p = r.ptr + (i < 2 ? 1 : 0);
+    }
+    return v;
+}
+
+bool older(const VersionData& a, const VersionData& b) {
+    return std::tie(a.major, a.minor, a.patch) < std::tie(b.major, b.minor, b.patch);
+}
+
+StringParameter& programVersion() {
+    return *gf_parameterLists().programVersion;
+}
+
+template <typename P>
+P& param(std::string_view name) {
+    return *dynamic_cast<P*>(gf_findParameter(name));
+}
+
+void forceScan(const fs::path& file, std::string_view name) {
+    auto& p = param<CheckBoxParameter>(name);
+    p.value = true;
+    updateParameter(file, gf_parameterLists(), p);
+    if (p.windowHandle) p.windowHandle->setChecked(p.controlId, true);
+}
+
+void removeIfThere(const fs::path& p) {
+    if (fs::exists(p)) fs::remove_all(p);
+}
+
+} // namespace
+
+bool lf_versionUpdate(const fs::path& file) {
+    auto& stored = programVersion();
+    const std::string running = versionText(kVersion);
+    if (stored.value == stored.defaultValue) {
+        stored.value = running;
+        updateParameter(file, gf_parameterLists(), stored);
+        return false;
+    }
+    const VersionData old = parseVersion(stored.value);
+    const std::string oldText = stored.value;
+    if (oldText != running) {
+        stored.value = running;
+        updateParameter(file, gf_parameterLists(), stored);
+    }
+    if (!older(old, kVersion)) return false; // the same version, or a downgrade
+    gf_log(fmt::format("This is a version update from {} -> {}", oldText, running));
+    if (older(old, VersionData{11, 0, 2})) return true;
+
+    forceScan(file, "SCAN_LIVERIES");
+    const fs::path& home = gPaths.programFolder;
+    removeIfThere(home / "output" / "LiveriesScanned.xml");
+    removeIfThere(home / "Callsign2ObjectId.txt");
+    try {
+        // Plain XML files of the earlier layout lay in the program folder itself.
+        for (const auto& e : fs::directory_iterator(home))
+            if (e.is_regular_file() && e.path().extension() == ".xml") fs::remove(e.path());
+    } catch (const std::exception& e) {
+        gf_log(fmt::format("{} exception: {}", "lf_versionUpdate", e.what()));
+    }
+    removeIfThere(home / "input" / "airports_msfs.xml");
+    removeIfThere(home / "input" / "airports_msfs_names.xml");
+    removeIfThere(home / "new_version");
+    return false;
+}
+
+void lf_versionStep(const fs::path& file) {
+    gf_checkParameterFile(file);
+    if (loadParameters(file, gf_parameterLists())) {
+        forceScan(file, "SCAN_LIVERIES");
+        forceScan(file, "SCAN_AIRPORTS");
+        return;
+    }
+    if (!lf_versionUpdate(file)) return;
+    gf_log("\nYour previous version was too old to convert the old text box parameters to the newdropbox "
+           "values.");
+    gf_log(fmt::format("{} re-starts with default parameter values ...\n", kAppName));
+    std::error_code ec;
+    fs::remove(file, ec);
+    saveParameters(file, gf_parameterLists(), true);
+}
+
+} // namespace orv
