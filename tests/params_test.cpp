@@ -133,6 +133,22 @@ TEST(Parameters, BrokenFileIsKeptAsGenerationZero) {
     EXPECT_TRUE(loadParameters(file, c.lists));
 }
 
+TEST(Parameters, WindowPositionBeforeTheWindow) {
+    test::TempDir dir;
+    const auto file = dir / "parameters.xml";
+    EXPECT_FALSE(gf_readWindowPosition(file));
+    writeBytes(
+        file,
+        fileOf(
+            R"(<parameter name="MAIN_WINDOW_X" value="99999"/><parameter name="MAIN_WINDOW_Y" value="-5"/>)"));
+    const auto p = gf_readWindowPosition(file);
+    ASSERT_TRUE(p);
+    EXPECT_EQ(p->x, 30000);
+    EXPECT_EQ(p->y, -5);
+    writeBytes(file, fileOf(R"(<parameter name="MAIN_WINDOW_X" value="1"/>)", false));
+    EXPECT_FALSE(gf_readWindowPosition(file));
+}
+
 TEST(Parameters, SelectedIndex) {
     SmallCatalogue c;
     EXPECT_EQ(selectedIndex(c.range), 3u);

@@ -150,7 +150,7 @@ int gf_runProcess(int argc, char** argv) {
         return 1;
     }
     try {
-        gf_openLog(gPaths.dataFolder / "Log.txt");
+        gf_openLog(gPaths.dataFolder / names::kLog);
     } catch (const std::exception& e) {
         std::cerr << e.what() << '\n';
         return 1;

@@ -111,7 +111,7 @@ void gf_resetRunState() {
 bool lf_readEverything() {
     ui::clearCounters();
     if (!gRun.isRestart) {
-        lf_versionStep(gPaths.dataFolder / "parameters.xml");
+        lf_versionStep(gPaths.dataFolder / names::kParameters);
         gParams.takeFromCatalogue();
     }
     // A Community folder typed in full is stored as the folder above it.

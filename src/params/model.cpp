@@ -138,6 +138,14 @@ std::optional<std::string> readStringParameter(const pugi::xml_document& doc, co
     return std::string(e.attribute("value").as_string());
 }
 
+std::optional<WindowPosition> gf_readWindowPosition(const fs::path& file) {
+    pugi::xml_document doc;
+    if (!doc.load_file(file.c_str())) return std::nullopt;
+    const auto x = readIntParameter(doc, "MAIN_WINDOW_X"), y = readIntParameter(doc, "MAIN_WINDOW_Y");
+    if (!x || !y) return std::nullopt;
+    return WindowPosition{std::clamp(*x, -30000, 30000), std::clamp(*y, -30000, 30000)};
+}
+
 std::optional<std::size_t> selectedIndex(const ChoiceIntParameter& p) {
     for (std::size_t i = 0; i < p.allowedValues.size(); ++i)
         if (p.allowedValues[i] == p.value) return i;

@@ -153,6 +153,34 @@ const std::vector<ButtonControl*>& gf_buttons();
 // A parameter of the catalogue by its stored name (lists and the objects in no list).
 Parameter* gf_findParameter(std::string_view name);
 
+// The window position, read before the window exists and before the rest of the model.
+struct WindowPosition {
+    std::int32_t x, y;
+};
+std::optional<WindowPosition> gf_readWindowPosition(const std::filesystem::path& file);
+
+// File and folder names the program fixes at start (relative to the program folder).
+namespace names {
+inline constexpr const char* kFolders[] = {
+    "input",       "output",        "airports",    "docs",         "stock",         "simaddon",
+    "thirdparty",  "archive",       "info",        "errors",       "InsideSystems", "Steam",
+    "OneStore",    "Community",     "Official",    "Official2024", "new_version",   "learned",
+    "my_simaddon", "my_thirdparty", "my_regcodes", "tblo",         "fs-base"};
+inline constexpr const char* kDbaseEnc = "dbase.enc";
+inline constexpr const char* kRegcodesEnc = "AIG-regcodes.enc";
+inline constexpr const char* kAirportsEnc = "airports.enc";
+inline constexpr const char* kDbaseXml = "dbase.xml";
+inline constexpr const char* kRegcodesXml = "AIG-regcodes.xml";
+inline constexpr const char* kAirportsXml = "airports.xml";
+inline constexpr const char* kLiveriesScanned = "LiveriesScanned.xml";
+inline constexpr const char* kObjectIdList = "ObjectIdList.txt";
+inline constexpr const char* kMyParkAirports = "my_park_airports.txt";
+inline constexpr const char* kAirportsScanLog = "AirportsScanLog.txt";
+inline constexpr const char* kParameters = "parameters.xml";
+inline constexpr const char* kLog = "Log.txt";
+inline constexpr const char* kTbloZip = "tblo.zip";
+} // namespace names
+
 std::optional<std::int32_t> readIntParameter(const pugi::xml_document& doc, const std::string& name);
 std::optional<bool> readBoolParameter(const pugi::xml_document& doc, const std::string& name);
 std::optional<std::string> readStringParameter(const pugi::xml_document& doc, const std::string& name);
