@@ -59,17 +59,6 @@ double number(std::string_view field, std::string_view name) {
     return v;
 }
 
-bool isAcceptedType(std::string_view type, std::string_view category) {
-    if (type.empty() || type == "null") return false;
-    if (category == "B1" || category == "B2" || category == "B4" || category == "C1" || category == "C2")
-        return false;
-    if (type.size() > 4) return false;
-    for (const std::string_view t :
-         {"BALL", "EMER", "GLID", "GRND", "GND", "PARA", "SERV", "SHIP", "VENT", "TWR"})
-        if (type == t) return false;
-    return true;
-}
-
 IataCode routeCode(std::string_view field) {
     if (field == "null") return {};
     return IataCode(field); // throws the FixedCode message on anything but 3 letters or digits
@@ -193,7 +182,7 @@ void TrafficReader::processLineSub() {
             seenCallsigns.emplace(f[9]);
 
         // 8-9. Type.
-        if (!isAcceptedType(f[10], f[28])) {
+        if (!gf_isUsableAircraft(f[10], f[28])) {
             ++counts.dropped;
             return;
         }

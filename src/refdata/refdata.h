@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -201,5 +203,56 @@ void gf_setStandDistance(StandDistanceFn fn);
 
 // The airport within 5 nm of the position, settled by the stands when a neighbour is as near.
 std::optional<AirportRecord> gf_closestAirport(double latitude, double longitude);
+
+} // namespace orv
+
+namespace orv {
+
+// ---- Reference database ---------------------------------------------------------------------
+
+struct DbaseRecord {
+    std::string regcode;
+    AirlineId airline = 0;
+    ModelId model = 0;
+    AirlineId operatorId = 0;
+    bool cargo = false;
+};
+
+struct Thirdparty {
+    std::string publisher;
+    std::vector<std::string> airports;
+};
+
+// What dbase.xml holds, in memory; filled once at start and constant afterwards.
+struct ReferenceDatabase {
+    std::set<std::string> models, cargoTypes, airlines, cargoOperators, simaddons20;
+    std::array<std::set<ModelId>, kCategoryCount> categories; // Light stays empty: it is the rest
+    std::vector<std::vector<std::string>> similarGroups;
+    std::vector<std::vector<std::string>> publisherSpellings;
+    std::map<std::string, double> wingSpans; // half spans in nm, by type text
+    std::map<std::string, std::string> modelFixes;
+    std::vector<Thirdparty> thirdparties20, thirdparties24;
+    std::vector<DbaseRecord> records; // sorted by registration, unique
+};
+const ReferenceDatabase& gf_dbase();
+
+inline constexpr std::size_t kHalfSpanTableSize = 2700;
+
+// Reads input/dbase.enc of the program folder once per process.
+bool gf_readDbase();
+// The work behind it for one encrypted file; false when the XML does not parse.
+bool gf_loadDbase(const std::filesystem::path& encrypted);
+void gf_clearDbase();
+
+Category gf_category(ModelId model);
+bool gf_isModel(std::string_view text);
+bool gf_isAirline(std::string_view text);
+double gf_halfSpan(ModelId model);
+double gf_largestHalfSpan();
+std::vector<std::string> gf_regcodeVariants(std::string_view regcode);
+std::optional<DbaseRecord> gf_dbaseRecordOf(std::string_view regcode);
+std::string gf_airlineOfRegcode(std::string_view regcode);
+std::string gf_regcodeInTitle(std::string_view title);
+bool gf_isUsableAircraft(std::string_view type, std::string_view emitterCategory);
 
 } // namespace orv
