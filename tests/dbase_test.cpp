@@ -119,6 +119,34 @@ TEST_F(Dbase, MissingOrEmptySectionsStopTheStart) {
     EXPECT_THROW(gf_loadDbase(dir / "none.enc"), std::runtime_error);
 }
 
+TEST_F(Dbase, TheShippedDatabase) {
+    ASSERT_TRUE(gf_loadDbase(fs::path(ORV_PROGRAM).parent_path() / "input" / "dbase.enc"));
+    const auto& db = gf_dbase();
+    EXPECT_GT(db.models.size(), 2500u);
+    EXPECT_GT(db.airlines.size(), 6000u);
+    struct TypeCase {
+        const char* type;
+        Category category;
+    };
+    for (const auto& c : {TypeCase{"B739", Category::Large}, TypeCase{"B744", Category::Heavy},
+                          TypeCase{"A388", Category::Heavy}, TypeCase{"C525", Category::Buzjets},
+                          TypeCase{"EC35", Category::Rotorcraft}, TypeCase{"F16", Category::HighPerf},
+                          TypeCase{"C172", Category::Light}}) {
+        EXPECT_EQ(gf_category(gf_modelId(c.type)), c.category) << c.type;
+    }
+    EXPECT_NEAR(gf_halfSpan(gf_modelId("B738")), 34.32 / 2 / 1852, 1e-9);
+    // The recorded Delta 737-900 and a demo aircraft, as the feed spells them.
+    const auto n899dn = gf_dbaseRecordOf("N899DN");
+    ASSERT_TRUE(n899dn);
+    EXPECT_EQ(gf_airlineCode(n899dn->airline), "DAL");
+    EXPECT_EQ(gf_modelCode(n899dn->model), "B739");
+    const auto demo = gf_dbaseRecordOf("DAAHA");
+    ASSERT_TRUE(demo);
+    EXPECT_EQ(gf_airlineCode(demo->airline), "DLH");
+    EXPECT_EQ(gf_airlineOfRegcode("HBJHA"), "SWR");
+    EXPECT_TRUE(gf_dbaseRecordOf(fmt::format("N{}FD", 101))->cargo);
+}
+
 TEST(Regcodes, SpellingsToTry) {
     const std::map<std::string, std::vector<std::string>> cases = {
         {"DAIMA", {"DA-IMA", "D-AIMA", "DAIMA"}},

@@ -47,6 +47,7 @@ int gf_convertMain(const std::vector<std::string>& args);
 // that writes the encrypted files into a program folder's input folder.
 std::string gf_airportsXml(const std::filesystem::path& airportsCsv,
                            const std::filesystem::path& standCountsCsv, std::size_t& skipped);
+std::string gf_dbaseXml(const std::filesystem::path& sourceFolder);
 int gf_refdataMain(const std::vector<std::string>& args);
 // Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
 int gf_sendMain(const std::vector<std::string>& args);

@@ -70,12 +70,137 @@ int gf_refdataMain(const std::vector<std::string>& args) {
     const auto xml = gf_airportsXml(src / "airports.csv", src / "stand-counts.csv", skipped);
     const fs::path plain = out / "airports.src.xml";
     if (!gf_writeText(xml, plain, false)) throw std::runtime_error("cannot write " + plain.string());
-    const auto err = gf_streamEncrypt(plain, out / "airports.enc");
+    auto err = gf_streamEncrypt(plain, out / "airports.enc");
     gf_removeFile(plain);
     if (!err.empty()) throw std::runtime_error(err);
+    if (!gf_writeText(gf_dbaseXml(src), plain, false))
+        throw std::runtime_error("cannot write " + plain.string());
+    err = gf_streamEncrypt(plain, out / "dbase.enc");
+    gf_removeFile(plain);
+    if (!err.empty()) throw std::runtime_error(err);
+    std::cout << fmt::format("{}: reference database\n", (out / "dbase.enc").string());
     std::cout << fmt::format("{}: airports ({} source rows without an ICAO code or elevation left out)\n",
                              (out / "airports.enc").string(), skipped);
     return 0;
+}
+
+} // namespace orv::tools
+
+namespace orv::tools {
+
+namespace {
+
+// Lines of a small source file without comments (#) and blank lines, split at commas.
+std::vector<std::vector<std::string>> readRows(const fs::path& file, bool header) {
+    std::vector<std::string> lines;
+    if (!std::holds_alternative<std::size_t>(gf_readAllLines(file, lines, 8192)))
+        throw std::runtime_error("cannot read " + file.string());
+    std::vector<std::vector<std::string>> rows;
+    bool skipped = !header;
+    for (const auto& l : lines) {
+        if (l.empty() || l[0] == '#') continue;
+        if (!skipped) {
+            skipped = true;
+            continue;
+        }
+        rows.push_back(gf_splitList(l));
+    }
+    return rows;
+}
+
+std::string joined(const std::vector<std::string>& v) {
+    std::string out;
+    for (const auto& s : v) out += (out.empty() ? "" : ",") + s;
+    return out;
+}
+
+std::string letters(unsigned n, int count) {
+    std::string s(static_cast<std::size_t>(count), 'A');
+    for (int i = count - 1; i >= 0; --i, n /= 26)
+        s[static_cast<std::size_t>(i)] = static_cast<char>('A' + n % 26);
+    return s;
+}
+
+} // namespace
+
+std::string gf_dbaseXml(const fs::path& src) {
+    pugi::xml_document doc;
+    auto root = doc.append_child("root");
+    // Types: the ICAO list; categories from its description (H/G rotorcraft, third character J for
+    // jets) and wake class (H or J heavy; M jets large; L jets business jets).
+    pugi::xml_document extra;
+    if (!extra.load_file((src / "dbase-sections.xml").c_str()))
+        throw std::runtime_error("cannot read " + (src / "dbase-sections.xml").string());
+    // Military fast jets are listed by hand and belong to no size category.
+    std::set<std::string> highPerf;
+    for (const auto h : extra.child("root").child("high_performance").children("hpf"))
+        for (auto& t : gf_splitList(h.attribute("types").as_string())) highPerf.insert(t);
+    std::vector<std::string> all, heavy, large, buzjet, rotor;
+    for (const auto& r : readRows(src / "aircraft-types.csv", true)) {
+        if (r.size() < 3) continue;
+        const std::string &type = r[0], &desc = r[1], &wtc = r[2];
+        all.push_back(type);
+        if (highPerf.contains(type)) continue;
+        if (!desc.empty() && (desc[0] == 'H' || desc[0] == 'G'))
+            rotor.push_back(type);
+        else if (wtc == "H" || wtc == "J")
+            heavy.push_back(type);
+        else if (desc.size() >= 3 && desc[2] == 'J' && wtc == "M")
+            large.push_back(type);
+        else if (desc.size() >= 3 && desc[2] == 'J' && wtc == "L")
+            buzjet.push_back(type);
+    }
+    const auto listSection = [&](const char* sec, const char* el, const char* attr,
+                                 const std::vector<std::string>& v) {
+        root.append_child(sec).append_child(el).append_attribute(attr) = joined(v).c_str();
+    };
+    listSection("aircrafts", "aircraft", "types", all);
+    listSection("heavy", "hvy", "types", heavy);
+    listSection("large", "lar", "types", large);
+    listSection("buzjet", "bzj", "types", buzjet);
+    listSection("rotorcraft", "rot", "types", rotor);
+
+    std::vector<std::string> airlines;
+    for (const auto& r : readRows(src / "airlines.csv", true)) airlines.push_back(r.at(0));
+    listSection("ICAO_airlines", "ICAO", "codes", airlines);
+
+    for (const auto s : extra.child("root").children()) root.append_copy(s);
+
+    auto spans = root.append_child("wingspans");
+    for (const auto& r : readRows(src / "wingspans.csv", true)) {
+        auto w = spans.append_child("wingspan");
+        w.append_attribute("type") = r.at(0).c_str();
+        w.append_attribute("meters") = r.at(1).c_str();
+    }
+
+    auto records = root.append_child("dbase");
+    const auto record = [&](const std::string& reg, const std::string& a, const std::string& m,
+                            const std::string& o, const std::string& c) {
+        auto d = records.append_child("d");
+        d.append_attribute("r") = reg.c_str();
+        d.append_attribute("a") = a.c_str();
+        d.append_attribute("m") = m.c_str();
+        d.append_attribute("o") = o.c_str();
+        d.append_attribute("c") = c.c_str();
+    };
+    for (const auto& r : readRows(src / "registrations.csv", false))
+        record(r.at(0), r.at(1), r.at(2), r.at(3), r.at(4));
+    std::map<std::string, unsigned> counters; // per prefix and airline, so registrations stay unique
+    for (const auto& r : readRows(src / "demo-fleet.csv", false)) {
+        const std::string &prefix = r.at(0), &airline = r.at(2), &type = r.at(3);
+        const int nLetters = std::stoi(r.at(1));
+        const int count = std::stoi(r.at(4));
+        for (int i = 0; i < count; ++i) {
+            const unsigned n = counters[prefix + airline]++;
+            const std::string reg = nLetters == 0
+                                        ? fmt::format("{}{}{}", prefix, 101 + n, airline.substr(0, 2))
+                                        : prefix + letters(n + 7 * 26, nLetters);
+            record(reg, airline, type, airline, r.at(5));
+        }
+    }
+    std::ostringstream out;
+    doc.save(out, "  ");
+    return out.str();
 }
 
 } // namespace orv::tools

@@ -2,14 +2,11 @@
 
 namespace orv {
 
-// The reference files arrive with the reference database; until then there is nothing to read.
 bool gf_versionStep() {
     return true;
 }
 bool gf_readDataFiles() {
-    gf_airlineId("");
-    gf_modelId("");
-    return true;
+    return gf_readDbase();
 }
 void gf_writeUnknownLists() {}
 
