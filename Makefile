@@ -24,8 +24,10 @@ bench: deps
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null
-	@cmake --build --preset fuzz --target fuzz-traffic-line
-	@mkdir -p build/fuzz/corpus-line && ./build/fuzz/fuzz/fuzz-traffic-line -max_total_time=$${FUZZ_SECONDS:-60} -max_len=1024 build/fuzz/corpus-line fuzz/corpus/traffic-line
+	@cmake --build --preset fuzz --target fuzz-traffic-line fuzz-xml-readers
+	@mkdir -p build/fuzz/corpus-line build/fuzz/corpus-xml
+	@./build/fuzz/fuzz/fuzz-traffic-line -max_total_time=$${FUZZ_SECONDS:-60} -max_len=1024 build/fuzz/corpus-line fuzz/corpus/traffic-line
+	@./build/fuzz/fuzz/fuzz-xml-readers -max_total_time=$${FUZZ_SECONDS:-60} -max_len=2048 build/fuzz/corpus-xml fuzz/corpus/xml-readers
 
 format:
 	@clang-format -i $$(git ls-files '*.cpp' '*.h')

@@ -144,7 +144,11 @@ TEST_F(Dbase, TheShippedDatabase) {
     ASSERT_TRUE(demo);
     EXPECT_EQ(gf_airlineCode(demo->airline), "DLH");
     EXPECT_EQ(gf_airlineOfRegcode("HBJHA"), "SWR");
-    EXPECT_TRUE(gf_dbaseRecordOf(fmt::format("N{}FD", 101))->cargo);
+    const auto freighter = gf_dbaseRecordOf("N200AL"); // the first demo FedEx aircraft
+    ASSERT_TRUE(freighter);
+    EXPECT_EQ(gf_airlineCode(freighter->airline), "FDX");
+    EXPECT_TRUE(freighter->cargo);
+    EXPECT_GT(gf_dbase().records.size(), 20000u);
 }
 
 TEST(Regcodes, SpellingsToTry) {

@@ -342,6 +342,12 @@ TEST(Process, SecondInstanceLeavesWithMinusOneAndWritesNoLog) {
     const auto text = test::readBytes(log1);
     EXPECT_NE(text.find("Close window button clicked, closing Orvelline ..."), std::string::npos) << text;
     EXPECT_NE(text.find("==> Exiting: USER CLOSED SIM"), std::string::npos) << text;
+    // The start read the real reference files, and no plain copy of them stays behind.
+    for (const char* counted :
+         {" ICAO model codes", " ICAO airline codes", " dbase records read", " airports read"})
+        EXPECT_NE(text.find(counted), std::string::npos) << counted;
+    for (const auto& e : fs::directory_iterator(dir / "home" / "input"))
+        EXPECT_NE(e.path().extension(), ".xml");
 }
 
 TEST(Process, StartSequenceOutcomes) {
@@ -350,8 +356,14 @@ TEST(Process, StartSequenceOutcomes) {
         std::vector<std::string> args;
         std::string shownError; // what the user reads on the terminal; empty: the run just ends
         std::string logHas;
+        bool damageDbase = false;
     };
     const Case cases[] = {
+        {"damaged reference database",
+         {"--user-at", "44.882,-93.2218"},
+         "dbase.enc stream decrypt failed",
+         "==> Exiting: SYSTEM ERROR",
+         true},
         {"non-production stops after reading",
          {"/NO-PRODUCTION", "--user-at", "44.882,-93.2218"},
          "",
@@ -377,6 +389,11 @@ TEST(Process, StartSequenceOutcomes) {
             args.push_back("--home");
             args.push_back((dir / "home").string());
         }
+        if (c.damageDbase) {
+            auto bytes = test::readBytes(dir / "home" / "input" / "dbase.enc");
+            bytes[100] = static_cast<char>(bytes[100] ^ 0x40);
+            test::writeBytes(dir / "home" / "input" / "dbase.enc", bytes);
+        }
         const auto log = dir / "cfg" / "Orvelline" / "Log.txt";
         const auto err = dir / "stderr.txt";
         auto child = spawn(
@@ -391,6 +408,8 @@ TEST(Process, StartSequenceOutcomes) {
         EXPECT_EQ(child.wait(), 0);
         const auto text = test::readBytes(log);
         EXPECT_NE(text.find(c.logHas), std::string::npos) << text;
+        EXPECT_FALSE(fs::exists(dir / "home" / "input" / "dbase.xml"));
+        EXPECT_FALSE(fs::exists(dir / "home" / "input" / "airports.xml"));
     }
 }
 

@@ -185,15 +185,16 @@ std::string gf_dbaseXml(const fs::path& src) {
     };
     for (const auto& r : readRows(src / "registrations.csv", false))
         record(r.at(0), r.at(1), r.at(2), r.at(3), r.at(4));
-    std::map<std::string, unsigned> counters; // per prefix and airline, so registrations stay unique
+    std::map<std::string, unsigned> counters; // per prefix, so registrations stay unique
     for (const auto& r : readRows(src / "demo-fleet.csv", false)) {
         const std::string &prefix = r.at(0), &airline = r.at(2), &type = r.at(3);
         const int nLetters = std::stoi(r.at(1));
         const int count = std::stoi(r.at(4));
         for (int i = 0; i < count; ++i) {
-            const unsigned n = counters[prefix + airline]++;
+            const unsigned n = counters[prefix]++;
+            // US style N123AB; elsewhere the prefix and letters, as in D-AHAA.
             const std::string reg = nLetters == 0
-                                        ? fmt::format("{}{}{}", prefix, 101 + n, airline.substr(0, 2))
+                                        ? fmt::format("{}{}{}", prefix, 100 + n % 900, letters(n / 900, 2))
                                         : prefix + letters(n + 7 * 26, nLetters);
             record(reg, airline, type, airline, r.at(5));
         }

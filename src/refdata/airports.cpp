@@ -33,10 +33,13 @@ void gf_setStandDistance(StandDistanceFn fn) {
 
 std::size_t gf_loadAirports(const fs::path& encrypted) {
     const fs::path plain = fs::path(encrypted).replace_extension(".xml");
+    if (!gf_streamDecrypt(encrypted, plain))
+        gf_log(fmt::format("{} exception : {}", "gf_readAirports", "decryption of " + encrypted.string()));
+    return gf_parseAirportsXml(plain);
+}
+
+std::size_t gf_parseAirportsXml(const fs::path& plain) {
     try {
-        if (!gf_streamDecrypt(encrypted, plain))
-            gf_log(
-                fmt::format("{} exception : {}", "gf_readAirports", "decryption of " + encrypted.string()));
         pugi::xml_document doc;
         const auto loaded = doc.load_file(plain.c_str());
         if (!loaded) {

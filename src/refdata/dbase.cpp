@@ -153,6 +153,10 @@ bool gf_loadDbase(const fs::path& encrypted) {
     const fs::path plain = fs::path(encrypted).replace_extension(".xml");
     if (!gf_streamDecrypt(encrypted, plain))
         throw std::runtime_error(fmt::format("{} stream decrypt failed", encrypted.string()));
+    return gf_parseDbaseXml(plain);
+}
+
+bool gf_parseDbaseXml(const fs::path& plain) {
     pugi::xml_document doc;
     const auto r = doc.load_file(plain.c_str(), 116, pugi::encoding_auto);
     if (!r) {

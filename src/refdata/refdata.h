@@ -184,6 +184,8 @@ struct AirportRecord {
 bool gf_readAirports();
 // The work behind it, for a given encrypted file; throws UserErrorException 88 on a broken file.
 std::size_t gf_loadAirports(const std::filesystem::path& encrypted);
+// The plain file's reading alone; the file is removed afterwards in every case.
+std::size_t gf_parseAirportsXml(const std::filesystem::path& plain);
 void gf_clearAirports();
 
 bool gf_airportKnown(const AirportCode& code);
@@ -242,6 +244,8 @@ inline constexpr std::size_t kHalfSpanTableSize = 2700;
 bool gf_readDbase();
 // The work behind it for one encrypted file; false when the XML does not parse.
 bool gf_loadDbase(const std::filesystem::path& encrypted);
+// The plain file's reading alone; the file is removed afterwards in every case.
+bool gf_parseDbaseXml(const std::filesystem::path& plain);
 void gf_clearDbase();
 
 Category gf_category(ModelId model);
