@@ -16,80 +16,6 @@ namespace orv::tools {
 
 namespace {
 
-std::vector<std::vector<std::string>> readCsv(const fs::path& file) {
-    std::vector<std::string> lines;
-    if (!std::holds_alternative<std::size_t>(gf_readAllLines(file, lines, 8192)))
-        throw std::runtime_error("cannot read " + file.string());
-    std::vector<std::vector<std::string>> rows;
-    for (std::size_t i = 1; i < lines.size(); ++i) { // the first line names the columns
-        if (lines[i].empty()) continue;
-        rows.push_back(gf_splitList(lines[i]));
-    }
-    return rows;
-}
-
-} // namespace
-
-std::string gf_airportsXml(const fs::path& airportsCsv, const fs::path& standCountsCsv,
-                           std::size_t& skipped) {
-    std::map<std::string, int> stands;
-    for (const auto& r : readCsv(standCountsCsv))
-        if (r.size() >= 2) stands[r[0]] = std::stoi(r[1]);
-    pugi::xml_document doc;
-    auto section = doc.append_child("root").append_child("airports");
-    std::set<std::string> seen;
-    skipped = 0;
-    for (const auto& r : readCsv(airportsCsv)) {
-        // ident, gps_code, iata_code, latitude_deg, longitude_deg, elevation_ft
-        if (r.size() < 6) throw std::runtime_error("airports source: a row with fewer than 6 columns");
-        // The ident is the ICAO code where it is one; else the GPS code often is.
-        std::string icao = AirportCode::tryMake(r[0]) ? r[0] : (AirportCode::tryMake(r[1]) ? r[1] : "");
-        if (icao.empty() || r[5].empty() || !seen.insert(icao).second) {
-            ++skipped;
-            continue;
-        }
-        auto ap = section.append_child("ap");
-        ap.append_attribute("c") = icao.c_str();
-        ap.append_attribute("la") = r[3].c_str();
-        ap.append_attribute("lo") = r[4].c_str();
-        ap.append_attribute("a") = r[5].c_str();
-        const auto s = stands.find(icao);
-        ap.append_attribute("i") = s == stands.end() ? 0 : s->second;
-        if (IataCode::tryMake(r[2])) ap.append_attribute("s") = r[2].c_str();
-    }
-    std::ostringstream out;
-    doc.save(out, "  ");
-    return out.str();
-}
-
-int gf_refdataMain(const std::vector<std::string>& args) {
-    if (args.size() != 2) throw std::runtime_error("refdata needs SOURCE_FOLDER and INPUT_FOLDER");
-    const fs::path src = args[0], out = args[1];
-    fs::create_directories(out);
-    std::size_t skipped = 0;
-    const auto xml = gf_airportsXml(src / "airports.csv", src / "stand-counts.csv", skipped);
-    const fs::path plain = out / "airports.src.xml";
-    if (!gf_writeText(xml, plain, false)) throw std::runtime_error("cannot write " + plain.string());
-    auto err = gf_streamEncrypt(plain, out / "airports.enc");
-    gf_removeFile(plain);
-    if (!err.empty()) throw std::runtime_error(err);
-    if (!gf_writeText(gf_dbaseXml(src), plain, false))
-        throw std::runtime_error("cannot write " + plain.string());
-    err = gf_streamEncrypt(plain, out / "dbase.enc");
-    gf_removeFile(plain);
-    if (!err.empty()) throw std::runtime_error(err);
-    std::cout << fmt::format("{}: reference database\n", (out / "dbase.enc").string());
-    std::cout << fmt::format("{}: airports ({} source rows without an ICAO code or elevation left out)\n",
-                             (out / "airports.enc").string(), skipped);
-    return 0;
-}
-
-} // namespace orv::tools
-
-namespace orv::tools {
-
-namespace {
-
 // Lines of a small source file without comments (#) and blank lines, split at commas.
 std::vector<std::vector<std::string>> readRows(const fs::path& file, bool header) {
     std::vector<std::string> lines;
@@ -121,7 +47,63 @@ std::string letters(unsigned n, int count) {
     return s;
 }
 
+// The plain text lives on disk only for the moment the encryption reads it.
+void writeEncrypted(const std::string& xml, const fs::path& encrypted) {
+    fs::path plain = encrypted;
+    plain += ".src.xml";
+    if (!gf_writeText(xml, plain, false)) throw std::runtime_error("cannot write " + plain.string());
+    const auto err = gf_streamEncrypt(plain, encrypted);
+    gf_removeFile(plain);
+    if (!err.empty()) throw std::runtime_error(err);
+}
+
 } // namespace
+
+std::string gf_airportsXml(const fs::path& airportsCsv, const fs::path& standCountsCsv,
+                           std::size_t& skipped) {
+    std::map<std::string, int> stands;
+    for (const auto& r : readRows(standCountsCsv, true))
+        if (r.size() >= 2) stands[r[0]] = std::stoi(r[1]);
+    pugi::xml_document doc;
+    auto section = doc.append_child("root").append_child("airports");
+    std::set<std::string> seen;
+    skipped = 0;
+    for (const auto& r : readRows(airportsCsv, true)) {
+        // ident, gps_code, iata_code, latitude_deg, longitude_deg, elevation_ft
+        if (r.size() < 6) throw std::runtime_error("airports source: a row with fewer than 6 columns");
+        // The ident is the ICAO code where it is one; else the GPS code often is.
+        std::string icao = AirportCode::tryMake(r[0]) ? r[0] : (AirportCode::tryMake(r[1]) ? r[1] : "");
+        if (icao.empty() || r[5].empty() || !seen.insert(icao).second) {
+            ++skipped;
+            continue;
+        }
+        auto ap = section.append_child("ap");
+        ap.append_attribute("c") = icao.c_str();
+        ap.append_attribute("la") = r[3].c_str();
+        ap.append_attribute("lo") = r[4].c_str();
+        ap.append_attribute("a") = r[5].c_str();
+        const auto s = stands.find(icao);
+        ap.append_attribute("i") = s == stands.end() ? 0 : s->second;
+        if (IataCode::tryMake(r[2])) ap.append_attribute("s") = r[2].c_str();
+    }
+    std::ostringstream out;
+    doc.save(out, "  ");
+    return out.str();
+}
+
+int gf_refdataMain(const std::vector<std::string>& args) {
+    if (args.size() != 2) throw std::runtime_error("refdata needs SOURCE_FOLDER and INPUT_FOLDER");
+    const fs::path src = args[0], out = args[1];
+    fs::create_directories(out);
+    std::size_t skipped = 0;
+    const auto xml = gf_airportsXml(src / "airports.csv", src / "stand-counts.csv", skipped);
+    writeEncrypted(xml, out / "airports.enc");
+    writeEncrypted(gf_dbaseXml(src), out / "dbase.enc");
+    std::cout << fmt::format("{}: reference database\n", (out / "dbase.enc").string());
+    std::cout << fmt::format("{}: airports ({} source rows without an ICAO code or elevation left out)\n",
+                             (out / "airports.enc").string(), skipped);
+    return 0;
+}
 
 std::string gf_dbaseXml(const fs::path& src) {
     pugi::xml_document doc;
