@@ -22,9 +22,9 @@ class Airports : public ::testing::Test {
 };
 
 TEST_F(Airports, TheShippedDirectory) {
-    const auto n = gf_loadAirports(fs::path(ORV_PROGRAM).parent_path() / "input" / "airports.enc");
+    const auto n = gf_loadAirports(test::shippedCopy("airports.enc", dir.path()));
     EXPECT_GT(n, 4900u);
-    EXPECT_FALSE(fs::exists(fs::path(ORV_PROGRAM).parent_path() / "input" / "airports.xml"));
+    EXPECT_FALSE(fs::exists(dir / "airports.xml"));
     const auto* kmsp = gf_airportByName("kmsp");
     ASSERT_TRUE(kmsp);
     EXPECT_EQ(kmsp->iata.view(), "MSP");

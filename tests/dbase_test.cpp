@@ -120,7 +120,8 @@ TEST_F(Dbase, MissingOrEmptySectionsStopTheStart) {
 }
 
 TEST_F(Dbase, TheShippedDatabase) {
-    ASSERT_TRUE(gf_loadDbase(fs::path(ORV_PROGRAM).parent_path() / "input" / "dbase.enc"));
+    ASSERT_TRUE(gf_loadDbase(test::shippedCopy("dbase.enc", dir.path())));
+    EXPECT_FALSE(fs::exists(dir / "dbase.xml"));
     const auto& db = gf_dbase();
     EXPECT_GT(db.models.size(), 2500u);
     EXPECT_GT(db.airlines.size(), 6000u);

@@ -281,8 +281,8 @@ struct Child {
 
 // A program folder with the reference files the build made beside the program.
 void makeHome(const fs::path& home) {
-    fs::create_directories(home);
-    fs::copy(fs::path(ORV_PROGRAM).parent_path() / "input", home / "input", fs::copy_options::recursive);
+    fs::create_directories(home / "input");
+    for (const char* name : {"dbase.enc", "airports.enc"}) test::shippedCopy(name, home / "input");
 }
 
 Child spawn(const std::vector<std::string>& args, const std::vector<std::string>& env,

@@ -50,6 +50,15 @@ inline std::string readBytes(const fs::path& p) {
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
+// A copy of one of the encrypted reference files the build made beside the program. Tests read
+// copies so that no plain file ever appears in the build's own folder while others copy from it.
+inline fs::path shippedCopy(const std::string& name, const fs::path& into) {
+    const auto target = into / name;
+    fs::copy_file(fs::path(ORV_PROGRAM).parent_path() / "input" / name, target,
+                  fs::copy_options::overwrite_existing);
+    return target;
+}
+
 // Opens Log.txt in a scratch folder for the test's lifetime.
 class LogCapture {
   public:

@@ -154,9 +154,6 @@ class QnhReader final : public UdpReader {
 };
 extern QnhReader gQnhReader;
 
-inline constexpr std::uint16_t kTrafficPort = 49005;
-inline constexpr std::uint16_t kWeatherPort = 49004;
-
 // The reader threads: names "Traffic Reader" and "QNH Reader". They are detached; a failure is
 // shown to the user and stops the run with reason 6.
 void gf_startTrafficReader(std::uint16_t port, bool localOnly);

@@ -205,8 +205,7 @@ void TrafficReader::processLineSub() {
         {
             std::uint32_t id = 0;
             const auto r = std::from_chars(f[1].data(), f[1].data() + f[1].size(), id);
-            if (r.ec != std::errc{} || f[1].empty() || f[1][0] < '0' || f[1][0] > '9')
-                throw std::runtime_error(fmt::format("hexid incorrect{}", f[1]));
+            if (r.ec != std::errc{}) throw std::runtime_error(fmt::format("hexid incorrect{}", f[1]));
             if (id <= 10000) {
                 ++counts.dropped;
                 return;

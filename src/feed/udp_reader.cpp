@@ -1,6 +1,5 @@
 #include "feed/feed.h"
 
-#include <cstring>
 #include <stdexcept>
 #include <thread>
 
