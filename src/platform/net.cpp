@@ -5,6 +5,7 @@
 #include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -154,6 +155,15 @@ RecvResult TcpStream::receive(char* buffer, std::size_t capacity, int timeoutMs)
     if (n > 0) return {RecvStatus::Data, static_cast<std::size_t>(n), 0};
     if (n == 0) return {RecvStatus::Failed, 0, 0};
     return {isTransient(errno) ? RecvStatus::Transient : RecvStatus::Failed, 0, errno};
+}
+
+void TcpStream::setNoDelay() {
+    const int yes = 1;
+    if (fd_ >= 0) setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+}
+
+void TcpStream::shutdownBoth() {
+    if (fd_ >= 0) ::shutdown(fd_, SHUT_RDWR);
 }
 
 void TcpStream::close() {

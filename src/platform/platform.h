@@ -110,6 +110,8 @@ class TcpStream {
     // Waits up to timeoutMs; Transient with size 0 on time-out, Failed with error 0 on a closed peer.
     RecvResult receive(char* buffer, std::size_t capacity, int timeoutMs);
     bool isOpen() const { return fd_ >= 0; }
+    void setNoDelay();   // small packets go out at once (Nagle off)
+    void shutdownBoth(); // wakes a receiver on another thread; the stream stays to be closed
     void close();
 
   private:
