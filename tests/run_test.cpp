@@ -280,9 +280,16 @@ struct Child {
 };
 
 // A program folder with the reference files the build made beside the program.
+// With a Steam-style simulator install under `appData` beside it.
 void makeHome(const fs::path& home) {
     fs::create_directories(home / "input");
     for (const char* name : {"dbase.enc", "airports.enc"}) test::shippedCopy(name, home / "input");
+    const auto packages = home.parent_path() / "appdata" / "Microsoft Flight Simulator" / "Packages";
+    fs::create_directories(packages / "Community");
+    fs::create_directories(packages / "Official");
+}
+std::vector<std::string> simFolders(const fs::path& dir) {
+    return {"--appdata", (dir / "appdata").string(), "--localappdata", (dir / "local").string()};
 }
 
 Child spawn(const std::vector<std::string>& args, const std::vector<std::string>& env,
@@ -326,14 +333,18 @@ TEST(Process, SecondInstanceLeavesWithMinusOneAndWritesNoLog) {
     const auto log1 = dir / "cfg1" / "Orvelline" / "Log.txt";
     const auto log2 = dir / "cfg2" / "Orvelline" / "Log.txt";
 
-    auto first = spawn({"--home", (dir / "home").string(), "--user-at", "44.882,-93.2218", "--stop-after",
-                        "60", "--traffic-port", "0", "--weather-port", "0"},
-                       {runtime, "XDG_CONFIG_HOME=" + (dir / "cfg1").string()});
+    std::vector<std::string> args = {"--home",         (dir / "home").string(),
+                                     "--stop-after",   "60",
+                                     "--traffic-port", "0",
+                                     "--weather-port", "0",
+                                     "--sim",          "127.0.0.1:1"};
+    for (const auto& a : simFolders(dir.path())) args.push_back(a);
+    auto first = spawn(args, {runtime, "XDG_CONFIG_HOME=" + (dir / "cfg1").string()});
     // The lock is taken before the log opens, so a log header means the lock is held.
     ASSERT_TRUE(waitFor([&] { return test::readBytes(log1).find("(utc)") != std::string::npos; }));
 
-    auto second = spawn({"--home", (dir / "home").string(), "--user-at", "44.882,-93.2218"},
-                        {runtime, "XDG_CONFIG_HOME=" + (dir / "cfg2").string()});
+    auto second =
+        spawn({"--home", (dir / "home").string()}, {runtime, "XDG_CONFIG_HOME=" + (dir / "cfg2").string()});
     EXPECT_EQ(second.wait(), 255);
     EXPECT_FALSE(fs::exists(log2));
 
@@ -360,22 +371,19 @@ TEST(Process, StartSequenceOutcomes) {
     };
     const Case cases[] = {
         {"damaged reference database",
-         {"--user-at", "44.882,-93.2218"},
+         {},
          "dbase.enc stream decrypt failed",
          "==> Exiting: SYSTEM ERROR",
          true},
-        {"non-production stops after reading",
-         {"/NO-PRODUCTION", "--user-at", "44.882,-93.2218"},
-         "",
-         "==> Exiting: USER CLOSED SIM"},
+        {"non-production stops after reading", {"/NO-PRODUCTION"}, "", "==> Exiting: USER CLOSED SIM"},
         {"no simulator folders is the user's to fix",
-         {"--production"},
+         {"--production", "--appdata", "/nonexistent/appdata"},
          "Error: 150: No install path detected. Type the full path to your Community folder above, then "
          "press "
          "Enter",
          "==> Exiting: SYSTEM ERROR"},
         {"missing program folder",
-         {"--home", "/nonexistent/orvelline", "--user-at", "1,1"},
+         {"--home", "/nonexistent/orvelline"},
          "Error: 41: Orvelline must be run from the /nonexistent/orvelline folder!",
          "==> Exiting: SYSTEM ERROR"},
     };
@@ -385,6 +393,10 @@ TEST(Process, StartSequenceOutcomes) {
         makeHome(dir / "home");
         auto args = c.args;
         for (const char* a : {"--traffic-port", "0", "--weather-port", "0"}) args.push_back(a);
+        if (std::find(args.begin(), args.end(), "--appdata") == args.end())
+            for (const auto& a : simFolders(dir.path())) args.push_back(a);
+        if (std::find(args.begin(), args.end(), "--localappdata") == args.end())
+            for (const char* a : {"--localappdata", "/nonexistent/local"}) args.push_back(a);
         if (std::find(args.begin(), args.end(), "--home") == args.end()) {
             args.push_back("--home");
             args.push_back((dir / "home").string());

@@ -37,7 +37,14 @@ Fills a running flight simulator with real-world air traffic.
   --no-production, /no-production   run the start sequence, then stop
   --home DIR                        the program folder (data files, airports, output);
                                     default: the folder of the executable
-  --user-at LAT,LON                 simulator stand-in: the user's parked position
+  --sim HOST:PORT                    where the simulator's SimConnect listens on TCP
+                                    (127.0.0.1:50500, where orvelline-simemu listens)
+  --appdata DIR, --localappdata DIR  the folders that stand for Windows' %APPDATA% and
+                                    %LOCALAPPDATA% when looking for the simulator's UserCfg.opt
+                                    (default: inside Steam's Proton prefix of the simulator,
+                                    ~/.local/share/Steam/steamapps/compatdata/1250410/pfx/
+                                    drive_c/users/steamuser/AppData/Roaming and .../Local;
+                                    2537590 for MSFS 2024)
   --stop-after SECONDS              close as the user would, after this many seconds
   --status                          print a status line every 5 seconds
   --traffic-port N, --weather-port N  UDP ports of the feed (49005 and 49004)
@@ -98,8 +105,23 @@ std::string gf_parseOptions(const std::vector<std::string>& args, Options& out, 
             std::string v;
             if (!value(v)) return "--home needs a folder";
             out.home = v;
-        } else if (a == "--user-at") {
-            if (!value(out.userAt)) return "--user-at needs LAT,LON";
+        } else if (a == "--sim") {
+            std::string v;
+            if (!value(v)) return "--sim needs HOST:PORT";
+            const auto colon = v.rfind(':');
+            int port = -1;
+            try {
+                if (colon != std::string::npos) port = std::stoi(v.substr(colon + 1));
+            } catch (const std::exception&) {
+            }
+            if (colon == std::string::npos || colon == 0 || port < 1 || port > 65535)
+                return fmt::format("--sim: '{}' is not HOST:PORT", v);
+            out.simHost = v.substr(0, colon);
+            out.simPort = static_cast<std::uint16_t>(port);
+        } else if (a == "--appdata" || a == "--localappdata") {
+            std::string v;
+            if (!value(v)) return fmt::format("{} needs a folder", a);
+            (a == "--appdata" ? out.appData : out.localAppData) = v;
         } else if (a == "--traffic-port" || a == "--weather-port") {
             std::string v;
             if (!value(v)) return fmt::format("{} needs a port number", a);

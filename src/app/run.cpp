@@ -201,7 +201,7 @@ void lf_startUpORVL() {
                 liveries::read();
                 gf_log(fmt::format("{} liveries, {} airport files", liveries::count(),
                                    scan::airportFileCount()));
-                sim::createFlightPlanFolder();
+                sim::gf_createFlightPlanFolder();
                 if (parking::checkParkAirports()) gf_log("park airports and stands are okay");
                 ui::enableControls();
                 if (!gParams.DESTINATION.empty()) {

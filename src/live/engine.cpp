@@ -5,6 +5,7 @@
 
 #include "app/app.h"
 #include "feed/feed.h"
+#include "sim/sim.h"
 
 namespace orv::live {
 
@@ -20,7 +21,8 @@ void engineFrame() {
     // Until aircraft records exist the frame only keeps the queue flowing: two samples a frame.
     const auto n = gf_takeTraffic(frameSamples.data(), frameSamples.size());
     taken.fetch_add(n, std::memory_order_relaxed);
-    gRun.engineTick.fetch_add(1, std::memory_order_relaxed);
+    // The user's position every second; the client only tries its lock, so the frame never waits.
+    if (gRun.engineTick.fetch_add(1, std::memory_order_relaxed) % 100 == 0) sim::requestUserPosition();
 }
 
 void drainEvents() {}

@@ -8,6 +8,7 @@ bool checkParkAirports() {
 void followUp() {}
 void idleRefresh() {}
 void recalculate() {}
+void saveUserStand() {}
 void reset() {}
 
 } // namespace orv::parking

@@ -1,10 +1,112 @@
 // The simulator link: the SimConnect client thread, the simulator's folders, flight plans.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "simconnect/simconnect.h"
 
 namespace orv::sim {
+
+// ---- Ids of the client's definitions, requests, events and group -----------------------------
+
+enum Definition : std::uint32_t {
+    kDefControls = 401,
+    kDefAiPosition = 402,
+    kDefUserPosition = 403,
+    kDefInRange = 404,
+    kDefStatic = 405,
+    kDefLightOn = 406,
+    kDefTitle = 407,
+    kDefModel = 408,
+    kDefOnGround = 409
+};
+enum Request : std::uint32_t {
+    kReqInRange = 101,
+    kReqStatic = 102,
+    kReqRelease = 103,
+    kReqCreate = 104,
+    kReqRemove = 105,
+    kReqTitle = 106,
+    kReqModel = 107,
+    kReqOnGround = 108,
+    kReqUserPosition = 109,
+    kReqFlightPlan = 110
+};
+enum SystemEvent : std::uint32_t {
+    kEvSim = 201,
+    kEvObjectAdded = 202,
+    kEvObjectRemoved = 203,
+    kEvFrame = 204,
+    kEvFlightLoaded = 205
+};
+enum ClientEvent : std::uint32_t {
+    kBeaconLights = 206,
+    kNavLights = 207,
+    kTaxiLights = 208,
+    kStrobes = 209,
+    kLandingLights = 210,
+    kCabinLights = 211,
+    kLogoLights = 212,
+    kAllLightsToggle = 213,
+    kFreezeLatLon = 214,
+    kFreezeAltitude = 215,
+    kFreezeAttitude = 216,
+    kFlapsSet = 217,
+    kSpoilersSet = 218,
+    kGearSet = 219,
+    kEngineAutoStart = 220,
+    kEngineAutoShutdown = 221,
+    kThrottleSet = 222
+};
+inline constexpr std::uint32_t kGroup = 301;
+
+// ---- Work lists from the engine, and messages back -------------------------------------------
+
+// The eight values of definition 402, in its order, and the object they go to.
+struct PositionRecord {
+    double latitude = 0, longitude = 0, pitch = 0, bank = 0, heading = 0, altitude = 0, verticalSpeed = 0,
+           airspeed = 0;
+    std::uint32_t objectId = 0;
+};
+struct EventRecord {
+    std::uint32_t objectId = 0, eventId = 0, data = 0;
+};
+struct CreateRecord {
+    simconnect::SIMCONNECT_DATA_INITPOSITION init;
+    std::string tailNumber; // the callsign
+    std::string title;      // the container title
+    std::uint32_t hexid = 0;
+};
+
+enum class SimEventKind : std::int32_t {
+    LiveCreated = 0,
+    StaticCreated = 1,
+    Removed = 2,
+    ForeignInRange = 3,
+    StaticData = 4,
+    CreationFailed = 6
+};
+struct SimEvent {
+    std::uint32_t objectId = 0;
+    std::uint32_t hexid = 0; // kind 3: the on-ground flag
+    SimEventKind kind = SimEventKind::LiveCreated;
+    double value = 0, value2 = 0;
+};
+
+// The twelve fields of definition 403.
+struct UserData {
+    double latitude = 0, longitude = 0, pitch = 0, bank = 0, heading = 0, altitude = 0, altAboveGround = 0,
+           groundVelocity = 0;
+    std::int64_t zuluTime = 0, zuluDayOfYear = 0, zuluYear = 0, lightStates = 0;
+};
 
 struct UserPosition {
     double latitude = 0.0;
@@ -13,20 +115,97 @@ struct UserPosition {
     bool onGround = true;
 };
 
-// Starts the client thread; it sets simRunning and the user position once the simulator
-// answers, and secondElapsed on the simulator's one-second event.
-void startClient();
-void stopClient();
-void requestUserOnGround();
+// ---- The client ------------------------------------------------------------------------------
+
+// The simulator's SimConnect is at --sim HOST:PORT. Makes the SimConnect handle; tests and scenario runs put
+// an in-memory connection here.
+using ApiFactory = std::function<std::unique_ptr<simconnect::Api>(bool msfs2024)>;
+void setApiFactory(ApiFactory factory); // empty: the network client to --sim
+bool msfs2020Selected();                // SIM_CHOICE is "MSFS 2020"
+
+void startClient(); // the "SimClient" thread
+void stopClient();  // sets its stop token and joins it
+// One pass of the thread's loop: open or dispatch. False when the thread would end.
+enum class Pass { Waiting, Connected, End };
+Pass pollOnce();
+bool connected();
+
+// Operations for the engine and the start sequence. They only try simLock: when the frame
+// handler holds it they skip (requests) or report false (lists), and the caller tries again.
+UserData requestUserPosition();
+void requestTitleAndModel();
+void requestUserOnGround(); // the every-second on-ground request, and the first position, title, model
+void requestInRange(int rangeNm);
+bool addCreate(const CreateRecord& record);
+bool addRemove(std::uint32_t objectId);
+bool addPosition(const PositionRecord& record);
+bool addEvent(std::uint32_t objectId, std::uint32_t eventId, std::uint32_t data);
+bool engineStart(std::uint32_t objectId);
+bool engineShutdown(std::uint32_t objectId);
+bool navLights(std::uint32_t objectId, bool on);
+bool cabinLights(std::uint32_t objectId, bool on);
+// Nav, beacon, landing, taxi, strobes, logo, cabin: one event each.
+bool setLights(std::uint32_t objectId, const bool (&states)[7]);
+// Sets an AI aircraft's flight plan file; false if the call failed.
+bool setFlightPlan(std::uint32_t objectId, const std::string& path);
+
+// Messages for the engine, taken in one swap.
+void takeEvents(std::vector<SimEvent>& out);
+
 std::optional<UserPosition> userPosition();
 bool userTitleKnown();
+std::string userTitle();
+std::string userModel();
+double userHalfSpanNm();
+std::string simulatorText(); // "KittyHawk (11.0.282174.999) connected"
+std::string nearestArea();
+std::uint32_t userObjectId();
+bool simFailed();
+// The epoch from the user's zulu time, computed while a professional RealTraffic is connected.
+void setEpochWanted(bool wanted);
+std::int64_t epochTime();
+std::int64_t gf_epochFromZulu(std::int64_t year, std::int64_t dayOfYear, std::int64_t zuluSeconds);
+// The ICAO type of a model text as the simulator reports it.
+std::string gf_normaliseModel(const std::string& model, const std::string& title);
+
 void clearLists(); // positions and commands waiting for the simulator
 void reset();
 
-// Where the simulator's packages lie; empty when none was found.
-std::string installPath();
+// ---- Installation ----------------------------------------------------------------------------
 
-bool createFlightPlanFolder();
+// The folders that stand for Windows' %APPDATA% and %LOCALAPPDATA% on this machine; by default
+// those of the simulator's Proton prefix under Steam.
+struct KnownFolders {
+    std::filesystem::path appData, localAppData;
+};
+KnownFolders knownFolders();
+void setKnownFolders(std::optional<KnownFolders> folders); // nullopt: the defaults
+
+std::filesystem::path gf_findUserCfg();
+std::filesystem::path gf_steamPackagesPath();
+std::filesystem::path gf_installedPackagesPath();
+bool gf_isPackagesFolder(const std::filesystem::path& path);
+std::filesystem::path gf_detectInstallPath(); // stores a result in the parameters
+std::filesystem::path gf_communityPath();
+std::filesystem::path gf_officialPath();
+// At start: the stored path of the selected simulator, else the detected one; empty if none.
+std::string installPath();
+// A path the user typed; empty when it was taken (the program restarts), else the reason.
+std::string gf_typedInstallPath(const std::string& text);
+void lf_switchSimulator();
+
+// ---- Flight plans ----------------------------------------------------------------------------
+
+struct PlanAircraft {
+    std::uint32_t hexid = 0, objectId = 0;
+    int category = 2;
+    std::string origin, destination; // three-letter codes
+    std::string name;                // for the log
+};
+bool gf_createFlightPlanFolder();
+std::filesystem::path planPath(std::uint32_t hexid);
+bool writePlan(const std::filesystem::path& path, const PlanAircraft& aircraft);
+void loadPlan(const PlanAircraft& aircraft);
 std::string removeFlightPlanFolder(); // empty on success, else the reason
 
 } // namespace orv::sim

@@ -1,3 +1,5 @@
+#include <mutex>
+
 #include <fmt/format.h>
 
 #include "simconnect/simconnect.h"
@@ -38,6 +40,7 @@ class NetworkClient final : public Api {
     }
 
     HRESULT Close() override {
+        std::lock_guard lock(mutex_);
         if (!transport_) return E_FAIL;
         transport_->close();
         transport_.reset();
@@ -45,17 +48,22 @@ class NetworkClient final : public Api {
     }
 
     HRESULT CallDispatch(DispatchProc proc, void* context) override {
-        if (!transport_) return quitDelivered_ ? E_FAIL : S_OK;
         for (;;) {
-            const long n = transport_->receive(buffer_.data(), buffer_.size(), 0);
+            long n;
+            {
+                std::lock_guard lock(mutex_);
+                if (!transport_) return quitDelivered_ ? E_FAIL : S_OK;
+                n = transport_->receive(buffer_.data(), buffer_.size(), 0);
+            }
             if (n < 0) return lost(proc, context, "the simulator closed the connection");
             if (n == 0) break;
             reassembler_.feed(Bytes(buffer_.data(), static_cast<std::size_t>(n)));
             while (const auto packet = reassembler_.next()) {
                 auto decoded = decodeServer(*packet);
                 if (auto* e = std::get_if<std::string>(&decoded)) return lost(proc, context, *e);
-                proc(std::get<Received>(decoded), context);
-                if (!transport_) return S_OK; // the callback closed the connection
+                const auto& message = std::get<Received>(decoded);
+                if (message.id == SIMCONNECT_RECV_ID_QUIT) quitDelivered_ = true;
+                proc(message, context);
             }
             if (!reassembler_.error().empty()) return lost(proc, context, reassembler_.error());
         }
@@ -121,6 +129,7 @@ class NetworkClient final : public Api {
 
   private:
     HRESULT send(const ClientPacket& p) {
+        std::lock_guard lock(mutex_);
         if (!transport_) return E_FAIL;
         const auto bytes = encodeClient(p, protocol_, ++sendCount_);
         if (!transport_->send(bytes)) {
@@ -146,6 +155,8 @@ class NetworkClient final : public Api {
         return S_OK;
     }
 
+    // Sends come from several threads (each under the caller's own lock) while one dispatches.
+    std::mutex mutex_;
     TransportFactory connect_;
     DWORD protocol_;
     std::unique_ptr<Transport> transport_;

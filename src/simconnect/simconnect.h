@@ -446,6 +446,9 @@ std::unique_ptr<Transport> connectTcp(std::string_view host, std::uint16_t port,
 // An accepted connection, for servers.
 std::unique_ptr<Transport> wrapTcp(platform::TcpStream stream);
 
+// A factory that hands out this one connection, then none (an in-memory end, say).
+TransportFactory transportOnce(std::unique_ptr<Transport> transport);
+
 // Two connected ends in memory: what one sends the other receives. Either side closing ends both.
 std::pair<std::unique_ptr<Transport>, std::unique_ptr<Transport>> makeMemoryPipe();
 

@@ -81,6 +81,14 @@ std::unique_ptr<Transport> wrapTcp(platform::TcpStream stream) {
     return std::make_unique<TcpTransport>(std::move(stream));
 }
 
+TransportFactory transportOnce(std::unique_ptr<Transport> transport) {
+    auto holder = std::make_shared<std::unique_ptr<Transport>>(std::move(transport));
+    return [holder](std::string& error) {
+        if (!*holder) error = "this connection was used already";
+        return std::move(*holder);
+    };
+}
+
 std::pair<std::unique_ptr<Transport>, std::unique_ptr<Transport>> makeMemoryPipe() {
     auto s = std::make_shared<PipeState>();
     return {std::make_unique<PipeEnd>(s, 0), std::make_unique<PipeEnd>(s, 1)};

@@ -1,0 +1,846 @@
+// The "SimClient" thread: owns the SimConnect connection, empties the engine's work lists on
+// every simulator frame, and turns what the simulator says into state and engine messages.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "app/app.h"
+#include "feed/feed.h"
+#include "params/params.h"
+#include "parking/parking.h"
+#include "platform/platform.h"
+#include "refdata/refdata.h"
+#include "sim/sim.h"
+#include "ui/ui.h"
+
+namespace orv::sim {
+
+using namespace simconnect;
+
+namespace {
+
+struct Datum {
+    std::uint32_t definition;
+    const char* name;
+    const char* units;
+    DWORD type;
+};
+constexpr DWORD F64 = SIMCONNECT_DATATYPE_FLOAT64, I64 = SIMCONNECT_DATATYPE_INT64;
+constexpr Datum kDefinitions[] = {
+    {401, "SPOILERS HANDLE POSITION", "percent", F64},
+    {401, "GENERAL ENG THROTTLE LEVER POSITION:1", "percent", F64},
+    {401, "GENERAL ENG THROTTLE LEVER POSITION:2", "percent", F64},
+    {402, "Plane Latitude", "degree", F64},
+    {402, "Plane Longitude", "degree", F64},
+    {402, "Plane Pitch degrees", "radians", F64},
+    {402, "Plane Bank degrees", "radians", F64},
+    {402, "Plane Heading degrees true", "radians", F64},
+    {402, "Plane Altitude", "feet", F64},
+    {402, "Vertical Speed", "feet per second", F64},
+    {402, "Airspeed True", "knots", F64},
+    {403, "Plane Latitude", "degree", F64},
+    {403, "Plane Longitude", "degree", F64},
+    {403, "Plane Pitch degrees", "radians", F64},
+    {403, "Plane Bank degrees", "radians", F64},
+    {403, "Plane Heading degrees true", "radians", F64},
+    {403, "Plane Altitude", "feet", F64},
+    {403, "Plane Alt Above Ground", "feet", F64},
+    {403, "Ground Velocity", "knots", F64},
+    {403, "ZULU TIME", "Seconds", I64},
+    {403, "ZULU DAY OF YEAR", "Number", I64},
+    {403, "ZULU YEAR", "Number", I64},
+    {403, "LIGHT STATES", "Mask", I64},
+    {404, "Plane Alt Above Ground", "feet", F64},
+    {404, "Ground Altitude", "feet", F64},
+    {404, "SIM ON GROUND", "Bool", I64},
+    {404, "ATC ID", "", SIMCONNECT_DATATYPE_STRING32},
+    {405, "Static CG to Ground", "feet", F64},
+    {405, "Static Pitch", "radians", F64},
+    {406, "Light On States", "Mask", I64},
+    {407, "TITLE", "", SIMCONNECT_DATATYPE_STRINGV},
+    {408, "ATC MODEL", "", SIMCONNECT_DATATYPE_STRING32},
+    {409, "SIM ON GROUND", "Bool", I64},
+};
+constexpr std::pair<DWORD, const char*> kSystemEvents[] = {{kEvSim, "Sim"},
+                                                           {kEvObjectAdded, "ObjectAdded"},
+                                                           {kEvObjectRemoved, "ObjectRemoved"},
+                                                           {kEvFrame, "Frame"},
+                                                           {kEvFlightLoaded, "FlightLoaded"}};
+constexpr std::pair<DWORD, const char*> kClientEvents[] = {
+    {kBeaconLights, "BEACON_LIGHTS_SET"},
+    {kNavLights, "NAV_LIGHTS_SET"},
+    {kTaxiLights, "TAXI_LIGHTS_SET"},
+    {kStrobes, "STROBES_SET"},
+    {kLandingLights, "LANDING_LIGHTS_SET"},
+    {kCabinLights, "CABIN_LIGHTS_SET"},
+    {kLogoLights, "LOGO_LIGHTS_SET"},
+    {kAllLightsToggle, "ALL_LIGHTS_TOGGLE"},
+    {kFreezeLatLon, "FREEZE_LATITUDE_LONGITUDE_SET"},
+    {kFreezeAltitude, "FREEZE_ALTITUDE_SET"},
+    {kFreezeAttitude, "FREEZE_ATTITUDE_SET"},
+    {kFlapsSet, "FLAPS_SET"},
+    {kSpoilersSet, "SPOILERS_SET"},
+    {kGearSet, "GEAR_SET"},
+    {kEngineAutoStart, "ENGINE_AUTO_START"},
+    {kEngineAutoShutdown, "ENGINE_AUTO_SHUTDOWN"},
+    {kThrottleSet, "THROTTLE_SET"},
+};
+
+struct PendingCreation {
+    DWORD sendId;
+    std::uint32_t hexid;
+    std::string tailNumber;
+};
+
+// Shared with the engine and the start sequence, under simLock.
+struct Shared {
+    std::mutex simLock;
+    std::vector<PositionRecord> positionList;
+    std::vector<EventRecord> eventList;
+    std::vector<CreateRecord> createList;
+    std::vector<DWORD> removeList;
+    UserData userData;
+};
+Shared shared;
+
+std::mutex eventLock;
+std::vector<SimEvent> eventQueue;
+
+std::mutex textLock; // the status texts below
+std::string titleText, modelText, simText, areaText;
+
+std::atomic<bool> titleKnown{false}, onGroundKnown{false}, userOnGround{true}, positionKnown{false};
+std::atomic<bool> failed{false}, epochWanted{false}, isConnected{false};
+std::atomic<std::int64_t> epoch{0};
+std::atomic<std::uint32_t> userId{0};
+std::atomic<double> halfSpanNm{0};
+
+// The SimClient thread's own state.
+struct ThreadState {
+    std::unique_ptr<Api> api;
+    bool firstPass = true;
+    bool quitReceived = false;
+    bool asGenLogged = false;
+    double previousLat = 0, previousLon = 0;
+    std::vector<PendingCreation> pendingCreations;
+    std::vector<DWORD> addedObjects;
+};
+ThreadState ts;
+
+ApiFactory apiFactory;
+std::thread clientThread;
+std::atomic<bool> stopToken{false};
+
+bool stopUnderWay() {
+    return gRun.stopRequested.load(std::memory_order_acquire);
+}
+
+void post(const SimEvent& e) {
+    std::lock_guard lock(eventLock);
+    eventQueue.push_back(e);
+}
+
+void requestFailure() {
+    gf_message("SimConnect request error", true);
+    failed = true;
+    gf_requestStop(ExitReason::SimconnectError, 9);
+}
+
+void newFlight(std::string_view text) {
+    gf_log(text);
+    parking::saveUserStand();
+    gf_requestStop(ExitReason::NewFlight, 45);
+}
+
+void lostSimulator() {
+    gRun.simRunning = false;
+    gf_log(fmt::format("{} Flight Simulator no longer connected, {} will stop ...", gf_timeText(), kAppName));
+    gf_requestStop(ExitReason::SimWasClosed, 0);
+}
+
+std::string keepPrintable(std::string_view s) {
+    std::string out;
+    for (const char c : s)
+        if (std::isalnum(static_cast<unsigned char>(c)) || c == ' ') out += c;
+    return out;
+}
+
+// ---- messages ----
+
+void onException(const RecvException& e) {
+    switch (e.exception) {
+    case SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID:
+        if (positionKnown && !stopUnderWay()) gf_log("SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID");
+        break;
+    case SIMCONNECT_EXCEPTION_VERSION_MISMATCH:
+        throw UserErrorException(95, fmt::format("SimConnect Version Mismatch, dwIndex: {}", e.index));
+    case SIMCONNECT_EXCEPTION_TOO_MANY_OBJECTS:
+        gf_message("SimConnect: too many objects (max 1000)", true);
+        break;
+    case SIMCONNECT_EXCEPTION_INVALID_DATA_SIZE:
+        gf_log("SIMCONNECT_EXCEPTION_INVALID_DATA_SIZE");
+        break;
+    case SIMCONNECT_EXCEPTION_CREATE_OBJECT_FAILED: {
+        auto& p = ts.pendingCreations;
+        const auto it = std::find_if(p.begin(), p.end(), [&](const auto& c) { return c.sendId == e.sendId; });
+        if (it == p.end()) break;
+        post({0, it->hexid, SimEventKind::CreationFailed, 0, 0});
+        p.erase(it);
+        break;
+    }
+    case SIMCONNECT_EXCEPTION_LOAD_FLIGHTPLAN_FAILED:
+        gf_log("SimConnect exception: load flight plan failed");
+        break;
+    case SIMCONNECT_EXCEPTION_OPERATION_INVALID_FOR_OBJECT_TYPE:
+        gf_log("SIMCONNECT_EXCEPTION_OPERATION_INVALID_FOR_OBJECT_TYPE");
+        break;
+    default:
+        gf_log(fmt::format("SIMCONNECT_EXCEPTION #{}", e.exception));
+    }
+}
+
+void onOpen(const RecvOpen& o) {
+    const std::string name = keepPrintable(o.applicationName);
+    if (name.empty()) {
+        gf_log("! Simulator name empty?");
+        return;
+    }
+    bool is2020;
+    if (name == "KittyHawk")
+        is2020 = true;
+    else if (name == "SunRise")
+        is2020 = false;
+    else
+        throw UserErrorException(77,
+                                 fmt::format("'{}' not being MSFS 2020 or MSFS 2024 connects ... ?", name));
+    if (is2020 != msfs2020Selected())
+        throw UserErrorException(2024, fmt::format("2024: {} answered, but {} is selected", name,
+                                                   msfs2020Selected() ? "MSFS 2020" : "MSFS 2024"));
+    const auto text =
+        fmt::format("{} connected",
+                    fmt::format("{} ({}.{}.{}.{})", name, o.applicationVersionMajor,
+                                o.applicationVersionMinor, o.applicationBuildMajor, o.applicationBuildMinor));
+    {
+        std::lock_guard lock(textLock);
+        simText = text;
+    }
+    gf_message(text, true);
+    ui::setIndicator(ui::Indicator::Simulator, 1);
+}
+
+void onTitle(DataReader in) {
+    std::string title(in.stringV().value_or(""));
+    if (title.empty()) gf_log("! Title of your aircraft is empty?");
+    if (title.size() > 48) title.resize(48);
+    bool changed;
+    {
+        std::lock_guard lock(textLock);
+        changed = title != titleText;
+        titleText = title;
+    }
+    if (changed) {
+        ui::repaint(ui::Region::All);
+        gf_log("SimConnect: User aircraft title: " + title);
+    }
+    titleKnown = true;
+}
+
+void onModel(DataReader in) {
+    std::string raw(in.fixed(32).value_or(""));
+    gf_log(fmt::format("model raw: {}", raw));
+    std::string title;
+    {
+        std::lock_guard lock(textLock);
+        title = titleText;
+    }
+    std::string model = gf_normaliseModel(raw, title);
+    if (model.empty()) {
+        {
+            std::lock_guard lock(textLock);
+            simText = "Unknown (encrypted?) aircraft";
+        }
+        gf_message("171: No model info from your user aircraft received in SimConnect, CRJ7 is taken instead",
+                   true);
+        model = "CRJ7";
+    }
+    const auto spanOf = [](const std::string& m) { return m.size() <= 4 ? gf_halfSpan(gf_modelId(m)) : 0.0; };
+    double span = 0;
+    if (model.find("camerapod") != std::string::npos || model.find("Crew Vessel") != std::string::npos) {
+        gf_log("SimConnect: your vehicle is not an aircraft");
+        span = gf_halfSpan(gf_modelId("E190"));
+    } else {
+        span = spanOf(model);
+    }
+    bool largest = false;
+    if (span <= 0) {
+        span = gf_largestHalfSpan();
+        largest = true;
+        for (const char* t : {"A319", "A320", "A321"})
+            if (title.starts_with(fmt::format("Aerosoft {}", t))) {
+                model = t;
+                gf_log("SimConnect: User aircraft model deduced from title: " + title);
+                if (const double s = spanOf(model); s > 0) span = s, largest = false;
+            }
+    }
+    if (span <= 0)
+        throw UserErrorException(73, "It looks like you have not selected an aircraft as user vehicle");
+    if (largest)
+        gf_message("User aircraft wing span unknown, max is taken instead, please report in my Forum!", true);
+    halfSpanNm = span;
+    {
+        std::lock_guard lock(textLock);
+        modelText = model;
+    }
+    gf_log(fmt::format("SimConnect: User aircraft model: {}, half wing span: {:.1F} meter, category: {}",
+                       model, span * 1852.0, gf_categoryWord(gf_category(gf_modelId(model)))));
+}
+
+void onUserPosition(DWORD objectId, DataReader in) {
+    UserData u;
+    for (double* f : {&u.latitude, &u.longitude, &u.pitch, &u.bank, &u.heading, &u.altitude,
+                      &u.altAboveGround, &u.groundVelocity})
+        *f = in.f64().value_or(0.0);
+    for (std::int64_t* f : {&u.zuluTime, &u.zuluDayOfYear, &u.zuluYear, &u.lightStates})
+        *f = in.i64().value_or(0);
+    if (u.altitude < 0) u.altitude = 0.0;
+    {
+        std::lock_guard lock(shared.simLock);
+        shared.userData = u;
+    }
+    const bool nonZero = std::fabs(u.latitude) > 0.0001 || std::fabs(u.longitude) > 0.0001;
+    const bool previousNonZero = std::fabs(ts.previousLat) > 0.0001 || std::fabs(ts.previousLon) > 0.0001;
+    if (nonZero && previousNonZero &&
+        gf_distanceNm(LatLon{ts.previousLat, ts.previousLon}, LatLon{u.latitude, u.longitude}) > 10.0) {
+        gf_log("Teleport");
+        gf_requestStop(ExitReason::NewFlight, 45);
+    }
+    ts.previousLat = u.latitude;
+    ts.previousLon = u.longitude;
+    if (nonZero) positionKnown = true;
+    if (const auto near = gf_closestAirport(u.latitude, u.longitude)) {
+        const std::string area(near->code.view());
+        bool changed;
+        {
+            std::lock_guard lock(textLock);
+            changed = area != areaText;
+            areaText = area;
+        }
+        if (changed) ui::repaint(ui::Region::All);
+    }
+    if (epochWanted) epoch = gf_epochFromZulu(u.zuluYear, u.zuluDayOfYear, u.zuluTime);
+    userId = objectId;
+}
+
+void onInRange(const RecvSimObjectData& m) {
+    if (m.objectId <= userId) return;
+    DataReader in(m.data);
+    const double above = in.f64().value_or(0), ground = in.f64().value_or(0);
+    const bool onGround = in.i64().value_or(0) != 0;
+    const std::string atcId(in.fixed(32).value_or(""));
+    auto& added = ts.addedObjects;
+    const auto it = std::find(added.begin(), added.end(), m.objectId);
+    if (it == added.end()) {
+        if (above > 2500.0 || atcId.empty() || atcId.back() == '*') return;
+        post({m.objectId, onGround ? 1u : 0u, SimEventKind::ForeignInRange, ground, above});
+        return;
+    }
+    added.erase(it);
+    auto& p = ts.pendingCreations;
+    const auto mine = std::find_if(p.begin(), p.end(), [&](const auto& c) { return c.tailNumber == atcId; });
+    if (mine == p.end()) {
+        if (atcId == "AS-GEN") {
+            if (!ts.asGenLogged)
+                gf_log(fmt::format(
+                    "\nSpawned by Asobo, oid: {}, callsign AS-GEN, altaboveGnd:{:.0f} ft, onground:{}, "
+                    "gnd_alt:{:.0f} ft\nThis message will be logged only once...\n",
+                    m.objectId, above, onGround, ground));
+            ts.asGenLogged = true;
+        } else {
+            gf_log(fmt::format("just spawned, but not by {}, oid: {}, callsign '{}', altaboveGnd:{:.0f} ft, "
+                               "onground:{}, gnd_alt:{:.0f} ft",
+                               kAppName, m.objectId, atcId, above, onGround, ground));
+        }
+        return;
+    }
+    const std::uint32_t hexid = mine->hexid;
+    p.erase(mine);
+    {
+        std::lock_guard lock(shared.simLock);
+        ts.api->AIReleaseControl(m.objectId, kReqRelease);
+        for (const DWORD e : {kFreezeLatLon, kFreezeAltitude, kFreezeAttitude})
+            shared.eventList.push_back({m.objectId, e, 1});
+    }
+    if (hexid <= 10000)
+        post({m.objectId, hexid, SimEventKind::StaticCreated, 0, 0});
+    else
+        post({m.objectId, hexid, SimEventKind::LiveCreated, above, 0});
+}
+
+void onObjectData(const RecvSimObjectData& m) {
+    DataReader in(m.data);
+    switch (m.requestId) {
+    case kReqStatic: {
+        const double cg = in.f64().value_or(0), pitch = in.f64().value_or(0);
+        post({m.objectId, 0, SimEventKind::StaticData, cg, pitch});
+        break;
+    }
+    case kReqTitle:
+        onTitle(in);
+        break;
+    case kReqModel:
+        onModel(in);
+        break;
+    case kReqOnGround:
+        if (positionKnown) {
+            userOnGround = in.i64().value_or(1) != 0;
+            onGroundKnown = true;
+        }
+        gRun.secondElapsed.store(true, std::memory_order_release);
+        break;
+    case kReqUserPosition:
+        onUserPosition(m.objectId, in);
+        break;
+    default:
+        break;
+    }
+}
+
+void runWorkLists() {
+    std::unique_lock lock(shared.simLock, std::try_to_lock);
+    if (!lock.owns_lock()) return; // the engine is filling the lists: next frame
+    if (failed) {
+        shared.positionList.clear(), shared.eventList.clear(), shared.createList.clear(),
+            shared.removeList.clear();
+        return;
+    }
+    Api& api = *ts.api;
+    const DWORD user = userId;
+    for (const auto& p : shared.positionList) {
+        if (p.objectId <= user) continue;
+        std::array<std::uint8_t, 64> data;
+        const double values[8] = {p.latitude, p.longitude, p.pitch,         p.bank,
+                                  p.heading,  p.altitude,  p.verticalSpeed, p.airspeed};
+        std::memcpy(data.data(), values, sizeof values);
+        api.SetDataOnSimObject(kDefAiPosition, p.objectId, 0, 0, 64, data.data());
+    }
+    shared.positionList.clear();
+    for (const auto& e : shared.eventList) {
+        if (e.eventId == kFlapsSet) api.AIReleaseControl(e.objectId, kReqRelease);
+        if (api.TransmitClientEvent(e.objectId, e.eventId, e.data, kGroup, 0) < 0)
+            gf_message(fmt::format("SimConnect TransmitClientEvent: {} fails", e.eventId));
+        else if (e.eventId == kFlapsSet)
+            api.AIReleaseControl(e.objectId, kReqRelease);
+    }
+    shared.eventList.clear();
+    for (const auto& c : shared.createList) {
+        DWORD sendId = 0;
+        if (api.AICreateNonATCAircraft(c.title, c.tailNumber, c.init, kReqCreate) < 0) {
+            gf_log(fmt::format("! Simcon call to create ac in sim failed, hexid:{}, liv: '{}', callsign: {})",
+                               c.hexid, c.title, c.tailNumber));
+            requestFailure();
+            break;
+        }
+        if (api.GetLastSentPacketID(&sendId) < 0) gf_log("GetLastSentPacketID");
+        ts.pendingCreations.push_back({sendId, c.hexid, c.tailNumber});
+    }
+    shared.createList.clear();
+    for (const DWORD id : shared.removeList) {
+        if (id > user) {
+            if (api.AIRemoveObject(id, kReqRemove) < 0) {
+                gf_log(fmt::format("{} !SimConnect call to remove AI ac from sim failed, id {}?",
+                                   gf_timeText(), id));
+                requestFailure();
+                break;
+            }
+        } else {
+            gf_log(fmt::format("SimConnect call to remove ac with objectid {}", id));
+        }
+    }
+    shared.removeList.clear();
+}
+
+void dispatch(const Received& m, void*) {
+    switch (m.id) {
+    case SIMCONNECT_RECV_ID_EXCEPTION:
+        onException(std::get<RecvException>(m.body));
+        break;
+    case SIMCONNECT_RECV_ID_OPEN:
+        onOpen(std::get<RecvOpen>(m.body));
+        break;
+    case SIMCONNECT_RECV_ID_QUIT:
+        gRun.simRunning = false;
+        ts.quitReceived = true;
+        break;
+    case SIMCONNECT_RECV_ID_EVENT: {
+        const auto& e = std::get<RecvEvent>(m.body);
+        if (e.eventId == kEvSim) {
+            gRun.simRunning = e.data == 1;
+            ui::repaint(ui::Region::Indicators);
+        } else if (e.eventId == kEvFlightLoaded && !stopUnderWay()) {
+            newFlight("SimConnect: flight loaded event");
+        }
+        break;
+    }
+    case SIMCONNECT_RECV_ID_EVENT_OBJECT_ADDREMOVE: {
+        const auto& e = std::get<RecvEventObjectAddRemove>(m.body);
+        if (e.objectType != SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) break;
+        if (e.eventId == kEvObjectAdded && e.data > userId)
+            ts.addedObjects.push_back(e.data);
+        else if (e.eventId == kEvObjectRemoved)
+            post({e.data, 0, SimEventKind::Removed, 0, 0});
+        break;
+    }
+    case SIMCONNECT_RECV_ID_EVENT_FILENAME:
+        if (!stopUnderWay()) newFlight("SimConnect: New file event");
+        break;
+    case SIMCONNECT_RECV_ID_EVENT_FRAME:
+        runWorkLists();
+        break;
+    case SIMCONNECT_RECV_ID_SIMOBJECT_DATA:
+        onObjectData(std::get<RecvSimObjectData>(m.body));
+        break;
+    case SIMCONNECT_RECV_ID_SIMOBJECT_DATA_BYTYPE:
+        if (std::get<RecvSimObjectData>(m.body).requestId == kReqInRange)
+            onInRange(std::get<RecvSimObjectData>(m.body));
+        break;
+    case SIMCONNECT_RECV_ID_ASSIGNED_OBJECT_ID:
+    case SIMCONNECT_RECV_ID_CLIENT_DATA:
+    case SIMCONNECT_RECV_ID_EVENT_EX1:
+        break;
+    default:
+        gf_log(fmt::format("! Unknown Dispatch dwID {}", m.id));
+    }
+}
+
+void definitions(Api& api) {
+    for (const auto& [id, name] : kSystemEvents) api.SubscribeToSystemEvent(id, name);
+    for (const auto& d : kDefinitions)
+        api.AddToDataDefinition(d.definition, d.name, d.units, d.type, 0, SIMCONNECT_UNUSED);
+    for (const auto& [id, name] : kClientEvents) api.MapClientEventToSimEvent(id, name);
+    for (const auto& [id, name] : kClientEvents)
+        if (id != kEngineAutoStart) api.AddClientEventToNotificationGroup(kGroup, id, true);
+    api.SetNotificationGroupPriority(kGroup, SIMCONNECT_GROUP_PRIORITY_HIGHEST);
+}
+
+// Ends the connection: the thread stops here, or waits for a new simulator.
+void closeConnection() {
+    if (isConnected.exchange(false)) {
+        parking::saveUserStand();
+        {
+            std::lock_guard lock(textLock);
+            simText.clear();
+        }
+        ui::setIndicator(ui::Indicator::Simulator, 0);
+        platform::timeEndPeriod(1);
+    }
+    if (ts.api) {
+        std::lock_guard lock(shared.simLock);
+        if (ts.api->Close() >= 0) gf_log("SimConnect closed ok");
+        ts.api.reset();
+    }
+}
+
+std::unique_ptr<Api> makeApi() {
+    if (apiFactory) return apiFactory(!msfs2020Selected());
+    return makeNetworkClient([host = gOptions.simHost, port = gOptions.simPort](
+                                 std::string& error) { return connectTcp(host, port, error); },
+                             msfs2020Selected() ? kProtocolMsfs2020 : kProtocolMsfs2024);
+}
+
+// A try-lock for the operations other threads call: they never wait for the frame handler.
+template <class F>
+bool underSimLock(F f) {
+    std::unique_lock lock(shared.simLock, std::try_to_lock);
+    if (!lock.owns_lock()) return false;
+    f();
+    return true;
+}
+
+// A request that other threads make; its failure is a request failure.
+void request(const char* failText, DWORD requestId, DWORD define, DWORD period) {
+    underSimLock([&] {
+        if (!ts.api || !isConnected) return;
+        if (ts.api->RequestDataOnSimObject(requestId, define, SIMCONNECT_OBJECT_ID_USER, period) < 0) {
+            gf_log(failText);
+            requestFailure();
+        }
+    });
+}
+
+} // namespace
+
+void setApiFactory(ApiFactory factory) {
+    apiFactory = std::move(factory);
+}
+
+bool msfs2020Selected() {
+    const auto* p = dynamic_cast<const StringParameter*>(gf_findParameter("SIM_CHOICE"));
+    return !p || p->value != "MSFS 2024";
+}
+
+Pass pollOnce() {
+    if (stopUnderWay() || stopToken) {
+        closeConnection();
+        return Pass::End;
+    }
+    if (!isConnected) {
+        if (ts.firstPass) {
+            ts.firstPass = false;
+            gf_message(fmt::format("Waiting for MSFS 20{} ...", msfs2020Selected() ? "20" : "24"), true);
+        }
+        if (ts.api) ts.api->Close();
+        auto api = makeApi();
+        if (api->Open(kAppName) < 0) return Pass::Waiting;
+        {
+            std::lock_guard lock(shared.simLock);
+            ts.api = std::move(api);
+            ts.quitReceived = false;
+        }
+        definitions(*ts.api);
+        platform::timeBeginPeriod(1);
+        isConnected = true;
+        return Pass::Connected;
+    }
+    try {
+        if (ts.api->CallDispatch(dispatch, nullptr) < 0) {
+            if (!ts.quitReceived)
+                throw std::runtime_error(fmt::format("SimConnect connection lost: {}", ts.api->lastError()));
+            lostSimulator();
+            closeConnection();
+            return Pass::End;
+        }
+    } catch (const UserErrorException& e) {
+        if (e.number() == 2024) {
+            gf_log(fmt::format("MSFS and {} do not match, restarting ...", kAppName));
+            lf_switchSimulator();
+        } else {
+            gf_error(e.what());
+            if (e.text().starts_with("791")) {
+                platform::clock().sleepFor(std::chrono::seconds(10));
+                lostSimulator();
+            }
+        }
+        closeConnection();
+        return Pass::End;
+    } catch (const std::exception& e) {
+        gf_error(*e.what() ? std::string(e.what()) : fmt::format("Exception in {}", "SimClient"));
+        lostSimulator();
+        closeConnection();
+        return Pass::End;
+    }
+    return Pass::Connected;
+}
+
+void startClient() {
+    stopClient();
+    stopToken = false;
+    clientThread = std::thread([] {
+        try {
+            for (;;) {
+                const Pass p = pollOnce();
+                if (p == Pass::End) break;
+                platform::clock().sleepFor(std::chrono::milliseconds(p == Pass::Waiting ? 100 : 1));
+            }
+        } catch (const std::exception& e) {
+            gf_error(fmt::format("Exception in {}: {}", "SimClient", e.what()));
+            closeConnection();
+        }
+    });
+}
+
+void stopClient() {
+    stopToken = true;
+    if (clientThread.joinable()) clientThread.join();
+}
+
+bool connected() {
+    return isConnected;
+}
+
+UserData requestUserPosition() {
+    UserData copy;
+    underSimLock([&] {
+        copy = shared.userData;
+        if (ts.api && isConnected &&
+            ts.api->RequestDataOnSimObject(kReqUserPosition, kDefUserPosition, SIMCONNECT_OBJECT_ID_USER,
+                                           SIMCONNECT_PERIOD_ONCE) < 0) {
+            gf_log("SimConnect request user ac position fails");
+            requestFailure();
+        }
+    });
+    return copy;
+}
+
+void requestTitleAndModel() {
+    request("SimConnect request user ac title fails", kReqTitle, kDefTitle, SIMCONNECT_PERIOD_ONCE);
+    request("SimConnect reques user ac model fails", kReqModel, kDefModel, SIMCONNECT_PERIOD_ONCE);
+}
+
+void requestUserOnGround() {
+    request("SimConnect request ac gnd/air fails", kReqOnGround, kDefOnGround, SIMCONNECT_PERIOD_SECOND);
+    requestUserPosition();
+    requestTitleAndModel();
+}
+
+void requestInRange(int rangeNm) {
+    underSimLock([&] {
+        if (!ts.api || !isConnected) return;
+        const auto radius = static_cast<DWORD>(std::max(0, rangeNm) * 1852);
+        if (ts.api->RequestDataOnSimObjectType(kReqInRange, kDefInRange, radius,
+                                               SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) < 0) {
+            gf_log("SimConnect request ac within range fails");
+            requestFailure();
+        }
+    });
+}
+
+bool addCreate(const CreateRecord& r) {
+    return underSimLock([&] { shared.createList.push_back(r); });
+}
+bool addRemove(std::uint32_t objectId) {
+    return underSimLock([&] { shared.removeList.push_back(objectId); });
+}
+bool addPosition(const PositionRecord& r) {
+    return underSimLock([&] { shared.positionList.push_back(r); });
+}
+bool addEvent(std::uint32_t objectId, std::uint32_t eventId, std::uint32_t data) {
+    return underSimLock([&] { shared.eventList.push_back({objectId, eventId, data}); });
+}
+bool engineStart(std::uint32_t objectId) {
+    return addEvent(objectId, kEngineAutoStart, 0);
+}
+bool engineShutdown(std::uint32_t objectId) {
+    return addEvent(objectId, kEngineAutoShutdown, 0);
+}
+bool navLights(std::uint32_t objectId, bool on) {
+    return addEvent(objectId, kNavLights, on ? 1 : 0);
+}
+bool cabinLights(std::uint32_t objectId, bool on) {
+    return addEvent(objectId, kCabinLights, on ? 1 : 0);
+}
+bool setLights(std::uint32_t objectId, const bool (&s)[7]) {
+    constexpr DWORD order[7] = {kNavLights, kBeaconLights, kLandingLights, kTaxiLights,
+                                kStrobes,   kLogoLights,   kCabinLights};
+    return underSimLock([&] {
+        for (int i = 0; i < 7; ++i) shared.eventList.push_back({objectId, order[i], s[i] ? 1u : 0u});
+    });
+}
+
+bool setFlightPlan(std::uint32_t objectId, const std::string& path) {
+    std::lock_guard lock(shared.simLock);
+    return ts.api && isConnected && ts.api->AISetAircraftFlightPlan(objectId, path, kReqFlightPlan) >= 0;
+}
+
+void takeEvents(std::vector<SimEvent>& out) {
+    out.clear();
+    std::lock_guard lock(eventLock);
+    std::swap(out, eventQueue);
+}
+
+std::optional<UserPosition> userPosition() {
+    if (!positionKnown) return std::nullopt;
+    std::lock_guard lock(shared.simLock);
+    const auto& u = shared.userData;
+    return UserPosition{u.latitude, u.longitude, u.altitude, userOnGround};
+}
+
+bool userTitleKnown() {
+    return titleKnown;
+}
+std::string userTitle() {
+    std::lock_guard lock(textLock);
+    return titleText;
+}
+std::string userModel() {
+    std::lock_guard lock(textLock);
+    return modelText;
+}
+double userHalfSpanNm() {
+    return halfSpanNm;
+}
+std::string simulatorText() {
+    std::lock_guard lock(textLock);
+    return simText;
+}
+std::string nearestArea() {
+    std::lock_guard lock(textLock);
+    return areaText;
+}
+std::uint32_t userObjectId() {
+    return userId;
+}
+bool simFailed() {
+    return failed;
+}
+void setEpochWanted(bool wanted) {
+    epochWanted = wanted;
+}
+std::int64_t epochTime() {
+    return epoch;
+}
+
+std::int64_t gf_epochFromZulu(std::int64_t year, std::int64_t dayOfYear, std::int64_t zuluSeconds) {
+    const std::int64_t y = year - 1;
+    const auto days = static_cast<std::int64_t>(std::floor(365.25 * static_cast<double>(y))) + y / 400 -
+                      y / 100 + dayOfYear - 719163;
+    return days * 86400 + zuluSeconds;
+}
+
+std::string gf_normaliseModel(const std::string& model, const std::string& title) {
+    static const std::pair<const char*, const char*> exact[] = {
+        {"A350-900", "A359"}, {"N738B", "B38M"}, {"777", "772"}, {"A330-200 (RR)", "A332"}};
+    for (const auto& [from, to] : exact)
+        if (model == from) return to;
+    if (const auto at = model.find(".0.text"); at != std::string::npos) {
+        const std::string front = model.substr(0, at);
+        std::size_t start = front.size() > 4 ? front.size() - 4 : 0;
+        if (const auto cut = front.find_last_of("_.:"); cut != std::string::npos && cut + 1 > start)
+            start = cut + 1;
+        return front.substr(start);
+    }
+    if (model == "737") {
+        static const std::pair<const char*, const char*> dg[] = {
+            {"DG 737-800", "B738"}, {"DG 737-700", "B737"}, {"DG 737-600", "B736"}, {"DG 737-900", "B739"}};
+        for (const auto& [in, to] : dg)
+            if (title.find(in) != std::string::npos) return to;
+    }
+    return model;
+}
+
+void clearLists() {
+    std::lock_guard lock(shared.simLock);
+    shared.positionList.clear();
+    shared.eventList.clear();
+    shared.createList.clear();
+    shared.removeList.clear();
+}
+
+void reset() {
+    gRun.simRunning = false;
+    clearLists();
+    {
+        std::lock_guard lock(eventLock);
+        eventQueue.clear();
+    }
+    {
+        std::lock_guard lock(shared.simLock);
+        shared.userData = {};
+    }
+    {
+        std::lock_guard lock(textLock);
+        titleText.clear(), modelText.clear(), simText.clear(), areaText.clear();
+    }
+    titleKnown = false, onGroundKnown = false, userOnGround = true, positionKnown = false, failed = false;
+    epoch = 0, userId = 0, halfSpanNm = 0;
+    ts.firstPass = true;
+    ts.quitReceived = false;
+    ts.asGenLogged = false;
+    ts.previousLat = ts.previousLon = 0;
+    ts.pendingCreations.clear();
+    ts.addedObjects.clear();
+}
+
+} // namespace orv::sim
