@@ -124,11 +124,13 @@ struct ThreadState {
     bool firstPass = true;
     bool quitReceived = false;
     bool asGenLogged = false;
+    bool protocol2020 = false; // the 2024 protocol was refused
     double previousLat = 0, previousLon = 0;
     std::vector<PendingCreation> pendingCreations;
     std::vector<DWORD> addedObjects;
 };
 ThreadState ts;
+struct RetryWith2020Protocol {};
 
 ApiFactory apiFactory;
 std::thread clientThread;
@@ -176,6 +178,12 @@ void onException(const RecvException& e) {
         if (positionKnown && !stopUnderWay()) gf_log("SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID");
         break;
     case SIMCONNECT_EXCEPTION_VERSION_MISMATCH:
+        // MSFS 2020 doesn't know the 2024 protocol; reopen with the 2020 one, which both accept,
+        // so that the simulator can say who it is and the choice can be switched.
+        if (!msfs2020Selected() && !ts.protocol2020) {
+            ts.protocol2020 = true;
+            throw RetryWith2020Protocol{};
+        }
         throw UserErrorException(95, fmt::format("SimConnect Version Mismatch, dwIndex: {}", e.index));
     case SIMCONNECT_EXCEPTION_TOO_MANY_OBJECTS:
         gf_message("SimConnect: too many objects (max 1000)", true);
@@ -544,10 +552,11 @@ void closeConnection() {
 }
 
 std::unique_ptr<Api> makeApi() {
-    if (apiFactory) return apiFactory(!msfs2020Selected());
+    const bool protocol2024 = !msfs2020Selected() && !ts.protocol2020;
+    if (apiFactory) return apiFactory(protocol2024);
     return makeNetworkClient([host = gOptions.simHost, port = gOptions.simPort](
                                  std::string& error) { return connectTcp(host, port, error); },
-                             msfs2020Selected() ? kProtocolMsfs2020 : kProtocolMsfs2024);
+                             protocol2024 ? kProtocolMsfs2024 : kProtocolMsfs2020);
 }
 
 // A try-lock for the operations other threads call: they never wait for the frame handler.
@@ -612,6 +621,10 @@ Pass pollOnce() {
             closeConnection();
             return Pass::End;
         }
+    } catch (const RetryWith2020Protocol&) {
+        gf_log("SimConnect: the simulator refused protocol 6, opening again with protocol 5");
+        closeConnection();
+        return Pass::Waiting;
     } catch (const UserErrorException& e) {
         if (e.number() == 2024) {
             gf_log(fmt::format("MSFS and {} do not match, restarting ...", kAppName));
@@ -838,6 +851,7 @@ void reset() {
     ts.firstPass = true;
     ts.quitReceived = false;
     ts.asGenLogged = false;
+    ts.protocol2020 = false;
     ts.previousLat = ts.previousLon = 0;
     ts.pendingCreations.clear();
     ts.addedObjects.clear();

@@ -119,7 +119,7 @@ struct UserPosition {
 
 // The simulator's SimConnect is at --sim HOST:PORT. Makes the SimConnect handle; tests and scenario runs put
 // an in-memory connection here.
-using ApiFactory = std::function<std::unique_ptr<simconnect::Api>(bool msfs2024)>;
+using ApiFactory = std::function<std::unique_ptr<simconnect::Api>(bool protocol2024)>;
 void setApiFactory(ApiFactory factory); // empty: the network client to --sim
 bool msfs2020Selected();                // SIM_CHOICE is "MSFS 2020"
 

@@ -1,0 +1,433 @@
+// The SimClient thread against the emulated simulator over TCP, and the simulator's folders and
+// flight plan files.
+#include <chrono>
+#include <thread>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "emulator.h"
+#include "params/params.h"
+#include "refdata/refdata.h"
+#include "sim/sim.h"
+#include "support.h"
+
+namespace orv {
+namespace {
+
+using namespace std::chrono_literals;
+namespace sc = simconnect;
+
+bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(5ms);
+    }
+    return done();
+}
+
+void setSimChoice(const char* value) {
+    dynamic_cast<StringParameter&>(*gf_findParameter("SIM_CHOICE")).value = value;
+}
+
+// A running emulator on a free port, the reference data the client needs, and a clean run.
+class SimClientTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        gPaths.dataFolder = dir.path();
+        gPaths.programFolder = dir.path();
+        gf_loadDbase(test::shippedCopy("dbase.enc", dir.path()));
+        setSimChoice("MSFS 2020");
+        gRun.reset();
+        sim::reset();
+        sim::setApiFactory({});
+    }
+    void TearDown() override {
+        sim::stopClient();
+        if (server) server->stop();
+        sim::reset();
+        gRun.reset();
+        setSimChoice("MSFS 2020");
+    }
+    void start(emu::Config config) {
+        config.frameRate = 50;
+        config.airports = {{"KMSP", 44.882, -93.2218, 841}};
+        config.user.latitude = 44.882;
+        config.user.longitude = -93.2218;
+        emulator = std::make_unique<emu::Emulator>(config);
+        server = std::make_unique<emu::Server>(*emulator);
+        ASSERT_EQ(server->start("127.0.0.1", 0), "");
+        gOptions.simHost = "127.0.0.1";
+        gOptions.simPort = server->port();
+        sim::startClient();
+    }
+    // The start sequence's part: the simulator runs, and the user's data is known.
+    void connectAndReadUser() {
+        ASSERT_TRUE(eventually([] { return gRun.simRunning.load(); }));
+        sim::requestUserOnGround();
+        ASSERT_TRUE(eventually(
+            [] { return sim::userPosition() && sim::userTitleKnown() && !sim::userModel().empty(); }));
+    }
+    std::optional<sim::SimEvent> waitEvent(sim::SimEventKind kind) {
+        std::optional<sim::SimEvent> found;
+        eventually([&] {
+            std::vector<sim::SimEvent> events;
+            sim::takeEvents(events);
+            for (const auto& e : events)
+                if (e.kind == kind && !found) found = e;
+            return found.has_value();
+        });
+        return found;
+    }
+
+    test::TempDir dir;
+    test::LogCapture log;
+    std::unique_ptr<emu::Emulator> emulator;
+    std::unique_ptr<emu::Server> server;
+};
+
+TEST_F(SimClientTest, FlowsAnAircraftThroughTheEmulator) {
+    emu::Config config;
+    config.titles = {"Airbus A321 Delta"};
+    config.user.title = "Aerosoft A320 Professional Lufthansa with a title longer than forty-eight bytes";
+    config.user.atcModel = "TT:ATCCOM.AC_MODEL_A20N.0.text";
+    start(config);
+    connectAndReadUser();
+    EXPECT_EQ(sim::simulatorText(), "KittyHawk (11.0.282174.999) connected");
+    EXPECT_EQ(sim::userModel(), "A20N");
+    EXPECT_EQ(sim::userTitle().size(), 48u);
+    const auto user = *sim::userPosition();
+    EXPECT_NEAR(user.latitude, 44.882, 1e-9);
+    EXPECT_NEAR(user.altitude, 841, 1e-9);
+    EXPECT_TRUE(user.onGround);
+    EXPECT_EQ(sim::userObjectId(), 1u);
+    EXPECT_TRUE(eventually([] { return gRun.secondElapsed.load(); })) << "the every-second on-ground answer";
+
+    // Create: matched through the pending creation by its tail number once the range query sees it.
+    sim::CreateRecord create;
+    create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
+    create.tailNumber = "DAL123";
+    create.title = "Airbus A321 Delta";
+    create.hexid = 0xA1B2C3;
+    ASSERT_TRUE(sim::addCreate(create));
+    ASSERT_TRUE(eventually([&] { return emulator->liveObjectCount() == 1; }));
+    std::optional<sim::SimEvent> created;
+    ASSERT_TRUE(eventually([&] {
+        sim::requestInRange(40);
+        std::vector<sim::SimEvent> events;
+        sim::takeEvents(events);
+        for (const auto& e : events)
+            if (e.kind == sim::SimEventKind::LiveCreated) created = e;
+        return created.has_value();
+    }));
+    EXPECT_EQ(created->hexid, 0xA1B2C3u);
+    EXPECT_NEAR(created->value, 3000 - 841, 1e-6) << "height above ground";
+    const sc::DWORD objectId = created->objectId;
+
+    // Released and frozen, then moved frame by frame.
+    for (int i = 0; i < 20; ++i) {
+        sim::PositionRecord p;
+        p.objectId = objectId;
+        p.latitude = 44.89 + i * 0.0001;
+        p.longitude = -93.20;
+        p.altitude = 3000 - i;
+        p.heading = 5.2;
+        p.airspeed = 180;
+        while (!sim::addPosition(p)) std::this_thread::yield();
+        std::this_thread::sleep_for(25ms); // about one frame at 50 Hz
+    }
+    ASSERT_TRUE(eventually([&] { return emulator->objects()[0].positions.size() >= 10; }));
+    ASSERT_TRUE(sim::addRemove(objectId));
+    ASSERT_TRUE(waitEvent(sim::SimEventKind::Removed).has_value());
+    const auto o = emulator->objects()[0];
+    EXPECT_TRUE(o.released);
+    EXPECT_GE(o.removedAt, 0);
+    std::vector<std::string> names;
+    for (const auto& e : o.events) names.push_back(e.name);
+    ASSERT_GE(names.size(), 4u);
+    EXPECT_EQ(std::vector<std::string>(names.begin(), names.begin() + 4),
+              (std::vector<std::string>{"ReleaseControl", "FREEZE_LATITUDE_LONGITUDE_SET",
+                                        "FREEZE_ALTITUDE_SET", "FREEZE_ATTITUDE_SET"}));
+    // Positions arrive in order and none is lost or invented.
+    for (std::size_t i = 1; i < o.positions.size(); ++i)
+        EXPECT_GT(o.positions[i].latitude, o.positions[i - 1].latitude);
+    EXPECT_NEAR(o.positions.back().latitude, 44.89 + 19 * 0.0001, 1e-9);
+    EXPECT_NEAR(o.positions.back().heading, 5.2, 1e-9);
+
+    // A title the simulator doesn't know comes back as a failed creation for that hexid.
+    create.title = "No Such Livery";
+    create.hexid = 0x123456;
+    ASSERT_TRUE(sim::addCreate(create));
+    const auto refused = waitEvent(sim::SimEventKind::CreationFailed);
+    ASSERT_TRUE(refused.has_value());
+    EXPECT_EQ(refused->hexid, 0x123456u);
+
+    // The simulator closing ends the run with reason 1.
+    server->stop();
+    ASSERT_TRUE(eventually([] { return gRun.stopRequested.load(); }));
+    EXPECT_EQ(gRun.exitReason.load(), 1u);
+    EXPECT_FALSE(gRun.simRunning.load());
+    EXPECT_TRUE(log.contains("Flight Simulator no longer connected, Orvelline will stop ..."));
+}
+
+TEST_F(SimClientTest, NewFlightsEndTheRunWithReasonTwo) {
+    struct Case {
+        const char* name;
+        std::function<void(emu::Emulator&)> act;
+        const char* logged;
+    };
+    const Case cases[] = {
+        {"flight loaded", [](emu::Emulator& e) { e.loadFlight("flights/other.FLT"); },
+         "SimConnect: New file event"},
+        {"teleport", [](emu::Emulator& e) { e.moveUser(47.4581, 8.5481); }, "Teleport"},
+        {"a short move is no teleport", [](emu::Emulator& e) { e.moveUser(44.95, -93.2218); }, nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TearDown();
+        SetUp();
+        start({});
+        connectAndReadUser();
+        c.act(*emulator);
+        if (c.logged) {
+            ASSERT_TRUE(eventually([] {
+                sim::requestUserPosition();
+                return gRun.stopRequested.load();
+            }));
+            EXPECT_EQ(gRun.exitReason.load(), 2u);
+            EXPECT_EQ(gRun.restartDelaySeconds.load(), 45);
+            EXPECT_TRUE(log.contains(c.logged));
+        } else {
+            ASSERT_TRUE(eventually([] {
+                sim::requestUserPosition();
+                return sim::userPosition()->latitude > 44.94;
+            }));
+            EXPECT_FALSE(gRun.stopRequested.load());
+        }
+    }
+}
+
+TEST_F(SimClientTest, RecognitionOfTheSimulator) {
+    struct Case {
+        const char* selected;
+        bool emulate2024;
+        const char* expectLog;
+        std::uint32_t exitReason; // 0: the run goes on
+        const char* nowSelected;
+    };
+    const Case cases[] = {
+        {"MSFS 2024", true, "SunRise (12.2.282174.999) connected", 0, "MSFS 2024"},
+        {"MSFS 2020", true, "MSFS and Orvelline do not match, restarting ...", 3, "MSFS 2024"},
+        {"MSFS 2024", false, "MSFS and Orvelline do not match, restarting ...", 3, "MSFS 2020"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.selected << (c.emulate2024 ? " on 2024" : " on 2020"));
+        TearDown();
+        SetUp();
+        setSimChoice(c.selected);
+        emu::Config config;
+        config.msfs2024 = c.emulate2024;
+        start(config);
+        ASSERT_TRUE(eventually([&] { return log.contains(c.expectLog); }));
+        if (c.exitReason) {
+            ASSERT_TRUE(eventually([] { return gRun.stopRequested.load(); }));
+            EXPECT_EQ(gRun.exitReason.load(), c.exitReason);
+        }
+        EXPECT_EQ(dynamic_cast<StringParameter&>(*gf_findParameter("SIM_CHOICE")).value, c.nowSelected);
+    }
+}
+
+TEST(SimLink, ModelTexts) {
+    struct Case {
+        const char* model;
+        const char* title;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"A350-900", "", "A359"},
+        {"N738B", "", "B38M"},
+        {"777", "", "772"},
+        {"A330-200 (RR)", "", "A332"},
+        {"TT:ATCCOM.AC_MODEL_A20N.0.text", "", "A20N"},
+        {"TT:ATCCOM.AC_MODEL_C17.0.text", "", "C17"},
+        {"ATCCOM.AC_MODEL B748.0.text", "", "B748"},
+        {"737", "PMDG DG 737-800 Ryanair", "B738"},
+        {"737", "DG 737-600 house", "B736"},
+        {"737", "Boeing 737 MAX", "737"},
+        {"Cessna 172", "", "Cessna 172"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(sim::gf_normaliseModel(c.model, c.title), c.expected) << c.model;
+}
+
+TEST(SimLink, EpochFromZuluTime) {
+    struct Case {
+        std::int64_t year, day, seconds, epoch;
+    };
+    const Case cases[] = {
+        {1970, 1, 0, 0},
+        {2025, 35, 45296, 1738700000 - 1738700000 % 86400 + 45296},
+        {2024, 366, 86399, 1735689599}, // the last second of a leap year
+        {2000, 60, 0, 951782400},       // 29 February 2000
+    };
+    for (const auto& c : cases) EXPECT_EQ(sim::gf_epochFromZulu(c.year, c.day, c.seconds), c.epoch) << c.year;
+}
+
+// ---- Installation ----------------------------------------------------------------------------
+
+class InstallTest : public testing::Test {
+  public:
+    void SetUp() override {
+        gPaths.dataFolder = dir.path();
+        gPaths.programFolder = dir.path();
+        setSimChoice("MSFS 2020");
+        for (const char* n : {"MSFS_INSTALL_PATH", "MSFS_2024_INSTALL_PATH", "ALL_INSTALL_PATH"})
+            dynamic_cast<StringParameter&>(*gf_findParameter(n)).value.clear();
+        sim::setKnownFolders(sim::KnownFolders{dir / "prefix/drive_c/users/steamuser/AppData/Roaming",
+                                               dir / "prefix/drive_c/users/steamuser/AppData/Local"});
+    }
+    void TearDown() override {
+        sim::setKnownFolders(std::nullopt);
+        setSimChoice("MSFS 2020");
+    }
+    fs::path roaming() { return dir / "prefix/drive_c/users/steamuser/AppData/Roaming"; }
+    fs::path local() { return dir / "prefix/drive_c/users/steamuser/AppData/Local"; }
+    static void packages(const fs::path& p, bool official2024 = false) {
+        fs::create_directories(p / "Community");
+        fs::create_directories(p / (official2024 ? "Official2024" : "Official"));
+    }
+    test::TempDir dir;
+    test::LogCapture log;
+};
+
+TEST_F(InstallTest, DetectionFindsThePackagesFolder) {
+    struct Case {
+        const char* name;
+        std::function<void(InstallTest&)> arrange;
+        std::string expected; // relative to the temp folder; empty: nothing found
+        const char* sim = "MSFS 2020";
+    };
+    const auto storeCfg = [](InstallTest& t, const std::string& line) {
+        const auto f = t.local() / "Packages/Microsoft.FlightSimulator_8wekyb3d8bbwe/LocalCache/UserCfg.opt";
+        fs::create_directories(f.parent_path());
+        test::writeBytes(f, "Version 66\nInstalledPackagesPath " + line + "\nOther 1\n");
+    };
+    const Case cases[] = {
+        {"nothing installed", [](InstallTest&) {}, ""},
+        {"Steam packages folder",
+         [](InstallTest& t) { packages(t.roaming() / "Microsoft Flight Simulator/Packages"); },
+         "prefix/drive_c/users/steamuser/AppData/Roaming/Microsoft Flight Simulator/Packages"},
+        {"Store UserCfg.opt with a Windows path on drive C",
+         [&](InstallTest& t) {
+             packages(t.dir / "prefix/drive_c/MSFS/Packages");
+             storeCfg(t, "\"C:\\MSFS\\Packages\"");
+         },
+         "prefix/drive_c/MSFS/Packages"},
+        {"the key without quotes gives nothing",
+         [&](InstallTest& t) {
+             packages(t.dir / "prefix/drive_c/MSFS/Packages");
+             storeCfg(t, "C:\\MSFS\\Packages");
+         },
+         ""},
+        {"a Steam folder that passes goes before the Store file",
+         [&](InstallTest& t) {
+             packages(t.dir / "prefix/drive_c/MSFS/Packages");
+             storeCfg(t, "\"C:\\MSFS\\Packages\"");
+             packages(t.roaming() / "Microsoft Flight Simulator/Packages");
+         },
+         "prefix/drive_c/users/steamuser/AppData/Roaming/Microsoft Flight Simulator/Packages"},
+        {"MSFS 2024 needs Official2024",
+         [](InstallTest& t) { packages(t.roaming() / "Microsoft Flight Simulator 2024/Packages"); }, "",
+         "MSFS 2024"},
+        {"MSFS 2024 with Official2024",
+         [](InstallTest& t) { packages(t.roaming() / "Microsoft Flight Simulator 2024/Packages", true); },
+         "prefix/drive_c/users/steamuser/AppData/Roaming/Microsoft Flight Simulator 2024/Packages",
+         "MSFS 2024"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TearDown();
+        fs::remove_all(dir / "prefix");
+        SetUp();
+        setSimChoice(c.sim);
+        c.arrange(*this);
+        const auto found = sim::installPath();
+        EXPECT_EQ(found, c.expected.empty() ? std::string() : (dir / c.expected).string());
+        if (c.expected.empty()) continue;
+        EXPECT_EQ(dynamic_cast<StringParameter&>(*gf_findParameter("ALL_INSTALL_PATH")).value, found);
+        EXPECT_NE(test::readBytes(dir / "parameters.xml").find(found), std::string::npos) << "stored";
+        EXPECT_EQ(sim::gf_communityPath(), fs::path(found) / "Community");
+    }
+}
+
+TEST_F(InstallTest, AStoredPathThatLostItsOfficialFolderIsDetectedAgain) {
+    packages(dir / "old");
+    packages(roaming() / "Microsoft Flight Simulator/Packages");
+    dynamic_cast<StringParameter&>(*gf_findParameter("MSFS_INSTALL_PATH")).value = (dir / "old").string();
+    EXPECT_EQ(sim::installPath(), (dir / "old").string());
+    fs::remove(dir / "old/Official");
+    EXPECT_EQ(sim::installPath(), (roaming() / "Microsoft Flight Simulator/Packages").string());
+}
+
+TEST_F(InstallTest, TypedPaths) {
+    packages(dir / "good");
+    fs::create_directories(dir / "half/Community");
+    fs::create_directories(dir / "plain");
+    struct Case {
+        std::string typed, answer;
+    };
+    const Case cases[] = {
+        {(dir / "missing").string(), "This install path does not exist: " + (dir / "missing").string()},
+        {(dir / "plain").string(), "This path exists but is not a path to Community ..."},
+        {(dir / "half/Community").string(),
+         "This path does not contain a valid Community folder (unexpected)."},
+        {(dir / "good/Community").string(), ""},
+    };
+    for (const auto& c : cases) EXPECT_EQ(sim::gf_typedInstallPath(c.typed), c.answer) << c.typed;
+    EXPECT_EQ(dynamic_cast<StringParameter&>(*gf_findParameter("MSFS_INSTALL_PATH")).value,
+              (dir / "good").string());
+    EXPECT_TRUE(log.contains("Community path found, Orvelline will restart ..."));
+    gRun.reset();
+}
+
+// ---- Flight plans ----------------------------------------------------------------------------
+
+TEST(FlightPlans, FilesAndTheirLoading) {
+    test::TempDir dir;
+    test::LogCapture log;
+    gPaths.dataFolder = dir.path();
+    ASSERT_TRUE(sim::gf_createFlightPlanFolder());
+    struct Case {
+        sim::PlanAircraft aircraft;
+        bool file;
+        const char* type;
+    };
+    const Case cases[] = {
+        {{11259375, 0, 2, "MSP", "ATL", "DAL123"}, true, "IFR"},
+        {{11259376, 0, 4, "ZRH", "GVA", "HB-ABC"}, true, "VFR"},
+        {{11259377, 0, 0, "ZRH", "BRN", "HB-XYZ"}, true, "VFR"},
+        {{11259378, 0, 2, "MSP", "", "DAL9"}, false, nullptr},
+    };
+    for (const auto& c : cases) {
+        sim::loadPlan(c.aircraft); // no simulator connected: the file is written, no plan is set
+        const auto path = sim::planPath(c.aircraft.hexid);
+        EXPECT_EQ(path.filename().string(), std::to_string(c.aircraft.hexid) + ".pln");
+        EXPECT_EQ(fs::exists(path), c.file) << c.aircraft.name;
+        if (!c.file) continue;
+        EXPECT_EQ(test::readBytes(path),
+                  fmt::format(
+                      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                      "<SimBase.Document Type=\"AceXML\" version=\"4,3\">\n<FlightPlan.FlightPlan>\n"
+                      "<FPType>{}</FPType>\n<DepartureID>{}</DepartureID>\n"
+                      "<DestinationID>{}</DestinationID>\n</FlightPlan.FlightPlan>\n</SimBase.Document>\n\n",
+                      c.type, c.aircraft.origin, c.aircraft.destination));
+    }
+    EXPECT_EQ(sim::removeFlightPlanFolder(), "");
+    EXPECT_FALSE(fs::exists(dir / "orig_dest"));
+    // A plan that can't be written leaves the aircraft without one and says so.
+    sim::loadPlan({11259379, 0, 2, "MSP", "ATL", "DAL77"});
+    EXPECT_TRUE(log.contains("DAL77 creating a flight plan failed"));
+}
+
+} // namespace
+} // namespace orv
