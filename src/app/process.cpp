@@ -13,6 +13,7 @@
 #include "params/params.h"
 #include "platform/platform.h"
 #include "refdata/refdata.h"
+#include "sim/sim.h"
 
 namespace orv {
 
@@ -55,11 +56,16 @@ Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orv
 
 void printStatus() {
     const auto& c = gTrafficReader.counts;
-    std::cout << fmt::format("[{}] traffic lines {} (queued {}, dropped {}, ignored {}, failed {}), "
-                             "engine took {}, tick {}",
-                             gf_timeText(), gTrafficReader.lineCount.load(), c.queued.load(),
-                             c.dropped.load(), c.ignored.load(), c.failed.load(), live::samplesTaken(),
-                             gRun.engineTick.load())
+    const auto user = sim::userPosition();
+    const auto simText = sim::simulatorText();
+    std::cout << fmt::format("[{}] simulator: {}{}; traffic lines {} (queued {}, dropped {}, ignored {}, "
+                             "failed {}), engine took {}, tick {}",
+                             gf_timeText(), simText.empty() ? "waiting" : simText,
+                             user ? fmt::format(", user at {:.4f},{:.4f} near {}", user->latitude,
+                                                user->longitude, sim::nearestArea())
+                                  : std::string(),
+                             gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(),
+                             c.ignored.load(), c.failed.load(), live::samplesTaken(), gRun.engineTick.load())
               << std::endl;
 }
 

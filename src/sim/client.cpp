@@ -541,6 +541,8 @@ void closeConnection() {
             std::lock_guard lock(textLock);
             simText.clear();
         }
+        // No simulator means no frames: the engine loop sees a stop through its paused step.
+        gRun.simRunning = false;
         ui::setIndicator(ui::Indicator::Simulator, 0);
         platform::timeEndPeriod(1);
     }
