@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <limits>
 #include <set>
 
 #include <fmt/format.h>
@@ -173,6 +174,18 @@ struct Value {
     std::string text;
 };
 
+// A client may have set any double; reading it as a narrower type saturates instead of
+// converting out of range.
+template <class T>
+T saturate(double v) {
+    if (std::isnan(v)) return T{};
+    const double lo = static_cast<double>(std::numeric_limits<T>::lowest());
+    const double hi = static_cast<double>(std::numeric_limits<T>::max());
+    if (v <= lo) return std::numeric_limits<T>::lowest();
+    if (v >= hi) return std::numeric_limits<T>::max();
+    return static_cast<T>(v);
+}
+
 bool angleInDegrees(const std::string& units) {
     return units.rfind("degree", 0) == 0;
 }
@@ -315,13 +328,13 @@ struct Emulator::Impl {
             const Value v = value(id, d);
             switch (d.type) {
             case SIMCONNECT_DATATYPE_INT32:
-                w.u32(static_cast<DWORD>(static_cast<std::int32_t>(v.number)));
+                w.u32(static_cast<DWORD>(saturate<std::int32_t>(v.number)));
                 break;
             case SIMCONNECT_DATATYPE_INT64:
-                w.i64(static_cast<std::int64_t>(v.number));
+                w.i64(saturate<std::int64_t>(v.number));
                 break;
             case SIMCONNECT_DATATYPE_FLOAT32: {
-                const float f = static_cast<float>(v.number);
+                const float f = saturate<float>(v.number);
                 DWORD u;
                 std::memcpy(&u, &f, 4);
                 w.u32(u);

@@ -93,13 +93,19 @@ int run(const std::vector<std::string>& args) {
             out = n[0];
         };
         double d = 0;
+        // A number that must lie in a range, as the option's type needs it.
+        const auto ranged = [&](double lo, double hi) {
+            number(d);
+            if (!(d >= lo && d <= hi)) throw std::invalid_argument(fmt::format("{} is {} to {}", a, lo, hi));
+            return d;
+        };
         if (a == "--help") {
             std::cout << kHelp;
             return 0;
         } else if (a == "--bind")
             bind = value();
         else if (a == "--port")
-            number(d), port = static_cast<int>(d);
+            port = static_cast<int>(ranged(0, 65535));
         else if (a == "--sim") {
             const auto v = value();
             if (v != "2020" && v != "2024") throw std::invalid_argument("--sim is 2020 or 2024");
@@ -107,7 +113,7 @@ int run(const std::vector<std::string>& args) {
         } else if (a == "--frame-rate")
             number(config.frameRate);
         else if (a == "--max-objects")
-            number(d), config.maxObjects = static_cast<std::size_t>(d);
+            config.maxObjects = static_cast<std::size_t>(ranged(0, 1e6));
         else if (a == "--title")
             config.titles.push_back(value());
         else if (a == "--titles") {
@@ -141,7 +147,7 @@ int run(const std::vector<std::string>& args) {
         else if (a == "--user-model")
             config.user.atcModel = value();
         else if (a == "--user-lights")
-            number(d), config.user.lightStates = static_cast<std::int64_t>(d);
+            config.user.lightStates = static_cast<std::int64_t>(ranged(0, 4294967295.0));
         else if (a == "--airport") {
             const auto v = value();
             const auto comma = v.find(',');
@@ -151,7 +157,7 @@ int run(const std::vector<std::string>& args) {
             if (!airportsGiven) config.airports.clear(), airportsGiven = true;
             config.airports.push_back({v.substr(0, comma), n[0], n[1], n[2]});
         } else if (a == "--zulu")
-            number(d), config.zuluStart = static_cast<std::int64_t>(d);
+            config.zuluStart = static_cast<std::int64_t>(ranged(0, 4102444800.0)); // to 2100
         else if (a == "--paused")
             config.running = false;
         else if (a == "--record")
@@ -161,7 +167,6 @@ int run(const std::vector<std::string>& args) {
         else
             throw std::invalid_argument(fmt::format("unknown option '{}' (see --help)", a));
     }
-    if (port < 0 || port > 65535) throw std::invalid_argument("--port is 0 to 65535");
 
     emu::Emulator emulator(config);
     emu::Server server(emulator);

@@ -439,6 +439,10 @@ TEST(Options, CommandLine) {
         {{"--stop-after", "x"}, true, false, "--stop-after: 'x' is not a number of seconds"},
         {{"--home"}, true, false, "--home needs a folder"},
         {{"--bogus"}, true, false, "unknown option '--bogus' (see --help)"},
+        {{"--sim", "localhost"}, true, false, "--sim: 'localhost' is not HOST:PORT"},
+        {{"--sim", ":500"}, true, false, "--sim: ':500' is not HOST:PORT"},
+        {{"--sim", "msfs-pc:70000"}, true, false, "--sim: 'msfs-pc:70000' is not HOST:PORT"},
+        {{"--sim", "msfs-pc:500", "--appdata", "/a"}, true, false, ""},
     };
     for (const auto& c : cases) {
         Options o;

@@ -448,6 +448,37 @@ TEST(Emulator, RefusesWhatTheSimulatorRefuses) {
     }
 }
 
+TEST(Emulator, NumbersReadAsNarrowerTypesSaturate) {
+    EmuHarness h({});
+    h.client->AddToDataDefinition(1, "Plane Altitude", "feet", SIMCONNECT_DATATYPE_FLOAT64);
+    h.client->AddToDataDefinition(2, "Plane Altitude", "feet", SIMCONNECT_DATATYPE_INT64);
+    h.client->AddToDataDefinition(2, "Plane Altitude", "feet", SIMCONNECT_DATATYPE_INT32);
+    h.client->AddToDataDefinition(2, "Plane Altitude", "feet", SIMCONNECT_DATATYPE_FLOAT32);
+    const double huge = -9.5e301;
+    h.client->SetDataOnSimObject(1, SIMCONNECT_OBJECT_ID_USER, 0, 0, 8, &huge);
+    std::vector<std::uint8_t> block;
+    h.client->RequestDataOnSimObject(7, 2, SIMCONNECT_OBJECT_ID_USER, SIMCONNECT_PERIOD_ONCE);
+    std::uint8_t buf[4096];
+    for (long n; (n = h.serverEnd->receive(buf, sizeof buf, 0)) > 0;)
+        h.emulator.receive(h.id, Bytes(buf, static_cast<std::size_t>(n)));
+    h.client->CallDispatch(
+        [](const Received& m, void* ctx) {
+            if (const auto* d = std::get_if<RecvSimObjectData>(&m.body))
+                static_cast<std::vector<std::uint8_t>*>(ctx)->assign(d->data.begin(), d->data.end());
+        },
+        &block);
+    ASSERT_EQ(block.size(), 16u);
+    std::int64_t i64;
+    std::int32_t i32;
+    float f32;
+    std::memcpy(&i64, block.data(), 8);
+    std::memcpy(&i32, block.data() + 8, 4);
+    std::memcpy(&f32, block.data() + 12, 4);
+    EXPECT_EQ(i64, std::numeric_limits<std::int64_t>::lowest());
+    EXPECT_EQ(i32, std::numeric_limits<std::int32_t>::lowest());
+    EXPECT_EQ(f32, std::numeric_limits<float>::lowest());
+}
+
 TEST(Emulator, VersionsAndOrderOfCreationMessages) {
     struct Case {
         bool msfs2024;

@@ -548,7 +548,7 @@ void closeConnection() {
     }
     if (ts.api) {
         std::lock_guard lock(shared.simLock);
-        if (ts.api->Close() >= 0) gf_log("SimConnect closed ok");
+        gf_log(ts.api->Close() >= 0 ? "SimConnect closed ok" : "Closing SimConnect failed?!");
         ts.api.reset();
     }
 }

@@ -23,8 +23,12 @@ class NetworkClient final : public Api {
             error_ = fmt::format("protocol {} is not one this client speaks", protocol_);
             return E_FAIL;
         }
-        transport_ = connect_(error_);
-        if (!transport_) return E_FAIL;
+        {
+            std::lock_guard lock(mutex_);
+            transport_ = connect_(error_);
+            if (!transport_) return E_FAIL;
+            opened_ = true;
+        }
         error_.clear();
         reassembler_ = Reassembler(kServerHeaderSize);
         quitDelivered_ = false;
@@ -39,9 +43,10 @@ class NetworkClient final : public Api {
         return send(p);
     }
 
+    // Closing a handle whose connection the simulator already ended is fine, as with SimConnect.
     HRESULT Close() override {
         std::lock_guard lock(mutex_);
-        if (!transport_) return E_FAIL;
+        if (!transport_) return opened_ ? S_OK : E_FAIL;
         transport_->close();
         transport_.reset();
         return S_OK;
@@ -164,6 +169,7 @@ class NetworkClient final : public Api {
     std::vector<std::uint8_t> buffer_;
     DWORD sendCount_ = 0;
     bool quitDelivered_ = false;
+    bool opened_ = false;
     std::string error_;
 };
 
