@@ -238,6 +238,62 @@ TEST_F(SimClientTest, RecognitionOfTheSimulator) {
     }
 }
 
+// What scenario runs do: the client's loop body and the emulator driven in turn, one thread, no
+// sockets, on simulated time.
+TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
+    emu::Config config;
+    config.titles = {"Airbus A321 Delta"};
+    config.airports = {{"KMSP", 44.882, -93.2218, 841}};
+    config.user.latitude = 44.882;
+    config.user.longitude = -93.2218;
+    emu::Emulator e(config);
+    auto [clientEnd, serverEnd] = sc::makeMemoryPipe();
+    const int id = e.connect([end = serverEnd.get()](sc::Bytes b) { return end->send(b); });
+    sim::setApiFactory([&, once = sc::transportOnce(std::move(clientEnd))](bool protocol2024) {
+        return sc::makeNetworkClient(once, protocol2024 ? sc::kProtocolMsfs2024 : sc::kProtocolMsfs2020);
+    });
+    double t = 0;
+    std::uint8_t buf[8192];
+    const auto pass = [&] {
+        const auto p = sim::pollOnce();
+        for (long n; (n = serverEnd->receive(buf, sizeof buf, 0)) > 0;)
+            e.receive(id, sc::Bytes(buf, static_cast<std::size_t>(n)));
+        e.advanceTo(t += 0.01);
+        return p;
+    };
+    EXPECT_EQ(pass(), sim::Pass::Connected);
+    for (int i = 0; i < 5 && !gRun.simRunning; ++i) pass();
+    ASSERT_TRUE(gRun.simRunning.load());
+    sim::requestUserOnGround();
+    for (int i = 0; i < 5 && !sim::userTitleKnown(); ++i) pass();
+    ASSERT_TRUE(sim::userPosition().has_value());
+    EXPECT_EQ(sim::userModel(), "A20N");
+
+    sim::CreateRecord create;
+    create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
+    create.tailNumber = "DAL1";
+    create.title = "Airbus A321 Delta";
+    create.hexid = 0xABCDEF;
+    ASSERT_TRUE(sim::addCreate(create));
+    for (int i = 0; i < 10 && e.liveObjectCount() == 0; ++i) pass();
+    ASSERT_EQ(e.liveObjectCount(), 1u);
+    sim::requestInRange(40);
+    pass(), pass();
+    std::vector<sim::SimEvent> events;
+    sim::takeEvents(events);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].kind, sim::SimEventKind::LiveCreated);
+    EXPECT_EQ(events[0].hexid, 0xABCDEFu);
+    EXPECT_NEAR(e.now(), t, 1e-9) << "the emulator ran only on the test's clock";
+
+    e.quit();
+    serverEnd->close(); // as the simulator does after QUIT
+    pass();
+    EXPECT_EQ(sim::pollOnce(), sim::Pass::End);
+    EXPECT_EQ(gRun.exitReason.load(), 1u);
+    sim::setApiFactory({});
+}
+
 TEST(SimLink, ModelTexts) {
     struct Case {
         const char* model;
