@@ -283,10 +283,12 @@ struct Child {
 // With a Steam-style simulator install under `appData` beside it.
 void makeHome(const fs::path& home) {
     fs::create_directories(home / "input");
-    for (const char* name : {"dbase.enc", "airports.enc"}) test::shippedCopy(name, home / "input");
+    for (const char* name : {"dbase.enc", "airports.enc", "AIG-regcodes.enc"})
+        test::shippedCopy(name, home / "input");
     const auto packages = home.parent_path() / "appdata" / "Microsoft Flight Simulator" / "Packages";
-    fs::create_directories(packages / "Community");
     fs::create_directories(packages / "Official");
+    fs::copy(fs::path(ORV_SOURCE_DIR) / "data/liveries/Community", packages / "Community",
+             fs::copy_options::recursive);
 }
 std::vector<std::string> simFolders(const fs::path& dir) {
     return {"--appdata", (dir / "appdata").string(), "--localappdata", (dir / "local").string()};

@@ -21,8 +21,12 @@ constexpr const char* kUsage = R"(Usage: orvelline-data COMMAND ...
       datagram first
 
   refdata SOURCE_FOLDER INPUT_FOLDER
-      builds the encrypted reference files (airports.enc) from data/refdata into INPUT_FOLDER;
-      the build runs it for the program folder of each preset
+      builds the encrypted reference files (dbase.enc, airports.enc, AIG-regcodes.enc) from
+      data/refdata into INPUT_FOLDER; the build runs it for the program folder of each preset
+  liveries OUT_FOLDER [--files N]
+      writes a Community folder of AI livery packages shaped like the real ones (AIG, FSLTL,
+      JF, IVAO MTL, user-aitraffic) with their quirks: the fixed set in data/liveries, or with
+      --files a corpus of N aircraft.cfg files of five sections each, for benchmarks
   encrypt IN OUT, decrypt IN OUT
       turn a plain reference file into the program's encrypted form and back
 
@@ -43,6 +47,7 @@ int main(int argc, char** argv) {
         if (cmd == "convert") return orv::tools::gf_convertMain(args);
         if (cmd == "send") return orv::tools::gf_sendMain(args);
         if (cmd == "refdata") return orv::tools::gf_refdataMain(args);
+        if (cmd == "liveries") return orv::tools::gf_liveriesMain(args);
         if (cmd == "encrypt" || cmd == "decrypt") {
             if (args.size() != 2) throw std::runtime_error(cmd + " needs IN and OUT");
             if (cmd == "decrypt") {

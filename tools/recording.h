@@ -48,6 +48,8 @@ int gf_convertMain(const std::vector<std::string>& args);
 std::string gf_airportsXml(const std::filesystem::path& airportsCsv,
                            const std::filesystem::path& standCountsCsv, std::size_t& skipped);
 std::string gf_dbaseXml(const std::filesystem::path& sourceFolder);
+std::string gf_aigRegcodesXml(const std::filesystem::path& source);
+int gf_liveriesMain(const std::vector<std::string>& args);
 int gf_refdataMain(const std::vector<std::string>& args);
 // Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
 int gf_sendMain(const std::vector<std::string>& args);

@@ -9,6 +9,8 @@
 #include <pugixml.hpp>
 
 #include "app/app.h"
+#include "liveries/liveries.h"
+#include "params/params.h"
 #include "recording.h"
 #include "refdata/refdata.h"
 
@@ -99,10 +101,35 @@ int gf_refdataMain(const std::vector<std::string>& args) {
     const auto xml = gf_airportsXml(src / "airports.csv", src / "stand-counts.csv", skipped);
     writeEncrypted(xml, out / "airports.enc");
     writeEncrypted(gf_dbaseXml(src), out / "dbase.enc");
+    writeEncrypted(gf_aigRegcodesXml(src / "aig-regcodes.txt"), out / names::kRegcodesEnc);
     std::cout << fmt::format("{}: reference database\n", (out / "dbase.enc").string());
     std::cout << fmt::format("{}: airports ({} source rows without an ICAO code or elevation left out)\n",
                              (out / "airports.enc").string(), skipped);
     return 0;
+}
+
+std::string gf_aigRegcodesXml(const fs::path& source) {
+    std::vector<std::string> lines;
+    if (!std::holds_alternative<std::size_t>(gf_readAllLines(source, lines, 1024)))
+        throw std::runtime_error("cannot read " + source.string());
+    pugi::xml_document doc;
+    auto root = doc.append_child("root");
+    gf_appendMeta(root);
+    auto aig = root.append_child("aig");
+    for (const auto& line : lines) {
+        if (line.empty() || line[0] == '#') continue;
+        liveries::RegcodeRecord r;
+        std::string wrong;
+        if (!liveries::gf_parseRegcodeLine(line, r, wrong) || !wrong.empty())
+            throw std::runtime_error(fmt::format("{}: bad line '{}'", source.string(), line));
+        auto l = aig.append_child("l");
+        l.append_attribute("t").set_value(r.title.c_str());
+        if (!r.regcodes.empty()) l.append_attribute("r").set_value(joined(r.regcodes).c_str());
+        if (r.special) l.append_attribute("s").set_value("true");
+    }
+    std::ostringstream text;
+    doc.save(text, "  ");
+    return text.str();
 }
 
 std::string gf_dbaseXml(const fs::path& src) {

@@ -1,18 +1,39 @@
 #include "liveries/liveries.h"
 
+#include "app/app.h"
+
 namespace orv::liveries {
 
 bool liveriesFileExists() {
-    return true;
+    std::error_code ec;
+    return fs::exists(gf_liveriesFile(), ec);
 }
-void scan() {}
+
+void scan() {
+    gf_scanLiveries();
+}
+
 bool read() {
+    gf_processLiveries();
     return true;
 }
+
 std::size_t count() {
-    return 0;
+    std::size_t n = 0;
+    for (const auto& [airline, models] : gStore.index)
+        for (const auto& [model, entries] : models) n += entries.size();
+    return n;
 }
-void saveFailedList() {}
-void reset() {}
+
+void saveFailedList() {
+    gf_logMatchingSummary();
+}
+
+// The store outlives a restart: it is built once per process.
+void reset() {
+    gf_clearReports();
+    gScanProgress.filesFound = 0;
+    gScanProgress.filesDone = 0;
+}
 
 } // namespace orv::liveries

@@ -1,9 +1,154 @@
-// Liveries: the scan of installed AI packages, the store, and matching.
+// Liveries: the scan of installed AI packages, the store, the registration lists, and matching.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "refdata/refdata.h"
 
 namespace orv::liveries {
+
+namespace fs = std::filesystem;
+
+// ---- Records ---------------------------------------------------------------------------------
+
+// One [fltsim.x] section of an aircraft.cfg.
+struct LiveryData {
+    std::string title;
+    std::string regcode;
+    AirlineId airline = 0;
+    ModelId model = 0;
+    std::uint16_t folder = 0; // rank of the scanned folder, 1..10; 0 when read back from the file
+    bool cargo = false;
+    bool operator==(const LiveryData&) const = default;
+};
+
+// One livery of a registration list: its registrations, or none for a title not to use.
+struct RegcodeRecord {
+    std::string title;
+    std::vector<std::string> regcodes;
+    bool special = false;
+};
+
+// ---- Registration lists ----------------------------------------------------------------------
+
+bool gf_readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records);
+bool gf_readRegcodeFiles(const fs::path& folder, std::vector<RegcodeRecord>& records);
+// One line of a my_regcodes file; false when it is not a record (wrongLength: a bad registration).
+bool gf_parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string& wrongLength);
+void gf_readDontUseTitles();
+bool gf_dontUse(const std::string& title);
+
+// ---- Reports of a scan and of the processing -------------------------------------------------
+
+enum class Report {
+    InvalidAirlineCodes,
+    InvalidAircraftCodes,
+    Fixes,
+    InvalidAircraftCfgFiles,
+    IncompleteSections,
+    NoFltsimSection,
+    Conversions,
+    InlineRegcodes,
+    OfflineRegcodes,
+    Count
+};
+void gf_report(Report which, std::string line);
+std::vector<std::string> gf_reportLines(Report which);
+void gf_clearReports();
+fs::path gf_reportPath(Report which);
+// The report files and the summary lines in the log.
+void gf_writeScanReports();
+
+// ---- The store -------------------------------------------------------------------------------
+
+using TitleViews = std::vector<std::string_view>;
+struct TitleEntry {
+    std::string title;
+    bool cargo = false;
+};
+
+// Built at start from LiveriesScanned.xml; read without locks afterwards.
+struct Store {
+    std::vector<LiveryData> list;
+    std::unordered_map<AirlineId, std::unordered_map<ModelId, std::vector<TitleEntry>>> index;
+    std::array<std::unordered_map<AirlineId, std::unordered_map<ModelId, TitleViews>>, 2> airlineTitles;
+    std::array<std::unordered_map<ModelId, TitleViews>, 2> genericTitles;
+    std::unordered_map<std::string, std::string_view> regcodeTitles;
+    std::set<std::string> specialRegcodes, uniqueRegcodes;
+    TitleViews specialTitles;
+    std::array<std::vector<ModelId>, 3> categoryModels; // Light, Buzjets, Rotorcraft
+    std::unordered_map<ModelId, std::vector<ModelId>> similarInstalled;
+    std::unordered_map<AirlineId, std::unordered_map<ModelId, std::vector<ModelId>>> similarByAirline;
+    bool processed = false;
+    void reset();
+};
+extern Store gStore;
+
+fs::path gf_liveriesFile(); // output/LiveriesScanned.xml
+void gf_writeLiveries();
+void gf_readLiveries(); // throws UserErrorException 51, 52, 533, 999
+void gf_updateLiveriesFromDbase();
+// The work after a scan: update, prioritise, sort, write, reports. `folders` scanned.
+void gf_afterScan(std::size_t folders);
+void gf_processLiveries();
+std::string_view gf_titleInstalled(std::string_view title);
+bool gf_applyAigRegcodes(); // false when the shipped list can't be opened
+void gf_applyRegcodeFiles();
+
+// ---- Matching --------------------------------------------------------------------------------
+
+// What matching needs of an aircraft; the live and static records carry these.
+struct MatchAircraft {
+    AirlineModelKey key = 0;
+    std::string_view regcode;
+    Category category = Category::Light;
+    bool cargo = false;
+    std::string_view title; // a view into the store; empty until matched
+    bool fsltl = false;
+    std::string description; // for the log
+};
+AirlineId gf_keyAirline(AirlineModelKey key) noexcept;
+ModelId gf_keyModel(AirlineModelKey key) noexcept;
+
+void gf_matchLiveLivery(MatchAircraft& aircraft);
+bool gf_matchStaticLivery(MatchAircraft& aircraft, std::string_view standName, bool standCargo);
+std::vector<ModelId> gf_similarOfAirline(AirlineModelKey key);
+void gf_logMatchingSummary();
+void gf_refuseTitle(std::string_view title); // the simulator could not create it
+extern std::array<std::int32_t, 7> gMatchStepCount;
+void gf_resetMatching();
+void gf_seedMatching(std::uint32_t seed); // the random choices, for tests
+
+// ---- The scan --------------------------------------------------------------------------------
+
+struct ScanProgress {
+    std::atomic<std::uint64_t> filesFound{0}, filesDone{0};
+};
+extern ScanProgress gScanProgress;
+void gf_scanLiveries();
+std::vector<fs::path> lf_collectAutomaticFolders(const fs::path& community);
+std::vector<fs::path> lf_collectManualFolders();
+bool lf_scanFolders(const std::vector<fs::path>& folders);
+// The parsers of one file, run as tasks; `rank` is the folder's.
+std::vector<LiveryData> lf_searchLiveriesinFile(std::uint16_t rank, const fs::path& path);
+std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs::path& path);
+// The parser of one file's lines, for tests and fuzzing.
+std::vector<LiveryData> lf_parseAircraftCfg(std::uint16_t rank, const std::string& path,
+                                            const std::vector<std::string>& lines);
+void gf_clearTitleSet();
+
+// ---- The start sequence's view ---------------------------------------------------------------
 
 bool liveriesFileExists();
 void scan();

@@ -215,6 +215,8 @@ void Parameters::takeFromCatalogue() {
     INITIAL_LOAD_ONLY = c.INITIAL_LOAD_ONLY.value;
     OBJECTID_LIST = c.OBJECTID_LIST.value;
     AEROWINX = c.AEROWINX.value;
+    MATCHING_DEPTH = c.MATCHING_DEPTH.value;
+    RANDOM = c.RANDOM.value;
     ALWAYS_ON_TOP = c.ALWAYS_ON_TOP.value;
     try {
         PORT_NUMBER = std::stoi(c.PORT_NUMBER.value);

@@ -219,3 +219,38 @@ void gf_checkParameterFile(const fs::path& file) {
 }
 
 } // namespace orv
+
+namespace orv {
+
+void gf_appendMeta(pugi::xml_node root) {
+    auto meta = root.append_child("meta");
+    const auto* choice = dynamic_cast<const StringParameter*>(gf_findParameter("SIM_CHOICE"));
+    const bool sim2024 = choice && choice->value == "MSFS 2024";
+    const std::pair<const char*, std::string> rows[] = {
+        {"author", std::string(kAppName)},
+        {"version", fmt::format("{}.{}.{}", kVersion.major, kVersion.minor, kVersion.patch)},
+        {"date", gf_timeText()},
+        {"copyright", fmt::format("{} data, free to use with the program", kAppName)},
+        {"sim", sim2024 ? "2" : "1"},
+    };
+    for (const auto& [name, value] : rows) {
+        auto info = meta.append_child("info");
+        info.append_attribute("name").set_value(name);
+        info.append_attribute("value").set_value(value.c_str());
+    }
+}
+
+bool gf_metaValid(pugi::xml_node root, bool strict) {
+    const auto meta = root.child("meta");
+    if (!meta) return false;
+    bool copyright = false, sim = false;
+    for (const auto info : meta.children("info")) {
+        const std::string_view name = info.attribute("name").value();
+        if (name == "copyright" && *info.attribute("value").value()) copyright = true;
+        if (name == "P3D" || name == "MSFS" || name == "sim") sim = true;
+    }
+    if (!copyright) gf_log("no copyright info in the file?");
+    return copyright && (sim || !strict);
+}
+
+} // namespace orv

@@ -15,6 +15,8 @@ void Parameters::reset() {
     AEROWINX = false;
     ALWAYS_ON_TOP = false;
     PORT_NUMBER = 10747;
+    MATCHING_DEPTH = 4;
+    RANDOM = true;
     DESTINATION.clear();
     BLOCK_CALLSIGN.clear();
     MSFS_PATH.clear();

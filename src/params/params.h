@@ -22,6 +22,8 @@ struct Parameters {
     std::atomic<bool> AEROWINX{false};
     std::atomic<bool> ALWAYS_ON_TOP{false};
     std::atomic<int> PORT_NUMBER{10747};
+    std::atomic<int> MATCHING_DEPTH{4}; // how far down the livery ladder a match may go
+    std::atomic<bool> RANDOM{true};     // random picks among equal liveries
     // Written by the worker only.
     std::string DESTINATION;
     std::string BLOCK_CALLSIGN;
@@ -40,7 +42,8 @@ extern Parameters gParams;
 
 namespace pugi {
 class xml_document;
-}
+class xml_node;
+} // namespace pugi
 
 namespace orv {
 
@@ -180,6 +183,11 @@ inline constexpr const char* kParameters = "parameters.xml";
 inline constexpr const char* kLog = "Log.txt";
 inline constexpr const char* kTbloZip = "tblo.zip";
 } // namespace names
+
+// The common `meta` block of the program's XML files: author, version, date, copyright, sim.
+void gf_appendMeta(pugi::xml_node root);
+// Accepted when it holds a non-empty copyright row; strict also wants a P3D, MSFS or sim row.
+bool gf_metaValid(pugi::xml_node root, bool strict);
 
 std::optional<std::int32_t> readIntParameter(const pugi::xml_document& doc, const std::string& name);
 std::optional<bool> readBoolParameter(const pugi::xml_document& doc, const std::string& name);

@@ -1,0 +1,722 @@
+// The livery scan: the folders of the AI packages, a walk over their aircraft.cfg files on a
+// bounded pool of tasks, and the parsers that turn each [fltsim.x] section into a livery.
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <future>
+#include <map>
+#include <regex>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "app/app.h"
+#include "liveries/liveries.h"
+#include "params/params.h"
+#include "refdata/refdata.h"
+#include "sim/sim.h"
+
+namespace orv::liveries {
+
+ScanProgress gScanProgress;
+
+namespace {
+
+const std::map<std::string, std::string, std::less<>> kAsobo = {
+    {"Asobo_FlightDesignCT", "FDCT"},
+    {"Asobo_DA40_TDI", "DA40"},
+    {"Asobo_Longitude", "C700"},
+    {"Asobo_DA40_NG", "DA40"},
+    {"Asobo_VL3", "VL3"},
+    {"Asobo_Cap10C", "CP10"},
+    {"Asobo_Savage_Cub", "SAVG"},
+    {"Asobo_CJ4", "C25C"},
+    {"Asobo_Savage_ShockUltra", "SAVG"},
+    {"Asobo_C152", "C152"},
+    {"Asobo_XCub", "CC19"},
+    {"Asobo_C152_Aerobat", "C152"},
+    {"Asobo_Pitts", "PTS2"},
+    {"Asobo_C172sp_AS1000", "C172"},
+    {"Asobo_SR22", "SR22"},
+    {"Asobo_C172sp_classic", "C172"},
+    {"Asobo_Icon", "A5"},
+    {"Asobo_Bonanza_G36", "BE36"},
+    {"Asobo_TBM930", "TBM9"},
+    {"Asobo_Baron_G58", "B58T"},
+    {"Asobo_KingAir350", "B350"},
+    {"Asobo_B747_8i", "B748"},
+    {"Asobo_E330", "E300"},
+    {"Asobo_B787_10", "B78X"},
+    {"Asobo_DV20", "DV20"},
+    {"Asobo_208B_GRAND_CARAVAN_EX", "C208"},
+    {"Asobo_DR400", "DR40"},
+    {"Asobo_A320_NEO", "A20N"},
+    {"Asobo_DA62", "DA62"},
+    {"FlyByWire_A320_NEO", "A20N"},
+};
+
+std::mutex titleSetMutex;
+std::unordered_set<std::string> titleSet;
+
+// Accepts a title once per scan: the first task to get there wins.
+bool acceptTitle(const std::string& title) {
+    std::lock_guard lock(titleSetMutex);
+    return titleSet.insert(title).second;
+}
+
+bool startsComment(std::string_view line) {
+    const auto t = line.find_first_not_of(" \t");
+    return t == std::string_view::npos || line.substr(t).starts_with("//") || line.substr(t).starts_with(";");
+}
+
+// A [fltsim.N] header (lower case, the whole line): its number; 10000 for a line that holds
+// "[fltsim." or "[FLTSIM." otherwise; nullopt for no header. `bad`: digits that don't fit.
+// Written by hand: this runs on every line of tens of thousands of files.
+std::optional<long> headerNumber(std::string_view line, bool& bad) {
+    bad = false;
+    if (line.starts_with("//")) return std::nullopt;
+    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; };
+    std::size_t i = 0;
+    while (i < line.size() && blank(line[i])) ++i;
+    constexpr std::string_view open = "[fltsim.";
+    if (line.substr(i).starts_with(open)) {
+        std::size_t j = i + open.size(), digits = 0;
+        long n = 0;
+        while (j < line.size() && line[j] >= '0' && line[j] <= '9') {
+            if (n > 100000000)
+                bad = true; // far beyond any valid number: the value doesn't matter
+            else
+                n = n * 10 + (line[j] - '0');
+            ++j, ++digits;
+        }
+        if (digits > 0 && j < line.size() && line[j] == ']') {
+            ++j;
+            while (j < line.size() && blank(line[j])) ++j;
+            if (j == line.size()) return n;
+        }
+        bad = false;
+    }
+    if (line.find("[fltsim.") != std::string_view::npos || line.find("[FLTSIM.") != std::string_view::npos)
+        return 10000;
+    return std::nullopt;
+}
+
+// The value of `key = value` on a whole line; quotes keep the text between the first two.
+std::optional<std::string> keyValue(const std::string& line, std::string_view key) {
+    const auto eq = line.find('=');
+    if (eq == std::string::npos) return std::nullopt;
+    if (gf_trim(std::string_view(line).substr(0, eq)) != key) return std::nullopt;
+    std::string value = gf_trim(std::string_view(line).substr(eq + 1));
+    if (value.empty()) return std::nullopt; // the key's pattern wants a value
+    if (const auto q = value.find('"'); q != std::string::npos) {
+        const auto q2 = value.find('"', q + 1);
+        return q2 == std::string::npos ? std::string() : value.substr(q + 1, q2 - q - 1);
+    }
+    return value;
+}
+
+// Real files put comments behind values; the value ends where the comment starts.
+std::string withoutComment(std::string v) {
+    if (const auto c = v.find(';'); c != std::string::npos) v.resize(c);
+    if (const auto c = v.find("//"); c != std::string::npos) v.resize(c);
+    return gf_trim(v);
+}
+
+// A type code: valid as it is, or through the database's fixes; empty when neither.
+std::string validModel(std::string code, const std::string& path) {
+    if (code.empty()) return code;
+    if (gf_isModel(code)) return code;
+    const auto& fixes = gf_dbase().modelFixes;
+    if (const auto it = fixes.find(code); it != fixes.end()) {
+        gf_report(Report::Fixes,
+                  fmt::format("Model fix: {} found in {} changed into {}", code, path, it->second));
+        return it->second;
+    }
+    gf_report(Report::InvalidAircraftCodes, fmt::format("{:16} in {}", code, path));
+    return {};
+}
+
+std::string modelOfFile(const std::vector<std::string>& lines, const std::string& path) {
+    std::string code;
+    for (const auto& l : lines)
+        if (auto v = keyValue(l, "icao_type_designator"); v && !withoutComment(*v).empty()) {
+            code = gf_toUpper(withoutComment(*v).substr(0, 4));
+            break;
+        }
+    if (code.empty()) {
+        for (const auto& l : lines)
+            if (auto v = keyValue(l, "base_container"); v && !withoutComment(*v).empty()) {
+                const std::string b = withoutComment(*v);
+                if (b.size() >= 4) {
+                    // "..\Asobo_A320_NEO" and the like: the container's name after its three-character
+                    // prefix.
+                    std::string name = b.substr(3);
+                    if (const auto slash = name.find_last_of("\\/"); slash != std::string::npos)
+                        name = name.substr(slash + 1);
+                    if (const auto it = kAsobo.find(name); it != kAsobo.end()) code = it->second;
+                }
+                break;
+            }
+        code = gf_toUpper(code);
+    }
+    if (code.empty()) {
+        if (path.find("pmdg-aircraft-7") == std::string::npos &&
+            path.find("fnx-aircraft-3") == std::string::npos)
+            gf_report(Report::InvalidAircraftCfgFiles,
+                      "Line icao_type_designator= is missing in [General] section of " + path);
+        return {};
+    }
+    return validModel(code, path);
+}
+
+// One section of a normal file: the livery, if the section makes one.
+std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::string& path, ModelId model,
+                                                 std::vector<std::string> section) {
+    while (!section.empty() && startsComment(section.back())) section.pop_back();
+    if (section.empty()) return std::nullopt;
+    const std::string& first = section.front();
+    std::string title, parking, regcode;
+    std::optional<std::string> airline;
+    bool haveTitle = false, haveAtcId = false, dropped = false;
+    const auto incomplete = [&](std::string text) { gf_report(Report::IncompleteSections, std::move(text)); };
+    for (std::size_t i = 1; i < section.size() && !dropped; ++i) {
+        const auto& line = section[i];
+        if (startsComment(line)) continue;
+        if (auto v = keyValue(line, "title")) {
+            if (haveTitle) {
+                incomplete(fmt::format("{} {} has more than one title key", path, first));
+                break;
+            }
+            haveTitle = true;
+            title = gf_trim(withoutComment(*v));
+            if (title.find("FenixA320") != std::string::npos || title.find("PMDG 737") != std::string::npos)
+                dropped = true;
+        } else if (line.find("icao_airline") != std::string::npos) {
+            if (airline) {
+                incomplete(fmt::format("{} {} has more than one atc_parking_codes key", path, first));
+                break;
+            }
+            auto v = keyValue(line, "icao_airline");
+            std::string code = v ? withoutComment(*v) : std::string();
+            code = (code.empty() || code == "ZZZZ") ? std::string("ZZZ") : gf_toUpper(code);
+            code = gf_trimList(code);
+            if (code.size() == 4 && (code.back() == 'X' || code.back() == 'C')) code.pop_back();
+            if (!gf_isAirline(code)) {
+                if (code == "RFO")
+                    dropped = true;
+                else
+                    gf_report(Report::InvalidAirlineCodes, fmt::format("{:12} in {} {}", code, path, first));
+                code.clear();
+            }
+            airline = code;
+        } else if (line.find("atc_parking_types") != std::string::npos) {
+            if (!parking.empty()) {
+                incomplete(fmt::format("{} {} has more than one atc_parking_types key", path, first));
+                break;
+            }
+            if (auto v = keyValue(line, "atc_parking_types"))
+                parking = gf_toUpper(gf_trim(withoutComment(*v)));
+        } else if (auto v = keyValue(line, "atc_id"); v || line.find("atc_id=") != std::string::npos) {
+            if (haveAtcId) {
+                incomplete(fmt::format("{}, {}, has more than one atc_id key", path, first));
+                dropped = true;
+                break;
+            }
+            haveAtcId = true;
+            std::string value = v ? *v : std::string();
+            if (const auto c = value.find(';'); c != std::string::npos) value.resize(c);
+            value = gf_trim(value);
+            std::vector<std::string> pieces;
+            bool ok = !value.empty();
+            for (std::size_t start = 0; ok;) {
+                const auto cut = value.find(',', start);
+                const std::string piece = value.substr(start, cut == std::string::npos ? cut : cut - start);
+                if (piece.empty() || piece.size() > 12 || piece.find('*') != std::string::npos ||
+                    piece == " ")
+                    ok = false;
+                else
+                    pieces.push_back(gf_trim(piece));
+                if (cut == std::string::npos) break;
+                start = cut + 1;
+            }
+            if (ok)
+                regcode = pieces.size() == 1 ? pieces.front() : std::string();
+            else if (!value.empty())
+                incomplete(fmt::format("invalid atc_id={} in: {}", value, path));
+        }
+    }
+    if (dropped) return std::nullopt;
+    if (!airline || airline->empty())
+        incomplete(fmt::format("{} {} icao_airline is missing, or it has invalid info ", path, first));
+    if (title.empty()) {
+        incomplete(fmt::format("{} {} misses title", path, first));
+        return std::nullopt;
+    }
+    std::string code = airline.value_or("");
+    if (title.ends_with("-STUB")) code = "ZZZ";
+    if (gf_dontUse(title)) return std::nullopt;
+    if (code == "ZZZ") regcode.clear();
+    const bool heavy = gf_category(model) == Category::Heavy;
+    if (code.empty() && regcode.empty()) {
+        if (heavy) {
+            gf_log(fmt::format("'{}' '{}' has no airline and no regcode info", path, title));
+            return std::nullopt;
+        }
+        code = "PVT";
+        const std::string inTitle = gf_regcodeInTitle(title);
+        if (inTitle.size() < 6) regcode = inTitle;
+    } else if (code.empty()) {
+        if (const auto rec = gf_dbaseRecordOf(regcode)) {
+            code = std::string(gf_airlineCode(rec->airline));
+        } else if (heavy) {
+            gf_log(fmt::format("'{}' '{}' has no airline and regcode not in dbase", path, title));
+            return std::nullopt;
+        } else {
+            code = "PVT";
+        }
+    }
+    const bool cargo =
+        parking.find("CARGO") != std::string::npos && parking.find("GATE") == std::string::npos;
+    if (!acceptTitle(title)) {
+        incomplete(fmt::format("{} {} title '{}' already exists", path, first, title));
+        return std::nullopt;
+    }
+    return LiveryData{title, regcode, gf_airlineId(code), model, rank, cargo};
+}
+
+// A line that ends a section: a header, or a '[' within its first 6 bytes.
+bool endsSection(const std::string& line) {
+    const auto b = line.find('[');
+    return b != std::string::npos && b < 6;
+}
+
+const char* kIvaoSpecials[] = {"IVAO_B738WLfa", "IVAO_B739WLfa", "IVAO_A320wCFM", "IVAO_A320wIAE",
+                               "IVAO_A319fIAEw"};
+
+} // namespace
+
+void gf_clearTitleSet() {
+    std::lock_guard lock(titleSetMutex);
+    titleSet.clear();
+}
+
+std::vector<LiveryData> lf_parseAircraftCfg(std::uint16_t rank, const std::string& path,
+                                            const std::vector<std::string>& lines) {
+    std::vector<LiveryData> out;
+    bool anyHeader = false;
+    for (const auto& l : lines) {
+        bool bad = false;
+        const auto n = headerNumber(l, bad);
+        if (!n) continue;
+        if (bad) {
+            gf_log(fmt::format("fltsim num {} incorrect", l));
+            return out;
+        }
+        if (*n > 10000) {
+            gf_report(Report::InvalidAircraftCfgFiles,
+                      fmt::format("{} contains a [fltsim.x] section with a number < 0 or > {}", path, 10000));
+            return out;
+        }
+        anyHeader = true;
+    }
+    if (!anyHeader) {
+        gf_report(Report::NoFltsimSection, path);
+        return out;
+    }
+    const std::string modelCode = modelOfFile(lines, path);
+    if (modelCode.empty()) return out;
+    const ModelId model = gf_modelId(modelCode);
+    std::vector<std::string> section;
+    bool inSection = false;
+    const auto finish = [&] {
+        if (inSection)
+            if (auto l = lf_procesFltSimSection(rank, path, model, std::move(section)))
+                out.push_back(std::move(*l));
+        section.clear();
+        inSection = false;
+    };
+    section.reserve(48);
+    for (const auto& l : lines) {
+        bool bad = false;
+        if (headerNumber(l, bad)) {
+            finish();
+            inSection = true;
+            section.push_back(l);
+            continue;
+        }
+        if (inSection && endsSection(l)) {
+            finish();
+            continue;
+        }
+        if (inSection) section.push_back(l);
+    }
+    finish();
+    return out;
+}
+
+std::vector<LiveryData> lf_searchLiveriesinFile(std::uint16_t rank, const fs::path& path) {
+    std::vector<LiveryData> out;
+    try {
+        std::error_code ec;
+        if (!fs::exists(path, ec)) return out;
+        const auto encoding = gf_detectEncoding(path);
+        if (encoding == Encoding::NoneFound) {
+            gf_log(fmt::format("! No text encoding detected for {}", path.string()));
+            return out;
+        }
+        std::vector<std::string> lines;
+        lines.reserve(4096);
+        if (!gf_readLines(encoding, path, lines)) {
+            gf_log(fmt::format("! Failed reading {}", path.string()));
+            return out;
+        }
+        out = lf_parseAircraftCfg(rank, path.string(), lines);
+    } catch (const std::exception& e) {
+        gf_log(fmt::format("! Exception in lf_searchLiveriesinFile {}: {}", path.string(), e.what()));
+    }
+    return out;
+}
+
+std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs::path& file) {
+    std::vector<LiveryData> out;
+    const std::string path = file.string();
+    try {
+        // On Windows the folders are separated by backslashes; here by slashes: both are accepted.
+        static const std::regex patterns[] = {
+            std::regex(R"(.+[\\/]IVAO_MTL[\\/]SimObjects[\\/]Airplanes[\\/]IVAO_(\w+)[\\/]aircraft\.cfg$)",
+                       std::regex::icase),
+            std::regex(R"(.+[\\/]ivao_x-csl[\\/]SimObjects[\\/]Airplanes[\\/]IVAO_(\w+)[\\/]aircraft\.cfg$)",
+                       std::regex::icase)};
+        std::smatch m;
+        std::string folderModel;
+        for (const auto& p : patterns)
+            if (std::regex_match(path, m, p)) {
+                folderModel = m[1].str();
+                break;
+            }
+        if (folderModel.empty()) return out;
+        const std::string modelCode = validModel(gf_toUpper(folderModel.substr(0, 4)), path);
+        if (modelCode.empty()) return out;
+        const ModelId model = gf_modelId(modelCode);
+        std::vector<std::string> lines;
+        lines.reserve(4096);
+        if (!gf_readLines(gf_detectEncoding(file), file, lines)) {
+            gf_log(fmt::format("! Failed reading {}", path));
+            return out;
+        }
+        const bool special = std::any_of(std::begin(kIvaoSpecials), std::end(kIvaoSpecials),
+                                         [&](const char* s) { return path.find(s) != std::string::npos; });
+        const std::regex airlineOf(modelCode + (special ? "W" : "") + R"(\s*(\w\w\w).*$)");
+        const auto incomplete = [&](const std::string& first, std::string text) {
+            gf_report(Report::IncompleteSections, path + " " + first + text);
+        };
+        std::vector<std::string> section;
+        const auto finish = [&] {
+            if (section.empty()) return;
+            const std::string first = section.front();
+            std::string title, texture, regcode;
+            bool haveTitle = false, haveParking = false, haveAtcId = false, bad = false;
+            for (std::size_t i = 1; i < section.size() && !bad; ++i) {
+                const auto& line = section[i];
+                if (auto v = keyValue(line, "title")) {
+                    if (haveTitle) {
+                        incomplete(first, " has more than one title key");
+                        bad = true;
+                        break;
+                    }
+                    haveTitle = true;
+                    title = gf_trim(*v);
+                    if (title != *v)
+                        gf_log(fmt::format("removed spaces around title '{}' --> '{}'", *v, title));
+                } else if (keyValue(line, "atc_parking_types")) {
+                    if (haveParking) {
+                        incomplete(first, " has more than one atc_parking_types key");
+                        bad = true;
+                    }
+                    haveParking = true;
+                } else if (auto a = keyValue(line, "atc_id")) {
+                    if (haveAtcId) {
+                        incomplete(first, fmt::format(", {}, has more than one atc_id key", path));
+                        bad = true;
+                        break;
+                    }
+                    haveAtcId = true;
+                    std::string v = *a;
+                    if (const auto c = v.find(';'); c != std::string::npos) v.resize(c);
+                    v = gf_trim(v);
+                    if (v.empty() || v.size() > 12 || v.find('*') != std::string::npos ||
+                        v.find(',') != std::string::npos)
+                        gf_report(Report::IncompleteSections,
+                                  fmt::format("invalid atc_id={} in {}", v, path));
+                    else
+                        regcode = v;
+                } else if (auto t = keyValue(line, "texture")) {
+                    texture = withoutComment(*t);
+                }
+            }
+            section.clear();
+            if (bad) return;
+            std::error_code ec;
+            if (!texture.empty() && !fs::exists(file.parent_path() / ("texture." + texture), ec)) {
+                incomplete(first, " does not exist");
+                return;
+            }
+            if (title.empty()) {
+                incomplete(first, " misses title");
+                return;
+            }
+            if (gf_dontUse(title)) return;
+            std::smatch am;
+            std::string airline;
+            if (std::regex_search(title, am, airlineOf)) {
+                airline = gf_toUpper(am[1].str());
+                if (!gf_isAirline(airline)) {
+                    gf_report(Report::InvalidAirlineCodes,
+                              fmt::format("{:12} in {} {}", airline, path, first));
+                    return;
+                }
+            } else if (const auto rec = regcode.empty() ? std::nullopt : gf_dbaseRecordOf(regcode)) {
+                airline = std::string(gf_airlineCode(rec->airline));
+            } else {
+                incomplete(first,
+                           " misses airlinecode in title: " + title +
+                               (regcode.empty() ? ", and no regcode" : ", and regcode unknown " + regcode));
+                return;
+            }
+            if (airline == "ZZZ") regcode.clear();
+            if (!acceptTitle(title)) {
+                incomplete(first, " title already exists: " + title);
+                return;
+            }
+            out.push_back({title, regcode, gf_airlineId(airline), model, rank, false});
+        };
+        for (const auto& l : lines) {
+            bool badNumber = false;
+            if (headerNumber(l, badNumber)) {
+                finish();
+                section.push_back(l);
+            } else if (!section.empty() && endsSection(l)) {
+                finish();
+            } else if (!section.empty()) {
+                section.push_back(l);
+            }
+        }
+        finish();
+    } catch (const std::exception& e) {
+        gf_log(fmt::format("! Exception in lf_searchLiveriesinIVAOFile {}: {}", path, e.what()));
+    } catch (...) {
+        gf_log(fmt::format("! Unknown exception in lf_searchLiveriesinIVAOFile {}", path));
+    }
+    return out;
+}
+
+// ---- Folders ---------------------------------------------------------------------------------
+
+std::vector<fs::path> lf_collectManualFolders() {
+    std::vector<fs::path> list;
+    for (int i = 0; i < 10; ++i) {
+        const auto name = fmt::format("lfolder{}", i);
+        const auto* p = dynamic_cast<const StringParameter*>(gf_findParameter(name));
+        if (!p || p->value.empty()) continue;
+        std::error_code ec;
+        if (!fs::exists(p->value, ec)) {
+            gf_log(fmt::format("{}: '{}' does not exist", name, p->value));
+            throw UserErrorException(
+                243, fmt::format("the path pointed to by parameter '{}' does not exist, see Log.txt!", name));
+        }
+        list.emplace_back(p->value);
+    }
+    return list;
+}
+
+std::vector<fs::path> lf_collectAutomaticFolders(const fs::path& community) {
+    struct Finder {
+        const char* word;
+        std::vector<const char*> names;
+        const char* log;
+    };
+    const bool msfs2020 = sim::msfs2020Selected();
+    std::vector<const char*> aig = {"aig-aitraffic-oci"};
+    if (msfs2020) aig.push_back("aig-aitraffic-oci-beta");
+    const Finder finders[] = {
+        {"AIG", aig, "Automatic AIG scan found folder: '{}'"},
+        {"FSLTL", {"fsltl-traffic-base"}, "Automatic FSLTL scan found folder: '{}'"},
+        {"JF",
+         {"justflight-aircraft-traffic-fleet", "justflight-fstraffic-module"},
+         "Automatic JF scan found folder: '{}'"},
+        {"MTL", {"IVAO_MTL"}, "Automatic IVAO_MTL scan found folder: '{}'"},
+    };
+    const auto* selector = dynamic_cast<const StringParameter*>(gf_findParameter("AI_PACKAGE_SELECTOR"));
+    std::vector<std::string> words;
+    if (selector)
+        for (auto& w : gf_splitList(selector->value)) words.push_back(gf_trim(w));
+    const bool valid = !words.empty() && std::all_of(words.begin(), words.end(), [&](const std::string& w) {
+        return std::any_of(std::begin(finders), std::end(finders),
+                           [&](const Finder& f) { return w == f.word; });
+    });
+    if (!valid) throw std::runtime_error(fmt::format("{} not set", "AI_PACKAGE_SELECTOR"));
+    std::vector<fs::path> entries;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(community, ec)) entries.push_back(e.path());
+    std::vector<fs::path> list;
+    const auto find = [&](const std::vector<const char*>& names, const char* log) {
+        for (const auto& e : entries) {
+            const std::string name = e.filename().string();
+            if (name.find("_CVT_") != std::string::npos) continue;
+            if (std::any_of(names.begin(), names.end(),
+                            [&](const char* n) { return name.find(n) != std::string::npos; })) {
+                list.push_back(e);
+                gf_log(fmt::format(fmt::runtime(log), e.string()));
+                return;
+            }
+        }
+    };
+    for (const auto& w : words)
+        for (const auto& f : finders)
+            if (w == f.word) find(f.names, f.log);
+    find({"user-aitraffic"}, "Automatic user-aitraffic scan found folder: '{}'");
+    return list;
+}
+
+// ---- The walk --------------------------------------------------------------------------------
+
+namespace {
+
+constexpr const char* kSkipped[] = {"airport",   "lvfr",     "mkstudios", "simwings", "fsdreamteam",
+                                    "navigraph", "flytampa", "inibuilds", "_CVT_"};
+
+// A pool of the hardware's size: never more tasks in flight than threads.
+std::size_t lf_searchLiveries(std::uint16_t rank, const fs::path& folder, std::vector<LiveryData>& into) {
+    const std::size_t maxTasks = std::max<std::size_t>(2, std::thread::hardware_concurrency());
+    std::deque<std::future<std::vector<LiveryData>>> tasks;
+    const std::size_t before = into.size();
+    const auto drainOldest = [&] {
+        auto& f = tasks.front();
+        if (f.wait_for(std::chrono::seconds(10)) != std::future_status::ready)
+            throw std::runtime_error("Future wait timed out after 10 seconds");
+        auto records = f.get();
+        tasks.pop_front();
+        into.insert(into.end(), std::make_move_iterator(records.begin()),
+                    std::make_move_iterator(records.end()));
+    };
+    try {
+        std::error_code ec;
+        auto it = fs::recursive_directory_iterator(folder, fs::directory_options::skip_permission_denied, ec);
+        for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+            const std::string path = it->path().string();
+            if (path.size() > 249 ||
+                std::any_of(std::begin(kSkipped), std::end(kSkipped),
+                            [&](const char* s) { return path.find(s) != std::string::npos; })) {
+                it.disable_recursion_pending();
+                continue;
+            }
+            if (!it->is_regular_file(ec)) continue;
+            const auto& p = it->path();
+            if (!gf_iequals(p.stem().string(), "aircraft") || !gf_iequals(p.extension().string(), ".cfg"))
+                continue;
+            const bool ivao =
+                path.find("ivao_x-csl") != std::string::npos || path.find("IVAO_MTL") != std::string::npos;
+            ++gScanProgress.filesFound;
+            while (tasks.size() >= maxTasks) drainOldest();
+            tasks.push_back(std::async(std::launch::async, [rank, p, ivao] {
+                auto r = ivao ? lf_searchLiveriesinIVAOFile(rank, p) : lf_searchLiveriesinFile(rank, p);
+                ++gScanProgress.filesDone;
+                return r;
+            }));
+        }
+        while (!tasks.empty()) drainOldest();
+    } catch (const std::exception& e) {
+        gf_log(fmt::format("liveries search in {} aborted, cause: {}", folder.string(), e.what()));
+        for (auto& t : tasks) t.wait(); // running tasks are waited for, not cancelled
+    }
+    return into.size() - before;
+}
+
+void removeOldReports() {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(Report::Count); ++i) {
+        std::error_code ec;
+        fs::remove(gf_reportPath(static_cast<Report>(i)), ec);
+    }
+}
+
+} // namespace
+
+bool lf_scanFolders(const std::vector<fs::path>& folders) {
+    auto& list = gStore.list;
+    list.clear();
+    gf_clearReports();
+    gf_clearTitleSet();
+    removeOldReports();
+    gf_readDontUseTitles();
+    std::uint16_t rank = 0;
+    std::size_t scanned = 0;
+    for (const auto& folder : folders) {
+        if (folder.empty()) continue;
+        if (gRun.stopRequested) return false;
+        std::error_code ec;
+        if (!fs::exists(folder, ec)) {
+            gf_log(folder.string() + " does not exist, skipped!");
+            continue;
+        }
+        if (!fs::is_directory(folder, ec)) {
+            gf_log(folder.string() + " is not a folder name, skipped!");
+            continue;
+        }
+        rank = std::min<std::uint16_t>(10, static_cast<std::uint16_t>(rank + 1));
+        ++scanned;
+        const auto n = lf_searchLiveries(rank, folder, list);
+        const auto where = fmt::format("found in {}", folder.string());
+        if (n)
+            gf_log(fmt::format("{} liverie{} {}", n, n == 1 ? "" : "s", where));
+        else
+            gf_log(fmt::format("No liveries {}", where));
+    }
+    if (list.empty()) return false;
+    gf_afterScan(scanned);
+    return true;
+}
+
+void gf_scanLiveries() {
+    auto* prioritize = dynamic_cast<const BoolParameter*>(gf_findParameter("LIG_PRIORITIZE"));
+    auto* automatic = dynamic_cast<const BoolParameter*>(gf_findParameter("LIG_AUTOMATIC"));
+    const bool isAutomatic = !automatic || automatic->value;
+    const auto text =
+        fmt::format("Scanning {}for liveries ...", prioritize && prioritize->value ? "prioritized " : "");
+    gf_message(text, true);
+    gf_log(fmt::format("\n++++++++++++++++++++++++ liveries scan {} starts ++++++++++++++++++++++++++++++++",
+                       isAutomatic ? "automatic" : "manual"));
+    std::vector<fs::path> folders;
+    if (isAutomatic) {
+        const auto community = sim::gf_communityPath();
+        std::error_code ec;
+        if (fs::is_directory(community, ec)) folders = lf_collectAutomaticFolders(community);
+    } else {
+        folders = lf_collectManualFolders();
+    }
+    if (folders.empty()) {
+        if (isAutomatic)
+            throw UserErrorException(
+                43, "Automatic scan has not found any AI packages, choose a different selection (or "
+                    "go to Manual mode, see Manual 5.2)");
+        throw UserErrorException(
+            48,
+            fmt::format(
+                "Exit {} first!   Then set one or more lfolder parameters to your liveries, see Manual 5.2",
+                kAppName));
+    }
+    if (!lf_scanFolders(folders)) {
+        if (gRun.stopRequested) return;
+        if (!isAutomatic) throw UserErrorException(53, "no liveries found");
+        throw UserErrorException(
+            143, "Automatic scan has not found any liveries, choose a different selection, or switch "
+                 "off automatic and set lfolder parameter(-s)");
+    }
+    if (auto* scan = dynamic_cast<BoolParameter*>(gf_findParameter("SCAN_LIVERIES"))) {
+        scan->value = false;
+        updateParameter(gPaths.dataFolder / names::kParameters, gf_parameterLists(), *scan);
+    }
+    gParams.SCAN_LIVERIES = false;
+    gf_log("\n++++++++++++++++++++++++ liveries scan ends ++++++++++++++++++++++++++++++++\n");
+}
+
+} // namespace orv::liveries

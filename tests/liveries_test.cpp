@@ -1,0 +1,456 @@
+// The livery scan, the store built from its file, the registration lists, and matching.
+#include <algorithm>
+#include <map>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "liveries/liveries.h"
+#include "params/params.h"
+#include "refdata/refdata.h"
+#include "sim/sim.h"
+#include "support.h"
+
+namespace orv::liveries {
+namespace {
+
+template <class P>
+P& parameter(const char* name) {
+    return dynamic_cast<P&>(*gf_findParameter(name));
+}
+
+// A program folder with the shipped reference files and a clean livery state.
+class LiveriesTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        gPaths.programFolder = dir.path();
+        gPaths.dataFolder = dir.path();
+        fs::create_directories(dir / "input");
+        gf_loadDbase(test::shippedCopy("dbase.enc", dir / "input"));
+        test::shippedCopy("AIG-regcodes.enc", dir / "input");
+        gStore.reset();
+        gf_clearReports();
+        gf_clearTitleSet();
+        gf_resetMatching();
+        gf_seedMatching(7);
+        gParams.RANDOM = false;
+        gParams.MATCHING_DEPTH = 4;
+        parameter<BoolParameter>("LIG_PRIORITIZE").value = true;
+        for (const char* p : {"LIGHT_AIRCRAFT", "HIGH_PERF_AIRCRAFT", "HELICOPTERS"})
+            parameter<BoolParameter>(p).value = true;
+        gf_readDontUseTitles();
+    }
+    void TearDown() override {
+        gStore.reset();
+        gf_clearReports();
+        gParams.RANDOM = true;
+    }
+    static fs::path community() { return fs::path(ORV_SOURCE_DIR) / "data/liveries/Community"; }
+    std::vector<LiveryData> parse(const std::string& text) {
+        std::vector<std::string> lines;
+        for (std::size_t start = 0; start < text.size();) {
+            const auto nl = text.find('\n', start);
+            lines.push_back(text.substr(start, nl - start));
+            start = nl == std::string::npos ? text.size() : nl + 1;
+        }
+        return lf_parseAircraftCfg(1, "X/aircraft.cfg", lines);
+    }
+    // Scans the fixed set and builds the store from the file the scan wrote.
+    void scanAndProcess() {
+        ASSERT_TRUE(lf_scanFolders(lf_collectAutomaticFolders(community())));
+        gf_processLiveries();
+    }
+    test::TempDir dir;
+    test::LogCapture log;
+};
+
+TEST_F(LiveriesTest, SectionRules) {
+    struct Case {
+        const char* rule;
+        std::string file;
+        std::vector<std::string> liveries; // "title|airline|model|regcode|cargo"
+        std::pair<Report, std::string> reported = {Report::Count, ""};
+    };
+    const std::string b738 = "[GENERAL]\nicao_type_designator = \"B738\"\n";
+    const auto one = [&](const std::string& keys) { return b738 + "[fltsim.0]\ntitle = T1\n" + keys; };
+    const Case cases[] = {
+        {"header 10000 is valid",
+         b738 + "[fltsim.10000]\ntitle = T1\nicao_airline = KLM\n",
+         {"T1|KLM|B738||0"}},
+        {"header above 10000 rejects the file",
+         b738 + "[fltsim.10001]\ntitle = T1\nicao_airline = KLM\n",
+         {},
+         {Report::InvalidAircraftCfgFiles,
+          "X/aircraft.cfg contains a [fltsim.x] section with a number < 0 or > 10000"}},
+        {"upper case and letters count as 10000",
+         b738 + "[FLTSIM.a]\ntitle = T1\nicao_airline = KLM\n",
+         {"T1|KLM|B738||0"}},
+        {"no section at all", b738, {}, {Report::NoFltsimSection, "X/aircraft.cfg"}},
+        {"four letters ending in C", one("icao_airline = KLMC\n"), {"T1|KLM|B738||0"}},
+        {"four letters ending in X", one("icao_airline = dalx ; comment\n"), {"T1|DAL|B738||0"}},
+        {"ZZZZ is generic and loses its registration",
+         one("icao_airline = ZZZZ\natc_id = PH-BXA\n"),
+         {"T1|ZZZ|B738||0"}},
+        {"unknown airline is reported, then private",
+         one("icao_airline = XQX\n"),
+         {"T1|PVT|B738||0"},
+         {Report::InvalidAirlineCodes, "XQX          in X/aircraft.cfg [fltsim.0]"}},
+        {"RFO drops the section quietly", one("icao_airline = RFO\n"), {}},
+        {"several registrations give none",
+         one("icao_airline = KLM\natc_id = PH-ABC,PH-DEF\n"),
+         {"T1|KLM|B738||0"}},
+        {"a comment ends the registration",
+         one("icao_airline = KLM\natc_id = PH-ABC ;comment\n"),
+         {"T1|KLM|B738|PH-ABC|0"}},
+        {"stars make it invalid",
+         one("icao_airline = KLM\natc_id = PH-***\n"),
+         {"T1|KLM|B738||0"},
+         {Report::IncompleteSections, "invalid atc_id=PH-*** in: X/aircraft.cfg"}},
+        {"CARGO alone is cargo", one("icao_airline = FDX\natc_parking_types = CARGO\n"), {"T1|FDX|B738||1"}},
+        {"GATE,CARGO is passenger",
+         one("icao_airline = FDX\natc_parking_types = \"GATE,CARGO\"\n"),
+         {"T1|FDX|B738||0"}},
+        {"a -STUB title is generic",
+         b738 + "[fltsim.0]\ntitle = T1-STUB\nicao_airline = KLM\n",
+         {"T1-STUB|ZZZ|B738||0"}},
+        {"no title",
+         b738 + "[fltsim.0]\nicao_airline = KLM\n",
+         {},
+         {Report::IncompleteSections, "X/aircraft.cfg [fltsim.0] misses title"}},
+        {"two titles end the section's keys",
+         one("title = T2\nicao_airline = KLM\n"),
+         {"T1|PVT|B738||0"},
+         {Report::IncompleteSections, "X/aircraft.cfg [fltsim.0] has more than one title key"}},
+        {"a title seen before",
+         one("icao_airline = KLM\n") + "[fltsim.1]\ntitle = T1\nicao_airline = DLH\n",
+         {"T1|KLM|B738||0"},
+         {Report::IncompleteSections, "X/aircraft.cfg [fltsim.1] title 'T1' already exists"}},
+        {"a heavy type needs an airline or a registration",
+         "[GENERAL]\nicao_type_designator = \"B77W\"\n[fltsim.0]\ntitle = T1\n",
+         {}},
+        {"a model fix or an unknown type",
+         "[GENERAL]\nicao_type_designator = \"Z99Z\"\n[fltsim.0]\ntitle = T1\n",
+         {},
+         {Report::InvalidAircraftCodes, "Z99Z             in X/aircraft.cfg"}},
+        {"base_container of an Asobo aircraft",
+         "[GENERAL]\nbase_container = \"..\\Asobo_C172sp_classic\"\n[fltsim.0]\ntitle = T1\n",
+         {"T1|PVT|C172||0"}},
+        {"a title on the list not to use",
+         b738 + "[fltsim.0]\ntitle = AIG Boeing 737-900 United Airlines\nicao_airline = UAL\n",
+         {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.rule);
+        gf_clearReports();
+        gf_clearTitleSet();
+        std::vector<std::string> got;
+        for (const auto& l : parse(c.file))
+            got.push_back(fmt::format("{}|{}|{}|{}|{}", l.title, gf_airlineCode(l.airline),
+                                      gf_modelCode(l.model), l.regcode, l.cargo ? 1 : 0));
+        EXPECT_EQ(got, c.liveries);
+        if (c.reported.first != Report::Count) {
+            const auto lines = gf_reportLines(c.reported.first);
+            EXPECT_NE(std::find(lines.begin(), lines.end(), c.reported.second), lines.end())
+                << (lines.empty() ? "(no lines)" : lines.front());
+        }
+    }
+}
+
+TEST_F(LiveriesTest, TheRealAircraftCfg) {
+    const auto got = lf_searchLiveriesinFile(3, fs::path(ORV_SOURCE_DIR) /
+                                                    "data/liveries/real/flybywire-a320neo.aircraft.cfg");
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(gf_modelCode(got[0].model), "A20N");
+    EXPECT_EQ(got[0].folder, 3);
+    EXPECT_FALSE(got[0].cargo) << "GATE,RAMP,CARGO serves passengers";
+    // No icao_airline and a registration the database doesn't know: a private livery.
+    EXPECT_EQ(gf_airlineCode(got[0].airline), "PVT");
+}
+
+TEST_F(LiveriesTest, TheFixedSetScansWritesAndReadsBack) {
+    const auto folders = lf_collectAutomaticFolders(community());
+    std::vector<std::string> names;
+    for (const auto& f : folders) names.push_back(f.filename().string());
+    EXPECT_EQ(names,
+              (std::vector<std::string>{"aig-aitraffic-oci-beta", "fsltl-traffic-base",
+                                        "justflight-aircraft-traffic-fleet", "IVAO_MTL", "user-aitraffic"}));
+    ASSERT_TRUE(lf_scanFolders(folders));
+    gf_readLiveries();
+    std::map<std::string, std::string> byTitle;
+    for (const auto& l : gStore.list)
+        byTitle[l.title] = fmt::format("{} {} {} {}", gf_airlineCode(l.airline), gf_modelCode(l.model),
+                                       l.regcode, l.cargo ? "cargo" : "pax");
+    const std::map<std::string, std::string> expected = {
+        {"A388 DLH Lufthansa", "DLH A388  pax"},
+        {"AIG Airbus A320 British Airways", "BAW A320  pax"},
+        {"AIG Airbus A320 Generic", "ZZZ A320  pax"},
+        {"AIG Airbus A320 Lufthansa", "DLH A320  pax"},
+        {"AIG Airbus A320 Swiss", "SWR A320  pax"},
+        {"AIG Airbus A321 American Airlines", "AAL A321  pax"},
+        {"AIG Airbus A321 Delta Air Lines", "DAL A321  pax"},
+        {"AIG Boeing 737-800 Corendon Airlines", "CAI B738  pax"},
+        {"AIG Boeing 737-800 KLM", "KLM B738  pax"},
+        {"AIG Boeing 737-800 United Airlines", "UAL B738  pax"},
+        {"AIG Boeing 737-800 Unknown Operator", "PVT B738  pax"},
+        {"AIG Boeing 737-900 Delta Air Lines", "DAL B739  pax"},
+        {"AIG Boeing 737-900 Delta Air Lines N899DN", "DAL B739 N899DN pax"},
+        {"AIG Boeing 737-900 placeholder-STUB", "ZZZ B739  pax"},
+        {"Cessna 172 private N12345", "PVT C172  pax"},
+        {"Delta Air Lines special colours", "DAL B739 N801DZ pax"},
+        {"FSLTL_B772_KLM KLM", "KLM B772  pax"},
+        {"FSLTL_B77W_SWR Swiss", "SWR B77W  pax"},
+        {"FSLTL_B77W_ZZZZ Generic", "ZZZ B77W  pax"},
+        {"FSLTL_B789_ACA Air Canada", "ACA B789  pax"},
+        {"JF Boeing 757-200 Delta Air Lines", "DAL B752  pax"},
+        {"JF Boeing 767-300 FedEx Pilot Trainer", "FDX B763  pax"},
+        {"JF Boeing 767-300F Frachtflug Gen\xC3\xA8ve", "FDX B763  cargo"},
+        {"JF Boeing 767-300F FedEx Express", "FDX B763  cargo"},
+    };
+    EXPECT_EQ(byTitle, expected);
+    // The UTF-16 and Windows-1252 files were read; the _CVT_ copy, the United title (not to
+    // use) and the IVAO livery without its texture folder were not.
+    const auto errors = [&](Report r) { return gf_reportPath(r); };
+    EXPECT_TRUE(fs::exists(errors(Report::InvalidAirlineCodes)));
+    EXPECT_TRUE(fs::exists(errors(Report::InvalidAircraftCodes)));
+    EXPECT_TRUE(fs::exists(errors(Report::NoFltsimSection)));
+    EXPECT_FALSE(fs::exists(errors(Report::Fixes)));
+    const auto incomplete = test::readBytes(errors(Report::IncompleteSections));
+    EXPECT_NE(incomplete.find("IVAO_A388/aircraft.cfg [FLTSIM.1] does not exist"), std::string::npos)
+        << incomplete;
+    EXPECT_TRUE(log.contains("    1 invalid airline code, see "));
+    EXPECT_TRUE(log.contains("    1 empty aircraft.cfg file, see "));
+    EXPECT_TRUE(log.contains("24 liveries in "));
+}
+
+TEST_F(LiveriesTest, FolderPriority) {
+    // The same airline and type in two folders: with priority only the first folder's survive.
+    const auto write = [&](const char* folder, const char* title) {
+        fs::create_directories(dir / folder / "p");
+        test::writeBytes(
+            dir / folder / "p/aircraft.cfg",
+            fmt::format("[GENERAL]\nicao_type_designator = B738\n[fltsim.0]\ntitle = {}\nicao_airline = KLM\n"
+                        "[fltsim.1]\ntitle = {} two\nicao_airline = DLH\n",
+                        title, title));
+    };
+    write("first", "First KLM");
+    write("second", "Second KLM");
+    for (const bool prioritize : {true, false}) {
+        SCOPED_TRACE(prioritize);
+        parameter<BoolParameter>("LIG_PRIORITIZE").value = prioritize;
+        gStore.reset();
+        ASSERT_TRUE(lf_scanFolders({dir / "first", dir / "nonexistent", dir / "second"}));
+        gf_readLiveries();
+        std::vector<std::string> titles;
+        for (const auto& l : gStore.list) titles.push_back(l.title);
+        if (prioritize)
+            EXPECT_EQ(titles, (std::vector<std::string>{"First KLM two", "First KLM"}));
+        else
+            EXPECT_EQ(titles.size(), 4u);
+    }
+    EXPECT_TRUE(log.contains("/nonexistent does not exist, skipped!"));
+}
+
+TEST_F(LiveriesTest, ProcessingBuildsTheMaps) {
+    scanAndProcess();
+    auto& s = gStore;
+    // Registrations: in-line N899DN, the AIG list's KLM pair and the special DAL pair's first.
+    EXPECT_EQ(s.regcodeTitles.at("N899DN"), "AIG Boeing 737-900 Delta Air Lines N899DN");
+    EXPECT_EQ(s.regcodeTitles.at("PH-BXA"), "AIG Boeing 737-800 KLM");
+    EXPECT_EQ(s.regcodeTitles.at("N802DZ"), "Delta Air Lines special colours");
+    EXPECT_FALSE(s.regcodeTitles.contains("N999ZZ")) << "its title is not installed";
+    EXPECT_EQ(s.uniqueRegcodes, (std::set<std::string>{"N899DN"}));
+    EXPECT_EQ(s.specialRegcodes, (std::set<std::string>{"N801DZ", "N802DZ", "N899DN"}));
+    EXPECT_EQ(s.specialTitles.size(), 2u);
+    const auto offline = test::readBytes(gf_reportPath(Report::OfflineRegcodes));
+    EXPECT_NE(offline.find("Processing file AIG-regcodes.enc"), std::string::npos) << offline;
+    EXPECT_NE(offline.find("3 new regcodes added, 2 regcodes defined as special"), std::string::npos)
+        << offline;
+    // Cargo and passenger titles are kept apart; generic liveries by model.
+    const AirlineId fdx = gf_airlineId("FDX");
+    const ModelId b763 = gf_modelId("B763");
+    EXPECT_EQ(s.airlineTitles[1].at(fdx).at(b763).size(), 2u);
+    EXPECT_EQ(s.airlineTitles[0].at(fdx).at(b763).size(), 1u);
+    EXPECT_EQ(s.genericTitles[0].at(gf_modelId("B739")).size(), 4u);
+    // Similar types: KLM has a B738, so a B739 of KLM may take it.
+    EXPECT_EQ(gf_similarOfAirline(gf_airlineModelKey(gf_airlineId("KLM"), gf_modelId("B739"))),
+              std::vector<ModelId>{gf_modelId("B738")});
+    // Categories without liveries switch their traffic off, once.
+    EXPECT_FALSE(parameter<BoolParameter>("HELICOPTERS").value);
+    EXPECT_FALSE(parameter<BoolParameter>("HIGH_PERF_AIRCRAFT").value);
+    EXPECT_TRUE(parameter<BoolParameter>("LIGHT_AIRCRAFT").value);
+    EXPECT_EQ(s.categoryModels[0], std::vector<ModelId>{gf_modelId("C172")});
+    EXPECT_TRUE(log.contains("3 models have a generic livery"));
+    // A second processing in the same process only says so.
+    gf_processLiveries();
+    EXPECT_TRUE(log.contains("Processing scanned liveries skipped; already done in previous start-up"));
+}
+
+TEST_F(LiveriesTest, BrokenLiveryFiles) {
+    struct Case {
+        const char* text;
+        int code;
+    };
+    const Case cases[] = {
+        {"not xml at all <", 51},
+        {"<root><meta/></root>", 52},
+        {"<root><liveries></liveries></root>", 533},
+        {"<root><liveries><l a=\"KLM\" t=\"T\"/></liveries></root>", 999},
+    };
+    for (const auto& c : cases) {
+        fs::create_directories(dir / "output");
+        test::writeBytes(gf_liveriesFile(), c.text);
+        try {
+            gf_readLiveries();
+            ADD_FAILURE() << c.text;
+        } catch (const UserErrorException& e) {
+            EXPECT_EQ(e.number(), c.code) << c.text;
+        }
+    }
+}
+
+TEST_F(LiveriesTest, RegcodeLines) {
+    struct Case {
+        const char* line;
+        bool record;
+        std::vector<std::string> regcodes;
+        bool special;
+        const char* wrong = "";
+    };
+    const Case cases[] = {
+        {"KLM B738 PH-BXA;PH-BXA", true, {"PH-BXA"}, true},
+        {"KLM B738 many;PH-BXA,PH-BXB", true, {"PH-BXA", "PH-BXB"}, false},
+        {"KLM B738 many;PH-BXA,PH-BXB;#", true, {"PH-BXA", "PH-BXB"}, true},
+        {"Some title;", true, {}, false},
+        {"short", false, {}, false},
+        {"a;b;c;d", false, {}, false},
+        {"no separator at all", false, {}, false},
+        {"Bad length;AB,PH-BXC", true, {"PH-BXC"}, true, "AB"},
+    };
+    for (const auto& c : cases) {
+        RegcodeRecord r;
+        std::string wrong;
+        EXPECT_EQ(gf_parseRegcodeLine(c.line, r, wrong), c.record) << c.line;
+        EXPECT_EQ(wrong, c.wrong) << c.line;
+        if (!c.record) continue;
+        EXPECT_EQ(r.regcodes, c.regcodes) << c.line;
+        EXPECT_EQ(r.special, c.special) << c.line;
+    }
+}
+
+// ---- Matching --------------------------------------------------------------------------------
+
+class MatchingTest : public LiveriesTest {
+  protected:
+    void SetUp() override {
+        LiveriesTest::SetUp();
+        scanAndProcess();
+    }
+    std::string match(const char* airline, const char* model, const char* regcode = "", bool cargo = false,
+                      int* step = nullptr) {
+        MatchAircraft a;
+        a.key = gf_airlineModelKey(gf_airlineId(airline), gf_modelId(model));
+        a.regcode = regcode;
+        a.category = gf_category(gf_modelId(model));
+        a.cargo = cargo;
+        a.description = fmt::format("{} {} {}", airline, model, regcode);
+        const auto before = gMatchStepCount;
+        gf_matchLiveLivery(a);
+        if (step) {
+            *step = -1;
+            for (int i = 0; i < 7; ++i)
+                if (gMatchStepCount[static_cast<std::size_t>(i)] != before[static_cast<std::size_t>(i)])
+                    *step = i;
+        }
+        return std::string(a.title);
+    }
+};
+
+TEST_F(MatchingTest, TheLadderAtEachDepth) {
+    struct Case {
+        const char* name;
+        int depth;
+        const char *airline, *model, *regcode;
+        bool cargo;
+        std::string title; // empty: no match
+        int step;
+    };
+    const Case cases[] = {
+        {"unique special registration", 4, "DAL", "B739", "N899DN", false,
+         "AIG Boeing 737-900 Delta Air Lines N899DN", 0},
+        {"listed registration", 4, "KLM", "B738", "PH-BXB", false, "AIG Boeing 737-800 KLM", 1},
+        {"registration wins over airline", 1, "UAL", "B738", "PH-BXA", false, "AIG Boeing 737-800 KLM", 1},
+        {"depth 1 matches registrations only", 1, "KLM", "B738", "PH-ZZZ", false, "", -1},
+        {"airline and model", 2, "KLM", "B738", "", false, "AIG Boeing 737-800 KLM", 2},
+        {"special paint only for its registrations", 2, "DAL", "B739", "", false,
+         "AIG Boeing 737-900 Delta Air Lines", 2},
+        {"dbase airline of the registration", 2, "XXX", "B739", "N899DN", false,
+         "AIG Boeing 737-900 Delta Air Lines N899DN", 0},
+        {"depth 2 stops before similar types", 2, "KLM", "B739", "", false, "", -1},
+        {"similar type of the airline", 3, "KLM", "B739", "", false, "AIG Boeing 737-800 KLM", 3},
+        {"heavy with an unknown airline at depth 3", 3, "AFR", "B77W", "", false, "", -1},
+        {"heavy with an unknown airline at depth 4", 4, "AFR", "B77W", "", false, "FSLTL_B77W_ZZZZ Generic",
+         4},
+        {"large never takes another airline", 4, "AFR", "B738", "", false, "", -1},
+        {"light type falls to any airline", 3, "ABC", "C172", "", false, "Cessna 172 private N12345", 5},
+        {"private prefers a generic paint", 2, "PVT", "A320", "", false, "AIG Airbus A320 Generic", 4},
+        {"cargo takes its airline's cargo paint", 2, "FDX", "B763", "", true,
+         "JF Boeing 767-300F FedEx Express", 2},
+        {"cargo may wear a passenger paint", 2, "DAL", "B752", "", true, "JF Boeing 757-200 Delta Air Lines",
+         2},
+        {"passenger never wears a cargo paint", 2, "FDX", "B763", "", false,
+         "JF Boeing 767-300 FedEx Pilot Trainer", 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        gParams.MATCHING_DEPTH = c.depth;
+        int step = -2;
+        EXPECT_EQ(match(c.airline, c.model, c.regcode, c.cargo, &step), c.title);
+        EXPECT_EQ(step, c.step);
+    }
+}
+
+TEST_F(MatchingTest, RandomPicksStayAmongTheNonSpecialTitles) {
+    gParams.RANDOM = true;
+    gf_seedMatching(12345);
+    std::set<std::string> seen;
+    for (int i = 0; i < 200; ++i) seen.insert(match("DAL", "B739"));
+    // Two special paints and the STUB (filed as generic) never show up for a plain DAL B739.
+    EXPECT_EQ(seen, (std::set<std::string>{"AIG Boeing 737-900 Delta Air Lines"}));
+    gParams.RANDOM = false;
+    EXPECT_EQ(match("DAL", "B739"), match("DAL", "B739")) << "without RANDOM the same livery every time";
+}
+
+TEST_F(MatchingTest, RefusedTitlesAreNeverGivenAgain) {
+    gParams.MATCHING_DEPTH = 4;
+    gf_refuseTitle("AIG Boeing 737-800 KLM");
+    int step = -2;
+    // The registration finds the refused title; the ladder goes on and finds nothing else at
+    // step 2 for KLM B738 either: the same title again.
+    EXPECT_EQ(match("KLM", "B738", "PH-BXA", false, &step), "");
+    EXPECT_EQ(gMatchStepCount[1], 0);
+    gf_logMatchingSummary();
+    EXPECT_FALSE(log.contains("Could not be created")) << "nothing matched yet: no summary";
+    match("DLH", "A320");
+    gf_logMatchingSummary();
+    EXPECT_TRUE(log.contains("Could not be created\n  AIG Boeing 737-800 KLM"));
+    EXPECT_TRUE(log.contains(" live traffic livery matching summary "));
+}
+
+TEST_F(MatchingTest, StaticAircraft) {
+    MatchAircraft a;
+    a.key = gf_airlineModelKey(gf_airlineId("SWR"), gf_modelId("A320"));
+    a.category = Category::Large;
+    a.description = "HB-JLA A320";
+    gParams.MATCHING_DEPTH = 1;
+    EXPECT_FALSE(gf_matchStaticLivery(a, "E12", false));
+    EXPECT_TRUE(log.contains("E12     : HB-JLA A320 no livery match ..."));
+    gParams.MATCHING_DEPTH = 4;
+    EXPECT_TRUE(gf_matchStaticLivery(a, "E12", false));
+    EXPECT_EQ(a.title, "AIG Airbus A320 Swiss");
+    EXPECT_TRUE(gf_matchStaticLivery(a, "E12", false)) << "a title restored from a saved file stands";
+    EXPECT_TRUE(log.contains("HB-JLA A320 =s= AIG Airbus A320 Swiss"));
+    EXPECT_EQ(gMatchStepCount, (std::array<std::int32_t, 7>{})) << "static matches are not counted";
+}
+
+} // namespace
+} // namespace orv::liveries
