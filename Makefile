@@ -24,13 +24,15 @@ bench: deps
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null
-	@cmake --build --preset fuzz --target fuzz-traffic-line fuzz-xml-readers fuzz-simconnect-messages fuzz-emulator-packets
+	@cmake --build --preset fuzz --target fuzz-traffic-line fuzz-xml-readers fuzz-simconnect-messages fuzz-emulator-packets fuzz-aircraft-cfg
 	@mkdir -p build/fuzz/corpus-line build/fuzz/corpus-xml
 	@./build/fuzz/fuzz/fuzz-traffic-line -max_total_time=$${FUZZ_SECONDS:-60} -max_len=1024 build/fuzz/corpus-line fuzz/corpus/traffic-line
 	@./build/fuzz/fuzz/fuzz-xml-readers -max_total_time=$${FUZZ_SECONDS:-60} -max_len=2048 build/fuzz/corpus-xml fuzz/corpus/xml-readers
 	@mkdir -p build/fuzz/corpus-messages build/fuzz/corpus-emulator
 	@./build/fuzz/fuzz/fuzz-simconnect-messages -max_total_time=$${FUZZ_SECONDS:-60} -max_len=4096 build/fuzz/corpus-messages fuzz/corpus/simconnect-messages
 	@./build/fuzz/fuzz/fuzz-emulator-packets -max_total_time=$${FUZZ_SECONDS:-60} -max_len=4096 build/fuzz/corpus-emulator fuzz/corpus/emulator-packets
+	@mkdir -p build/fuzz/corpus-cfg
+	@./build/fuzz/fuzz/fuzz-aircraft-cfg -max_total_time=$${FUZZ_SECONDS:-60} -max_len=8192 build/fuzz/corpus-cfg fuzz/corpus/aircraft-cfg
 
 format:
 	@clang-format -i $$(git ls-files '*.cpp' '*.h')

@@ -10,6 +10,7 @@
 #include "app/app.h"
 #include "feed/feed.h"
 #include "live/live.h"
+#include "liveries/liveries.h"
 #include "params/params.h"
 #include "platform/platform.h"
 #include "refdata/refdata.h"
@@ -58,6 +59,13 @@ void printStatus() {
     const auto& c = gTrafficReader.counts;
     const auto user = sim::userPosition();
     const auto simText = sim::simulatorText();
+    const auto& scan = liveries::gScanProgress;
+    if (scan.filesDone < scan.filesFound || (scan.filesFound > 0 && liveries::count() == 0)) {
+        std::cout << fmt::format("[{}] scanning liveries: {} of {} aircraft.cfg files", gf_timeText(),
+                                 scan.filesDone.load(), scan.filesFound.load())
+                  << std::endl;
+        return;
+    }
     std::cout << fmt::format("[{}] simulator: {}{}; traffic lines {} (queued {}, dropped {}, ignored {}, "
                              "failed {}), engine took {}, tick {}",
                              gf_timeText(), simText.empty() ? "waiting" : simText,
