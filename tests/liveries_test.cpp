@@ -250,6 +250,65 @@ TEST_F(LiveriesTest, FolderPriority) {
     EXPECT_TRUE(log.contains("/nonexistent does not exist, skipped!"));
 }
 
+TEST_F(LiveriesTest, IvaoFiles) {
+    const auto folder = dir / "IVAO_MTL/SimObjects/Airplanes/IVAO_B738";
+    fs::create_directories(folder / "texture.KLM");
+    fs::create_directories(folder / "texture.XQX");
+    struct Case {
+        const char* name;
+        std::string section;
+        std::string livery; // "title|airline|regcode", empty: none
+        std::string reported;
+    };
+    const Case cases[] = {
+        {"airline from the title", "title = B738 KLM Royal Dutch\ntexture = KLM\n",
+         "B738 KLM Royal Dutch|KLM|", ""},
+        {"spaces around the title", "title =   B738 KLM spaced  \ntexture = KLM\n", "B738 KLM spaced|KLM|",
+         ""},
+        {"texture folder missing", "title = B738 KLM no texture\ntexture = DLH\n", "", " does not exist"},
+        {"airline not known", "title = B738 XQX Unknown\ntexture = XQX\n", "", "XQX"},
+        {"no airline in the title, registration known", "title = KLM PH-BXA\natc_id = PH-BXA\n",
+         "KLM PH-BXA|KLM|PH-BXA", ""},
+        {"no airline and no registration", "title = Plain paint\n", "",
+         " misses airlinecode in title: Plain paint, and no regcode"},
+        {"no title", "texture = KLM\n", "", " misses title"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        gf_clearReports();
+        gf_clearTitleSet();
+        test::writeBytes(folder / "aircraft.cfg", "[fltsim.0]\n" + c.section);
+        const auto got = lf_searchLiveriesinIVAOFile(2, folder / "aircraft.cfg");
+        std::string livery;
+        for (const auto& l : got)
+            livery = fmt::format("{}|{}|{}", l.title, gf_airlineCode(l.airline), l.regcode);
+        EXPECT_EQ(livery, c.livery);
+        for (const auto& l : got) EXPECT_EQ(gf_modelCode(l.model), "B738");
+        std::string reports;
+        for (const auto r : {Report::IncompleteSections, Report::InvalidAirlineCodes})
+            for (const auto& l : gf_reportLines(r)) reports += l + "\n";
+        if (c.reported.empty()) {
+            EXPECT_EQ(reports, "");
+        } else {
+            EXPECT_NE(reports.find(c.reported), std::string::npos) << reports;
+        }
+    }
+}
+
+TEST_F(LiveriesTest, InlineRegistrationClash) {
+    fs::create_directories(dir / "pkg/a");
+    test::writeBytes(
+        dir / "pkg/a/aircraft.cfg",
+        "[GENERAL]\nicao_type_designator = B738\n[fltsim.0]\ntitle = KLM one\nicao_airline = KLM\natc_id = "
+        "PH-BXC\n[fltsim.1]\ntitle = KLM two\nicao_airline = KLM\natc_id = PH-BXC\n");
+    ASSERT_TRUE(lf_scanFolders({dir / "pkg"}));
+    gf_processLiveries();
+    EXPECT_EQ(gStore.regcodeTitles.at("PH-BXC"), "KLM one") << "the first in sort order owns it";
+    EXPECT_EQ(test::readBytes(gf_reportPath(Report::InlineRegcodes)),
+              "PH-BXC 'KLM two' => already in use by 'KLM one'\n");
+    EXPECT_TRUE(log.contains("    1 in-line regcode clash, see '"));
+}
+
 TEST_F(LiveriesTest, ProcessingBuildsTheMaps) {
     scanAndProcess();
     auto& s = gStore;
