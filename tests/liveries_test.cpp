@@ -317,8 +317,8 @@ TEST_F(LiveriesTest, ProcessingBuildsTheMaps) {
     EXPECT_EQ(s.regcodeTitles.at("PH-BXA"), "AIG Boeing 737-800 KLM");
     EXPECT_EQ(s.regcodeTitles.at("N802DZ"), "Delta Air Lines special colours");
     EXPECT_FALSE(s.regcodeTitles.contains("N999ZZ")) << "its title is not installed";
-    EXPECT_EQ(s.uniqueRegcodes, (std::set<std::string>{"N899DN"}));
-    EXPECT_EQ(s.specialRegcodes, (std::set<std::string>{"N801DZ", "N802DZ", "N899DN"}));
+    EXPECT_EQ(s.uniqueRegcodes, (std::set<std::string, std::less<>>{"N899DN"}));
+    EXPECT_EQ(s.specialRegcodes, (std::set<std::string, std::less<>>{"N801DZ", "N802DZ", "N899DN"}));
     EXPECT_EQ(s.specialTitles.size(), 2u);
     const auto offline = test::readBytes(gf_reportPath(Report::OfflineRegcodes));
     EXPECT_NE(offline.find("Processing file AIG-regcodes.enc"), std::string::npos) << offline;

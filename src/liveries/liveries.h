@@ -73,6 +73,12 @@ void gf_writeScanReports();
 // ---- The store -------------------------------------------------------------------------------
 
 using TitleViews = std::vector<std::string_view>;
+// Lets sets and maps of strings be searched with a view, without making a string.
+struct StringHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+};
+using StringSet = std::unordered_set<std::string, StringHash, std::equal_to<>>;
 struct TitleEntry {
     std::string title;
     bool cargo = false;
@@ -84,8 +90,9 @@ struct Store {
     std::unordered_map<AirlineId, std::unordered_map<ModelId, std::vector<TitleEntry>>> index;
     std::array<std::unordered_map<AirlineId, std::unordered_map<ModelId, TitleViews>>, 2> airlineTitles;
     std::array<std::unordered_map<ModelId, TitleViews>, 2> genericTitles;
-    std::unordered_map<std::string, std::string_view> regcodeTitles;
-    std::set<std::string> specialRegcodes, uniqueRegcodes;
+    std::unordered_map<std::string_view, std::string_view> titles; // every installed title, by itself
+    std::unordered_map<std::string, std::string_view, StringHash, std::equal_to<>> regcodeTitles;
+    std::set<std::string, std::less<>> specialRegcodes, uniqueRegcodes;
     TitleViews specialTitles;
     std::array<std::vector<ModelId>, 3> categoryModels; // Light, Buzjets, Rotorcraft
     std::unordered_map<ModelId, std::vector<ModelId>> similarInstalled;

@@ -15,7 +15,7 @@ std::array<std::int32_t, 7> gMatchStepCount{};
 
 namespace {
 
-std::unordered_set<std::string> unusableTitles;
+StringSet unusableTitles;
 std::vector<std::string> refusedInOrder;
 thread_local std::mt19937 rng{std::random_device{}()};
 
@@ -74,7 +74,7 @@ bool lf_modelLivery(MatchAircraft& a, ModelId model) {
 
 bool lf_liveryByRegcode(MatchAircraft& a) {
     if (a.regcode.empty()) return false;
-    const auto it = gStore.regcodeTitles.find(std::string(a.regcode));
+    const auto it = gStore.regcodeTitles.find(a.regcode);
     if (it == gStore.regcodeTitles.end()) return false;
     a.title = it->second;
     return true;
@@ -91,7 +91,7 @@ bool lf_similarLivery(MatchAircraft& a, AirlineId airline) {
 }
 
 bool lf_acceptLive(MatchAircraft& a, int step) {
-    if (unusableTitles.contains(std::string(a.title))) {
+    if (unusableTitles.contains(a.title)) {
         a.title = {};
         return false;
     }
@@ -104,7 +104,7 @@ bool lf_acceptLive(MatchAircraft& a, int step) {
 // A refused title counts as no title, for the static path.
 bool usable(MatchAircraft& a) {
     if (a.title.empty()) return false;
-    if (!unusableTitles.contains(std::string(a.title))) return true;
+    if (!unusableTitles.contains(a.title)) return true;
     a.title = {};
     return false;
 }
@@ -165,9 +165,7 @@ std::vector<ModelId> gf_similarOfAirline(AirlineModelKey key) {
 
 void gf_matchLiveLivery(MatchAircraft& a) {
     a.title = {};
-    if (lf_liveryByRegcode(a) &&
-        lf_acceptLive(a, gStore.uniqueRegcodes.contains(std::string(a.regcode)) ? 0 : 1))
-        return;
+    if (lf_liveryByRegcode(a) && lf_acceptLive(a, gStore.uniqueRegcodes.contains(a.regcode) ? 0 : 1)) return;
     const int d = depth();
     if (d < 2) return;
     const AirlineId airline = gf_keyAirline(a.key);
@@ -201,8 +199,7 @@ bool gf_matchStaticLivery(MatchAircraft& a, std::string_view standName, bool sta
         gf_log(fmt::format("{:8}: {} no livery match ...", standName, a.description));
         return false;
     };
-    if (lf_liveryByRegcode(a) && usable(a))
-        return found(gStore.uniqueRegcodes.contains(std::string(a.regcode)) ? 0 : 1);
+    if (lf_liveryByRegcode(a) && usable(a)) return found(gStore.uniqueRegcodes.contains(a.regcode) ? 0 : 1);
     const int d = depth();
     if (d < 2) return none();
     const AirlineId airline = gf_keyAirline(a.key);

@@ -84,6 +84,7 @@ BoolParameter* boolParameter(const char* name) {
 void Store::reset() {
     list.clear();
     index.clear();
+    titles.clear();
     for (auto& m : airlineTitles) m.clear();
     for (auto& m : genericTitles) m.clear();
     regcodeTitles.clear();
@@ -260,12 +261,10 @@ void gf_afterScan(std::size_t folders) {
 
 // ---- Processing ------------------------------------------------------------------------------
 
+// A hash look-up, not a walk: the registration lists ask for thousands of titles at start.
 std::string_view gf_titleInstalled(std::string_view title) {
-    for (const auto& [airline, models] : gStore.index)
-        for (const auto& [model, entries] : models)
-            for (const auto& e : entries)
-                if (e.title == title) return e.title;
-    return {};
+    const auto it = gStore.titles.find(title);
+    return it == gStore.titles.end() ? std::string_view() : it->second;
 }
 
 namespace {
@@ -280,7 +279,10 @@ void buildIndex() {
     }
     for (const auto& [airline, models] : s.index)
         for (const auto& [model, entries] : models)
-            for (const auto& e : entries) s.airlineTitles[e.cargo ? 1 : 0][airline][model].push_back(e.title);
+            for (const auto& e : entries) {
+                s.airlineTitles[e.cargo ? 1 : 0][airline][model].push_back(e.title);
+                s.titles.emplace(e.title, e.title);
+            }
 }
 
 void inlineRegcodes() {
