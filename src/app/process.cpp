@@ -66,14 +66,15 @@ void printStatus() {
                   << std::endl;
         return;
     }
-    std::cout << fmt::format("[{}] simulator: {}{}; traffic lines {} (queued {}, dropped {}, ignored {}, "
-                             "failed {}), engine took {}, tick {}",
+    std::cout << fmt::format("[{}] simulator: {}{}; {} liveries; traffic lines {} (queued {}, dropped {}, "
+                             "ignored {}, failed {}), engine took {}, tick {}",
                              gf_timeText(), simText.empty() ? "waiting" : simText,
                              user ? fmt::format(", user at {:.4f},{:.4f} near {}", user->latitude,
                                                 user->longitude, sim::nearestArea())
                                   : std::string(),
-                             gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(),
-                             c.ignored.load(), c.failed.load(), live::samplesTaken(), gRun.engineTick.load())
+                             liveries::count(), gTrafficReader.lineCount.load(), c.queued.load(),
+                             c.dropped.load(), c.ignored.load(), c.failed.load(), live::samplesTaken(),
+                             gRun.engineTick.load())
               << std::endl;
 }
 
