@@ -144,15 +144,20 @@ class TrafficReader final : public UdpReader {
 
 extern TrafficReader gTrafficReader;
 
-// The weather reader; its decoding of QNH datagrams arrives with the RealTraffic link.
+// The weather reader: the pressure of each datagram as whole hectopascals.
 class QnhReader final : public UdpReader {
   public:
     void processLine() override;
     void onStopped() override;
+    void onBound() override;
     std::string_view threadName() const override { return "QNH Reader"; }
+    void reset(); // back to 1013, at every wait for RealTraffic
     std::atomic<bool> received{false};
+    std::atomic<std::int32_t> lastQnh{1013};
 };
 extern QnhReader gQnhReader;
+// The QNH the altitude code and the status display read; 1013 until weather arrives.
+extern std::atomic<std::int32_t> gQnh;
 
 // The reader threads: names "Traffic Reader" and "QNH Reader". They are detached; a failure is
 // shown to the user and stops the run with reason 6.

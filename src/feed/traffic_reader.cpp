@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "app/app.h"
 #include "feed/feed.h"
@@ -308,14 +309,70 @@ bool TrafficReader::lf_checkAltitude(TrafficSample& s) {
     return std::fabs(a - airportElevation) > 300.0;
 }
 
+std::atomic<std::int32_t> gQnh{1013};
+
 void QnhReader::processLine() {
     received = true;
+    const std::string_view text(line, lineLength);
+    try {
+        const auto j = nlohmann::json::parse(text);
+        const auto it = j.is_object() ? j.find("QNH") : j.end();
+        if (it == j.end() || it->is_null()) {
+            gf_log(fmt::format("no QNH {}", text));
+            return;
+        }
+        std::int64_t value = 0;
+        if (it->is_number_integer()) {
+            value =
+                it->is_number_unsigned()
+                    ? static_cast<std::int64_t>(std::min<std::uint64_t>(it->get<std::uint64_t>(), INT64_MAX))
+                    : it->get<std::int64_t>();
+            if (value < INT32_MIN || value > INT32_MAX) throw std::out_of_range("QNH does not fit 32 bits");
+        } else if (it->is_number_float()) {
+            const double d = std::round(it->get<double>());
+            if (!(d >= INT32_MIN && d <= INT32_MAX)) throw std::out_of_range("QNH does not fit 32 bits");
+            value = static_cast<std::int64_t>(d);
+        } else if (it->is_string()) {
+            const auto& s = it->get_ref<const std::string&>();
+            std::int32_t parsed = 0;
+            const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), parsed);
+            if (ec != std::errc{} || end != s.data() + s.size()) {
+                gf_log(fmt::format("QNH string parse error: {} in {}", s, text));
+                return;
+            }
+            value = parsed;
+        } else {
+            gf_log(fmt::format("no QNH {}", text));
+            return;
+        }
+        // Above 1100 it is inches of mercury times 100; the clamp comes after, so 1101 ends at 900.
+        if (value > 1100) value = std::llround(static_cast<double>(value) * 0.33865307);
+        const auto q = static_cast<std::int32_t>(std::clamp<std::int64_t>(value, 900, 1100));
+        // A repeated 1013 is published again so that the weather light stays fresh.
+        if (q == lastQnh && q != 1013) return;
+        lastQnh = q;
+        gTrafficReader.qnh = q;
+        gQnh = q;
+        if (ui::indicator(ui::Indicator::Weather) == 2) ui::setIndicator(ui::Indicator::Weather, 1);
+        ui::repaint(ui::Region::Counters);
+    } catch (const std::exception& e) {
+        gf_log(fmt::format("Exception {}, in {}", e.what(), text));
+    }
+}
+
+void QnhReader::onBound() {
+    ui::setIndicator(ui::Indicator::Weather, 1);
 }
 
 void QnhReader::onStopped() {
-    ui::setIndicator(ui::Indicator::Weather, 3);
-    ui::repaint(ui::Region::Indicators);
     gf_log("QNH Reader has stopped");
+}
+
+void QnhReader::reset() {
+    lastQnh = 1013;
+    gQnh = 1013;
+    lineCount = 0;
+    stop = false;
 }
 
 } // namespace orv
