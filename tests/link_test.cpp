@@ -1,7 +1,11 @@
 // The weather datagrams' pressure, and the control link with RealTraffic over real TCP.
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "feed/feed.h"
+#include "platform/platform.h"
+#include "sim/sim.h"
 #include "support.h"
 
 namespace orv {
@@ -60,6 +64,120 @@ TEST(QnhReader, RepeatsArePublishedOnlyFor1013) {
     weather(R"({"QNH":1013})");
     EXPECT_EQ(gQnh.load(), 1013) << "1013 is, so the weather light stays fresh";
     gQnhReader.reset();
+}
+
+// ---- The control link -------------------------------------------------------------------------
+
+using namespace std::chrono_literals;
+
+// Reads one CR-LF line from RealTraffic's side; empty after `ms` without one.
+std::string readLine(platform::TcpStream& s, int ms = 2000) {
+    std::string line;
+    char c;
+    while (line.size() < 200) {
+        const auto r = s.receive(&c, 1, ms);
+        if (r.status != platform::RecvStatus::Data) break;
+        line += c;
+        if (line.ends_with("\r\n")) break;
+    }
+    return line;
+}
+
+class LinkTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        gRun.reset();
+        gRun.realTrafficInstalled = true;
+        gf_startRealTrafficServer("127.0.0.1", 0);
+        port = gf_realTrafficPort();
+    }
+    void TearDown() override {
+        gf_realTrafficFarewell();
+        gRun.realTrafficInstalled = false;
+    }
+    // RealTraffic connects and answers the version query with `answer`.
+    platform::TcpStream connectRealTraffic(const std::string& answer) {
+        platform::TcpStream rt;
+        EXPECT_EQ(rt.connect("127.0.0.1", port), "");
+        std::thread side([&] {
+            EXPECT_EQ(readLine(rt), "Qs999=version\r\n");
+            rt.sendAll(answer);
+        });
+        bool connected = false;
+        for (int i = 0; i < 100 && !connected; ++i) {
+            connected = lf_waitForRealTraffic();
+            if (!connected) std::this_thread::sleep_for(10ms);
+        }
+        side.join();
+        EXPECT_TRUE(connected);
+        return rt;
+    }
+    static sim::UserData user() {
+        sim::UserData u;
+        u.latitude = 44.882, u.longitude = -93.2218, u.pitch = 0.01, u.bank = -0.02, u.heading = 1.5;
+        u.altitude = 841, u.groundVelocity = 12.5;
+        return u;
+    }
+    test::LogCapture log;
+    std::uint16_t port = 0;
+};
+
+TEST_F(LinkTest, VersionAnswers) {
+    auto rt = connectRealTraffic(R"({"level":2,"version":"9.0.1"})");
+    EXPECT_TRUE(gf_realTrafficProfessional());
+    EXPECT_EQ(gf_realTrafficStatus(), "RT prof edition: 9.0.1");
+    struct Case {
+        const char* answer;
+        bool professional;
+        const char* status;
+        const char* logged;
+    };
+    const Case cases[] = {
+        {R"({"level":1,"version":"8.0.2"})", false, "RT stnd edition: 8.0.2", nullptr},
+        {R"({"level":"2","version":"8.0.2"})", false, "RT stnd edition: 8.0.2", nullptr}, // wrong shape
+        {"garbage", false, "", "lf_processRTVersion: JSON parse failed"},
+        {"", false, "", "No RealTraffic version received?"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.answer);
+        lf_processRTVersion(c.answer);
+        EXPECT_EQ(gf_realTrafficProfessional(), c.professional);
+        EXPECT_EQ(gf_realTrafficStatus(), c.status);
+        if (c.logged) {
+            EXPECT_TRUE(log.contains(c.logged));
+        }
+    }
+}
+
+TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
+    auto first = connectRealTraffic(R"({"level":1,"version":"8.0"})");
+    lf_sendUserPosition(user());
+    EXPECT_EQ(readLine(first), "Qs121=1000;-2000;1.500000;841000;12500;0.783339;-1.627027\r\n");
+    lf_sendUserPosition(sim::UserData{}); // 0,0: the simulator has no position yet
+    gf_sendTimeToRealTraffic();           // the standard edition gets no time
+    EXPECT_EQ(readLine(first, 200), "");
+
+    first.close(); // RealTraffic goes
+    for (int i = 0; i < 100 && gf_realTrafficConnected(); ++i) {
+        lf_sendUserPosition(user());
+        std::this_thread::sleep_for(5ms);
+    }
+    ASSERT_FALSE(gf_realTrafficConnected());
+    EXPECT_TRUE(log.contains("RealTraffic gone? Wait for RealTraffic to re-connect ..."));
+
+    // A new RealTraffic is taken up by the position sending itself, without a version query.
+    platform::TcpStream second;
+    ASSERT_EQ(second.connect("127.0.0.1", port), "");
+    for (int i = 0; i < 100 && !gf_realTrafficConnected(); ++i) {
+        lf_sendUserPosition(user());
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_TRUE(readLine(second).starts_with("Qs121="));
+    EXPECT_TRUE(log.contains("RealTraffic re-connected"));
+    gf_realTrafficFarewell();
+    std::string rest;
+    for (std::string l; !(l = readLine(second, 500)).empty();) rest = l;
+    EXPECT_EQ(rest, "exit\r\n");
 }
 
 } // namespace

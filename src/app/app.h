@@ -166,6 +166,7 @@ struct Options {
     bool status = false;            // print a status line to the terminal every few seconds
     std::uint16_t trafficPort = 49005;
     std::uint16_t weatherPort = 49004;
+    std::string realTrafficBind = "127.0.0.1"; // RealTraffic connects from this machine
 };
 extern Options gOptions;
 

@@ -50,6 +50,8 @@ Fills a running flight simulator with real-world air traffic.
   --stop-after SECONDS              close as the user would, after this many seconds
   --status                          print a status line every 5 seconds
   --traffic-port N, --weather-port N  UDP ports of the feed (49005 and 49004)
+  --realtraffic-bind ADDR           where the server for RealTraffic's control link listens
+                                    (127.0.0.1; its port is the parameter PORT_NUMBER, 10747)
   --help                            this text
 
 Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).
@@ -133,6 +135,8 @@ std::string gf_parseOptions(const std::vector<std::string>& args, Options& out, 
                 return fmt::format("--sim: '{}' is not HOST:PORT", v);
             out.simHost = v.substr(0, colon);
             out.simPort = static_cast<std::uint16_t>(port);
+        } else if (a == "--realtraffic-bind") {
+            if (!value(out.realTrafficBind)) return "--realtraffic-bind needs an address";
         } else if (a == "--appdata" || a == "--localappdata") {
             std::string v;
             if (!value(v)) return fmt::format("{} needs a folder", a);

@@ -169,7 +169,9 @@ bool lf_startThreads() {
 
     if (!gRun.realTrafficInstalled || gParams.AEROWINX) gRun.realTrafficNeeded = false;
     if (gRun.realTrafficNeeded && !gParams.AEROWINX) {
-        if (!waitFor([] { return gf_realTrafficConnected(); }, 500ms)) return false;
+        gf_startRealTrafficServer(gOptions.realTrafficBind,
+                                  static_cast<std::uint16_t>(gParams.PORT_NUMBER.load()));
+        if (!waitFor([] { return lf_waitForRealTraffic(); }, 500ms)) return false;
     }
 
     gf_setAcceptTraffic(false);
@@ -301,6 +303,8 @@ void lf_onSecond() {
     gf_messageSecond();
     ui::refreshCounters();
     gRun.secondsCounter.fetch_add(1, std::memory_order_relaxed);
+    // Once a second, beside the frame rather than in it: a socket send has no place in the frame.
+    gf_sendUserPositionToRealTraffic();
     live::routeQueueStep();
     live::publishCallsignLookup();
     live::collisionChecks();

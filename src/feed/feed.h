@@ -167,12 +167,25 @@ void gf_stopReaders();
 // Waits up to `timeout` for both reader threads to end; false if one is still running.
 bool gf_waitReadersStopped(std::chrono::milliseconds timeout);
 
-// The RealTraffic link. Until it lands nothing is sent and the link is never needed.
+// The RealTraffic link: this program is the TCP server. Throws the bind failure's text.
+void gf_startRealTrafficServer(const std::string& address, std::uint16_t port);
+std::uint16_t gf_realTrafficPort();
+// One try: accept, ask the version, read the answer. True once RealTraffic is connected.
+bool lf_waitForRealTraffic();
+void lf_processRTVersion(std::string_view text);
+bool gf_realTrafficProfessional();
+std::string gf_realTrafficStatus(); // "RT prof edition: 9.0.1"
 bool gf_realTrafficConnected();
 void gf_sendUserPositionToRealTraffic();
 void gf_sendTimeToRealTraffic();
-void gf_realTrafficFarewell();
+void gf_realTrafficFarewell(); // "exit", and both sockets closed
 void gf_copyUserPositionForReaders();
 void gf_qnhUpdate();
+namespace sim {
+struct UserData;
+}
+// The Qs121 line of a user position, and its sending (a lost link is taken up again here).
+std::string gf_qs121(const sim::UserData& user);
+void lf_sendUserPosition(const sim::UserData& user);
 
 } // namespace orv

@@ -32,6 +32,7 @@ void publishCallsignLookup() {}
 void collisionChecks() {}
 void duplicatesSweep() {}
 void clearGhosts() {}
+void removeAllLive() {}
 void writeObjectIdList() {}
 void reset() {
     taken = 0;

@@ -14,6 +14,7 @@ void publishCallsignLookup();
 void collisionChecks();
 void duplicatesSweep();
 void clearGhosts();
+void removeAllLive(); // every live aircraft out of the simulator, as when RealTraffic goes
 void writeObjectIdList();
 void reset();
 

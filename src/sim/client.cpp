@@ -689,6 +689,11 @@ UserData requestUserPosition() {
     return copy;
 }
 
+UserData lastUserData() {
+    std::lock_guard lock(shared.simLock);
+    return shared.userData;
+}
+
 void requestTitleAndModel() {
     request("SimConnect request user ac title fails", kReqTitle, kDefTitle, SIMCONNECT_PERIOD_ONCE);
     request("SimConnect reques user ac model fails", kReqModel, kDefModel, SIMCONNECT_PERIOD_ONCE);

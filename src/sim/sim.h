@@ -133,6 +133,7 @@ bool connected();
 // Operations for the engine and the start sequence. They only try simLock: when the frame
 // handler holds it they skip (requests) or report false (lists), and the caller tries again.
 UserData requestUserPosition();
+UserData lastUserData(); // the last answer, without a new request
 void requestTitleAndModel();
 void requestUserOnGround(); // the every-second on-ground request, and the first position, title, model
 void requestInRange(int rangeNm);
