@@ -1,5 +1,8 @@
 // The weather datagrams' pressure, and the control link with RealTraffic over real TCP.
+#include <cstdlib>
 #include <thread>
+
+#include <fmt/format.h>
 
 #include <gtest/gtest.h>
 
@@ -178,6 +181,50 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     std::string rest;
     for (std::string l; !(l = readLine(second, 500)).empty();) rest = l;
     EXPECT_EQ(rest, "exit\r\n");
+}
+
+TEST_F(LinkTest, TheReplayToolStandsInForRealTraffic) {
+    test::TempDir dir;
+    const std::string lines[] = {"RTTFC,11298587,44.684190,-93.556221,11275,2560,0,243.7,338.1,DAL2927,B739,"
+                                 "N899DN,MSP,ATL,1738779569.94,adsb,x",
+                                 "RTTFC,11298587,44.685190,-93.557221,11275,2560,0,243.7,338.1,DAL2927,B739,"
+                                 "N899DN,MSP,ATL,1738779570.94,adsb,x"};
+    test::writeBytes(dir / "rec.rttfc", lines[0] + "\n" + lines[1] + "\n");
+    platform::UdpSocket traffic, weather;
+    ASSERT_EQ(traffic.open(), "");
+    ASSERT_EQ(traffic.bind(0, true), "");
+    ASSERT_EQ(weather.open(), "");
+    ASSERT_EQ(weather.bind(0, true), "");
+    traffic.setReceiveTimeout(5000);
+    weather.setReceiveTimeout(5000);
+    const auto cmd =
+        fmt::format("{} {} --control-port {} --port {} --weather-port {} --edition stnd --version 8.1 "
+                    "--qnh 1008 --speed 4 > {} 2>&1",
+                    ORV_REPLAY, (dir / "rec.rttfc").string(), port, traffic.localPort(), weather.localPort(),
+                    (dir / "out.txt").string());
+    std::thread replay([&] { EXPECT_EQ(std::system(cmd.c_str()), 0); });
+    bool connected = false;
+    for (int i = 0; i < 300 && !connected; ++i) {
+        connected = lf_waitForRealTraffic();
+        if (!connected) std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_TRUE(connected);
+    EXPECT_EQ(gf_realTrafficStatus(), "RT stnd edition: 8.1");
+    char buf[512];
+    const auto w = weather.receive(buf, sizeof buf);
+    ASSERT_EQ(w.status, platform::RecvStatus::Data);
+    EXPECT_EQ(std::string(buf, w.size), R"({"QNH":1008})");
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    for (const auto& original : lines) {
+        const auto r = traffic.receive(buf, sizeof buf);
+        ASSERT_EQ(r.status, platform::RecvStatus::Data);
+        const std::string got(buf, r.size);
+        // Everything but the time stands as recorded; the time is moved to now.
+        EXPECT_EQ(got.substr(0, 89), original.substr(0, 89));
+        EXPECT_NEAR(std::atof(got.c_str() + 89), now, 30.0) << got;
+    }
+    replay.join();
 }
 
 } // namespace
