@@ -231,21 +231,20 @@ struct Emulator::Impl {
 
     // ---- sending ----
 
-    void send(int id, Client& c, const ServerBody& body) {
+    void send(Client& c, const ServerBody& body) {
         if (c.gone) return;
         const auto bytes = encodeServer(body, c.version ? c.version : kProtocolMsfs2020);
         if (!c.sink(bytes)) c.gone = true;
-        (void)id;
     }
-    void exception(int id, Client& c, DWORD code, DWORD sendId, DWORD index = 0) {
+    void exception(Client& c, DWORD code, DWORD sendId, DWORD index = 0) {
         exceptions.emplace_back(code, sendId);
-        send(id, c, RecvException{code, sendId, index});
+        send(c, RecvException{code, sendId, index});
     }
     template <class F>
     void toSubscribers(std::string_view event, F make) {
         for (auto& [id, c] : clients)
             for (const auto& [eventId, name] : c.subscriptions)
-                if (c.open && name == event) send(id, c, make(eventId));
+                if (c.open && name == event) send(c, make(eventId));
     }
 
     // ---- objects and values ----
@@ -354,8 +353,7 @@ struct Emulator::Impl {
         return w.bytes();
     }
 
-    void sendData(int id, Client& c, const Request& r, DWORD objectId, bool byType, DWORD entry,
-                  DWORD outOf) {
+    void sendData(Client& c, const Request& r, DWORD objectId, bool byType, DWORD entry, DWORD outOf) {
         const auto it = c.definitions.find(r.defineId);
         if (it == c.definitions.end()) return;
         const auto block = dataBlock(objectId, it->second);
@@ -368,7 +366,7 @@ struct Emulator::Impl {
         m.outOf = outOf;
         m.defineCount = static_cast<DWORD>(it->second.size());
         m.data = block;
-        send(id, c, m);
+        send(c, m);
     }
 
     void removeObject(DWORD objectId) {
@@ -384,17 +382,17 @@ struct Emulator::Impl {
 
     void handle(int id, Client& c, const ClientHeader& h, const ClientPacket& packet) {
         if (!c.open && !std::holds_alternative<OpenPacket>(packet)) {
-            exception(id, c, SIMCONNECT_EXCEPTION_UNOPENED, h.sendId);
+            exception(c, SIMCONNECT_EXCEPTION_UNOPENED, h.sendId);
             return;
         }
         std::visit([&](const auto& p) { on(id, c, h, p); }, packet);
     }
 
-    void on(int id, Client& c, const ClientHeader& h, const OpenPacket&) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h, const OpenPacket&) {
         const DWORD highest = config.msfs2024 ? kProtocolMsfs2024 : kProtocolMsfs2020;
         c.version = h.version;
         if (h.version < 2 || h.version > highest) {
-            exception(id, c, SIMCONNECT_EXCEPTION_VERSION_MISMATCH, h.sendId);
+            exception(c, SIMCONNECT_EXCEPTION_VERSION_MISMATCH, h.sendId);
             return;
         }
         c.open = true;
@@ -410,43 +408,46 @@ struct Emulator::Impl {
             o.simConnectBuildMajor = 62651, o.simConnectBuildMinor = 3;
         }
         o.applicationBuildMajor = 282174, o.applicationBuildMinor = 999;
-        send(id, c, o);
+        send(c, o);
     }
-    void on(int id, Client& c, const ClientHeader& h, const SubscribeToSystemEventPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h,
+            const SubscribeToSystemEventPacket& p) {
         const auto name = lower(p.eventName);
         if (!kSystemEvents.contains(name))
-            return exception(id, c, SIMCONNECT_EXCEPTION_NAME_UNRECOGNIZED, h.sendId, 2);
+            return exception(c, SIMCONNECT_EXCEPTION_NAME_UNRECOGNIZED, h.sendId, 2);
         if (c.subscriptions.contains(p.eventId))
-            return exception(id, c, SIMCONNECT_EXCEPTION_ALREADY_SUBSCRIBED, h.sendId, 1);
+            return exception(c, SIMCONNECT_EXCEPTION_ALREADY_SUBSCRIBED, h.sendId, 1);
         c.subscriptions[p.eventId] = name;
-        if (name == "sim") send(id, c, RecvEvent{SIMCONNECT_UNUSED, p.eventId, config.running ? 1u : 0u});
-        if (name == "pause") send(id, c, RecvEvent{SIMCONNECT_UNUSED, p.eventId, 0u});
+        if (name == "sim") send(c, RecvEvent{SIMCONNECT_UNUSED, p.eventId, config.running ? 1u : 0u});
+        if (name == "pause") send(c, RecvEvent{SIMCONNECT_UNUSED, p.eventId, 0u});
     }
-    void on(int id, Client& c, const ClientHeader& h, const AddToDataDefinitionPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h, const AddToDataDefinitionPacket& p) {
         const auto it = kVars.find(lower(p.datumName));
-        if (it == kVars.end()) return exception(id, c, SIMCONNECT_EXCEPTION_NAME_UNRECOGNIZED, h.sendId, 2);
+        if (it == kVars.end()) return exception(c, SIMCONNECT_EXCEPTION_NAME_UNRECOGNIZED, h.sendId, 2);
         if (p.datumType == SIMCONNECT_DATATYPE_INVALID || p.datumType > SIMCONNECT_DATATYPE_STRINGV)
-            return exception(id, c, SIMCONNECT_EXCEPTION_DATA_ERROR, h.sendId, 4);
+            return exception(c, SIMCONNECT_EXCEPTION_DATA_ERROR, h.sendId, 4);
         c.definitions[p.defineId].push_back({it->second, lower(p.unitsName), p.datumType});
     }
-    void on(int id, Client& c, const ClientHeader& h, const RequestDataOnSimObjectPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h,
+            const RequestDataOnSimObjectPacket& p) {
         if (!c.definitions.contains(p.defineId))
-            return exception(id, c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 2);
+            return exception(c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 2);
         const DWORD object = resolve(p.objectId);
-        if (!objectExists(object)) return exception(id, c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 3);
+        if (!objectExists(object)) return exception(c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 3);
         std::erase_if(c.requests, [&](const Request& r) { return r.requestId == p.requestId; });
         Request r{p.requestId, p.defineId, object, p.period, time};
         if (p.period == SIMCONNECT_PERIOD_NEVER) return;
-        sendData(id, c, r, object, false, 1, 1);
+        sendData(c, r, object, false, 1, 1);
         if (p.period == SIMCONNECT_PERIOD_ONCE) return;
         r.nextDue = time + 1.0;
         c.requests.push_back(r);
     }
-    void on(int id, Client& c, const ClientHeader& h, const RequestDataOnSimObjectTypePacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h,
+            const RequestDataOnSimObjectTypePacket& p) {
         if (!c.definitions.contains(p.defineId))
-            return exception(id, c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 2);
+            return exception(c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 2);
         if (p.radiusMeters > kMaxRadiusMeters)
-            return exception(id, c, SIMCONNECT_EXCEPTION_OUT_OF_BOUNDS, h.sendId, 3);
+            return exception(c, SIMCONNECT_EXCEPTION_OUT_OF_BOUNDS, h.sendId, 3);
         std::vector<DWORD> found{config.userObjectId};
         if (p.radiusMeters > 0 && p.type != SIMCONNECT_SIMOBJECT_TYPE_USER)
             for (const auto& [oid, o] : objects)
@@ -455,18 +456,18 @@ struct Emulator::Impl {
                     found.push_back(oid);
         const Request r{p.requestId, p.defineId, 0, SIMCONNECT_PERIOD_ONCE, time};
         for (std::size_t i = 0; i < found.size(); ++i)
-            sendData(id, c, r, found[i], true, static_cast<DWORD>(i + 1), static_cast<DWORD>(found.size()));
+            sendData(c, r, found[i], true, static_cast<DWORD>(i + 1), static_cast<DWORD>(found.size()));
     }
-    void on(int id, Client& c, const ClientHeader& h, const SetDataOnSimObjectPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h, const SetDataOnSimObjectPacket& p) {
         const auto def = c.definitions.find(p.defineId);
         if (def == c.definitions.end())
-            return exception(id, c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 1);
+            return exception(c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 1);
         const DWORD object = resolve(p.objectId);
-        if (!objectExists(object)) return exception(id, c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 2);
+        if (!objectExists(object)) return exception(c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 2);
         std::size_t need = 0;
         for (const auto& d : def->second) need += datatypeSize(d.type);
         if (need == 0 || p.data.size() != need)
-            return exception(id, c, SIMCONNECT_EXCEPTION_INVALID_DATA_SIZE, h.sendId, 6);
+            return exception(c, SIMCONNECT_EXCEPTION_INVALID_DATA_SIZE, h.sendId, 6);
         PositionRecord& s = object == config.userObjectId ? user : objects.at(object).now;
         DataReader in(p.data);
         bool moved = false;
@@ -524,18 +525,19 @@ struct Emulator::Impl {
             objects.at(object).positions.push_back(s);
         }
     }
-    void on(int id, Client& c, const ClientHeader& h, const MapClientEventToSimEventPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h,
+            const MapClientEventToSimEventPacket& p) {
         const std::string name(p.eventName);
         const bool custom = name.find('.') != std::string::npos || name.starts_with('#');
         if (!custom && !kSimEvents.contains(name))
-            return exception(id, c, SIMCONNECT_EXCEPTION_NAME_UNRECOGNIZED, h.sendId, 2);
+            return exception(c, SIMCONNECT_EXCEPTION_NAME_UNRECOGNIZED, h.sendId, 2);
         c.mapped[p.eventId] = name;
     }
-    void on(int id, Client& c, const ClientHeader& h, const TransmitClientEventPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h, const TransmitClientEventPacket& p) {
         const auto ev = c.mapped.find(p.eventId);
-        if (ev == c.mapped.end()) return exception(id, c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 2);
+        if (ev == c.mapped.end()) return exception(c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 2);
         const DWORD object = resolve(p.objectId);
-        if (!objectExists(object)) return exception(id, c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 1);
+        if (!objectExists(object)) return exception(c, SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID, h.sendId, 1);
         if (object != config.userObjectId) objects.at(object).events.push_back({time, ev->second, p.data});
     }
     void on(int, Client& c, const ClientHeader&, const AddClientEventToNotificationGroupPacket& p) {
@@ -544,12 +546,13 @@ struct Emulator::Impl {
     void on(int, Client& c, const ClientHeader&, const SetNotificationGroupPriorityPacket& p) {
         c.priorities[p.groupId] = p.priority;
     }
-    void on(int id, Client& c, const ClientHeader& h, const AICreateNonATCAircraftPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h,
+            const AICreateNonATCAircraftPacket& p) {
         const std::string title(p.containerTitle);
         if (std::find(config.titles.begin(), config.titles.end(), title) == config.titles.end())
-            return exception(id, c, SIMCONNECT_EXCEPTION_CREATE_OBJECT_FAILED, h.sendId, 1);
+            return exception(c, SIMCONNECT_EXCEPTION_CREATE_OBJECT_FAILED, h.sendId, 1);
         if (liveCount() >= config.maxObjects)
-            return exception(id, c, SIMCONNECT_EXCEPTION_TOO_MANY_OBJECTS, h.sendId, 1);
+            return exception(c, SIMCONNECT_EXCEPTION_TOO_MANY_OBJECTS, h.sendId, 1);
         ObjectRecord o;
         o.id = nextObjectId++;
         o.client = id;
@@ -569,7 +572,7 @@ struct Emulator::Impl {
             o.now.altitudeFt = groundAt(p.init.Latitude, p.init.Longitude) + config.staticCgFt;
         const DWORD objectId = o.id;
         objects.emplace(objectId, std::move(o));
-        const auto assigned = [&] { send(id, c, RecvAssignedObjectId{p.requestId, objectId}); };
+        const auto assigned = [&] { send(c, RecvAssignedObjectId{p.requestId, objectId}); };
         const auto added = [&] {
             toSubscribers("objectadded", [&](DWORD eventId) {
                 return RecvEventObjectAddRemove{SIMCONNECT_UNUSED, eventId, objectId,
@@ -587,25 +590,25 @@ struct Emulator::Impl {
         if (it == objects.end() || it->second.removedAt >= 0 || it->second.client != id) return nullptr;
         return &it->second;
     }
-    void on(int id, Client& c, const ClientHeader& h, const AIReleaseControlPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h, const AIReleaseControlPacket& p) {
         auto* o = own(id, p.objectId);
-        if (!o) return exception(id, c, SIMCONNECT_EXCEPTION_ILLEGAL_OPERATION, h.sendId, 1);
+        if (!o) return exception(c, SIMCONNECT_EXCEPTION_ILLEGAL_OPERATION, h.sendId, 1);
         o->released = true;
         o->events.push_back({time, "ReleaseControl", 0});
     }
-    void on(int id, Client& c, const ClientHeader& h, const AIRemoveObjectPacket& p) {
-        if (!own(id, p.objectId))
-            return exception(id, c, SIMCONNECT_EXCEPTION_ILLEGAL_OPERATION, h.sendId, 1);
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h, const AIRemoveObjectPacket& p) {
+        if (!own(id, p.objectId)) return exception(c, SIMCONNECT_EXCEPTION_ILLEGAL_OPERATION, h.sendId, 1);
         removeObject(p.objectId);
     }
-    void on(int id, Client& c, const ClientHeader& h, const AISetAircraftFlightPlanPacket& p) {
+    void on([[maybe_unused]] int id, Client& c, const ClientHeader& h,
+            const AISetAircraftFlightPlanPacket& p) {
         auto* o = own(id, p.objectId);
-        if (!o) return exception(id, c, SIMCONNECT_EXCEPTION_ILLEGAL_OPERATION, h.sendId, 1);
+        if (!o) return exception(c, SIMCONNECT_EXCEPTION_ILLEGAL_OPERATION, h.sendId, 1);
         std::error_code ec;
         const std::string path(p.flightPlanPath);
         if (!std::filesystem::is_regular_file(path, ec) &&
             !std::filesystem::is_regular_file(path + ".pln", ec))
-            return exception(id, c, SIMCONNECT_EXCEPTION_LOAD_FLIGHTPLAN_FAILED, h.sendId, 2);
+            return exception(c, SIMCONNECT_EXCEPTION_LOAD_FLIGHTPLAN_FAILED, h.sendId, 2);
         o->flightPlan = path;
         o->events.push_back({time, "FlightPlan", 0});
     }
@@ -650,11 +653,10 @@ struct Emulator::Impl {
             if (!c.open) continue;
             for (const auto& [eventId, name] : c.subscriptions) {
                 if (name == "frame")
-                    send(id, c,
-                         RecvEventFrame{SIMCONNECT_UNUSED, eventId, 0, static_cast<float>(config.frameRate),
-                                        1.0f});
+                    send(c, RecvEventFrame{SIMCONNECT_UNUSED, eventId, 0,
+                                           static_cast<float>(config.frameRate), 1.0f});
                 else if (second && name == "1sec")
-                    send(id, c, RecvEvent{SIMCONNECT_UNUSED, eventId, 0});
+                    send(c, RecvEvent{SIMCONNECT_UNUSED, eventId, 0});
             }
             for (auto& r : c.requests) {
                 if (!objectExists(r.objectId)) continue;
@@ -662,7 +664,7 @@ struct Emulator::Impl {
                     r.period == SIMCONNECT_PERIOD_VISUAL_FRAME || r.period == SIMCONNECT_PERIOD_SIM_FRAME;
                 if (everyFrame || (r.period == SIMCONNECT_PERIOD_SECOND && time >= r.nextDue)) {
                     if (!everyFrame) r.nextDue += 1.0;
-                    sendData(id, c, r, r.objectId, false, 1, 1);
+                    sendData(c, r, r.objectId, false, 1, 1);
                 }
             }
         }
@@ -691,12 +693,12 @@ void Emulator::receive(int client, sc::Bytes bytes) {
             if (d->packet)
                 impl_->handle(client, c, d->header, *d->packet);
             else
-                impl_->exception(client, c, SIMCONNECT_EXCEPTION_ERROR, d->header.sendId);
+                impl_->exception(c, SIMCONNECT_EXCEPTION_ERROR, d->header.sendId);
         } else {
             // A packet whose size field holds but whose fields don't fit its opcode.
             DWORD sendId = 0;
             if (packet->size() >= kClientHeaderSize) std::memcpy(&sendId, packet->data() + 12, 4);
-            impl_->exception(client, c, SIMCONNECT_EXCEPTION_SIZE_MISMATCH, sendId);
+            impl_->exception(c, SIMCONNECT_EXCEPTION_SIZE_MISMATCH, sendId);
         }
     }
     // A size field that can't be trusted loses the stream: the simulator drops such a client.
@@ -750,7 +752,7 @@ void Emulator::moveUser(double latitude, double longitude) {
 void Emulator::quit() {
     std::lock_guard lock(impl_->mutex);
     for (auto& [id, c] : impl_->clients)
-        if (c.open) impl_->send(id, c, RecvQuit{});
+        if (c.open) impl_->send(c, RecvQuit{});
 }
 
 double Emulator::now() const {
