@@ -7,6 +7,7 @@
 
 #include "liveries/liveries.h"
 #include "params/params.h"
+#include "recording.h"
 #include "refdata/refdata.h"
 #include "sim/sim.h"
 #include "support.h"
@@ -154,6 +155,22 @@ TEST_F(LiveriesTest, SectionRules) {
                 << (lines.empty() ? "(no lines)" : lines.front());
         }
     }
+}
+
+// The committed set is the generator's output, byte for byte, so neither drifts from the other.
+TEST_F(LiveriesTest, TheFixedSetIsWhatTheGeneratorWrites) {
+    testing::internal::CaptureStdout();
+    tools::gf_liveriesMain({(dir / "generated").string()});
+    testing::internal::GetCapturedStdout();
+    const auto files = [](const fs::path& root) {
+        std::map<std::string, std::string> out;
+        for (const auto& e : fs::recursive_directory_iterator(root))
+            if (e.is_regular_file()) out[fs::relative(e.path(), root).string()] = test::readBytes(e.path());
+        return out;
+    };
+    const auto generated = files(dir / "generated");
+    EXPECT_EQ(generated.size(), 16u);
+    EXPECT_TRUE(generated == files(community())) << "run: orvelline-data liveries data/liveries/Community";
 }
 
 TEST_F(LiveriesTest, TheRealAircraftCfg) {

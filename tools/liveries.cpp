@@ -122,7 +122,9 @@ void fixedSet(const fs::path& out) {
 
     for (const char* airline : {"DLH"}) {
         const fs::path folder = ivao / "IVAO_A388";
-        fs::create_directories(folder / fmt::format("texture.{}", airline));
+        // A texture folder holds a texture.cfg, as the real ones do (and git keeps no empty folder).
+        writeFile(folder / fmt::format("texture.{}", airline) / "texture.cfg",
+                  "[fltsim]\nfallback.1=..\\..\\IVAO_A388_base\\texture\n", Enc::Utf8);
         writeFile(folder / "aircraft.cfg",
                   cfg("",
                       {{fmt::format("A388 {} Lufthansa", airline), "", "", "GATE", airline},
