@@ -1,9 +1,138 @@
 // The live aircraft engine: the frame that runs 100 times a second on the worker.
 #pragma once
 
+#include <array>
+#include <cmath>
 #include <cstdint>
+#include <deque>
+#include <limits>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+
+#include "refdata/refdata.h"
 
 namespace orv::live {
+
+// ---- The record of a live aircraft -----------------------------------------------------------
+
+// The codes and names that decoded lines, live and static aircraft share.
+struct AcIdentity {
+    AirlineId airlineCode = 0;
+    ModelId modelCode = 0;
+    IataCode origin, destination;
+    bool routeLookedUp = false;
+    std::string callsign, flightA, flightB, registration;
+};
+
+// One point of the path: where the aircraft shall be at `tick`.
+struct Sample {
+    double lat = 0, lon = 0, alt = 0, speed = 0, track = 0, vs = 0, tas = 0;
+    std::int32_t tick = 0;
+    bool airborne = false, stationary = false, hasFeedHeading = false;
+    double bank = 0;
+    bool hasBank = false;
+    double trueHeading = 0;
+    bool hasTrueHeading = false;
+};
+
+enum class SimState : std::uint32_t {
+    Buffer = 0,
+    Adding2Sim = 1,
+    Active = 2,
+    LiveryRespawn = 3,
+    RemovingFromSim = 4
+};
+enum class Phase : std::uint32_t {
+    PushingBack = 0,
+    PushedBack = 1,
+    Taxi = 2,
+    TakeOff = 3,
+    Flying = 4,
+    Parking = 5,
+    Parked = 6,
+    Birth = 7
+};
+
+// What a category of aircraft does: speeds, rates and the lengths of its manoeuvres.
+struct CategoryData {
+    std::string_view name;
+    double rotateSpeed, maxClimbStep, standSpeed;
+    double turnRate, rotatePitch, climbPitch; // radians (per tick for the turn rate)
+    std::int32_t flareTicks, derotateTicks, rotateTicks, liftoffTicks;
+    double maxBank, maxBankRate, maxPitchRate; // radians, and radians per tick
+};
+const CategoryData& gf_categoryData(Category c) noexcept;
+
+struct LatLonPos {
+    double lat = 0, lon = 0;
+};
+
+struct LiveAc : AcIdentity {
+    // Type constants, fixed at creation.
+    double halfSize = 0, cgHeight = 0, groundPitch = 0.0122173, rotatePitch = 0, climbPitch = 0;
+    double turnRate = 0, currentTurnRate = 0, maxClimbStep = 0, standSpeed = 0;
+    std::uint32_t hexid = 0;
+    Category category = Category::Light;
+    std::string_view liveryTitle;
+    std::int32_t flareTicks = 0, derotateTicks = 0, rotateTicks = 0, liftoffTicks = 0;
+    bool isCargo = false, reverseThrust = false;
+    // Simulator and stand.
+    std::uint32_t objectId = 0;
+    LatLonPos standPos;
+    double standHeading = 0;
+    std::int32_t parkedSinceDay = 0, parkedSinceHalfHour = 0, standId = 0;
+    SimState simState = SimState::Buffer;
+    std::int32_t throttleIndex = 5, flapsIndex = 4; // 5 and 4: not set yet, so the first set goes out
+    bool cargoStand = false;
+    bool removeWhenCreated = false, dropNow = false, dropSilently = false;
+    // The position block sent each frame, in this order.
+    double lat = 0, lon = 0, pitch = 0, bank = 0, heading = 0, alt = 0, vsFps = 0, tas = 0;
+    // Stream and motion.
+    std::deque<Sample> stream;
+    double lastTimestamp = 0;
+    LatLonPos lastCheckedPos;
+    std::int64_t parkedWallClock = 0;
+    std::int32_t extrapolateCount = 0, holdStartTick = 0;
+    Phase phase = Phase::Birth, previousPhase = Phase::Birth;
+    bool atStand = false, onGround = false, flightPlanCreated = false, keepDistance = false, holding = false;
+    double dLat = 0, dLon = 0, dPitch = 0, dBank = 0, dHeading = 0, dAlt = 0, vsTarget = 0, tasTarget = 0;
+    // Curve of a ground segment; NaN control: no curve.
+    LatLonPos curveOrigin;
+    double curveT0x = 0, curveT0y = 0, curveEndX = 0, curveEndY = 0, curveT1x = 0, curveT1y = 0;
+    double curveControlX = std::numeric_limits<double>::quiet_NaN(),
+           curveControlY = std::numeric_limits<double>::quiet_NaN();
+    double curveT = 0, curveStep = 0, curveAngle = 0;
+    Sample pushTailSample;
+    std::int32_t earlyLimit = 1000, lateLimit = 1000, rotateCounter = 1, pushCounter = 0,
+                 standDistanceCount = 0;
+    double targetHeading = 0, heightAgl = 2500, touchdownHeight = 0, rolloutHeading = 0, maxPushDistance = 0;
+    double firstStandDistance = 0, lastStandDistance = 0, turnAngle = 0;
+    double spawnHeading = 0;
+    bool hasSpawnHeading = false, turnLeft = false, turnPlanned = false;
+    std::optional<double> airportElevation;
+    std::uint32_t flareStage = 0;
+    bool landing = false, justLanded = false, towed = false, goAround = false, takingOff = false,
+         above10000 = false, below10000 = false, derotating = false, rollout = false, pushRequested = false,
+         turningInPlace = false;
+};
+
+// A new record with the constants of its category; pitches vary a little per aircraft.
+LiveAc gf_makeLiveAc(const AcIdentity& identity, std::uint32_t hexid, std::mt19937& rng);
+// The simulator's "Static CG to Ground" and "Static Pitch", where believable.
+void gf_takeStaticData(LiveAc& ac, double cgHeightFt, double staticPitch);
+void gf_setPhase(LiveAc& ac, Phase to);
+// The moves the state tables allow; another one is logged and refused.
+bool gf_setSimState(LiveAc& ac, SimState to);
+bool gf_simStateMoveAllowed(SimState from, SimState to) noexcept;
+
+std::string_view lf_phaseName(Phase p) noexcept;
+std::string_view lf_simStateName(SimState s) noexcept;
+std::string_view lf_categoryName(Category c) noexcept;
+std::string lf_acHeader(const AcIdentity& ac);   // "MSP->ATL DAL1812  N899DN"
+std::string lf_describeAc(const AcIdentity& ac); // the header, then airline and type
+bool gf_callsignOk(const AcIdentity& ac) noexcept;
 
 void reserveContainers(); // before the loop starts: nothing in the frame allocates
 void engineFrame();       // one 10 ms frame
