@@ -115,6 +115,7 @@ std::string titleText, modelText, simText, areaText;
 std::atomic<bool> titleKnown{false}, onGroundKnown{false}, userOnGround{true}, positionKnown{false};
 std::atomic<bool> failed{false}, epochWanted{false}, isConnected{false};
 std::atomic<std::int64_t> epoch{0};
+std::atomic<bool> positionWanted{false};
 std::atomic<std::uint32_t> userId{0};
 std::atomic<double> halfSpanNm{0};
 
@@ -615,6 +616,14 @@ Pass pollOnce() {
         isConnected = true;
         return Pass::Connected;
     }
+    if (positionWanted.exchange(false, std::memory_order_acq_rel)) {
+        std::lock_guard lock(shared.simLock);
+        if (ts.api->RequestDataOnSimObject(kReqUserPosition, kDefUserPosition, SIMCONNECT_OBJECT_ID_USER,
+                                           SIMCONNECT_PERIOD_ONCE) < 0) {
+            gf_log("SimConnect request user ac position fails");
+            requestFailure();
+        }
+    }
     try {
         if (ts.api->CallDispatch(dispatch, nullptr) < 0) {
             if (!ts.quitReceived)
@@ -675,17 +684,12 @@ bool connected() {
     return isConnected;
 }
 
+// Called from the engine frame: it only marks the request, which the client's own thread sends,
+// so the frame does no socket work. The copy is the last one when the lock is busy.
 UserData requestUserPosition() {
-    UserData copy;
-    underSimLock([&] {
-        copy = shared.userData;
-        if (ts.api && isConnected &&
-            ts.api->RequestDataOnSimObject(kReqUserPosition, kDefUserPosition, SIMCONNECT_OBJECT_ID_USER,
-                                           SIMCONNECT_PERIOD_ONCE) < 0) {
-            gf_log("SimConnect request user ac position fails");
-            requestFailure();
-        }
-    });
+    positionWanted.store(true, std::memory_order_release);
+    thread_local UserData copy;
+    underSimLock([&] { copy = shared.userData; });
     return copy;
 }
 
@@ -855,6 +859,8 @@ void reset() {
     }
     titleKnown = false, onGroundKnown = false, userOnGround = true, positionKnown = false, failed = false;
     epoch = 0, userId = 0, halfSpanNm = 0;
+    positionWanted = false;
+    if (!clientThread.joinable()) stopToken = false; // a stopped client leaves no token behind
     ts.firstPass = true;
     ts.quitReceived = false;
     ts.asGenLogged = false;

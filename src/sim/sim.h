@@ -132,6 +132,7 @@ bool connected();
 
 // Operations for the engine and the start sequence. They only try simLock: when the frame
 // handler holds it they skip (requests) or report false (lists), and the caller tries again.
+// Asks for a fresh position (sent by the client thread) and gives the last one: fit for the frame.
 UserData requestUserPosition();
 UserData lastUserData(); // the last answer, without a new request
 void requestTitleAndModel();
