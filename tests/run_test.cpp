@@ -319,13 +319,8 @@ Child spawn(const std::vector<std::string>& args, const std::vector<std::string>
     return c;
 }
 
-bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = 20s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) return true;
-        std::this_thread::sleep_for(20ms);
-    }
-    return done();
+bool waitFor(const std::function<bool()>& done) {
+    return test::waitUntil(done, 20s, 20ms);
 }
 
 TEST(Process, SecondInstanceLeavesWithMinusOneAndWritesNoLog) {

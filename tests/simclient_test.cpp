@@ -18,13 +18,8 @@ namespace {
 using namespace std::chrono_literals;
 namespace sc = simconnect;
 
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) return true;
-        std::this_thread::sleep_for(5ms);
-    }
-    return done();
+bool eventually(const std::function<bool()>& done) {
+    return test::waitUntil(done, 10s);
 }
 
 void setSimChoice(const char* value) {

@@ -1,9 +1,12 @@
 // Helpers the tests share: a scratch folder and a log they can read back.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -57,6 +60,17 @@ inline fs::path shippedCopy(const std::string& name, const fs::path& into) {
     fs::copy_file(fs::path(ORV_PROGRAM).parent_path() / "input" / name, target,
                   fs::copy_options::overwrite_existing);
     return target;
+}
+
+// Polls `done` until it holds or `limit` has passed (real time: the tests watch other threads).
+inline bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit,
+                      std::chrono::milliseconds step = std::chrono::milliseconds(5)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(step);
+    }
+    return done();
 }
 
 // Opens Log.txt in a scratch folder for the test's lifetime.

@@ -1,4 +1,4 @@
-// orvelline-data: the project's data chores (recordings now; reference files later).
+// orvelline-data: the project's data chores: recordings, reference files, livery packages.
 #include <iostream>
 #include <string>
 #include <vector>
@@ -14,11 +14,6 @@ constexpr const char* kUsage = R"(Usage: orvelline-data COMMAND ...
   convert --opensky FILE [--flights CS1,CS2] [--type TYPE] [--type CALLSIGN=TYPE] -o OUT
       OpenSky state rows (a JSON array; gunzip first) into a traffic recording. OpenSky rows
       carry no aircraft type, so --type gives one (a default, or per callsign)
-
-  send FILE [--port 49005] [--weather-port 49004] [--speed X] [--max-gap SECONDS] [--skip N]
-      sends a recording's lines to 127.0.0.1 as UDP datagrams at their recorded pace, sped up
-      X times, with gaps cut to at most SECONDS (before speeding up), from line N on; one weather
-      datagram first
 
   refdata SOURCE_FOLDER INPUT_FOLDER
       builds the encrypted reference files (dbase.enc, airports.enc, AIG-regcodes.enc) from
@@ -45,7 +40,6 @@ int main(int argc, char** argv) {
         const std::string cmd = args[0];
         args.erase(args.begin());
         if (cmd == "convert") return orv::tools::gf_convertMain(args);
-        if (cmd == "send") return orv::tools::gf_sendMain(args);
         if (cmd == "refdata") return orv::tools::gf_refdataMain(args);
         if (cmd == "liveries") return orv::tools::gf_liveriesMain(args);
         if (cmd == "encrypt" || cmd == "decrypt") {

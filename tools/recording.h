@@ -52,6 +52,5 @@ std::string gf_aigRegcodesXml(const std::filesystem::path& source);
 int gf_liveriesMain(const std::vector<std::string>& args);
 int gf_refdataMain(const std::vector<std::string>& args);
 // Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
-int gf_sendMain(const std::vector<std::string>& args);
 
 } // namespace orv::tools
