@@ -68,15 +68,21 @@ void printStatus() {
                   << std::endl;
         return;
     }
-    std::cout << fmt::format("[{}] simulator: {}{}; {} liveries; traffic lines {} (queued {}, dropped {}, "
-                             "ignored {}, failed {}), engine took {}, tick {}",
-                             gf_timeText(), simText.empty() ? "waiting" : simText,
-                             user ? fmt::format(", user at {:.4f},{:.4f} near {}", user->latitude,
-                                                user->longitude, sim::nearestArea())
-                                  : std::string(),
-                             liveries::count(), gTrafficReader.lineCount.load(), c.queued.load(),
-                             c.dropped.load(), c.ignored.load(), c.failed.load(), live::samplesTaken(),
-                             gRun.engineTick.load())
+    const auto live = live::liveCounts();
+    std::cout << fmt::format(
+                     "[{}] simulator: {}{}; {} liveries; RealTraffic: {}; traffic lines {} (queued {}, "
+                     "dropped {}, ignored {}, failed {}), engine took {}; live aircraft: {} active, {} "
+                     "waiting, {} to create, {} leaving; weather: {}",
+                     gf_timeText(), simText.empty() ? "waiting" : simText,
+                     user ? fmt::format(", user at {:.4f},{:.4f} near {}", user->latitude, user->longitude,
+                                        sim::nearestArea())
+                          : std::string(),
+                     liveries::count(),
+                     gf_realTrafficConnected() ? gf_realTrafficStatus() : std::string("not connected"),
+                     gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(), c.ignored.load(),
+                     c.failed.load(), live::samplesTaken(), live.active, live.buffered, live.spawnQueue,
+                     live.other,
+                     gQnhReader.received ? fmt::format("QNH {} hPa", gQnh.load()) : std::string("none yet"))
               << std::endl;
 }
 

@@ -213,6 +213,7 @@ void gf_copyUserPositionForReaders() {
         a.referenceElevation = current->elevation;
     }
     gTrafficReader.setArea(a);
+    live::setCurrentAirportElevation(a.referenceElevation);
 }
 
 void gf_qnhUpdate() {}

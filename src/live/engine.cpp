@@ -1,45 +1,1076 @@
-#include "live/live.h"
+// The engine frame: samples in, objects created, a position for every aircraft every 10 ms.
+#include "live/engine.h"
 
-#include <array>
+#include <algorithm>
 #include <atomic>
+#include <cmath>
+
+#include <fmt/format.h>
+#include <gsl/narrow>
 
 #include "app/app.h"
-#include "feed/feed.h"
-#include "sim/sim.h"
+#include "liveries/liveries.h"
+#include "params/params.h"
 
 namespace orv::live {
 
+Engine gEngine;
+
 namespace {
-std::atomic<std::uint64_t> taken{0};
-// Reused every frame so that taking samples never allocates.
-std::array<TrafficSample, 2> frameSamples;
-} // namespace
 
-void reserveContainers() {}
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kDeg = kPi / 180.0;
+constexpr std::int32_t kDelayTicks = 3000; // everything runs 30 s behind the feed
 
-void engineFrame() {
-    // Until aircraft records exist the frame only keeps the queue flowing: two samples a frame.
-    const auto n = gf_takeTraffic(frameSamples.data(), frameSamples.size());
-    taken.fetch_add(n, std::memory_order_relaxed);
-    // The user's position every second; the client only tries its lock, so the frame never waits.
-    if (gRun.engineTick.fetch_add(1, std::memory_order_relaxed) % 100 == 0) sim::requestUserPosition();
+std::atomic<double> airportElevationFt{std::numeric_limits<double>::quiet_NaN()};
+// Counts for the status display, which another thread reads.
+std::atomic<std::uint64_t> publishedTaken{0};
+std::atomic<std::uint32_t> publishedActive{0}, publishedBuffered{0}, publishedOther{0}, publishedQueue{0};
+
+void publishCounts() {
+    const auto& e = gEngine;
+    std::uint32_t active = 0, buffered = 0, other = 0;
+    for (const auto& ac : e.liveTable) {
+        if (ac.simState == SimState::Active)
+            ++active;
+        else if (ac.simState == SimState::Buffer)
+            ++buffered;
+        else
+            ++other;
+    }
+    publishedTaken.store(e.taken, std::memory_order_relaxed);
+    publishedActive.store(active, std::memory_order_relaxed);
+    publishedBuffered.store(buffered, std::memory_order_relaxed);
+    publishedOther.store(other, std::memory_order_relaxed);
+    publishedQueue.store(static_cast<std::uint32_t>(e.spawnQueue.size()), std::memory_order_relaxed);
 }
 
-void drainEvents() {}
+Sample toSample(const TrafficSample& r) {
+    Sample s;
+    s.lat = r.latitude, s.lon = r.longitude, s.alt = r.altitude;
+    s.speed = r.groundSpeed, s.track = r.track, s.vs = r.verticalSpeed, s.tas = r.trueAirspeed;
+    s.tick = r.tick;
+    s.airborne = r.airborne;
+    s.hasFeedHeading = r.hasTrueHeading;
+    if (r.roll) s.bank = *r.roll, s.hasBank = true;
+    if (r.heading) s.trueHeading = *r.heading, s.hasTrueHeading = true;
+    return s;
+}
+
+bool categoryEnabled(Category c) {
+    switch (c) {
+    case Category::Light:
+        return gParams.LIGHT_AIRCRAFT.load(std::memory_order_relaxed);
+    case Category::HighPerf:
+        return gParams.HIGH_PERF_AIRCRAFT.load(std::memory_order_relaxed);
+    case Category::Rotorcraft:
+        return gParams.HELICOPTERS.load(std::memory_order_relaxed);
+    default:
+        return true;
+    }
+}
+
+// Ground reports must be clearly away from the airport's level to count as flying.
+bool altitudeAcceptable(double alt) {
+    if (!(alt > 0.0 && alt < 10000.0)) return true;
+    const auto elevation = currentAirportElevation();
+    return std::fabs(alt - elevation.value_or(-1000.0)) > 108.0;
+}
+
+// The airline of a callsign like "DAL1812": three letters of a known airline and then a digit.
+AirlineId airlineOfCallsign(std::string_view cs) {
+    if (cs.size() < 4 || !std::isdigit(static_cast<unsigned char>(cs[3]))) return 0;
+    for (std::size_t i = 0; i < 3; ++i)
+        if (!std::isalpha(static_cast<unsigned char>(cs[i]))) return 0;
+    return gf_airlineId(cs.substr(0, 3));
+}
+
+std::string failedKey(const LiveAc& ac) {
+    return fmt::format("{} {} {}", ac.modelCode, ac.airlineCode, ac.registration);
+}
+
+double distanceToUser(const LiveAc& ac) {
+    const auto& u = gEngine.user;
+    return gf_distanceNmOf(ac.lat, ac.lon, u.latitude, u.longitude);
+}
+
+void command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value) {
+    if (objectId == 0) return;
+    gEngine.out.events.push_back({objectId, event, value});
+}
+
+void logException(const char* function, const LiveAc& ac, const std::exception& e) {
+    gf_log(fmt::format("{}: {} {}, sz:{}, fs:{}, st:{}", function, lf_describeAc(ac), e.what(),
+                       ac.stream.size(), lf_phaseName(ac.phase), lf_simStateName(ac.simState)));
+}
+
+void compactTable() {
+    auto& t = gEngine.liveTable;
+    std::erase_if(t, [](const LiveAc& ac) { return ac.dropNow || ac.dropSilently; });
+}
+
+} // namespace
+
+void setCurrentAirportElevation(std::optional<double> feet) {
+    airportElevationFt = feet.value_or(std::numeric_limits<double>::quiet_NaN());
+}
+std::optional<double> currentAirportElevation() {
+    const double v = airportElevationFt.load(std::memory_order_relaxed);
+    if (std::isnan(v)) return std::nullopt;
+    return v;
+}
+
+void Engine::reserve() {
+    liveTable.reserve(512);
+    addingStack.reserve(64);
+    spawnQueue.reserve(64);
+    staticSpawnQueue.reserve(256);
+    removeQueue.reserve(512);
+    pending.reserve(256);
+    events.reserve(1024);
+    out.reserve(1024);
+    rememberedLiveries.reserve(2048);
+}
+
+void Engine::reset() {
+    liveTable.clear();
+    addingStack.clear();
+    spawnQueue.clear();
+    staticSpawnQueue.clear();
+    removeQueue.clear();
+    pending.clear();
+    events.clear();
+    out.clear();
+    rememberedLiveries.clear();
+    failedLiveries.clear();
+    rng.seed(20250204);
+    user = {};
+    userKnown = false;
+    tick = 0;
+    taken = positionsLost = created = removed = 0;
+    callsignLookupObject = 0;
+}
+
+LiveAc* findByHexid(std::uint32_t hexid) {
+    for (auto& ac : gEngine.liveTable)
+        if (ac.hexid == hexid) return &ac;
+    return nullptr;
+}
+LiveAc* findByObjectId(std::uint32_t objectId) {
+    if (objectId == 0) return nullptr;
+    for (auto& ac : gEngine.liveTable)
+        if (ac.objectId == objectId) return &ac;
+    return nullptr;
+}
+LiveAc* findByCallsign(std::string_view callsign) {
+    for (auto& ac : gEngine.liveTable)
+        if (ac.callsign == callsign) return &ac;
+    return nullptr;
+}
+
+// ---- Geometry --------------------------------------------------------------------------------
+
+double gf_bearingRad(double lat0, double lon0, double lat1, double lon1) noexcept {
+    const double p0 = lat0 * kDeg, p1 = lat1 * kDeg, dl = (lon1 - lon0) * kDeg;
+    const double y = std::sin(dl) * std::cos(p1);
+    const double x = std::cos(p0) * std::sin(p1) - std::sin(p0) * std::cos(p1) * std::cos(dl);
+    double b = std::atan2(y, x);
+    if (b < 0) b += 2 * kPi;
+    return b;
+}
+
+double gf_angleDiff(double from, double to) noexcept {
+    double d = std::fmod(to - from, 2 * kPi);
+    if (d > kPi) d -= 2 * kPi;
+    if (d < -kPi) d += 2 * kPi;
+    return d;
+}
+
+double gf_distanceNmOf(double lat0, double lon0, double lat1, double lon1) noexcept {
+    return gf_distanceNm(LatLon{lat0, lon0}, LatLon{lat1, lon1});
+}
+
+// ---- Controls --------------------------------------------------------------------------------
+
+void gf_setFlaps(LiveAc& ac, std::int32_t index) {
+    if (ac.category == Category::Rotorcraft || index == ac.flapsIndex) return;
+    constexpr std::uint32_t kValues[] = {0, 3072, 10240, 16383, 0};
+    if (index < 0 || index > 4) {
+        gf_log("gf_setFlaps: invalid flaps index");
+        return;
+    }
+    ac.flapsIndex = index;
+    command(ac.objectId, sim::kFlapsSet, kValues[index]);
+}
+
+void lf_setThrottle(LiveAc& ac, std::int32_t index) {
+    if (index == ac.throttleIndex || index < 0 || index > 4) return;
+    constexpr std::uint32_t kValues[] = {0, 4914, 8191, 11468, 16383};
+    ac.throttleIndex = index;
+    command(ac.objectId, sim::kThrottleSet, kValues[index]);
+}
+
+void lf_setGear(LiveAc& ac, bool down) {
+    if (ac.category == Category::Rotorcraft) return;
+    command(ac.objectId, sim::kGearSet, down ? 1 : 0);
+}
+
+void lf_setSpoilers(LiveAc& ac, bool on) {
+    if (ac.category == Category::Rotorcraft) return;
+    command(ac.objectId, sim::kSpoilersSet, on ? 16383 : 0);
+}
+
+void lf_setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, bool taxi, bool strobes,
+                  bool logo, bool cabin) {
+    const std::pair<std::uint32_t, bool> lights[] = {
+        {sim::kNavLights, nav},    {sim::kBeaconLights, beacon}, {sim::kLandingLights, landing},
+        {sim::kTaxiLights, taxi},  {sim::kStrobes, strobes},     {sim::kLogoLights, logo},
+        {sim::kCabinLights, cabin}};
+    for (const auto& [event, on] : lights) command(objectId, event, on ? 1 : 0);
+}
+
+void lf_setParkedLights(LiveAc& ac) {
+    lf_setThrottle(ac, 0);
+    gf_setFlaps(ac, 0);
+    command(ac.objectId, sim::kEngineAutoShutdown, 0);
+    const bool nav = gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed);
+    bool cabin = false;
+    if (ac.atStand && !ac.cargoStand)
+        cabin = !gParams.RANDOM.load(std::memory_order_relaxed) ||
+                std::uniform_int_distribution<int>(0, 9)(gEngine.rng) != 0;
+    lf_setLights(ac.objectId, nav, false, false, false, false, true, cabin);
+}
+
+// ---- The frame -------------------------------------------------------------------------------
+
+void reserveContainers() {
+    gEngine.reserve();
+}
+
+void engineFrame() {
+    auto& e = gEngine;
+    e.tick = gRun.engineTick.load(std::memory_order_relaxed);
+    lf_handleEvents();
+    bool compact = false;
+    for (auto& ac : e.liveTable) {
+        if (updateLiveAc(ac) == Update::Drop) compact = true;
+        compact = compact || ac.dropNow || ac.dropSilently;
+    }
+    if (compact) compactTable();
+    lf_pace();
+    const auto n = gf_takeTraffic(e.frameSamples.data(), e.frameSamples.size());
+    e.taken += n;
+    for (std::size_t i = 0; i < n; ++i) lf_decode(e.frameSamples[i]);
+    lf_handleAddingStack();
+    lf_poll();
+    if (e.tick % 100 == 0) publishCounts();
+    // Positions that can't go now are stale by the next frame; commands wait for it.
+    if (!sim::handOver(e.out)) {
+        e.out.positions.clear();
+        ++e.positionsLost;
+    }
+    gRun.engineTick.fetch_add(1, std::memory_order_relaxed);
+}
+
+void lf_handleEvents() {
+    auto& e = gEngine;
+    sim::takeEvents(e.events);
+    for (const auto& ev : e.events) {
+        switch (ev.kind) {
+        case sim::SimEventKind::LiveCreated: {
+            LiveAc* ac = findByHexid(ev.hexid);
+            if (!ac) {
+                // Its record went while the simulator was creating it: the object goes too.
+                gf_log(
+                    fmt::format("hexid {} created as object {} but no longer wanted", ev.hexid, ev.objectId));
+                e.removeQueue.push_back(ev.objectId);
+                break;
+            }
+            if (lf_onCreated(*ac, ev)) e.pending.push_back({ev.objectId, ev.hexid, false, 0});
+            break;
+        }
+        case sim::SimEventKind::StaticCreated:
+            e.pending.push_back({ev.objectId, ev.hexid, true, 0});
+            break;
+        case sim::SimEventKind::Removed:
+            lf_onRemoved(ev.objectId);
+            break;
+        case sim::SimEventKind::ForeignInRange:
+            if (LiveAc* ac = findByObjectId(ev.objectId)) {
+                ac->groundAltitude = ev.value;
+                ac->heightAgl = ev.value2;
+            }
+            break;
+        case sim::SimEventKind::StaticData:
+            if (LiveAc* ac = findByObjectId(ev.objectId)) gf_takeStaticData(*ac, ev.value, ev.value2);
+            break;
+        case sim::SimEventKind::Blocked:
+            lf_onBlocked(ev.hexid);
+            break;
+        case sim::SimEventKind::CreationFailed:
+            if (LiveAc* ac = findByHexid(ev.hexid)) {
+                if (!ac->liveryTitle.empty()) {
+                    gf_log(fmt::format("{} '{}' could not be created by your Sim!", lf_describeAc(*ac),
+                                       ac->liveryTitle));
+                    liveries::gf_refuseTitle(ac->liveryTitle);
+                }
+                auto& r = e.rememberedLiveries;
+                std::erase_if(r, [&](const auto& p) { return p.first == ev.hexid; });
+                ac->dropSilently = true;
+                std::erase(e.addingStack, ev.hexid);
+            }
+            break;
+        }
+    }
+    if (std::any_of(e.liveTable.begin(), e.liveTable.end(), [](const LiveAc& a) { return a.dropSilently; }))
+        compactTable();
+    lf_handlePending();
+}
+
+void lf_handlePending() {
+    auto& e = gEngine;
+    for (auto& p : e.pending) {
+        ++p.count;
+        if (p.isStatic) {
+            if (p.count == 200) p.count = -1; // static aircraft get their lights with their records
+            continue;
+        }
+        if (p.count != 50 && p.count != 100 && p.count != 200) continue;
+        LiveAc* ac = findByObjectId(p.objectId);
+        if (!ac) {
+            p.count = -1;
+            continue;
+        }
+        if (p.count < 200) {
+            command(ac->objectId, sim::kAllLightsToggle, 0);
+            continue;
+        }
+        const auto id = ac->objectId;
+        const bool airborne = !ac->onGround;
+        if (airborne) {
+            command(id, sim::kEngineAutoStart, 0);
+            lf_setSpoilers(*ac, false);
+            const bool low = ac->alt <= 10000.0;
+            lf_setLights(id, true, true, low, false, true, low, ac->heightAgl >= 2000.0);
+        } else {
+            lf_setSpoilers(*ac, false);
+            const bool parked = ac->phase == Phase::Parked;
+            const bool nav = parked ? gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed) : true;
+            command(id, parked ? sim::kEngineAutoShutdown : sim::kEngineAutoStart, 0);
+            lf_setLights(id, nav, !parked, false, ac->phase == Phase::Taxi, false, true, true);
+            lf_setThrottle(*ac, ac->category == Category::Rotorcraft ? 4 : 0);
+            gf_setFlaps(*ac, ac->phase == Phase::Taxi ? 1 : 0);
+        }
+        gf_setSimState(*ac, SimState::Active);
+        p.count = -1;
+        if (ac->removeWhenCreated) removeAircraftFromSim(*ac);
+    }
+    std::erase_if(e.pending, [](const PendingObject& p) { return p.count < 0; });
+}
+
+Update updateLiveAc(LiveAc& ac) {
+    try {
+        if (ac.simState == SimState::Buffer) return lf_handleBuffer(ac);
+        if (ac.simState != SimState::Active) return Update::Keep;
+        if (ac.stream.empty()) {
+            gf_log(
+                fmt::format("{} stream empty ? {}, hexid:{}, objectid:{}, alt:{:.0f} ft, lalo:{}, TAS:{:.0f}",
+                            gf_timeText(), lf_describeAc(ac), ac.hexid, ac.objectId, ac.alt,
+                            fmt::format("{:.5f},{:.5f}", ac.lat, ac.lon), ac.tas));
+            removeAircraftFromSim(ac);
+            return Update::Keep;
+        }
+        if (gEngine.tick >= ac.stream[0].tick) {
+            nextPosMain(ac);
+            if (ac.simState != SimState::Active) return Update::Keep;
+            ac.vsFps = ac.vsTarget / 60.0;
+            ac.tas = ac.stream.empty() || ac.stream[0].stationary ? 0.0 : ac.tasTarget;
+        }
+        if (ac.simState == SimState::Active && !ac.stream.empty() && !ac.stream[0].stationary) lf_advance(ac);
+        if (ac.simState != SimState::Active) return Update::Keep;
+        if (ac.objectId == 0) {
+            gf_log(
+                fmt::format("{} objectid=0? hexid: {},cs:{}, reg:{}, aimo:{} sz:{}", gf_timeText(), ac.hexid,
+                            ac.callsign, ac.registration,
+                            fmt::format("{} {}", gf_airlineCode(ac.airlineCode), gf_modelCode(ac.modelCode)),
+                            ac.stream.size()));
+            removeAircraftFromSim(ac);
+            return Update::Keep;
+        }
+        gEngine.out.positions.push_back(
+            {ac.lat, ac.lon, ac.pitch, ac.bank, ac.heading, ac.alt, ac.vsFps, ac.tas, ac.objectId});
+    } catch (const std::exception& e) {
+        logException("updateLiveAc", ac, e);
+    }
+    return (ac.dropNow || ac.dropSilently) ? Update::Drop : Update::Keep;
+}
+
+void lf_pace() {
+    auto& e = gEngine;
+    if (e.tick % 10 == 0 && !e.removeQueue.empty()) {
+        e.out.removes.push_back(e.removeQueue.front());
+        e.removeQueue.erase(e.removeQueue.begin());
+        ++e.removed;
+    }
+    if (e.tick % 50 == 0) {
+        auto* queue = !e.spawnQueue.empty() ? &e.spawnQueue : &e.staticSpawnQueue;
+        if (!queue->empty()) {
+            const auto& r = queue->front();
+            sim::CreateRecord c;
+            c.init = r.init;
+            c.tailNumber = r.callsign;
+            c.title = r.livery;
+            c.hexid = r.hexid;
+            e.out.creates.push_back(std::move(c));
+            queue->erase(queue->begin());
+            ++e.created;
+        }
+    }
+}
+
+// ---- Samples in ------------------------------------------------------------------------------
+
+void lf_decode(const TrafficSample& r) {
+    LiveAc* ac = findByHexid(r.hexid);
+    if (!ac) {
+        const bool twin =
+            !r.callsign.empty() &&
+            std::any_of(gEngine.liveTable.begin(), gEngine.liveTable.end(), [&](const LiveAc& a) {
+                return a.callsign == r.callsign && a.modelCode == r.modelCode;
+            });
+        if (!twin) lf_addNewAc(r);
+        return;
+    }
+    if (ac->simState == SimState::LiveryRespawn || ac->simState == SimState::RemovingFromSim) return;
+    const double t = r.timestamp;
+    if (!ac->stream.empty()) {
+        const Sample& last = ac->stream.back();
+        const double prev = ac->lastTimestamp;
+        if (t <= prev + 1.0) return;
+        const double v = r.groundSpeed, lv = last.speed;
+        if ((lv > 5 && v >= 10 * lv) || (v > 5 && lv >= 10 * v) || (lv <= 5 && v >= 80) ||
+            (v <= 5 && lv >= 80))
+            return;
+        if (ac->extrapolateCount < 1) {
+            const double dHdg = std::fabs(gf_angleDiff(last.track * kDeg, r.track * kDeg)) / kDeg;
+            if (r.airborne && v > 120 && dHdg <= 1.0 && t - prev <= 0.24298 / (v / 3600.0)) return;
+            if (!r.airborne && v <= 30 && dHdg <= 2.0 &&
+                t - prev <= (v > 0 ? std::min(0.0107991 / (v / 3600.0), 15.0) : 15.0))
+                return;
+        }
+    }
+    if (ac->simState == SimState::Buffer && !altitudeAcceptable(r.altitude)) return;
+    if (!lf_checkRespawn(*ac, r)) return;
+    ac->lastTimestamp = t;
+    try {
+        lf_addSample(*ac, toSample(r));
+    } catch (const std::exception& e) {
+        gf_log(fmt::format("{} exception {}", "decodeExisting", e.what()));
+    }
+}
+
+void lf_addNewAc(const TrafficSample& r) {
+    AcIdentity id;
+    id.modelCode = r.modelCode;
+    id.registration = r.registration;
+    if (!r.registration.empty())
+        if (const auto rec = gf_dbaseRecordOf(r.registration)) {
+            if (rec->model) id.modelCode = rec->model;
+            id.airlineCode = rec->airline;
+        }
+    if (!id.modelCode || gf_modelCode(id.modelCode).empty()) return;
+    if (!categoryEnabled(gf_category(id.modelCode))) return;
+    if (!altitudeAcceptable(r.altitude)) return;
+    if (const AirlineId a = airlineOfCallsign(r.callsign)) id.airlineCode = a;
+    id.origin = r.origin, id.destination = r.destination;
+    id.callsign = r.callsign;
+    id.flightA = r.callsign;
+    auto& t = gEngine.liveTable;
+    t.push_back(gf_makeLiveAc(id, r.hexid, gEngine.rng));
+    LiveAc& ac = t.back();
+    ac.lastTimestamp = r.timestamp;
+    lf_addSample(ac, toSample(r));
+}
+
+void lf_addSample(LiveAc& ac, Sample s) {
+    auto& st = ac.stream;
+    if (st.size() > 200) {
+        removeAircraftFromSim(ac);
+        return;
+    }
+    if (ac.holding && !st.empty() &&
+        gf_distanceNmOf(s.lat, s.lon, st[0].lat, st[0].lon) * 1852.0 >
+            gParams.HOLDING_THRESHOLD_METERS.load(std::memory_order_relaxed)) {
+        ac.holding = false;
+        removeAircraftFromSim(ac);
+        return;
+    }
+    const auto keepGrowing = [&] {
+        if (!st.empty() && s.tick <= st.back().tick) s.tick = st.back().tick + 1;
+    };
+    if (ac.phase == Phase::Birth) {
+        // A sample on the spot of the one before is a wait, not a move.
+        if (!st.empty()) {
+            const Sample& last = st.back();
+            s.stationary = std::fabs(s.lat - last.lat) < 1e-8 && std::fabs(s.lon - last.lon) < 1e-8;
+        }
+        keepGrowing();
+        st.push_back(s);
+        return;
+    }
+    if (!checkExtendingSituations(ac, s)) return;
+    if (!st.empty() && !s.airborne && st.back().stationary) {
+        if (s.stationary) {
+            bool all = true;
+            for (std::size_t i = 0; i < st.size(); ++i) all = all && st[i].stationary;
+            if (all) st.truncate(1);
+        } else if (st.size() >= 3) {
+            // The last moving sample before the wait; a short wait, or none at all, is cut out.
+            std::size_t q = st.size();
+            for (std::size_t k = st.size() - 1, looked = 0; k > 0 && looked < 5; --k, ++looked)
+                if (!st[k - 1].stationary) {
+                    q = k - 1;
+                    break;
+                }
+            if (q < st.size() && q > 0 &&
+                (st.back().tick - st[q].tick < 1500 ||
+                 gf_distanceNmOf(s.lat, s.lon, st[q].lat, st[q].lon) <= 0.011879))
+                st.truncate(q + 1);
+        }
+    }
+    keepGrowing();
+    lf_takeOffChecks(ac, s);
+    st.push_back(s);
+    if (st.size() == 2 && st[0].stationary && st[1].stationary) {
+        st[0].tick = gEngine.tick + 1;
+        st[0].speed = st[1].speed;
+    }
+}
+
+void lf_handleAddingStack() {
+    auto& e = gEngine;
+    if (e.addingStack.empty()) return;
+    const std::uint32_t hexid = e.addingStack.back();
+    e.addingStack.pop_back();
+    LiveAc* ac = findByHexid(hexid);
+    if (!ac) return;
+    if (ac->callsign.empty()) {
+        gf_log(fmt::format("{} {} objectid = 0?", "lf_handleAddingStack", lf_describeAc(*ac)));
+        return;
+    }
+    SpawnRequest r;
+    r.init.Latitude = ac->lat;
+    r.init.Longitude = ac->lon;
+    r.init.Altitude = ac->alt;
+    r.init.Pitch = ac->pitch / kDeg;
+    r.init.Bank = ac->bank / kDeg;
+    r.init.Heading = ac->heading / kDeg;
+    r.init.OnGround = ac->onGround ? 1 : 0;
+    r.init.Airspeed = static_cast<std::int32_t>(std::lround(ac->tas));
+    r.callsign = ac->callsign;
+    r.livery = ac->liveryTitle;
+    r.hexid = hexid;
+    e.spawnQueue.push_back(std::move(r));
+}
+
+void lf_poll() {
+    auto& e = gEngine;
+    if (e.tick % 20 == 0) sim::requestInRange(gParams.RANGE.load(std::memory_order_relaxed));
+    if (e.tick % 100 == 0) {
+        e.user = sim::requestUserPosition();
+        e.userKnown = std::fabs(e.user.latitude) > 0.0001 || std::fabs(e.user.longitude) > 0.0001;
+    }
+}
+
+// ---- The buffer and spawning -----------------------------------------------------------------
+
+Update lf_handleBuffer(LiveAc& ac) {
+    auto& e = gEngine;
+    auto& st = ac.stream;
+    const auto drop = [&] {
+        ac.dropNow = true;
+        return Update::Drop;
+    };
+    if (st.empty()) return drop();
+    const bool movingOnGround = !st[0].airborne && !st[0].stationary;
+    if (e.tick < st[0].tick - (movingOnGround ? 300 : 100)) return Update::Keep;
+    if (st.size() < 2) return drop();
+    bool air = false, ground = false;
+    for (std::size_t i = 0; i < st.size(); ++i) (st[i].airborne ? air : ground) = true;
+    if (air && ground) {
+        st.pop_front();
+        return Update::Keep;
+    }
+    if (lf_userProximity(ac)) return Update::Keep;
+    if (e.spawnQueue.size() > 10 && ac.phase == Phase::Birth) {
+        st.pop_front();
+        return Update::Keep;
+    }
+    const int maxLive = gParams.MAX_LIVE_SEL.load(std::memory_order_relaxed);
+    if (maxLive == 0) return drop();
+    std::size_t active = 0;
+    for (const auto& a : e.liveTable) active += a.simState == SimState::Active ? 1 : 0;
+    if (e.spawnQueue.size() + e.addingStack.size() + active >= static_cast<std::size_t>(maxLive)) {
+        // Room is made by the aircraft farthest from the user, when this one is nearer.
+        const double mine = distanceToUser(ac);
+        LiveAc* farthest = nullptr;
+        double far = mine + 0.1;
+        for (auto& a : e.liveTable)
+            if (a.simState == SimState::Active && distanceToUser(a) > far)
+                far = distanceToUser(a), farthest = &a;
+        if (!farthest) return drop();
+        gf_log(fmt::format("{} makes room for {}", lf_describeAc(*farthest), lf_describeAc(ac)));
+        removeAircraftFromSim(*farthest);
+    }
+    if (!gParams.BLOCK_CALLSIGN.empty() && ac.callsign == gParams.BLOCK_CALLSIGN) return drop();
+    // lf_fixModel: the registration knows the type best.
+    if (!ac.registration.empty())
+        if (const auto rec = gf_dbaseRecordOf(ac.registration); rec && rec->model) ac.modelCode = rec->model;
+    if (!ac.airlineCode && gf_modelCode(ac.modelCode).empty()) ac.airlineCode = gf_airlineId("PVT");
+    if (!gf_callsignOk(ac)) return drop();
+    if (!ac.registration.empty() && e.failedLiveries.contains(failedKey(ac))) return drop();
+    return spawnLiveAc(ac);
+}
+
+Update spawnLiveAc(LiveAc& ac) {
+    auto& e = gEngine;
+    auto& st = ac.stream;
+    if (st.size() < 2) {
+        gf_log(fmt::format("{} sz:{}", lf_describeAc(ac), st.size()));
+        return Update::Keep;
+    }
+    if (st[1].stationary) {
+        st[0].speed = st[1].speed = 0;
+        st[0].stationary = true;
+        if (st.size() > 2 && st[2].stationary) st[2].speed = 0;
+    } else {
+        st[0].stationary = false;
+    }
+    if (ac.phase == Phase::Birth && ac.liveryTitle.empty()) {
+        const auto it = std::find_if(e.rememberedLiveries.begin(), e.rememberedLiveries.end(),
+                                     [&](const auto& p) { return p.first == ac.hexid; });
+        if (it != e.rememberedLiveries.end()) {
+            ac.liveryTitle = it->second;
+        } else {
+            liveries::MatchAircraft m;
+            m.key = gf_airlineModelKey(ac.airlineCode, ac.modelCode);
+            m.regcode = ac.registration;
+            m.category = ac.category;
+            m.cargo = ac.isCargo;
+            m.description = lf_describeAc(ac);
+            liveries::gf_matchLiveLivery(m);
+            if (m.title.empty()) {
+                if (!ac.registration.empty()) e.failedLiveries.insert(failedKey(ac));
+                ac.dropNow = true;
+                return Update::Drop;
+            }
+            ac.liveryTitle = m.title;
+            e.rememberedLiveries.emplace_back(ac.hexid, m.title);
+        }
+    }
+    const Sample& head = st[0];
+    if (head.airborne) {
+        gf_setPhase(ac, Phase::Flying);
+        ac.onGround = false;
+    } else if (lf_parkAtSpawn(ac)) {
+        gf_setPhase(ac, Phase::Parked);
+        ac.onGround = true;
+    } else if (st[1].stationary) {
+        st.pop_front();
+        return Update::Keep;
+    } else {
+        gf_setPhase(ac, Phase::Taxi);
+        ac.onGround = true;
+    }
+    const Sample& h = st[0];
+    ac.lat = h.lat, ac.lon = h.lon;
+    ac.alt = h.airborne ? h.alt : lf_groundAltitude(ac);
+    ac.tas = h.tas;
+    if (h.airborne) {
+        const double vs = h.vs < 0 ? std::max(h.vs, -3000.0) / 2 : std::min(h.vs, 2400.0);
+        ac.pitch = -0.05236 - vs / 600.0 * 2.2 * kDeg;
+        ac.bank = h.hasBank ? h.bank : 0.0;
+    } else {
+        ac.pitch = 0.0104720;
+        ac.bank = 0;
+    }
+    if (ac.hasSpawnHeading)
+        ac.heading = ac.spawnHeading;
+    else if (ac.phase == Phase::Parked)
+        ac.heading = ac.standHeading;
+    else if (st[1].stationary)
+        ac.heading = h.track * kDeg;
+    else
+        ac.heading = gf_bearingRad(h.lat, h.lon, st[1].lat, st[1].lon);
+    ac.targetHeading = ac.heading;
+    gf_setSimState(ac, SimState::Adding2Sim);
+    e.addingStack.push_back(ac.hexid);
+    return Update::Keep;
+}
+
+bool lf_onCreated(LiveAc& ac, const sim::SimEvent& ev) {
+    if (ev.objectId < 3) return false;
+    ac.objectId = ev.objectId;
+    ac.heightAgl = ev.value;
+    if (ac.onGround) lf_setOnGroundFlags(ac);
+    if (!ac.origin.empty() && !ac.destination.empty()) {
+        sim::PlanAircraft p;
+        p.hexid = ac.hexid, p.objectId = ac.objectId;
+        p.category = static_cast<int>(ac.category);
+        p.origin = std::string(ac.origin.view()), p.destination = std::string(ac.destination.view());
+        p.name = lf_describeAc(ac);
+        const auto path = sim::planPath(ac.hexid);
+        if (sim::writePlan(path, p)) {
+            ac.flightPlanCreated = true;
+            if (sim::msfs2020Selected() && !sim::setFlightPlan(ac.objectId, path.string()))
+                gf_log(fmt::format("{} creating a flight plan failed", lf_describeAc(ac)));
+        } else {
+            gf_log(fmt::format("{} creating a flight plan failed", lf_describeAc(ac)));
+        }
+    }
+    if (!sim::requestStaticData(ac.objectId)) gf_log("SimConnect request StaticCG fails");
+    return true;
+}
+
+bool lf_checkRespawn(LiveAc& ac, const TrafficSample& r) {
+    if (ac.phase == Phase::PushingBack || ac.extrapolateCount >= 1 || ac.takingOff || ac.landing) return true;
+    if (ac.simState == SimState::Buffer) {
+        if (ac.origin.empty()) ac.origin = r.origin;
+        if (ac.destination.empty()) ac.destination = r.destination;
+        if (ac.callsign.empty() && !r.callsign.empty()) ac.callsign = ac.flightA = r.callsign;
+        if (ac.registration.empty() && !r.registration.empty()) ac.registration = r.registration;
+        return true;
+    }
+    if (ac.simState != SimState::Active) return true;
+    if (!r.origin.empty() && !r.destination.empty() &&
+        (r.origin != ac.origin || r.destination != ac.destination)) {
+        const bool hadRoute = !ac.origin.empty() && !ac.destination.empty();
+        ac.origin = r.origin, ac.destination = r.destination;
+        if (hadRoute && ac.onGround && ac.phase != Phase::Taxi) gf_setPhase(ac, Phase::Taxi);
+    }
+    bool newLivery = false;
+    if (!r.registration.empty() && r.registration != ac.registration) {
+        ac.registration = r.registration;
+        if (const auto rec = gf_dbaseRecordOf(r.registration)) {
+            if (rec->model && rec->model != ac.modelCode) ac.modelCode = rec->model;
+            if (rec->airline) ac.airlineCode = rec->airline;
+        }
+        liveries::MatchAircraft m;
+        m.key = gf_airlineModelKey(ac.airlineCode, ac.modelCode);
+        m.regcode = ac.registration;
+        m.category = ac.category;
+        m.cargo = ac.isCargo;
+        m.description = lf_describeAc(ac);
+        liveries::gf_matchLiveLivery(m);
+        if (!m.title.empty() && m.title != ac.liveryTitle) {
+            ac.liveryTitle = m.title;
+            for (auto& p : gEngine.rememberedLiveries)
+                if (p.first == ac.hexid) p.second = m.title;
+            newLivery = true;
+        }
+    }
+    if (!r.callsign.empty() && r.callsign != ac.callsign) {
+        ac.callsign = ac.flightA = r.callsign;
+        if (const AirlineId a = airlineOfCallsign(r.callsign)) ac.airlineCode = a;
+    }
+    if (newLivery && gParams.GUID_CHANGES.load(std::memory_order_relaxed)) {
+        gf_log(fmt::format("          {} respawns", lf_describeAc(ac)));
+        liveryRespawn(ac);
+        return false;
+    }
+    return true;
+}
+
+void liveryRespawn(LiveAc& ac) {
+    Sample now = ac.stream.empty() ? Sample{} : ac.stream[0];
+    now.lat = ac.lat, now.lon = ac.lon, now.alt = ac.alt;
+    now.tick = gEngine.tick + 1;
+    if (ac.phase == Phase::Parked) {
+        ac.stream.clear();
+        now.stationary = true;
+        now.track = ac.heading / kDeg;
+    }
+    ac.stream.push_front(now);
+    ac.simState = SimState::LiveryRespawn;
+    ac.spawnHeading = ac.heading;
+    ac.hasSpawnHeading = true;
+    if (ac.objectId == 0)
+        gf_log(fmt::format("{} removing act {} with objectid=0 ?", gf_timeText(), lf_describeAc(ac)));
+    else
+        gEngine.removeQueue.push_back(ac.objectId);
+}
+
+// ---- Motion ----------------------------------------------------------------------------------
+
+void nextPosMain(LiveAc& ac) {
+    auto& st = ac.stream;
+    for (;;) {
+        while (st.size() < 2) {
+            if (!lf_noNewData(ac)) {
+                removeAircraftFromSim(ac);
+                return;
+            }
+        }
+        if (!ac.onGround && ac.category != Category::Rotorcraft && st[1].stationary) {
+            st.erase(1);
+            continue;
+        }
+        break;
+    }
+    lf_nextPos(ac);
+}
+
+std::int32_t lf_retime(const LiveAc& ac, std::int32_t wanted) {
+    if (ac.stream.size() >= 2 && ac.extrapolateCount < 1) {
+        const std::int32_t t = ac.stream[1].tick;
+        wanted = std::clamp(wanted, t - ac.earlyLimit, t + ac.lateLimit);
+    }
+    return std::max(wanted, gEngine.tick);
+}
+
+void lf_nextPos(LiveAc& ac) {
+    auto& st = ac.stream;
+    ac.curveControlX = ac.curveControlY = std::numeric_limits<double>::quiet_NaN();
+    ac.curveT = 0;
+    Sample& s1 = st[1];
+    if (std::fabs(s1.lat - st[0].lat) < 1e-8 && std::fabs(s1.lon - st[0].lon) < 1e-8) s1.stationary = true;
+    if (!s1.stationary) ac.targetHeading = gf_bearingRad(st[0].lat, st[0].lon, s1.lat, s1.lon);
+    lf_groundAirChange(ac);
+    if (ac.onGround)
+        nextPosGround(ac);
+    else
+        lf_nextTimeAir(ac);
+    if (st.size() < 2) return;
+    if (st[1].stationary) {
+        ac.dLat = ac.dLon = 0;
+        if (!ac.rollout && !ac.takingOff) {
+            ac.earlyLimit = std::max(1000, ac.earlyLimit - 100);
+            ac.lateLimit = std::max(1000, ac.lateLimit - 100);
+        }
+    } else {
+        const std::int32_t dt = std::max(st[1].tick - gEngine.tick, 25);
+        ac.dLat = (st[1].lat - ac.lat) / dt;
+        ac.dLon = (st[1].lon - ac.lon) / dt;
+        if (ac.onGround)
+            lf_setGroundSegment(ac, dt);
+        else
+            lf_setAirSegment(ac, dt);
+    }
+    st.pop_front();
+}
+
+double lf_avgSpeed(const LiveAc& ac) {
+    const auto& st = ac.stream;
+    const double v = (st[0].speed + st[1].speed) / 2.0;
+    if (st[0].speed != 0 || st[1].speed != 0) return v;
+    const double d = gf_distanceNmOf(st[0].lat, st[0].lon, st[1].lat, st[1].lon);
+    return std::max(d * 360000.0 / std::max(st[1].tick - st[0].tick, 25), 1.0);
+}
+
+void lf_nextTimeAir(LiveAc& ac) {
+    auto& st = ac.stream;
+    if (st[1].stationary) {
+        if (ac.category == Category::Rotorcraft) lf_nextTimeGround(ac);
+        return;
+    }
+    double speed = lf_avgSpeed(ac);
+    if (ac.landing && !st[1].airborne) speed = st[0].speed > 0 ? st[0].speed : 100.0;
+    const double d = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
+    const double dt = std::round(d * 360000.0 / speed);
+    const auto ticks = gsl::narrow<std::int32_t>(std::max(dt, 25.0));
+    st[1].tick = lf_retime(ac, gEngine.tick + ticks);
+}
+
+bool lf_noNewData(LiveAc& ac) {
+    auto& st = ac.stream;
+    if (st.empty()) return false;
+    if (ac.phase == Phase::Parking) lf_arrived(ac);
+    const bool taxiing =
+        (ac.phase == Phase::Taxi && !ac.takingOff && !ac.rollout) || ac.phase == Phase::PushedBack;
+    if (taxiing) {
+        for (const auto& other : gEngine.liveTable) {
+            if (&other == &ac || other.simState != SimState::Active || !other.onGround ||
+                other.phase != Phase::Taxi || other.objectId == ac.objectId)
+                continue;
+            if (gf_distanceNmOf(ac.lat, ac.lon, other.lat, other.lon) <=
+                1.2 * (ac.halfSize + other.halfSize)) {
+                ac.holding = false;
+                return false;
+            }
+        }
+        if (ac.holding) {
+            if (gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed)) return false;
+            if ((gEngine.tick - ac.holdStartTick) / 6000 >
+                gParams.MAX_HOLDING_MINUTES.load(std::memory_order_relaxed))
+                return false;
+        } else {
+            ac.holding = true;
+            ac.holdStartTick = gEngine.tick;
+        }
+        ac.extrapolateCount = 1;
+        Sample wait = st[0];
+        wait.tick += 300;
+        wait.speed = 0;
+        wait.stationary = true;
+        st.push_back(wait);
+        return true;
+    }
+    if (ac.extrapolateCount < 0) return false;
+    if (ac.extrapolateCount == 1) {
+        ac.extrapolateCount = -1;
+        return false;
+    }
+    if (ac.extrapolateCount > 1) {
+        lf_extrapolate(ac, ac.extrapolateCount - 1);
+        return true;
+    }
+    if (!categoryEnabled(ac.category)) return false;
+    std::int32_t n;
+    if (!ac.onGround) {
+        if (gEngine.userKnown && distanceToUser(ac) >= gParams.RANGE.load(std::memory_order_relaxed) - 0.5)
+            return false;
+        if (gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed))
+            n = std::fabs(ac.alt - currentAirportElevation().value_or(0.0)) <= 1000.0 ? 0 : 8;
+        else
+            n = 8;
+    } else {
+        n = ac.phase == Phase::Parked ? 1 : 10;
+    }
+    if (n == 0) return false;
+    lf_extrapolate(ac, n);
+    return true;
+}
+
+void lf_extrapolate(LiveAc& ac, std::int32_t n) {
+    ac.extrapolateCount = n;
+    auto& st = ac.stream;
+    Sample s = st[0];
+    const bool parked = ac.phase == Phase::Parked;
+    if (s.stationary || parked) {
+        s.speed = 0;
+    } else if (!ac.onGround) {
+        if (!ac.landing)
+            s.speed = std::max(s.speed * 0.95, 1.0);
+        else if (n >= 4)
+            s.speed = std::max(s.speed * 0.9, 1.0);
+    } else if (ac.takingOff) {
+        const double v = s.speed;
+        if (v <= 30)
+            s.speed = 40;
+        else if (v <= 60)
+            s.speed = 80;
+        else if (v <= 100)
+            s.speed = 110;
+        else if (v <= 140)
+            s.speed = 150, s.vs = 600;
+        else if (v <= 160)
+            s.speed = 170, s.vs = 1200;
+        else
+            s.speed = 180, s.vs = 2400;
+    } else if (ac.rollout) {
+        const double v = s.speed;
+        s.speed = v >= 140 ? 100 : v >= 100 ? 80 : v >= 80 ? 60 : v >= 60 ? 30 : 20;
+        s.vs = 0;
+    } else {
+        s.speed = 0;
+        s.stationary = true;
+    }
+    const double seconds = ac.onGround ? 3.0 : 8.0;
+    if (s.speed > 0) {
+        const double d = s.speed * seconds / 3600.0 / 60.0; // degrees of arc
+        const double hdg = ac.heading;
+        s.lat += d * std::cos(hdg);
+        s.lon += d * std::sin(hdg) / std::max(std::cos(s.lat * kDeg), 1e-6);
+        s.stationary = false;
+    }
+    if (ac.landing && ac.flareStage == 0) {
+        s.alt -= 10.005 * seconds;
+        s.vs = -667;
+    } else if (ac.phase == Phase::TakeOff) {
+        s.alt += 25 * 10.005 * seconds;
+        s.vs = 1500;
+    }
+    s.airborne = s.alt > 0;
+    s.alt = std::max(s.alt, 0.0);
+    if (parked) {
+        s.tick += 604800 * 100;
+        ac.atStand = false;
+    } else {
+        s.tick += static_cast<std::int32_t>(seconds * 100);
+    }
+    st.push_back(s);
+}
+
+void lf_advance(LiveAc& ac) {
+    if (!std::isnan(ac.curveControlX)) {
+        ac.curveT = std::clamp(ac.curveT + ac.curveStep, 0.0, 0.999999);
+        double tangent = 0;
+        if (!lf_evaluateCurve(ac, tangent)) {
+            gf_log(fmt::format("{} error in curve at index: {:.2F}", lf_describeAc(ac), ac.curveT));
+        } else {
+            if (ac.phase == Phase::PushingBack) tangent += kPi;
+            const double d = gf_angleDiff(ac.heading, tangent);
+            if (std::fabs(d) > 0.5 * kDeg)
+                ac.heading += std::clamp(d, -ac.currentTurnRate, ac.currentTurnRate);
+        }
+    } else {
+        switch (ac.phase) {
+        case Phase::TakeOff:
+        case Phase::Flying:
+        case Phase::Parked:
+        case Phase::Birth:
+            ac.heading += ac.dHeading;
+            break;
+        default:
+            break;
+        }
+        if (ac.phase == Phase::Parking || ac.turningInPlace) {
+            const double d = gf_angleDiff(ac.heading, ac.targetHeading);
+            if (std::fabs(d) > 0.5 * kDeg)
+                ac.heading += std::clamp(d, -ac.currentTurnRate, ac.currentTurnRate);
+        }
+        if (ac.phase != Phase::PushedBack) ac.lat += ac.dLat, ac.lon += ac.dLon;
+    }
+    lf_attitude(ac);
+    if (ac.onGround) ac.pitch = ac.groundPitch, ac.bank = 0;
+    ac.heading = std::fmod(ac.heading, 2 * kPi);
+    if (ac.heading < 0) ac.heading += 2 * kPi;
+    if (ac.lon > 180) ac.lon -= 360;
+    if (ac.lon < -180) ac.lon += 360;
+    if (ac.lat > 90) ac.lat = 180 - ac.lat, ac.lon += ac.lon > 0 ? -180 : 180;
+    if (ac.lat < -90) ac.lat = -180 - ac.lat, ac.lon += ac.lon > 0 ? -180 : 180;
+}
+
+// ---- What the rest of the program asks of the engine -----------------------------------------
+
+void drainEvents() {
+    gEngine.tick = gRun.engineTick.load(std::memory_order_relaxed);
+    lf_handleEvents();
+    if (!sim::handOver(gEngine.out)) gEngine.out.positions.clear();
+}
 void removeAtReservedStand() {}
 void routeQueueStep() {}
 void publishCallsignLookup() {}
 void collisionChecks() {}
 void duplicatesSweep() {}
 void clearGhosts() {}
-void removeAllLive() {}
+void removeAllLive() {
+    lf_removeAll();
+}
 void writeObjectIdList() {}
 void reset() {
-    taken = 0;
+    gEngine.reset();
+    publishCounts();
 }
 
 std::uint64_t samplesTaken() noexcept {
-    return taken.load(std::memory_order_relaxed);
+    return publishedTaken.load(std::memory_order_relaxed);
+}
+
+LiveCounts liveCounts() noexcept {
+    return {publishedActive.load(std::memory_order_relaxed),
+            publishedBuffered.load(std::memory_order_relaxed), publishedOther.load(std::memory_order_relaxed),
+            publishedQueue.load(std::memory_order_relaxed)};
 }
 
 } // namespace orv::live

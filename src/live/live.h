@@ -37,6 +37,57 @@ struct Sample {
     bool hasTrueHeading = false;
 };
 
+// The path ahead of an aircraft, element 0 the point already reached. A ring of fixed size inside
+// the record, so that adding and dropping samples in the frame never allocates.
+class SampleStream {
+  public:
+    static constexpr std::size_t kCapacity = 256;
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+    bool full() const noexcept { return size_ == kCapacity; }
+    Sample& operator[](std::size_t i) noexcept { return items_[(head_ + i) % kCapacity]; }
+    const Sample& operator[](std::size_t i) const noexcept { return items_[(head_ + i) % kCapacity]; }
+    Sample& front() noexcept { return (*this)[0]; }
+    const Sample& front() const noexcept { return (*this)[0]; }
+    Sample& back() noexcept { return (*this)[size_ - 1]; }
+    const Sample& back() const noexcept { return (*this)[size_ - 1]; }
+    // False when full: the sample is not taken.
+    bool push_back(const Sample& s) noexcept {
+        if (full()) return false;
+        items_[(head_ + size_) % kCapacity] = s;
+        ++size_;
+        return true;
+    }
+    bool push_front(const Sample& s) noexcept {
+        if (full()) return false;
+        head_ = (head_ + kCapacity - 1) % kCapacity;
+        items_[head_] = s;
+        ++size_;
+        return true;
+    }
+    void pop_front() noexcept {
+        if (size_ == 0) return;
+        head_ = (head_ + 1) % kCapacity;
+        --size_;
+    }
+    void pop_back() noexcept {
+        if (size_ > 0) --size_;
+    }
+    void erase(std::size_t i) noexcept {
+        if (i >= size_) return;
+        for (std::size_t k = i; k + 1 < size_; ++k) (*this)[k] = (*this)[k + 1];
+        --size_;
+    }
+    void truncate(std::size_t n) noexcept {
+        if (n < size_) size_ = n;
+    }
+    void clear() noexcept { size_ = head_ = 0; }
+
+  private:
+    std::array<Sample, kCapacity> items_{};
+    std::size_t head_ = 0, size_ = 0;
+};
+
 enum class SimState : std::uint32_t {
     Buffer = 0,
     Adding2Sim = 1,
@@ -90,7 +141,7 @@ struct LiveAc : AcIdentity {
     // The position block sent each frame, in this order.
     double lat = 0, lon = 0, pitch = 0, bank = 0, heading = 0, alt = 0, vsFps = 0, tas = 0;
     // Stream and motion.
-    std::deque<Sample> stream;
+    SampleStream stream;
     double lastTimestamp = 0;
     LatLonPos lastCheckedPos;
     std::int64_t parkedWallClock = 0;
@@ -112,6 +163,7 @@ struct LiveAc : AcIdentity {
     double spawnHeading = 0;
     bool hasSpawnHeading = false, turnLeft = false, turnPlanned = false;
     std::optional<double> airportElevation;
+    std::optional<double> groundAltitude; // feet, from the simulator's in-range report
     std::uint32_t flareStage = 0;
     bool landing = false, justLanded = false, towed = false, goAround = false, takingOff = false,
          above10000 = false, below10000 = false, derotating = false, rollout = false, pushRequested = false,
@@ -134,6 +186,10 @@ std::string lf_acHeader(const AcIdentity& ac);   // "MSP->ATL DAL1812  N899DN"
 std::string lf_describeAc(const AcIdentity& ac); // the header, then airline and type
 bool gf_callsignOk(const AcIdentity& ac) noexcept;
 
+// The elevation of the current airport, when one is known (feet).
+void setCurrentAirportElevation(std::optional<double> feet);
+std::optional<double> currentAirportElevation();
+
 void reserveContainers(); // before the loop starts: nothing in the frame allocates
 void engineFrame();       // one 10 ms frame
 void drainEvents();       // simulator events while paused
@@ -147,7 +203,12 @@ void removeAllLive(); // every live aircraft out of the simulator, as when RealT
 void writeObjectIdList();
 void reset();
 
-// What the frame has taken from the traffic queue so far (status display).
+// What the frame has taken from the traffic queue so far, and the table by state (status display;
+// published by the frame once a second, read from any thread).
 std::uint64_t samplesTaken() noexcept;
+struct LiveCounts {
+    std::uint32_t active = 0, buffered = 0, other = 0, spawnQueue = 0;
+};
+LiveCounts liveCounts() noexcept;
 
 } // namespace orv::live

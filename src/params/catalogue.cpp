@@ -218,6 +218,14 @@ void Parameters::takeFromCatalogue() {
     MATCHING_DEPTH = c.MATCHING_DEPTH.value;
     RANDOM = c.RANDOM.value;
     ALWAYS_ON_TOP = c.ALWAYS_ON_TOP.value;
+    MAX_LIVE_SEL = c.MAX_LIVE_SEL.value;
+    GUID_CHANGES = c.GUID_CHANGES.value;
+    NAV_LIGHTS_WHILE_PARKED = c.NAV_LIGHTS_WHILE_PARKED.value;
+    LIGHT_AIRCRAFT = c.LIGHT_AIRCRAFT.value;
+    HELICOPTERS = c.HELICOPTERS.value;
+    HIGH_PERF_AIRCRAFT = c.HIGH_PERF_AIRCRAFT.value;
+    HOLDING_THRESHOLD_METERS = c.HOLDING_THRESHOLD_METERS.value;
+    MAX_HOLDING_MINUTES = c.MAX_HOLDING_MINUTES.value;
     try {
         PORT_NUMBER = std::stoi(c.PORT_NUMBER.value);
     } catch (const std::exception&) {

@@ -17,6 +17,12 @@ void Parameters::reset() {
     PORT_NUMBER = 10747;
     MATCHING_DEPTH = 4;
     RANDOM = true;
+    MAX_LIVE_SEL = 500;
+    GUID_CHANGES = true;
+    NAV_LIGHTS_WHILE_PARKED = true;
+    LIGHT_AIRCRAFT = HELICOPTERS = HIGH_PERF_AIRCRAFT = true;
+    HOLDING_THRESHOLD_METERS = 250;
+    MAX_HOLDING_MINUTES = 20;
     DESTINATION.clear();
     BLOCK_CALLSIGN.clear();
     MSFS_PATH.clear();

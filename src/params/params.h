@@ -24,6 +24,12 @@ struct Parameters {
     std::atomic<int> PORT_NUMBER{10747};
     std::atomic<int> MATCHING_DEPTH{4}; // how far down the livery ladder a match may go
     std::atomic<bool> RANDOM{true};     // random picks among equal liveries
+    std::atomic<int> MAX_LIVE_SEL{500}; // live aircraft at most in the simulator (0: none)
+    std::atomic<bool> GUID_CHANGES{true};
+    std::atomic<bool> NAV_LIGHTS_WHILE_PARKED{true};
+    std::atomic<bool> LIGHT_AIRCRAFT{true}, HELICOPTERS{true}, HIGH_PERF_AIRCRAFT{true};
+    std::atomic<int> HOLDING_THRESHOLD_METERS{250};
+    std::atomic<int> MAX_HOLDING_MINUTES{20};
     // Written by the worker only.
     std::string DESTINATION;
     std::string BLOCK_CALLSIGN;

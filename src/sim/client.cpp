@@ -724,6 +724,26 @@ void requestInRange(int rangeNm) {
 bool addCreate(const CreateRecord& r) {
     return underSimLock([&] { shared.createList.push_back(r); });
 }
+void FrameLists::reserve(std::size_t n) {
+    positions.reserve(n), events.reserve(n), creates.reserve(64), removes.reserve(64);
+}
+void FrameLists::clear() {
+    positions.clear(), events.clear(), creates.clear(), removes.clear();
+}
+
+bool handOver(FrameLists& l) {
+    return underSimLock([&] {
+        // The client sends and empties its list each simulator frame; positions it has not sent
+        // yet are older than these and go.
+        shared.positionList.clear();
+        std::swap(shared.positionList, l.positions);
+        shared.eventList.insert(shared.eventList.end(), l.events.begin(), l.events.end());
+        shared.createList.insert(shared.createList.end(), l.creates.begin(), l.creates.end());
+        shared.removeList.insert(shared.removeList.end(), l.removes.begin(), l.removes.end());
+        l.events.clear(), l.creates.clear(), l.removes.clear();
+    });
+}
+
 bool addRemove(std::uint32_t objectId) {
     return underSimLock([&] { shared.removeList.push_back(objectId); });
 }
@@ -756,6 +776,16 @@ bool setLights(std::uint32_t objectId, const bool (&s)[7]) {
 bool setFlightPlan(std::uint32_t objectId, const std::string& path) {
     std::lock_guard lock(shared.simLock);
     return ts.api && isConnected && ts.api->AISetAircraftFlightPlan(objectId, path, kReqFlightPlan) >= 0;
+}
+
+bool requestStaticData(std::uint32_t objectId) {
+    std::lock_guard lock(shared.simLock);
+    if (!ts.api || !isConnected) return false;
+    if (ts.api->RequestDataOnSimObject(kReqStatic, kDefStatic, objectId, SIMCONNECT_PERIOD_ONCE) >= 0)
+        return true;
+    gf_log(fmt::format("SimConnect request error: {}", ts.api->lastError()));
+    requestFailure();
+    return false;
 }
 
 void takeEvents(std::vector<SimEvent>& out) {
@@ -852,6 +882,8 @@ void reset() {
     {
         std::lock_guard lock(shared.simLock);
         shared.userData = {};
+        shared.positionList.reserve(1024);
+        shared.eventList.reserve(1024);
     }
     {
         std::lock_guard lock(textLock);

@@ -82,7 +82,7 @@ struct EventRecord {
 struct CreateRecord {
     simconnect::SIMCONNECT_DATA_INITPOSITION init;
     std::string tailNumber; // the callsign
-    std::string title;      // the container title
+    std::string_view title; // the container title: a view into the livery store
     std::uint32_t hexid = 0;
 };
 
@@ -92,6 +92,7 @@ enum class SimEventKind : std::int32_t {
     Removed = 2,
     ForeignInRange = 3,
     StaticData = 4,
+    Blocked = 5,
     CreationFailed = 6
 };
 struct SimEvent {
@@ -139,6 +140,18 @@ void requestTitleAndModel();
 void requestUserOnGround(); // the every-second on-ground request, and the first position, title, model
 void requestInRange(int rangeNm);
 bool addCreate(const CreateRecord& record);
+// What one engine frame has for the simulator. Positions are swapped in (the frame's buffer comes
+// back empty, with its capacity); the other lists are moved in and emptied. False when the lock
+// was busy: then nothing moved.
+struct FrameLists {
+    std::vector<PositionRecord> positions;
+    std::vector<EventRecord> events;
+    std::vector<CreateRecord> creates;
+    std::vector<std::uint32_t> removes;
+    void reserve(std::size_t n);
+    void clear();
+};
+bool handOver(FrameLists& lists);
 bool addRemove(std::uint32_t objectId);
 bool addPosition(const PositionRecord& record);
 bool addEvent(std::uint32_t objectId, std::uint32_t eventId, std::uint32_t data);
@@ -150,6 +163,8 @@ bool cabinLights(std::uint32_t objectId, bool on);
 bool setLights(std::uint32_t objectId, const bool (&states)[7]);
 // Sets an AI aircraft's flight plan file; false if the call failed.
 bool setFlightPlan(std::uint32_t objectId, const std::string& path);
+// "Static CG to Ground" and "Static Pitch" of an AI object, once; false if the request failed.
+bool requestStaticData(std::uint32_t objectId);
 
 // Messages for the engine, taken in one swap.
 void takeEvents(std::vector<SimEvent>& out);

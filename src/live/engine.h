@@ -1,0 +1,128 @@
+// The engine's run state and the steps of its frame, for the engine's own files and its tests.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "feed/feed.h"
+#include "live/live.h"
+#include "sim/sim.h"
+
+namespace orv::live {
+
+// A request to create an object, waiting for its turn (two creations a second).
+struct SpawnRequest {
+    simconnect::SIMCONNECT_DATA_INITPOSITION init;
+    std::string callsign; // at most 8 characters: kept inside the string, no allocation
+    std::string_view livery;
+    std::uint32_t hexid = 0;
+};
+
+// A created object counting its frames until its lights and engines are set.
+struct PendingObject {
+    std::uint32_t objectId = 0, hexid = 0;
+    bool isStatic = false;
+    std::int32_t count = 0;
+};
+
+enum class Update { Keep, Drop };
+
+struct Engine {
+    std::vector<LiveAc> liveTable;
+    std::vector<std::uint32_t> addingStack;
+    std::vector<SpawnRequest> spawnQueue, staticSpawnQueue;
+    std::vector<std::uint32_t> removeQueue;
+    std::vector<PendingObject> pending;
+    std::vector<sim::SimEvent> events;
+    sim::FrameLists out; // this frame's positions and commands for the simulator
+    std::array<TrafficSample, 2> frameSamples;
+    std::vector<std::pair<std::uint32_t, std::string_view>> rememberedLiveries; // hexid -> title
+    std::unordered_set<std::string> failedLiveries; // "model airline registration" without a livery
+    std::mt19937 rng{20250204};
+    sim::UserData user;
+    bool userKnown = false;
+    std::int32_t tick = 0; // engineTick during this frame
+    std::uint64_t taken = 0, positionsLost = 0, created = 0, removed = 0;
+    std::uint32_t callsignLookupObject = 0; // the object the callsign lookup shows, 0 none
+
+    void reserve(); // at the first start: nothing in the frame allocates after this
+    void reset();
+};
+extern Engine gEngine;
+
+// The frame's steps, in their order.
+void lf_handleEvents();
+void lf_handlePending();
+Update updateLiveAc(LiveAc& ac);
+void lf_pace();
+void lf_decode(const TrafficSample& record);
+void lf_addNewAc(const TrafficSample& record);
+void lf_addSample(LiveAc& ac, Sample sample);
+void lf_handleAddingStack();
+void lf_poll();
+
+Update lf_handleBuffer(LiveAc& ac);
+Update spawnLiveAc(LiveAc& ac);
+bool lf_onCreated(LiveAc& ac, const sim::SimEvent& event);
+bool lf_checkRespawn(LiveAc& ac, const TrafficSample& record);
+void liveryRespawn(LiveAc& ac);
+void nextPosMain(LiveAc& ac);
+void lf_nextPos(LiveAc& ac);
+void lf_nextTimeAir(LiveAc& ac);
+bool lf_noNewData(LiveAc& ac);
+void lf_extrapolate(LiveAc& ac, std::int32_t n);
+void lf_advance(LiveAc& ac);
+double lf_avgSpeed(const LiveAc& ac);
+// The wanted tick of element 1, kept within the clamps; at least the current tick.
+std::int32_t lf_retime(const LiveAc& ac, std::int32_t wanted);
+
+// Controls: each sends only a change.
+void gf_setFlaps(LiveAc& ac, std::int32_t index);
+void lf_setThrottle(LiveAc& ac, std::int32_t index);
+void lf_setGear(LiveAc& ac, bool down);
+void lf_setSpoilers(LiveAc& ac, bool on);
+void lf_setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, bool taxi, bool strobes,
+                  bool logo, bool cabin);
+void lf_setParkedLights(LiveAc& ac);
+
+// Removal.
+void removeAircraftFromSim(LiveAc& ac);
+void lf_removeAll();
+void lf_onRemoved(std::uint32_t objectId);
+void lf_onBlocked(std::uint32_t hexid);
+
+// Lookups in the table (linear: a few hundred records at most).
+LiveAc* findByHexid(std::uint32_t hexid);
+LiveAc* findByObjectId(std::uint32_t objectId);
+LiveAc* findByCallsign(std::string_view callsign);
+
+// ---- Motion on the ground and around take-off and landing ------------------------------------
+// Their own file; until the ground and landing rules are in, these keep an aircraft moving from
+// sample to sample.
+void lf_groundAirChange(LiveAc& ac); // touchdown or lift-off at element 0
+void nextPosGround(LiveAc& ac);
+void lf_nextTimeGround(LiveAc& ac);
+void lf_setGroundSegment(LiveAc& ac, std::int32_t dt);
+void lf_setAirSegment(LiveAc& ac, std::int32_t dt);
+bool checkExtendingSituations(LiveAc& ac, Sample& sample);
+void lf_takeOffChecks(LiveAc& ac, Sample& sample);
+bool lf_parkAtSpawn(LiveAc& ac);
+bool lf_arrived(LiveAc& ac);
+bool lf_userProximity(LiveAc& ac);
+void lf_setOnGroundFlags(LiveAc& ac);
+void lf_attitude(LiveAc& ac); // pitch, bank and altitude of one tick
+bool lf_evaluateCurve(LiveAc& ac, double& tangent);
+double lf_groundAltitude(const LiveAc& ac); // feet, where the wheels touch
+
+// Geometry.
+double gf_bearingRad(double lat0, double lon0, double lat1, double lon1) noexcept;
+double gf_angleDiff(double from, double to) noexcept; // radians, -pi..pi
+double gf_distanceNmOf(double lat0, double lon0, double lat1, double lon1) noexcept;
+
+} // namespace orv::live

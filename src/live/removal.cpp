@@ -1,0 +1,94 @@
+// The one road out of the table and the simulator, whatever the reason.
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "app/app.h"
+#include "live/engine.h"
+
+namespace orv::live {
+
+void removeAircraftFromSim(LiveAc& ac) {
+    auto& e = gEngine;
+    switch (ac.simState) {
+    case SimState::Buffer:
+        ac.dropNow = true;
+        return;
+    case SimState::Adding2Sim: {
+        if (ac.dropNow || ac.dropSilently || ac.removeWhenCreated) return;
+        // Not asked of the simulator yet: it is simply forgotten, so no create is followed by a delete.
+        const auto queued = std::find_if(e.spawnQueue.begin(), e.spawnQueue.end(),
+                                         [&](const SpawnRequest& r) { return r.hexid == ac.hexid; });
+        const auto stacked = std::find(e.addingStack.begin(), e.addingStack.end(), ac.hexid);
+        if (queued != e.spawnQueue.end() || stacked != e.addingStack.end()) {
+            if (queued != e.spawnQueue.end()) e.spawnQueue.erase(queued);
+            if (stacked != e.addingStack.end()) e.addingStack.erase(stacked);
+            ac.dropSilently = true;
+        } else {
+            ac.removeWhenCreated = true;
+        }
+        return;
+    }
+    case SimState::RemovingFromSim:
+        return;
+    default:
+        break;
+    }
+    if (ac.hexid >= 10001) ac.atStand = false; // the stand is free for others again
+    ac.simState = SimState::RemovingFromSim;
+    if (ac.objectId != 0 && ac.objectId == e.callsignLookupObject) e.callsignLookupObject = 0;
+    if (ac.objectId != 0)
+        e.removeQueue.push_back(ac.objectId);
+    else
+        gf_log(
+            fmt::format("{} removing act {}, with objectid=0 ?", "removeAircraftFromSim", lf_describeAc(ac)));
+}
+
+void lf_removeAll() {
+    auto& e = gEngine;
+    for (auto& ac : e.liveTable) {
+        if (ac.simState == SimState::Active || ac.simState == SimState::LiveryRespawn) {
+            ac.simState = SimState::Active;
+            removeAircraftFromSim(ac);
+        } else {
+            removeAircraftFromSim(ac);
+        }
+    }
+    e.staticSpawnQueue.clear();
+    std::erase_if(e.liveTable, [](const LiveAc& ac) { return ac.dropNow || ac.dropSilently; });
+}
+
+void lf_onRemoved(std::uint32_t objectId) {
+    auto& t = gEngine.liveTable;
+    const auto it =
+        std::find_if(t.begin(), t.end(), [&](const LiveAc& ac) { return ac.objectId == objectId; });
+    if (it == t.end()) return;
+    LiveAc& ac = *it;
+    if (ac.simState == SimState::LiveryRespawn) {
+        ac.simState = SimState::Buffer;
+        ac.objectId = 0;
+        ac.throttleIndex = 5;
+        ac.flapsIndex = 4;
+        return;
+    }
+    if (ac.flightPlanCreated) {
+        std::error_code ec;
+        fs::remove(sim::planPath(ac.hexid), ec);
+        if (ec) gf_log(fmt::format("gf_removeFlightPlan: {}", ec.message()));
+    }
+    t.erase(it);
+}
+
+void lf_onBlocked(std::uint32_t hexid) {
+    LiveAc* ac = findByHexid(hexid);
+    if (!ac) return;
+    if (ac->simState == SimState::Active) {
+        gf_log(fmt::format("{} removed from simulator immediately while blocked", lf_describeAc(*ac)));
+        removeAircraftFromSim(*ac);
+    } else if (ac->simState == SimState::Buffer) {
+        gf_log(fmt::format("{} will be removed from buffer while blocked", lf_describeAc(*ac)));
+        ac->dropNow = true;
+    }
+}
+
+} // namespace orv::live
