@@ -11,6 +11,7 @@
 #include "live/engine.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
+#include "program_home.h"
 #include "scenario.h"
 #include "support.h"
 
@@ -19,41 +20,7 @@ namespace {
 
 constexpr std::uint32_t kN899DN = 11298587; // hex ac671b
 
-// A program folder with the shipped reference files and the livery store of the fixed set.
-class ScenarioTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        gPaths.programFolder = dir.path();
-        gPaths.dataFolder = dir.path();
-        fs::create_directories(dir / "input");
-        gf_loadDbase(test::shippedCopy("dbase.enc", dir / "input"));
-        gf_loadAirports(test::shippedCopy("airports.enc", dir / "input"));
-        test::shippedCopy("AIG-regcodes.enc", dir / "input");
-        liveries::gStore.reset();
-        liveries::gf_clearReports();
-        liveries::gf_clearTitleSet();
-        liveries::gf_resetMatching();
-        liveries::gf_seedMatching(7);
-        gParams.reset();
-        gParams.RANDOM = false;
-        liveries::gf_readDontUseTitles();
-        const fs::path community = fs::path(ORV_SOURCE_DIR) / "data/liveries/Community";
-        ASSERT_TRUE(liveries::lf_scanFolders(liveries::lf_collectAutomaticFolders(community)));
-        liveries::gf_processLiveries();
-        titles = emu::titlesUnder(community);
-    }
-    void TearDown() override {
-        liveries::gStore.reset();
-        gParams.reset();
-    }
-    static fs::path recording(const char* name) {
-        return fs::path(ORV_SOURCE_DIR) / "data/recordings" / name;
-    }
-
-    test::TempDir dir;
-    test::LogCapture log;
-    std::vector<std::string> titles;
-};
+class ScenarioTest : public test::ProgramHome {};
 
 // Where the object was at a time, linearly between the positions the simulator was given.
 struct Where {

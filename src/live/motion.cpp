@@ -79,10 +79,22 @@ void lf_setAirSegment(LiveAc& ac, std::int32_t dt) {
     ac.tasTarget = s1.tas > 0 ? s1.tas : s1.speed;
 }
 
-bool checkExtendingSituations(LiveAc& ac, Sample&) {
-    if (ac.stream.empty()) {
+bool checkExtendingSituations(LiveAc& ac, Sample& s) {
+    auto& st = ac.stream;
+    if (st.empty()) {
         gf_log(fmt::format("{} empty sz?", "checkExtendingSituations"));
         return true;
+    }
+    if (ac.extrapolateCount > 0) {
+        // Real data again. A point behind a flying aircraft is a stale echo, not a resumption.
+        if (!ac.onGround &&
+            std::fabs(gf_angleDiff(ac.heading, gf_bearingRad(ac.lat, ac.lon, s.lat, s.lon))) >= 100 * kDeg)
+            return false;
+        ac.extrapolateCount = 0;
+        ac.earlyLimit = ac.lateLimit = 3000;
+        st.truncate(1); // the made-up points give way to the real one
+        st[0].tick = gEngine.tick + 1;
+        ac.holding = false;
     }
     return true;
 }

@@ -744,6 +744,10 @@ bool handOver(FrameLists& l) {
     });
 }
 
+std::mutex& simLockForTests() {
+    return shared.simLock;
+}
+
 bool addRemove(std::uint32_t objectId) {
     return underSimLock([&] { shared.removeList.push_back(objectId); });
 }

@@ -152,6 +152,7 @@ struct FrameLists {
     void clear();
 };
 bool handOver(FrameLists& lists);
+std::mutex& simLockForTests(); // the lock of the lists, to make it busy
 bool addRemove(std::uint32_t objectId);
 bool addPosition(const PositionRecord& record);
 bool addEvent(std::uint32_t objectId, std::uint32_t eventId, std::uint32_t data);

@@ -1,0 +1,410 @@
+// The engine's rules that a whole scenario does not pin down.
+#include <thread>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "app/app.h"
+#include "live/engine.h"
+#include "program_home.h"
+#include "sim/sim.h"
+
+namespace orv::live {
+namespace {
+
+constexpr std::uint32_t kHex = 11298587;
+constexpr double kMspLat = 44.882, kMspLon = -93.2218;
+
+class EngineTest : public test::ProgramHome {
+  protected:
+    void SetUp() override {
+        ProgramHome::SetUp();
+        live::reset();
+        reserveContainers();
+        sim::reset();
+        gRun.engineTick = 0;
+        setCurrentAirportElevation(841);
+        gEngine.user.latitude = kMspLat, gEngine.user.longitude = kMspLon;
+        gEngine.userKnown = true;
+    }
+    void TearDown() override {
+        live::reset();
+        sim::reset();
+        setCurrentAirportElevation(std::nullopt);
+        ProgramHome::TearDown();
+    }
+
+    static TrafficSample record(double time, double speed, double track, bool airborne, double alt = 3000) {
+        TrafficSample r;
+        r.hexid = kHex;
+        r.callsign = "DAL1812";
+        r.registration = "N899DN";
+        r.modelCode = gf_modelId("B739");
+        r.timestamp = time;
+        r.groundSpeed = speed;
+        r.track = track;
+        r.airborne = airborne;
+        r.altitude = airborne ? alt : 0;
+        r.latitude = kMspLat + 0.1;
+        r.longitude = kMspLon;
+        r.trueAirspeed = speed;
+        r.tick = gEngine.tick + 3000;
+        return r;
+    }
+
+    // An aircraft in the simulator at `nm` north of the user, flying north at 250 kt.
+    LiveAc& active(std::uint32_t hexid, double nm, std::uint32_t objectId, bool onGround = false) {
+        AcIdentity id;
+        id.callsign = fmt::format("DAL{}", hexid % 10000);
+        id.flightA = id.callsign;
+        id.airlineCode = gf_airlineId("DAL");
+        id.modelCode = gf_modelId("B739");
+        auto& t = gEngine.liveTable;
+        t.push_back(gf_makeLiveAc(id, hexid, gEngine.rng));
+        LiveAc& ac = t.back();
+        ac.simState = SimState::Active;
+        ac.objectId = objectId;
+        ac.phase = onGround ? Phase::Taxi : Phase::Flying;
+        ac.onGround = onGround;
+        ac.lat = kMspLat + nm / 60.0, ac.lon = kMspLon, ac.alt = onGround ? 841 : 5000;
+        Sample s;
+        s.lat = ac.lat, s.lon = ac.lon, s.alt = ac.alt, s.speed = onGround ? 15 : 250, s.airborne = !onGround;
+        s.tick = gEngine.tick;
+        ac.stream.push_back(s);
+        ac.lastTimestamp = 100;
+        return ac;
+    }
+};
+
+TEST_F(EngineTest, SpeedJumpAndThinningFilters) {
+    struct Case {
+        const char* name;
+        double dt, speed0, speed1, trackChange;
+        bool airborne;
+        bool taken;
+        double alt1 = 3000;
+    };
+    const Case cases[] = {
+        {"the same time", 0, 250, 250, 5, true, false},
+        {"one second later", 1, 250, 250, 5, true, false},
+        {"ten times faster", 5, 100, 1000, 0, true, false},
+        {"just under ten times faster", 5, 100, 999, 0, true, true},
+        {"ten times slower", 5, 200, 20, 0, true, false},
+        {"from a stop to 80 kt", 20, 3, 80, 0, false, false},
+        {"from a stop to 79 kt", 20, 3, 79, 0, false, true},
+        {"from 80 kt to a stop", 20, 80, 5, 0, false, false},
+        {"450 m not yet flown", 2, 360, 360, 0, true, false},
+        {"450 m flown", 2.5, 360, 360, 0, true, true},
+        {"turning, so not thinned", 2, 360, 360, 2, true, true},
+        {"120 kt is not thinned", 2, 120, 120, 0, true, true},
+        {"20 m not yet taxied", 3.5, 10, 10, 0, false, false},
+        {"20 m taxied", 4, 10, 10, 0, false, true},
+        {"standing, under 15 s", 14, 0, 0, 0, false, false},
+        {"standing, 15 s passed", 16, 0, 0, 0, false, true},
+        {"taxiing round a corner", 3, 10, 10, 3, false, true},
+        {"flying at the airport's level", 10, 250, 250, 0, true, false, 900},
+    };
+    for (const auto& c : cases) {
+        live::reset();
+        lf_decode(record(100, c.speed0, 90, c.airborne));
+        ASSERT_EQ(gEngine.liveTable.size(), 1u) << c.name;
+        auto r = record(100 + c.dt, c.speed1, 90 + c.trackChange, c.airborne, c.alt1);
+        r.latitude += 0.01;
+        lf_decode(r);
+        EXPECT_EQ(gEngine.liveTable[0].stream.size(), c.taken ? 2u : 1u) << c.name;
+    }
+}
+
+TEST_F(EngineTest, ANewRegistrationRespawnsWithItsLivery) {
+    for (const bool guidChanges : {true, false}) {
+        live::reset();
+        gParams.GUID_CHANGES = guidChanges;
+        LiveAc& ac = active(kHex, 10, 200);
+        ac.liveryTitle = liveries::gf_titleInstalled("AIG Boeing 737-900 Delta Air Lines");
+        ASSERT_FALSE(ac.liveryTitle.empty());
+        gEngine.tick = 500;
+        lf_decode(record(110, 250, 0, true));
+        const LiveAc& after = gEngine.liveTable[0];
+        EXPECT_EQ(after.liveryTitle, "AIG Boeing 737-900 Delta Air Lines N899DN") << guidChanges;
+        if (!guidChanges) {
+            EXPECT_EQ(after.simState, SimState::Active);
+            EXPECT_TRUE(gEngine.removeQueue.empty());
+            continue;
+        }
+        EXPECT_TRUE(log.contains("respawns"));
+        EXPECT_EQ(after.simState, SimState::LiveryRespawn);
+        EXPECT_EQ(gEngine.removeQueue, std::vector<std::uint32_t>{200});
+        EXPECT_EQ(after.stream[0].tick, 501);
+        EXPECT_TRUE(after.hasSpawnHeading);
+        // The simulator reports the object gone: back to the buffer, to be created anew.
+        lf_onRemoved(200);
+        EXPECT_EQ(after.simState, SimState::Buffer);
+        EXPECT_EQ(after.objectId, 0u);
+        EXPECT_EQ(after.throttleIndex, 5);
+        EXPECT_EQ(after.flapsIndex, 4);
+    }
+    gParams.GUID_CHANGES = true;
+}
+
+TEST_F(EngineTest, ExtrapolationCountsAndTheirEnd) {
+    struct Case {
+        const char* name;
+        bool onGround;
+        Phase phase;
+        double userNm;
+        bool airborneOnly;
+        double alt;
+        int samples;             // made-up samples before the aircraft goes (or within 10 minutes)
+        double goneFrom, goneBy; // seconds; negative: still there after 10 minutes
+        bool rollout = false;
+    };
+    const Case cases[] = {
+        {"flying: 8 steps of 8 s", false, Phase::Flying, 10, false, 5000, 8, 60, 68},
+        {"flying at the edge of the range", false, Phase::Flying, 39.6, false, 5000, 0, 0, 0.1},
+        {"airborne only, near the airport's level", false, Phase::Flying, 10, true, 1500, 0, 0, 0.1},
+        {"airborne only, high", false, Phase::Flying, 10, true, 5000, 8, 60, 68},
+        {"parked: one step of a week", true, Phase::Parked, 0, false, 841, 1, -1, -1},
+        // Steps of 3 s of the slowing speed; each is flown at the mean of two speeds, so a little longer.
+        {"roll-out: 10 steps", true, Phase::Taxi, 0, false, 841, 10, 30, 75, true},
+        // "More than a minute" counts whole minutes: the hold ends in its third minute.
+        {"taxiing: holds for its minutes", true, Phase::Taxi, 0, false, 841, 0, 120, 123},
+    };
+    gParams.MAX_HOLDING_MINUTES = 1;
+    for (const auto& c : cases) {
+        live::reset();
+        gParams.AIRBORNE_ONLY = c.airborneOnly;
+        gEngine.user.latitude = kMspLat, gEngine.user.longitude = kMspLon;
+        gEngine.userKnown = true;
+        LiveAc& ac = active(kHex, 0, 200, c.onGround);
+        ac.phase = c.phase;
+        ac.rollout = c.rollout;
+        ac.alt = ac.stream[0].alt = c.alt;
+        gEngine.user.latitude = kMspLat - c.userNm / 60.0;
+        int samples = 0, lastCount = 0;
+        double goneAt = -1;
+        for (gEngine.tick = 0; gEngine.tick < 60000; ++gEngine.tick) {
+            updateLiveAc(gEngine.liveTable[0]);
+            const auto& a = gEngine.liveTable[0];
+            if (a.extrapolateCount > 0 && a.extrapolateCount != lastCount && !a.holding) ++samples;
+            lastCount = a.extrapolateCount;
+            if (a.simState == SimState::RemovingFromSim) {
+                goneAt = gEngine.tick / 100.0;
+                break;
+            }
+        }
+        EXPECT_EQ(samples, c.samples) << c.name;
+        if (c.goneFrom < 0) {
+            EXPECT_EQ(goneAt, -1) << c.name;
+        } else {
+            EXPECT_GE(goneAt, c.goneFrom) << c.name;
+            EXPECT_LE(goneAt, c.goneBy) << c.name;
+        }
+    }
+    gParams.AIRBORNE_ONLY = false;
+    gParams.MAX_HOLDING_MINUTES = 20;
+
+    // Real data ends it: a point ahead is taken and the coasting stops; one behind is an echo.
+    live::reset();
+    gEngine.user.latitude = kMspLat, gEngine.user.longitude = kMspLon;
+    LiveAc& ac = active(kHex, 0, 200);
+    for (gEngine.tick = 0; gEngine.tick < 2000; ++gEngine.tick) updateLiveAc(ac);
+    ASSERT_GT(ac.extrapolateCount, 1);
+    auto behind = record(200, 250, 0, true);
+    behind.latitude = ac.lat - 0.05;
+    lf_decode(behind);
+    EXPECT_GT(ac.extrapolateCount, 1) << "a point behind is dropped";
+    auto ahead = record(210, 250, 0, true);
+    ahead.latitude = ac.lat + 0.05;
+    lf_decode(ahead);
+    EXPECT_EQ(ac.extrapolateCount, 0);
+    ASSERT_EQ(ac.stream.size(), 2u);
+    EXPECT_EQ(ac.stream[0].tick, gEngine.tick + 1);
+    EXPECT_EQ(ac.lateLimit, 3000);
+}
+
+// A spawn-ready aircraft 10 nm from the user, with two samples due now.
+LiveAc& ready(double nm) {
+    AcIdentity id;
+    id.callsign = "DAL1812";
+    id.flightA = id.callsign;
+    id.registration = "N899DN";
+    id.airlineCode = gf_airlineId("DAL");
+    id.modelCode = gf_modelId("B739");
+    auto& t = gEngine.liveTable;
+    t.push_back(gf_makeLiveAc(id, kHex, gEngine.rng));
+    LiveAc& ac = t.back();
+    for (int i = 0; i < 2; ++i) {
+        Sample s;
+        s.lat = kMspLat + nm / 60.0 + i * 0.01, s.lon = kMspLon, s.alt = 5000, s.speed = 250,
+        s.airborne = true;
+        s.tick = gEngine.tick + i * 500;
+        ac.stream.push_back(s);
+    }
+    ac.lat = ac.stream[0].lat, ac.lon = ac.stream[0].lon;
+    return ac;
+}
+
+TEST_F(EngineTest, MaxLiveSelectionMakesRoomFromTheFarthest) {
+    struct Case {
+        const char* name;
+        int maxLive;
+        double newNm;
+        bool spawned;
+        std::uint32_t evicted; // object id, 0 none
+    };
+    const Case cases[] = {
+        {"room left", 3, 10, true, 0},
+        {"full: the farthest goes for a nearer one", 2, 10, true, 302},
+        {"full: nobody farther", 2, 30, false, 0},
+        {"full: farther by less than 0.1 nm", 2, 19.95, false, 0},
+        {"none wanted", 0, 10, false, 0},
+    };
+    for (const auto& c : cases) {
+        live::reset();
+        gEngine.user.latitude = kMspLat, gEngine.user.longitude = kMspLon;
+        gParams.MAX_LIVE_SEL = c.maxLive;
+        active(20001, 5, 301);
+        active(20002, 20, 302);
+        LiveAc& ac = ready(c.newNm);
+        lf_handleBuffer(ac);
+        const LiveAc& fresh = *findByHexid(kHex);
+        EXPECT_EQ(fresh.simState == SimState::Adding2Sim, c.spawned) << c.name;
+        EXPECT_EQ(fresh.dropNow, !c.spawned) << c.name;
+        if (c.evicted)
+            EXPECT_EQ(gEngine.removeQueue, std::vector<std::uint32_t>{c.evicted}) << c.name;
+        else
+            EXPECT_TRUE(gEngine.removeQueue.empty()) << c.name;
+    }
+    gParams.MAX_LIVE_SEL = 500;
+}
+
+TEST_F(EngineTest, BlockedCallsign) {
+    gParams.BLOCK_CALLSIGN = "DAL1812";
+    LiveAc& ac = ready(10);
+    EXPECT_EQ(lf_handleBuffer(ac), Update::Drop);
+    EXPECT_TRUE(gEngine.addingStack.empty());
+    gParams.BLOCK_CALLSIGN.clear();
+
+    // Blocked by the simulator: the active one leaves at once, the waiting one from the buffer.
+    live::reset();
+    active(20001, 5, 301);
+    ready(10);
+    lf_onBlocked(20001);
+    lf_onBlocked(kHex);
+    EXPECT_EQ(findByHexid(20001)->simState, SimState::RemovingFromSim);
+    EXPECT_TRUE(findByHexid(kHex)->dropNow);
+    EXPECT_TRUE(log.contains("removed from simulator immediately while blocked"));
+    EXPECT_TRUE(log.contains("will be removed from buffer while blocked"));
+}
+
+TEST_F(EngineTest, RemovalInEachState) {
+    enum class Where { Buffer, Stacked, Queued, Sent, Active, ActiveNoObject, Leaving };
+    struct Case {
+        const char* name;
+        Where where;
+        bool dropNow, dropSilently, removeWhenCreated;
+        SimState after;
+        std::size_t removals;
+    };
+    const Case cases[] = {
+        {"in the buffer", Where::Buffer, true, false, false, SimState::Buffer, 0},
+        {"on the adding stack", Where::Stacked, false, true, false, SimState::Adding2Sim, 0},
+        {"in the spawn queue", Where::Queued, false, true, false, SimState::Adding2Sim, 0},
+        {"asked of the simulator", Where::Sent, false, false, true, SimState::Adding2Sim, 0},
+        {"active", Where::Active, false, false, false, SimState::RemovingFromSim, 1},
+        {"active without an object", Where::ActiveNoObject, false, false, false, SimState::RemovingFromSim,
+         0},
+        {"already leaving", Where::Leaving, false, false, false, SimState::RemovingFromSim, 0},
+    };
+    for (const auto& c : cases) {
+        live::reset();
+        sim::reset();
+        gParams.MAX_LIVE_SEL = 500;
+        LiveAc* ac = nullptr;
+        if (c.where == Where::Active || c.where == Where::ActiveNoObject || c.where == Where::Leaving) {
+            ac = &active(kHex, 10, c.where == Where::ActiveNoObject ? 0 : 200);
+            if (c.where == Where::Leaving) ac->simState = SimState::RemovingFromSim;
+        } else {
+            ac = &ready(10);
+            if (c.where != Where::Buffer) lf_handleBuffer(*ac);
+            if (c.where == Where::Queued || c.where == Where::Sent) lf_handleAddingStack();
+            if (c.where == Where::Sent) {
+                gEngine.tick = 50;
+                lf_pace();
+            }
+        }
+        const auto createdBefore = gEngine.created;
+        removeAircraftFromSim(*ac);
+        EXPECT_EQ(ac->dropNow, c.dropNow) << c.name;
+        EXPECT_EQ(ac->dropSilently, c.dropSilently) << c.name;
+        EXPECT_EQ(ac->removeWhenCreated, c.removeWhenCreated) << c.name;
+        EXPECT_EQ(ac->simState, c.after) << c.name;
+        EXPECT_EQ(gEngine.removeQueue.size(), c.removals) << c.name;
+        EXPECT_TRUE(gEngine.addingStack.empty() || c.where == Where::Buffer) << c.name;
+        EXPECT_TRUE(gEngine.spawnQueue.empty()) << c.name;
+        // Frames go on: an aircraft taken out of the queue is never created afterwards.
+        for (int i = 0; i < 200; ++i) engineFrame();
+        EXPECT_EQ(gEngine.created, createdBefore) << c.name;
+    }
+}
+
+// An aircraft removed while the simulator was creating it is removed once it exists.
+TEST_F(EngineTest, RemovedWhileBeingCreated) {
+    LiveAc& ac = ready(10);
+    lf_handleBuffer(ac);
+    lf_handleAddingStack();
+    gEngine.tick = 50;
+    lf_pace();
+    removeAircraftFromSim(*findByHexid(kHex));
+    ASSERT_TRUE(findByHexid(kHex)->removeWhenCreated);
+    sim::SimEvent created{250, kHex, sim::SimEventKind::LiveCreated, 1000, 0};
+    ASSERT_TRUE(lf_onCreated(*findByHexid(kHex), created));
+    gEngine.pending.push_back({250, kHex, false, 0});
+    for (int i = 0; i < 200; ++i) lf_handlePending();
+    EXPECT_EQ(findByHexid(kHex)->simState, SimState::RemovingFromSim);
+    EXPECT_EQ(gEngine.removeQueue, std::vector<std::uint32_t>{250});
+}
+
+TEST_F(EngineTest, ControlsSendOnlyChanges) {
+    LiveAc& ac = active(kHex, 10, 200);
+    gf_setFlaps(ac, 0); // 4 means unset, so 0 goes out
+    gf_setFlaps(ac, 0);
+    gf_setFlaps(ac, 2);
+    gf_setFlaps(ac, 7);
+    lf_setThrottle(ac, 0); // 5 means unset
+    lf_setThrottle(ac, 0);
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> sent;
+    for (const auto& e : gEngine.out.events) sent.emplace_back(e.eventId, e.data);
+    EXPECT_EQ(sent, (std::vector<std::pair<std::uint32_t, std::uint32_t>>{
+                        {sim::kFlapsSet, 0}, {sim::kFlapsSet, 10240}, {sim::kThrottleSet, 0}}));
+    EXPECT_TRUE(log.contains("gf_setFlaps: invalid flaps index"));
+    LiveAc& heli = active(kHex + 1, 10, 201);
+    heli.category = Category::Rotorcraft;
+    gEngine.out.events.clear();
+    gf_setFlaps(heli, 1);
+    lf_setGear(heli, true);
+    lf_setSpoilers(heli, true);
+    EXPECT_TRUE(gEngine.out.events.empty()) << "rotorcraft get no flaps, gear or spoilers";
+}
+
+// A busy lock costs that frame's positions and nothing else; commands wait for the next frame.
+TEST_F(EngineTest, ABusyLockLosesOneFrameOfPositions) {
+    active(kHex, 10, 200);
+    engineFrame();
+    ASSERT_EQ(gEngine.positionsLost, 0u);
+    gf_setFlaps(gEngine.liveTable[0], 1);
+    std::mutex& lock = sim::simLockForTests();
+    {
+        std::lock_guard hold(lock);
+        std::thread frame([] { engineFrame(); });
+        frame.join();
+    }
+    EXPECT_EQ(gEngine.positionsLost, 1u);
+    EXPECT_EQ(gEngine.out.events.size(), 1u) << "the command waits";
+    engineFrame();
+    EXPECT_EQ(gEngine.positionsLost, 1u);
+    EXPECT_TRUE(gEngine.out.events.empty());
+}
+
+} // namespace
+} // namespace orv::live
