@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "feed/feed.h"
+#include "live/engine.h"
 #include "platform/platform.h"
 #include "sim/sim.h"
 #include "support.h"
@@ -160,6 +161,16 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     gf_sendTimeToRealTraffic();           // the standard edition gets no time
     EXPECT_EQ(readLine(first, 200), "");
 
+    // What RealTraffic sent belongs to it: when it goes, so do the aircraft.
+    live::reset();
+    for (const auto state : {live::SimState::Active, live::SimState::Buffer}) {
+        live::AcIdentity id;
+        id.callsign = state == live::SimState::Active ? "DAL1" : "DAL2";
+        live::gEngine.liveTable.push_back(
+            live::gf_makeLiveAc(id, state == live::SimState::Active ? 20001 : 20002, live::gEngine.rng));
+        live::gEngine.liveTable.back().simState = state;
+        live::gEngine.liveTable.back().objectId = state == live::SimState::Active ? 300 : 0;
+    }
     first.close(); // RealTraffic goes
     for (int i = 0; i < 100 && gf_realTrafficConnected(); ++i) {
         lf_sendUserPosition(user());
@@ -167,6 +178,10 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     }
     ASSERT_FALSE(gf_realTrafficConnected());
     EXPECT_TRUE(log.contains("RealTraffic gone? Wait for RealTraffic to re-connect ..."));
+    ASSERT_EQ(live::gEngine.liveTable.size(), 1u) << "the waiting one is dropped";
+    EXPECT_EQ(live::gEngine.liveTable[0].simState, live::SimState::RemovingFromSim);
+    EXPECT_EQ(live::gEngine.removeQueue, std::vector<std::uint32_t>{300});
+    live::reset();
 
     // A new RealTraffic is taken up by the position sending itself, without a version query.
     platform::TcpStream second;
