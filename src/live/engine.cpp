@@ -25,23 +25,27 @@ constexpr std::int32_t kDelayTicks = 3000; // everything runs 30 s behind the fe
 std::atomic<double> airportElevationFt{std::numeric_limits<double>::quiet_NaN()};
 // Counts for the status display, which another thread reads.
 std::atomic<std::uint64_t> publishedTaken{0};
-std::atomic<std::uint32_t> publishedActive{0}, publishedBuffered{0}, publishedOther{0}, publishedQueue{0};
+std::atomic<std::uint32_t> publishedActive{0}, publishedBuffered{0}, publishedCreating{0}, publishedLeaving{0},
+    publishedQueue{0};
 
 void publishCounts() {
     const auto& e = gEngine;
-    std::uint32_t active = 0, buffered = 0, other = 0;
+    std::uint32_t active = 0, buffered = 0, creating = 0, leaving = 0;
     for (const auto& ac : e.liveTable) {
         if (ac.simState == SimState::Active)
             ++active;
         else if (ac.simState == SimState::Buffer)
             ++buffered;
+        else if (ac.simState == SimState::Adding2Sim)
+            ++creating;
         else
-            ++other;
+            ++leaving;
     }
     publishedTaken.store(e.taken, std::memory_order_relaxed);
     publishedActive.store(active, std::memory_order_relaxed);
     publishedBuffered.store(buffered, std::memory_order_relaxed);
-    publishedOther.store(other, std::memory_order_relaxed);
+    publishedCreating.store(creating, std::memory_order_relaxed);
+    publishedLeaving.store(leaving, std::memory_order_relaxed);
     publishedQueue.store(static_cast<std::uint32_t>(e.spawnQueue.size()), std::memory_order_relaxed);
 }
 

@@ -207,7 +207,7 @@ void reset();
 // published by the frame once a second, read from any thread).
 std::uint64_t samplesTaken() noexcept;
 struct LiveCounts {
-    std::uint32_t active = 0, buffered = 0, other = 0, spawnQueue = 0;
+    std::uint32_t active = 0, buffered = 0, creating = 0, leaving = 0, spawnQueue = 0;
 };
 LiveCounts liveCounts() noexcept;
 
