@@ -81,7 +81,7 @@ void printStatus() {
                      gf_realTrafficConnected() ? gf_realTrafficStatus() : std::string("not connected"),
                      gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(), c.ignored.load(),
                      c.failed.load(), live::samplesTaken(), live.active, live.buffered, live.creating,
-                     live.other,
+                     live.leaving,
                      gQnhReader.received ? fmt::format("QNH {} hPa", gQnh.load()) : std::string("none yet"))
               << std::endl;
 }

@@ -25,8 +25,8 @@ constexpr std::int32_t kDelayTicks = 3000; // everything runs 30 s behind the fe
 std::atomic<double> airportElevationFt{std::numeric_limits<double>::quiet_NaN()};
 // Counts for the status display, which another thread reads.
 std::atomic<std::uint64_t> publishedTaken{0};
-std::atomic<std::uint32_t> publishedActive{0}, publishedBuffered{0}, publishedCreating{0}, publishedLeaving{0},
-    publishedQueue{0};
+std::atomic<std::uint32_t> publishedActive{0}, publishedBuffered{0}, publishedCreating{0},
+    publishedLeaving{0}, publishedQueue{0};
 
 void publishCounts() {
     const auto& e = gEngine;
