@@ -1072,9 +1072,13 @@ std::uint64_t samplesTaken() noexcept {
 }
 
 LiveCounts liveCounts() noexcept {
-    return {publishedActive.load(std::memory_order_relaxed),
-            publishedBuffered.load(std::memory_order_relaxed), publishedOther.load(std::memory_order_relaxed),
-            publishedQueue.load(std::memory_order_relaxed)};
+    LiveCounts c;
+    c.active = publishedActive.load(std::memory_order_relaxed);
+    c.buffered = publishedBuffered.load(std::memory_order_relaxed);
+    c.creating = publishedCreating.load(std::memory_order_relaxed);
+    c.leaving = publishedLeaving.load(std::memory_order_relaxed);
+    c.spawnQueue = publishedQueue.load(std::memory_order_relaxed);
+    return c;
 }
 
 } // namespace orv::live
