@@ -1,0 +1,157 @@
+// The engine frame with 1,000 live aircraft in flight: its mean and 99th-percentile time, and
+// how many allocations a frame makes (none are wanted).
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <new>
+#include <numeric>
+#include <random>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+#include "app/app.h"
+#include "feed/feed.h"
+#include "live/engine.h"
+#include "refdata/refdata.h"
+#include "sim/sim.h"
+
+// The global allocation functions are replaced to count; GCC takes malloc/free inside them for a
+// mismatch with new/delete elsewhere.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+namespace {
+std::atomic<bool> countAllocations{false};
+std::atomic<std::uint64_t> allocations{0};
+} // namespace
+
+void* operator new(std::size_t n) {
+    if (countAllocations.load(std::memory_order_relaxed)) allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace orv;
+using namespace orv::live;
+
+constexpr int kAircraft = 1000;
+constexpr double kCentreLat = 44.882, kCentreLon = -93.2218;
+
+struct Home {
+    fs::path dir;
+    Home() {
+        dir = fs::temp_directory_path() / fmt::format("orv-engine-bench-{}", ::getpid());
+        fs::create_directories(dir / "input");
+        gPaths.programFolder = dir;
+        gPaths.dataFolder = dir;
+        fs::copy_file(fs::path(ORV_PROGRAM_DIR) / "input/dbase.enc", dir / "input/dbase.enc");
+        if (!gf_loadDbase(dir / "input/dbase.enc")) throw std::runtime_error("no dbase");
+    }
+    ~Home() {
+        std::error_code ec;
+        fs::remove_all(dir, ec);
+    }
+};
+
+// Aircraft spread over 40 nm, each on a straight track with a point every 8 s for 20 minutes.
+void fillTable(std::mt19937& rng) {
+    live::reset();
+    reserveContainers();
+    sim::reset();
+    gRun.engineTick = 0;
+    std::uniform_real_distribution<double> offset(-0.6, 0.6), heading(0, 360), speed(180, 480);
+    const ModelId model = gf_modelId("B739");
+    for (int i = 0; i < kAircraft; ++i) {
+        AcIdentity id;
+        id.callsign = fmt::format("BEN{}", i);
+        id.modelCode = model;
+        gEngine.liveTable.push_back(gf_makeLiveAc(id, 20000 + static_cast<std::uint32_t>(i), gEngine.rng));
+        LiveAc& ac = gEngine.liveTable.back();
+        ac.simState = SimState::Active;
+        ac.objectId = 1000 + static_cast<std::uint32_t>(i);
+        ac.phase = Phase::Flying;
+        ac.lat = kCentreLat + offset(rng), ac.lon = kCentreLon + offset(rng), ac.alt = 10000;
+        const double h = heading(rng) * 3.14159265358979 / 180, v = speed(rng);
+        ac.heading = h;
+        for (int k = 0; k < 150; ++k) {
+            Sample s;
+            const double nm = v * 8.0 * k / 3600.0;
+            s.lat = ac.lat + nm / 60.0 * std::cos(h);
+            s.lon = ac.lon + nm / 60.0 * std::sin(h) / std::cos(ac.lat * 3.14159265358979 / 180);
+            s.alt = 10000 + 10.0 * k, s.speed = s.tas = v, s.track = h * 180 / 3.14159265358979, s.vs = 75;
+            s.airborne = true;
+            s.tick = 800 * k;
+            ac.stream.push_back(s);
+        }
+        ac.lastTimestamp = 1e9;
+    }
+}
+
+void BM_EngineFrame1000InFlight(benchmark::State& state) {
+    static Home home;
+    std::mt19937 rng(42);
+    fillTable(rng);
+    // Two new points a frame, as the queue gives them at most.
+    TrafficSample next;
+    next.modelCode = gf_modelId("B739");
+    next.airborne = true, next.altitude = 12000, next.groundSpeed = 300, next.trueAirspeed = 300;
+    std::vector<double> times;
+    times.reserve(1 << 20);
+    double feedTime = 1e9 + 10;
+    std::uint64_t frames = 0, allocated = 0;
+    for (auto _ : state) {
+        {
+            std::lock_guard lock(gTraffic.trafficLock);
+            gTraffic.acceptTraffic = true;
+            for (int k = 0; k < 2; ++k) {
+                const auto i =
+                    static_cast<std::size_t>(frames * 2 + static_cast<std::uint64_t>(k)) % kAircraft;
+                next.hexid = 20000 + static_cast<std::uint32_t>(i);
+                next.callsign = fmt::format("BEN{}", i);
+                next.latitude = gEngine.liveTable[i].lat + 0.3, next.longitude = gEngine.liveTable[i].lon;
+                next.timestamp = feedTime;
+                gTraffic.trafficQueue.push_back(next);
+            }
+        }
+        feedTime += 0.01;
+        allocations = 0;
+        countAllocations = true;
+        const auto start = std::chrono::steady_clock::now();
+        engineFrame();
+        const auto end = std::chrono::steady_clock::now();
+        countAllocations = false;
+        allocated += allocations;
+        const double s = std::chrono::duration<double>(end - start).count();
+        state.SetIterationTime(s);
+        times.push_back(s);
+        ++frames;
+    }
+    std::sort(times.begin(), times.end());
+    const double mean = std::accumulate(times.begin(), times.end(), 0.0) / static_cast<double>(times.size());
+    state.counters["mean_us"] = mean * 1e6;
+    state.counters["p99_us"] = times[times.size() * 99 / 100] * 1e6;
+    state.counters["max_us"] = times.back() * 1e6;
+    state.counters["allocs_per_frame"] = static_cast<double>(allocated) / static_cast<double>(frames);
+    std::size_t active = 0;
+    for (const auto& ac : gEngine.liveTable) active += ac.simState == SimState::Active;
+    state.counters["active_at_end"] = static_cast<double>(active);
+    live::reset();
+    sim::reset();
+}
+BENCHMARK(BM_EngineFrame1000InFlight)->UseManualTime()->Iterations(30000)->Unit(benchmark::kMicrosecond);
+
+} // namespace
