@@ -23,14 +23,14 @@ class EngineTest : public test::ProgramHome {
         reserveContainers();
         sim::reset();
         gRun.engineTick = 0;
-        setCurrentAirportElevation(841);
+        setCurrentAirport(AirportPlace{kMspLat, kMspLon, 841});
         gEngine.user.latitude = kMspLat, gEngine.user.longitude = kMspLon;
         gEngine.userKnown = true;
     }
     void TearDown() override {
         live::reset();
         sim::reset();
-        setCurrentAirportElevation(std::nullopt);
+        setCurrentAirport(std::nullopt);
         ProgramHome::TearDown();
     }
 

@@ -98,7 +98,7 @@ Result run(const Config& config) {
     area.airport = area.reference;
     area.referenceElevation = airport->elevation;
     gTrafficReader.setArea(area);
-    live::setCurrentAirportElevation(area.referenceElevation);
+    live::setCurrentAirport(live::AirportPlace{airport->latitude, airport->longitude, airport->elevation});
 
     auto [clientEnd, serverEnd] = sc::makeMemoryPipe();
     const int client = emulator.connect([end = serverEnd.get()](sc::Bytes b) { return end->send(b); });

@@ -213,7 +213,11 @@ void gf_copyUserPositionForReaders() {
         a.referenceElevation = current->elevation;
     }
     gTrafficReader.setArea(a);
-    live::setCurrentAirportElevation(a.referenceElevation);
+    if (current)
+        live::setCurrentAirport(
+            live::AirportPlace{current->latitude, current->longitude, current->elevation});
+    else
+        live::setCurrentAirport(std::nullopt);
 }
 
 void gf_qnhUpdate() {}

@@ -22,7 +22,7 @@ constexpr double kPi = 3.14159265358979323846;
 constexpr double kDeg = kPi / 180.0;
 constexpr std::int32_t kDelayTicks = 3000; // everything runs 30 s behind the feed
 
-std::atomic<double> airportElevationFt{std::numeric_limits<double>::quiet_NaN()};
+std::optional<AirportPlace> currentAirportPlace; // the worker thread's: set and read there only
 // Counts for the status display, which another thread reads.
 std::atomic<std::uint64_t> publishedTaken{0};
 std::atomic<std::uint32_t> publishedActive{0}, publishedBuffered{0}, publishedCreating{0},
@@ -77,8 +77,8 @@ bool categoryEnabled(Category c) {
 // Ground reports must be clearly away from the airport's level to count as flying.
 bool altitudeAcceptable(double alt) {
     if (!(alt > 0.0 && alt < 10000.0)) return true;
-    const auto elevation = currentAirportElevation();
-    return std::fabs(alt - elevation.value_or(-1000.0)) > 108.0;
+    const auto airport = currentAirport();
+    return std::fabs(alt - (airport ? airport->elevation : -1000.0)) > 108.0;
 }
 
 // The airline of a callsign like "DAL1812": three letters of a known airline and then a digit.
@@ -98,11 +98,6 @@ double distanceToUser(const LiveAc& ac) {
     return gf_distanceNmOf(ac.lat, ac.lon, u.latitude, u.longitude);
 }
 
-void command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value) {
-    if (objectId == 0) return;
-    gEngine.out.events.push_back({objectId, event, value});
-}
-
 void logException(const char* function, const LiveAc& ac, const std::exception& e) {
     gf_log(fmt::format("{}: {} {}, sz:{}, fs:{}, st:{}", function, lf_describeAc(ac), e.what(),
                        ac.stream.size(), lf_phaseName(ac.phase), lf_simStateName(ac.simState)));
@@ -115,13 +110,16 @@ void compactTable() {
 
 } // namespace
 
-void setCurrentAirportElevation(std::optional<double> feet) {
-    airportElevationFt = feet.value_or(std::numeric_limits<double>::quiet_NaN());
+void lf_command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value) {
+    if (objectId == 0) return;
+    gEngine.out.events.push_back({objectId, event, value});
 }
-std::optional<double> currentAirportElevation() {
-    const double v = airportElevationFt.load(std::memory_order_relaxed);
-    if (std::isnan(v)) return std::nullopt;
-    return v;
+
+void setCurrentAirport(std::optional<AirportPlace> airport) {
+    currentAirportPlace = airport;
+}
+std::optional<AirportPlace> currentAirport() {
+    return currentAirportPlace;
 }
 
 void Engine::reserve() {
@@ -204,24 +202,24 @@ void gf_setFlaps(LiveAc& ac, std::int32_t index) {
         return;
     }
     ac.flapsIndex = index;
-    command(ac.objectId, sim::kFlapsSet, kValues[index]);
+    lf_command(ac.objectId, sim::kFlapsSet, kValues[index]);
 }
 
 void lf_setThrottle(LiveAc& ac, std::int32_t index) {
     if (index == ac.throttleIndex || index < 0 || index > 4) return;
     constexpr std::uint32_t kValues[] = {0, 4914, 8191, 11468, 16383};
     ac.throttleIndex = index;
-    command(ac.objectId, sim::kThrottleSet, kValues[index]);
+    lf_command(ac.objectId, sim::kThrottleSet, kValues[index]);
 }
 
 void lf_setGear(LiveAc& ac, bool down) {
     if (ac.category == Category::Rotorcraft) return;
-    command(ac.objectId, sim::kGearSet, down ? 1 : 0);
+    lf_command(ac.objectId, sim::kGearSet, down ? 1 : 0);
 }
 
 void lf_setSpoilers(LiveAc& ac, bool on) {
     if (ac.category == Category::Rotorcraft) return;
-    command(ac.objectId, sim::kSpoilersSet, on ? 16383 : 0);
+    lf_command(ac.objectId, sim::kSpoilersSet, on ? 16383 : 0);
 }
 
 void lf_setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, bool taxi, bool strobes,
@@ -230,13 +228,13 @@ void lf_setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, b
         {sim::kNavLights, nav},    {sim::kBeaconLights, beacon}, {sim::kLandingLights, landing},
         {sim::kTaxiLights, taxi},  {sim::kStrobes, strobes},     {sim::kLogoLights, logo},
         {sim::kCabinLights, cabin}};
-    for (const auto& [event, on] : lights) command(objectId, event, on ? 1 : 0);
+    for (const auto& [event, on] : lights) lf_command(objectId, event, on ? 1 : 0);
 }
 
 void lf_setParkedLights(LiveAc& ac) {
     lf_setThrottle(ac, 0);
     gf_setFlaps(ac, 0);
-    command(ac.objectId, sim::kEngineAutoShutdown, 0);
+    lf_command(ac.objectId, sim::kEngineAutoShutdown, 0);
     const bool nav = gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed);
     bool cabin = false;
     if (ac.atStand && !ac.cargoStand)
@@ -300,10 +298,8 @@ void lf_handleEvents() {
             lf_onRemoved(ev.objectId);
             break;
         case sim::SimEventKind::ForeignInRange:
-            if (LiveAc* ac = findByObjectId(ev.objectId)) {
-                ac->groundAltitude = ev.value;
-                ac->heightAgl = ev.value2;
-            }
+            if (LiveAc* ac = findByObjectId(ev.objectId))
+                lf_inRangeReport(*ac, ev.hexid != 0, ev.value, ev.value2);
             break;
         case sim::SimEventKind::StaticData:
             if (LiveAc* ac = findByObjectId(ev.objectId)) gf_takeStaticData(*ac, ev.value, ev.value2);
@@ -346,13 +342,13 @@ void lf_handlePending() {
             continue;
         }
         if (p.count < 200) {
-            command(ac->objectId, sim::kAllLightsToggle, 0);
+            lf_command(ac->objectId, sim::kAllLightsToggle, 0);
             continue;
         }
         const auto id = ac->objectId;
         const bool airborne = !ac->onGround;
         if (airborne) {
-            command(id, sim::kEngineAutoStart, 0);
+            lf_command(id, sim::kEngineAutoStart, 0);
             lf_setSpoilers(*ac, false);
             const bool low = ac->alt <= 10000.0;
             lf_setLights(id, true, true, low, false, true, low, ac->heightAgl >= 2000.0);
@@ -360,7 +356,7 @@ void lf_handlePending() {
             lf_setSpoilers(*ac, false);
             const bool parked = ac->phase == Phase::Parked;
             const bool nav = parked ? gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed) : true;
-            command(id, parked ? sim::kEngineAutoShutdown : sim::kEngineAutoStart, 0);
+            lf_command(id, parked ? sim::kEngineAutoShutdown : sim::kEngineAutoStart, 0);
             lf_setLights(id, nav, !parked, false, ac->phase == Phase::Taxi, false, true, true);
             lf_setThrottle(*ac, ac->category == Category::Rotorcraft ? 4 : 0);
             gf_setFlaps(*ac, ac->phase == Phase::Taxi ? 1 : 0);
@@ -513,11 +509,7 @@ void lf_addSample(LiveAc& ac, Sample s) {
         if (!st.empty() && s.tick <= st.back().tick) s.tick = st.back().tick + 1;
     };
     if (ac.phase == Phase::Birth) {
-        // A sample on the spot of the one before is a wait, not a move.
-        if (!st.empty()) {
-            const Sample& last = st.back();
-            s.stationary = std::fabs(s.lat - last.lat) < 1e-8 && std::fabs(s.lon - last.lon) < 1e-8;
-        }
+        if (!lf_filterSample(ac, s)) return;
         keepGrowing();
         st.push_back(s);
         return;
@@ -839,7 +831,6 @@ void lf_nextPos(LiveAc& ac) {
     Sample& s1 = st[1];
     if (std::fabs(s1.lat - st[0].lat) < 1e-8 && std::fabs(s1.lon - st[0].lon) < 1e-8) s1.stationary = true;
     if (!s1.stationary) ac.targetHeading = gf_bearingRad(st[0].lat, st[0].lon, s1.lat, s1.lon);
-    lf_groundAirChange(ac);
     if (ac.onGround)
         nextPosGround(ac);
     else
@@ -934,7 +925,7 @@ bool lf_noNewData(LiveAc& ac) {
         if (gEngine.userKnown && distanceToUser(ac) >= gParams.RANGE.load(std::memory_order_relaxed) - 0.5)
             return false;
         if (gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed))
-            n = std::fabs(ac.alt - currentAirportElevation().value_or(0.0)) <= 1000.0 ? 0 : 8;
+            n = std::fabs(ac.alt - (currentAirport() ? currentAirport()->elevation : 0.0)) <= 1000.0 ? 0 : 8;
         else
             n = 8;
     } else {
@@ -1036,7 +1027,7 @@ void lf_advance(LiveAc& ac) {
         if (ac.phase != Phase::PushedBack) ac.lat += ac.dLat, ac.lon += ac.dLon;
     }
     lf_attitude(ac);
-    if (ac.onGround) ac.pitch = ac.groundPitch, ac.bank = 0;
+    if (ac.onGround && !ac.derotating) ac.pitch = ac.groundPitch, ac.bank = 0;
     ac.heading = std::fmod(ac.heading, 2 * kPi);
     if (ac.heading < 0) ac.heading += 2 * kPi;
     if (ac.lon > 180) ac.lon -= 360;

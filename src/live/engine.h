@@ -105,12 +105,32 @@ LiveAc* findByCallsign(std::string_view callsign);
 // ---- Motion on the ground and around take-off and landing ------------------------------------
 // Their own file; until the ground and landing rules are in, these keep an aircraft moving from
 // sample to sample.
-void lf_groundAirChange(LiveAc& ac); // touchdown or lift-off at element 0
+void lf_command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value); // one client event
 void nextPosGround(LiveAc& ac);
 void lf_nextTimeGround(LiveAc& ac);
 void lf_setGroundSegment(LiveAc& ac, std::int32_t dt);
 void lf_setAirSegment(LiveAc& ac, std::int32_t dt);
 bool checkExtendingSituations(LiveAc& ac, Sample& sample);
+bool checkNewPosDuringLanding(LiveAc& ac, Sample& sample);
+bool lf_filterSample(LiveAc& ac, Sample& sample);
+void lf_setNextTick(LiveAc& ac, std::int32_t dt);
+void lf_prepareCurve(LiveAc& ac);
+void lf_splitSegment(LiveAc& ac);
+void lf_checkSpeedChange(LiveAc& ac);
+double lf_nextTurn(const LiveAc& ac); // degrees from the heading to the track of elements 1 to 2
+// A point of the curve at t (0 to 1) and its tangent (0 to 2 pi); false without a curve.
+bool gf_curvePoint(const LiveAc& ac, double t, double& lat, double& lon, double& tangent);
+void lf_pullOut(LiveAc& ac);
+void lf_pushBack(LiveAc& ac);
+void lf_leaveStand(LiveAc& ac, Sample& sample);
+void lf_prepareTakeOff(LiveAc& ac);
+void lf_rotate(LiveAc& ac);
+double lf_landingVs(const LiveAc& ac);
+bool lf_dropAhead(LiveAc& ac, std::size_t k);
+void lf_lowAltitude(LiveAc& ac);
+void lf_lowApproach(LiveAc& ac);
+// The simulator's in-range report for an aircraft: its own ground flag, ground altitude, height.
+void lf_inRangeReport(LiveAc& ac, bool onGround, double groundAltitude, double heightAgl);
 void lf_takeOffChecks(LiveAc& ac, Sample& sample);
 bool lf_parkAtSpawn(LiveAc& ac);
 bool lf_arrived(LiveAc& ac);

@@ -186,9 +186,12 @@ std::string lf_acHeader(const AcIdentity& ac);   // "MSP->ATL DAL1812  N899DN"
 std::string lf_describeAc(const AcIdentity& ac); // the header, then airline and type
 bool gf_callsignOk(const AcIdentity& ac) noexcept;
 
-// The elevation of the current airport, when one is known (feet).
-void setCurrentAirportElevation(std::optional<double> feet);
-std::optional<double> currentAirportElevation();
+// The current airport, when one is known (degrees, feet); set and read on the worker thread.
+struct AirportPlace {
+    double latitude = 0, longitude = 0, elevation = 0;
+};
+void setCurrentAirport(std::optional<AirportPlace> airport);
+std::optional<AirportPlace> currentAirport();
 
 void reserveContainers(); // before the loop starts: nothing in the frame allocates
 void engineFrame();       // one 10 ms frame

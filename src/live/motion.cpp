@@ -1,6 +1,7 @@
-// Motion on the ground and at the change between ground and air. For now an aircraft goes
-// straight from sample to sample at the pace of its samples: no curves, no stands, no flare.
+// Motion on the ground (curves, speed changes, push-back, pull-out) and the moments the feed
+// says little about: rotation, climb-out, approach configuration, flare, touchdown, roll-out.
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 
 #include <fmt/format.h>
@@ -8,6 +9,8 @@
 
 #include "app/app.h"
 #include "live/engine.h"
+#include "params/params.h"
+#include "platform/platform.h"
 
 namespace orv::live {
 
@@ -15,68 +18,530 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kDeg = kPi / 180.0;
+constexpr double kMetresPerDegree = 111132.95;
 
-// Moves a value toward a target by at most `step`.
-double toward(double value, double target, double step) {
-    return value + std::clamp(target - value, -step, step);
+bool samePlace(const Sample& a, const Sample& b) {
+    return std::fabs(a.lat - b.lat) < 1e-8 && std::fabs(a.lon - b.lon) < 1e-8;
+}
+
+double distanceNm(const Sample& a, const Sample& b) {
+    return gf_distanceNmOf(a.lat, a.lon, b.lat, b.lon);
+}
+
+// Metres east and north of an origin.
+void toXY(double lat0, double lon0, double lat, double lon, double& x, double& y) {
+    y = (lat - lat0) * kMetresPerDegree;
+    x = (lon - lon0) * kMetresPerDegree * std::cos(lat0 * kDeg);
+}
+
+std::int64_t wallTime100ns() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(platform::clock().utcNow().time_since_epoch())
+               .count() /
+           100;
+}
+
+bool rotorcraft(const LiveAc& ac) {
+    return ac.category == Category::Rotorcraft;
+}
+
+void clampsDecay(LiveAc& ac) {
+    ac.earlyLimit = std::max(1000, ac.earlyLimit - 100);
+    ac.lateLimit = std::max(1000, ac.lateLimit - 100);
+}
+
+void setClamps(LiveAc& ac, std::int32_t early, std::int32_t late) {
+    ac.earlyLimit = early;
+    ac.lateLimit = late;
+}
+
+// The feed's vertical speed across the stream, for the "is it really climbing" tests.
+double vsSum(const LiveAc& ac) {
+    double sum = 0;
+    for (std::size_t i = 0; i < ac.stream.size(); ++i) sum += ac.stream[i].vs;
+    return sum;
+}
+
+double agl(const LiveAc& ac) {
+    return ac.heightAgl;
+}
+
+std::int32_t roundTicks(double v) {
+    // A round time must be a whole number of ticks; anything else is a fault worth a log line.
+    return gsl::narrow<std::int32_t>(std::round(v));
 }
 
 } // namespace
 
-// Ground and air meet at a sample: the wheels touch, or leave the ground.
-void lf_groundAirChange(LiveAc& ac) {
-    const Sample& s0 = ac.stream[0];
-    if (!ac.onGround && !s0.airborne) {
-        ac.onGround = true;
-        ac.landing = false;
-        gf_setPhase(ac, Phase::Taxi);
-        lf_setGear(ac, true);
-    } else if (ac.onGround && s0.airborne) {
-        ac.onGround = false;
-        ac.turningInPlace = false;
-        gf_setPhase(ac, Phase::TakeOff);
-        gf_setPhase(ac, Phase::Flying);
-    }
+// ---- Geometry of curves and turns ------------------------------------------------------------
+
+bool gf_curvePoint(const LiveAc& ac, double t, double& lat, double& lon, double& tangent) {
+    if (std::isnan(ac.curveControlX) || !(t >= 0.0 && t <= 1.0)) return false;
+    const double u = 1.0 - t;
+    const double cx = ac.curveControlX, cy = ac.curveControlY, ex = ac.curveEndX, ey = ac.curveEndY;
+    const double x = 2 * u * t * cx + t * t * ex;
+    const double y = 2 * u * t * cy + t * t * ey;
+    tangent = std::atan2(2 * t * (ex - cx) + 2 * u * cx, 2 * t * (ey - cy) + 2 * u * cy);
+    if (tangent < 0) tangent += 2 * kPi;
+    lat = ac.curveOrigin.lat + y / kMetresPerDegree;
+    lon = ac.curveOrigin.lon + x / (kMetresPerDegree * std::cos(ac.curveOrigin.lat * kDeg));
+    return true;
 }
 
-double lf_groundAltitude(const LiveAc& ac) {
-    const double ground = ac.groundAltitude ? *ac.groundAltitude : currentAirportElevation().value_or(0.0);
-    return ground + ac.cgHeight;
+bool lf_evaluateCurve(LiveAc& ac, double& tangent) {
+    double lat = 0, lon = 0;
+    if (!gf_curvePoint(ac, ac.curveT, lat, lon, tangent)) return false;
+    ac.lat = lat, ac.lon = lon;
+    return true;
 }
 
-void nextPosGround(LiveAc& ac) {
+double lf_nextTurn(const LiveAc& ac) {
+    const auto& st = ac.stream;
+    if (st.size() < 3) return 0;
+    return gf_angleDiff(ac.heading, gf_bearingRad(st[1].lat, st[1].lon, st[2].lat, st[2].lon)) / kDeg;
+}
+
+void lf_prepareCurve(LiveAc& ac) {
     auto& st = ac.stream;
-    if (st[1].stationary) {
-        lf_nextTimeGround(ac);
-        return;
+    if (st.size() < 3) return;
+    if (st[2].speed == 0) st[2].speed = (st[0].speed + st[1].speed) / 2;
+    ac.curveOrigin = {ac.lat, ac.lon};
+    toXY(ac.lat, ac.lon, st[1].lat, st[1].lon, ac.curveControlX, ac.curveControlY);
+    toXY(ac.lat, ac.lon, st[2].lat, st[2].lon, ac.curveEndX, ac.curveEndY);
+    ac.curveT = 0;
+    st.erase(1);
+}
+
+void lf_splitSegment(LiveAc& ac) {
+    auto& st = ac.stream;
+    if (st.size() < 2) return;
+    Sample m = st[1];
+    const Sample &a = st[0], &b = st[1];
+    m.lat = (a.lat + b.lat) / 2, m.lon = (a.lon + b.lon) / 2;
+    m.speed = (a.speed + b.speed) / 2, m.alt = (a.alt + b.alt) / 2;
+    m.tick = static_cast<std::int32_t>(std::lround((static_cast<double>(a.tick) + b.tick) / 2.0));
+    m.stationary = false;
+    m.airborne = m.alt > 0;
+    // Insert as element 1: take element 0 off, put the middle and it back in front.
+    const Sample head = st[0];
+    st.pop_front();
+    st.push_front(m);
+    st.push_front(head);
+}
+
+void lf_checkSpeedChange(LiveAc& ac) {
+    const auto& st = ac.stream;
+    if (st.size() < 2) return;
+    const double s0 = st[0].speed, s1 = st[1].speed;
+    if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 && distanceNm(st[0], st[1]) * 1852.0 >= 100.0)
+        lf_splitSegment(ac);
+}
+
+void lf_setNextTick(LiveAc& ac, std::int32_t dt) {
+    auto& st = ac.stream;
+    std::int32_t w = gEngine.tick + dt;
+    if (ac.extrapolateCount < 1) {
+        const std::int32_t t = st[1].tick;
+        w = std::clamp(w, t - ac.earlyLimit, t + ac.lateLimit);
     }
-    const double d = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
-    const double dt = std::round(d * 360000.0 / lf_avgSpeed(ac));
-    st[1].tick = lf_retime(ac, gEngine.tick + gsl::narrow<std::int32_t>(std::max(dt, 25.0)));
+    st[1].tick = std::max(w, gEngine.tick);
 }
 
 void lf_nextTimeGround(LiveAc& ac) {
-    // A wait keeps its recorded time, but never lies in the past.
-    ac.stream[1].tick = std::max(ac.stream[1].tick, gEngine.tick);
+    auto& st = ac.stream;
+    if (st.size() < 2) return;
+    if (st[1].stationary) {
+        std::int32_t gap = st[1].tick - st[0].tick;
+        gap = gap < 0 ? 25 : std::max(gap, 25);
+        lf_setNextTick(ac, std::max(st[0].tick - gEngine.tick + gap, 25));
+        return;
+    }
+    ac.currentTurnRate = ac.turnRate;
+    const double distance = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
+    const std::int32_t ticks = std::max(roundTicks(distance * 360000.0 / lf_avgSpeed(ac)), 25);
+    const bool curve = !std::isnan(ac.curveControlX);
+    if (curve || ac.turningInPlace) {
+        const double angle = ac.turningInPlace ? ac.turnAngle : ac.curveAngle;
+        // The turn time in the record's units: degrees over radians a tick, as the rates were tuned.
+        const double turn = std::max(std::round(angle / ac.currentTurnRate / 100.0), 1.0);
+        const double r = ticks / turn;
+        if (angle > 0 && distance > 0) {
+            if (angle <= 45) {
+                if (r >= 1.2) {
+                    const double m = std::min({r, r * 10.0 / angle, r * 30.0 / (distance * 1852.0)});
+                    if (m > 0) ac.currentTurnRate *= 1.0 / m;
+                } else if (r > 0) {
+                    ac.currentTurnRate *= 1.0 / r;
+                }
+            } else {
+                ac.currentTurnRate *= std::min(r, std::min(angle, 90.0) / 30.0);
+                if (angle >= 90) {
+                    ac.earlyLimit = std::max(ac.earlyLimit, 2000);
+                    ac.lateLimit = std::max(ac.lateLimit, 2000);
+                }
+            }
+        }
+    }
+    lf_setNextTick(ac, ticks);
+}
+
+// ---- Stands: leaving them --------------------------------------------------------------------
+
+namespace {
+
+// The radius of the aircraft's stand in nm; none without a stand.
+std::optional<double> standRadius(const LiveAc& ac) {
+    if (ac.standId == 0) return std::nullopt;
+    return ac.halfSize;
+}
+
+Sample sampleAt(const LiveAc& ac, double lat, double lon, double speed, std::int32_t tick) {
+    Sample s = ac.stream.empty() ? Sample{} : ac.stream[0];
+    s.lat = lat, s.lon = lon, s.alt = 0, s.speed = s.tas = speed, s.tick = tick;
+    s.airborne = false, s.stationary = false;
+    return s;
+}
+
+void offset(double lat, double lon, double bearing, double nm, double& outLat, double& outLon) {
+    outLat = lat + nm / 60.0 * std::cos(bearing);
+    outLon = lon + nm / 60.0 * std::sin(bearing) / std::max(std::cos(lat * kDeg), 1e-6);
+}
+
+} // namespace
+
+void lf_pullOut(LiveAc& ac) {
+    ac.pushRequested = false;
+    ac.extrapolateCount = 0;
+    double lat = 0, lon = 0;
+    offset(ac.standPos.lat, ac.standPos.lon, ac.standHeading, 2 * ac.halfSize, lat, lon);
+    const double d = gf_distanceNmOf(ac.lat, ac.lon, lat, lon);
+    auto& st = ac.stream;
+    st[0].speed = ac.standSpeed;
+    const Sample target =
+        sampleAt(ac, lat, lon, ac.standSpeed, gEngine.tick + roundTicks(d / ac.standSpeed * 360000.0));
+    st.truncate(1);
+    st.push_back(target);
+    gf_setPhase(ac, Phase::Taxi);
+    ac.targetHeading = ac.heading;
+    lf_setLights(ac.objectId, true, true, false, true, false, true, false);
+    gEngine.out.events.push_back({ac.objectId, sim::kEngineAutoStart, 0});
+    lf_setThrottle(ac, 0);
+    gf_setFlaps(ac, 1);
+    gf_log(fmt::format("{:8}: {:8} pulling out", ac.callsign, ac.registration));
+}
+
+void lf_pushBack(LiveAc& ac) {
+    ac.pushRequested = false;
+    ac.extrapolateCount = 0;
+    const double b = ac.standHeading + kPi;
+    const auto radius = standRadius(ac);
+    if (!radius) return;
+    auto& st = ac.stream;
+    double lat1 = 0, lon1 = 0;
+    offset(ac.lat, ac.lon, b, 2.5 * *radius, lat1, lon1);
+    st[0].speed = ac.standSpeed;
+    ac.targetHeading = ac.heading;
+    const double d = gf_distanceNmOf(ac.lat, ac.lon, lat1, lon1);
+    const std::int32_t t = roundTicks(d / ac.standSpeed * 360000.0);
+    st.truncate(1);
+    st.push_back(sampleAt(ac, lat1, lon1, ac.standSpeed, gEngine.tick + t));
+    lf_splitSegment(ac);
+    // The tail swings to one side at the end of the push: the two candidate points.
+    double lat2 = 0, lon2 = 0, lat3 = 0, lon3 = 0;
+    offset(lat1, lon1, b + kPi / 2, ac.halfSize, lat2, lon2);
+    offset(lat1, lon1, b - kPi / 2, ac.halfSize, lat3, lon3);
+    const auto tailTick = [&](double lat, double lon) {
+        const double dd = gf_distanceNmOf(lat1, lon1, lat, lon);
+        return gEngine.tick + t / 2 + roundTicks(dd / ac.standSpeed * 360000.0);
+    };
+    ac.pushTailSample = sampleAt(ac, lat2, lon2, ac.standSpeed, tailTick(lat2, lon2));
+    st.push_back(sampleAt(ac, lat3, lon3, ac.standSpeed, tailTick(lat3, lon3)));
+    lf_setLights(ac.objectId, true, true, false, true, false, true, false);
+    gf_setPhase(ac, Phase::PushingBack);
+    ac.pushCounter = 2;
+}
+
+void lf_leaveStand(LiveAc& ac, Sample& s) {
+    s.stationary = false;
+    ac.pushRequested = true;
+    if (ac.previousPhase == Phase::Parked) return;
+    if (ac.extrapolateCount > 0 && ac.phase == Phase::Parked) {
+        if (ac.justLanded) {
+            const double parkedFor = static_cast<double>(wallTime100ns() - ac.parkedWallClock) / 1e7;
+            const double towLimit = ac.category == Category::Heavy     ? 3600
+                                    : ac.category == Category::Large   ? 1500
+                                    : ac.category == Category::Buzjets ? 900
+                                                                       : 0;
+            ac.towed = parkedFor < towLimit;
+            ac.justLanded = false;
+        }
+        ac.stream[0].tick = gEngine.tick + 1;
+        ac.extrapolateCount = 0;
+        setClamps(ac, 3000, ac.takingOff ? 5000 : 3000);
+    }
+    ac.atStand = false;
+    gf_setPhase(ac, Phase::Parked);
+}
+
+// ---- The ground ------------------------------------------------------------------------------
+
+void nextPosGround(LiveAc& ac) {
+    auto& st = ac.stream;
+    switch (ac.phase) {
+    case Phase::PushingBack:
+        --ac.pushCounter;
+        if (ac.pushCounter == 1) {
+            if (ac.turnPlanned) {
+                if (ac.turnLeft) st.back() = ac.pushTailSample;
+                lf_prepareCurve(ac);
+                ac.curveStep = 1.0 / std::max(std::round(90.0 / ac.currentTurnRate / 100.0), 1.0);
+                ac.curveAngle = 90;
+            } else if (st.size() > 2) {
+                st.pop_back();
+            }
+            lf_nextTimeGround(ac);
+            return;
+        }
+        if (ac.pushCounter < 1) {
+            ac.targetHeading = ac.heading;
+            gEngine.out.events.push_back({ac.objectId, sim::kEngineAutoStart, 0});
+            lf_setThrottle(ac, 0);
+            gf_setFlaps(ac, 1);
+            gf_setPhase(ac, Phase::PushedBack);
+            ac.pushCounter = 1;
+            ac.maxPushDistance = 900;
+            ac.extrapolateCount = 0;
+            ac.pushRequested = false;
+        }
+        lf_nextTimeGround(ac);
+        return;
+    case Phase::Parked:
+        setClamps(ac, 3000, ac.takingOff ? 5000 : 3000);
+        if (ac.pushRequested) {
+            const double toLast =
+                gf_bearingRad(ac.standPos.lat, ac.standPos.lon, st.back().lat, st.back().lon);
+            const double d = std::round(gf_angleDiff(ac.standHeading, toLast) / kDeg);
+            if (std::fabs(d) < 90)
+                lf_pullOut(ac);
+            else
+                lf_pushBack(ac);
+            return;
+        }
+        break;
+    default:
+        break;
+    }
+    if (st.size() >= 2 && !st[1].stationary) {
+        if (st.size() >= 3 && !st[2].stationary) {
+            const double a = std::fabs(lf_nextTurn(ac));
+            if (a <= 3) {
+                lf_checkSpeedChange(ac);
+            } else if (a > 45 && distanceNm(st[0], st[1]) > 0.026998 && st[0].speed <= 43 &&
+                       st[1].tick - st[0].tick >= 600) {
+                lf_splitSegment(ac);
+            } else if (a <= 160) {
+                if (!samePlace(st[0], st[2])) {
+                    lf_prepareCurve(ac);
+                    ac.curveAngle = a;
+                } else {
+                    lf_checkSpeedChange(ac);
+                }
+            } else {
+                lf_checkSpeedChange(ac);
+            }
+        } else if (st.size() >= 3) {
+            lf_checkSpeedChange(ac);
+        } else if (ac.extrapolateCount < 1) {
+            const double s0 = st[0].speed, s1 = st[1].speed;
+            if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 && distanceNm(st[0], st[1]) * 1852.0 >= 100.0)
+                lf_splitSegment(ac);
+        }
+        if (std::isnan(ac.curveControlX)) {
+            ac.turnAngle = std::fabs(gf_angleDiff(ac.heading, ac.targetHeading)) / kDeg;
+            ac.turningInPlace = ac.turnAngle > 3;
+        }
+    }
+    lf_nextTimeGround(ac);
 }
 
 void lf_setGroundSegment(LiveAc& ac, std::int32_t) {
-    const Sample& s1 = ac.stream[1];
+    auto& st = ac.stream;
+    if (ac.phase == Phase::Flying || ac.phase == Phase::Parked) gf_setPhase(ac, Phase::Taxi);
+    const double s0 = st[0].speed, s1 = st.size() > 1 ? st[1].speed : 0;
+    if (ac.takingOff) {
+        if (rotorcraft(ac))
+            lf_setThrottle(ac, 4);
+        else if (s0 >= 25 || s1 >= 30)
+            lf_setThrottle(ac, 4);
+        else if (s0 >= 20 || s1 >= 25)
+            lf_setThrottle(ac, 2);
+        else if (s0 >= 15 || s1 >= 20)
+            lf_setThrottle(ac, 1);
+        else
+            lf_setThrottle(ac, 0);
+    } else if (ac.rollout) {
+        if (std::fabs(gf_angleDiff(ac.rolloutHeading, ac.heading)) >= 15 * kDeg) {
+            // Off the runway: the landing is over.
+            gf_setFlaps(ac, 0);
+            ac.rollout = false;
+            lf_setThrottle(ac, rotorcraft(ac) ? 4 : 0);
+            lf_setSpoilers(ac, false);
+            lf_setLights(ac.objectId, true, true, false, true, false, true, true);
+        } else if (std::max(s0, s1) <= 90) {
+            lf_setSpoilers(ac, false);
+            gf_setFlaps(ac, 1);
+        }
+    } else {
+        lf_setThrottle(ac, rotorcraft(ac) ? 4 : 0);
+    }
+    if (!ac.rollout && !ac.takingOff) clampsDecay(ac);
+    if (ac.flareStage == 0 && ac.phase != Phase::TakeOff) {
+        ac.pitch = ac.groundPitch;
+        ac.bank = 0;
+        ac.dPitch = ac.dBank = 0;
+    }
+    if (!std::isnan(ac.curveControlX) && st.size() > 1)
+        ac.curveStep = 1.0 / std::max(st[1].tick - gEngine.tick, 25);
     ac.dAlt = 0;
-    ac.dHeading = 0;
-    ac.turningInPlace = true; // the nose follows the bearing to the next sample
     ac.vsTarget = 0;
-    ac.tasTarget = s1.speed;
+    ac.tasTarget = ac.phase == Phase::PushingBack ? -s1 : s1;
+    // The rotation test.
+    if (ac.takingOff && ac.phase != Phase::TakeOff && s0 >= 43 && st.size() > 1) {
+        const double rotateSpeed = gf_categoryData(ac.category).rotateSpeed;
+        bool someLow = false, allReady = true, anyGround = false;
+        for (std::size_t i = 1; i < st.size(); ++i) {
+            someLow = someLow || st[i].vs <= 256;
+            allReady = allReady && st[i].airborne && st[i].speed >= rotateSpeed;
+            anyGround = anyGround || !st[i].airborne;
+        }
+        const std::int32_t dt = std::max(st[1].tick - gEngine.tick, 25);
+        if (someLow) {
+            if (allReady) {
+                ac.dAlt = ac.maxClimbStep;
+                lf_rotate(ac);
+            }
+        } else {
+            ac.dAlt = anyGround ? ac.maxClimbStep : std::max(st[1].alt - ac.alt, 0.1) / dt;
+            lf_rotate(ac);
+        }
+    }
 }
 
-void lf_setAirSegment(LiveAc& ac, std::int32_t dt) {
-    const Sample& s1 = ac.stream[1];
-    const double targetAlt = s1.airborne ? s1.alt : lf_groundAltitude(ac);
-    if (!s1.airborne) ac.landing = true;
-    ac.dAlt = (targetAlt - ac.alt) / dt;
-    ac.dHeading = std::clamp(gf_angleDiff(ac.heading, ac.targetHeading) / dt, -ac.turnRate, ac.turnRate);
-    ac.vsTarget = ac.dAlt * 6000.0;
-    ac.tasTarget = s1.tas > 0 ? s1.tas : s1.speed;
+// ---- Take-off --------------------------------------------------------------------------------
+
+void lf_prepareTakeOff(LiveAc& ac) {
+    if (ac.towed) gf_log(fmt::format("towed aircraft takes-off? {}", lf_describeAc(ac)));
+    ac.takingOff = true;
+    lf_setThrottle(ac, 0);
+    lf_setSpoilers(ac, false);
+    gf_setFlaps(ac, 1);
+    ac.landing = ac.justLanded = ac.goAround = false;
+    lf_setLights(ac.objectId, true, true, true, true, true, true, false);
+    ac.lateLimit = 5000;
+    ac.earlyLimit = 3000;
+}
+
+void lf_rotate(LiveAc& ac) {
+    ac.rotateCounter = std::max(ac.rotateTicks, 1);
+    ac.dPitch = (ac.rotatePitch - ac.pitch) / ac.rotateCounter;
+    ac.bank = 0;
+    const bool touchAndGo = ac.rollout;
+    if (!ac.takingOff) lf_prepareTakeOff(ac);
+    gf_setPhase(ac, Phase::TakeOff);
+    ac.dHeading = 0;
+    ac.curveControlX = ac.curveControlY = std::numeric_limits<double>::quiet_NaN();
+    ac.turningInPlace = false;
+    if (touchAndGo) {
+        ac.rollout = false;
+        lf_setThrottle(ac, 4);
+        lf_setSpoilers(ac, true);
+        gf_setFlaps(ac, 1);
+    }
+}
+
+void lf_takeOffChecks(LiveAc& ac, Sample& s) {
+    if (!ac.onGround || ac.simState != SimState::Active || ac.takingOff || ac.stream.empty()) return;
+    const Sample& last = ac.stream.back();
+    if (ac.rollout) {
+        if (last.airborne && s.airborne) {
+            gf_setPhase(ac, Phase::Taxi);
+            ac.takingOff = true;
+            lf_setThrottle(ac, 3);
+            lf_setSpoilers(ac, true);
+            gf_setFlaps(ac, 1);
+            ac.landing = ac.justLanded = ac.goAround = false;
+            lf_setLights(ac.objectId, true, true, true, true, true, true, false);
+            setClamps(ac, 3000, 5000);
+        }
+        return;
+    }
+    if (ac.phase == Phase::Taxi && (s.airborne || (last.speed >= 43 && s.speed >= 43))) lf_prepareTakeOff(ac);
+}
+
+// ---- Samples in ------------------------------------------------------------------------------
+
+bool lf_filterSample(LiveAc& ac, Sample& s) {
+    if (ac.stream.empty()) return true;
+    const Sample& last = ac.stream.back();
+    s.stationary = samePlace(s, last);
+    if (rotorcraft(ac)) return true;
+    const bool flying = s.airborne || (ac.simState == SimState::Active && !ac.onGround);
+    if (s.stationary) {
+        if (flying) return false;
+        if (ac.takingOff && s.speed > 0 && last.speed >= 30) return false;
+        s.speed = 0;
+        return true;
+    }
+    if (std::fabs(s.lat - last.lat) < 0.00015 && std::fabs(s.lon - last.lon) < 0.00015) {
+        if (flying) return false;
+        if (ac.takingOff && s.speed > 0 && last.speed >= 50) return false;
+        // A creep of a few metres is a wait where it stands.
+        const std::int32_t tick = s.tick;
+        const double time = s.track;
+        s = last;
+        s.tick = tick;
+        s.track = time;
+        s.speed = 0;
+        s.stationary = true;
+        return true;
+    }
+    if (s.speed > 0) return true;
+    if (!ac.takingOff && !s.airborne) return true;
+    return last.speed < 50;
+}
+
+bool checkNewPosDuringLanding(LiveAc& ac, Sample& s) {
+    auto& st = ac.stream;
+    if (st.empty()) {
+        gf_log(fmt::format("{} empty sz?", "checkNewPosDuringLanding"));
+        return true;
+    }
+    if (samePlace(s, st.back())) return false;
+    const auto off = [&](const Sample& from) {
+        return std::fabs(gf_angleDiff(ac.heading, gf_bearingRad(from.lat, from.lon, s.lat, s.lon))) / kDeg;
+    };
+    if (st.size() >= 2) {
+        const std::size_t size = st.size();
+        if (off(st.back()) >= 90) {
+            st.pop_back();
+            if (size >= 3 && st.size() >= 2 && off(st.back()) >= 90) st.pop_back();
+        }
+    } else {
+        const double d = off(st.back());
+        if (ac.landing) {
+            if (d >= 90) return false;
+        } else if (d >= 150) {
+            if (ac.extrapolateCount > 0) return false;
+            Sample now = st[0];
+            now.lat = ac.lat, now.lon = ac.lon, now.alt = ac.alt;
+            now.tick = gEngine.tick + 1;
+            st.clear();
+            st.push_back(now);
+        }
+    }
+    ac.extrapolateCount = 0;
+    s.stationary = samePlace(s, st.back());
+    if (s.speed > st.back().speed && s.speed > 40) s.speed = st.back().speed;
+    return true;
 }
 
 bool checkExtendingSituations(LiveAc& ac, Sample& s) {
@@ -85,13 +550,92 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
         gf_log(fmt::format("{} empty sz?", "checkExtendingSituations"));
         return true;
     }
+    switch (ac.phase) {
+    case Phase::Parked:
+    case Phase::Parking: {
+        if (ac.simState != SimState::Active) break;
+        ac.atStand = true;
+        const double d = gf_distanceNmOf(s.lat, s.lon, ac.standPos.lat, ac.standPos.lon);
+        const double limit = ac.previousPhase == Phase::Parking ? 2 * 0.0458963 : 0.0458963;
+        if (d <= limit) {
+            ac.parkedWallClock = wallTime100ns();
+            if (ac.standDistanceCount == 0 && ac.firstStandDistance == 0) {
+                ac.firstStandDistance = ac.lastStandDistance = std::max(d, 1e-9);
+                ac.standDistanceCount = 0;
+                ac.pushRequested = false;
+                return false;
+            }
+            if (d >= ac.lastStandDistance + 0.00161987) {
+                ac.lastStandDistance = d;
+                ++ac.standDistanceCount;
+                if ((ac.standDistanceCount >= 3 && d - ac.firstStandDistance >= ac.halfSize * 0.5) ||
+                    d - ac.firstStandDistance > ac.halfSize) {
+                    lf_leaveStand(ac, s);
+                    return true;
+                }
+            } else if (d <= ac.lastStandDistance - 0.00161987) {
+                ac.standDistanceCount = 0;
+            }
+            ac.pushRequested = false;
+            return false;
+        }
+        if (ac.phase == Phase::Parking) {
+            gf_setPhase(ac, Phase::Taxi);
+            s.stationary = false;
+            return true;
+        }
+        if (d <= 0.107991) {
+            lf_leaveStand(ac, s);
+            return true;
+        }
+        removeAircraftFromSim(ac);
+        return false;
+    }
+    case Phase::PushingBack:
+        if (ac.pushCounter == 2) {
+            double angle = 0;
+            if (s.hasTrueHeading)
+                angle = gf_angleDiff(ac.heading, s.trueHeading);
+            else if (s.track != 0)
+                angle = gf_angleDiff(ac.heading, s.track * kDeg);
+            if (s.hasTrueHeading || s.track != 0) {
+                ac.turnLeft = angle > 0;
+                ac.turnPlanned = true;
+            }
+        }
+        return false;
+    case Phase::PushedBack: {
+        const double d = gf_distanceNmOf(ac.lat, ac.lon, s.lat, s.lon);
+        if (!(d > 2.75 * ac.halfSize && d > ac.maxPushDistance) && !(d > 6 * ac.halfSize)) {
+            if (!ac.holding) ac.holdStartTick = gEngine.tick;
+            ac.holding = true;
+            ac.maxPushDistance = d;
+            return false;
+        }
+        s.stationary = false;
+        if (ac.extrapolateCount > 0) st[0].tick = gEngine.tick + 1;
+        setClamps(ac, 1000, 1000);
+        ac.turnPlanned = false;
+        ac.pushCounter = 0;
+        gf_setPhase(ac, Phase::Taxi);
+        ac.standPos = {};
+        ac.standId = 0;
+        ac.cargoStand = false;
+        ac.holding = false;
+        return true;
+    }
+    default:
+        break;
+    }
+    if (ac.landing || ac.rollout) return checkNewPosDuringLanding(ac, s);
+    if (!lf_filterSample(ac, s)) return false;
     if (ac.extrapolateCount > 0) {
         // Real data again. A point behind a flying aircraft is a stale echo, not a resumption.
         if (!ac.onGround &&
             std::fabs(gf_angleDiff(ac.heading, gf_bearingRad(ac.lat, ac.lon, s.lat, s.lon))) >= 100 * kDeg)
             return false;
         ac.extrapolateCount = 0;
-        ac.earlyLimit = ac.lateLimit = 3000;
+        setClamps(ac, 3000, 3000);
         st.truncate(1); // the made-up points give way to the real one
         st[0].tick = gEngine.tick + 1;
         ac.holding = false;
@@ -99,7 +643,296 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
     return true;
 }
 
-void lf_takeOffChecks(LiveAc&, Sample&) {}
+// ---- The air ---------------------------------------------------------------------------------
+
+double lf_landingVs(const LiveAc& ac) {
+    const auto& st = ac.stream;
+    if (agl(ac) > 100 && st.size() >= 2)
+        return std::min((st[0].vs + st[1].vs) / 2 - (gQnh.load(std::memory_order_relaxed) - 1013.25) * 6,
+                        -601.0);
+    return -600;
+}
+
+bool lf_dropAhead(LiveAc& ac, std::size_t k) {
+    auto& st = ac.stream;
+    if (k - 1 >= st.size() || !st[k - 1].airborne) return false;
+    for (std::size_t n = 0; n < k - 2 && st.size() >= 3; ++n) st.erase(1);
+    const double d = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
+    st[1].tick = lf_retime(ac, gEngine.tick + std::max(roundTicks(d * 360000.0 / lf_avgSpeed(ac)), 25));
+    const std::int32_t dt = std::max(st[1].tick - gEngine.tick, 25);
+    const double r = (st[1].alt - ac.alt) / dt;
+    ac.dAlt = r > 0 ? std::min(r, ac.maxClimbStep) : 0;
+    return true;
+}
+
+void lf_lowApproach(LiveAc& ac) {
+    lf_command(ac.objectId, sim::kCabinLights, 0);
+    const auto airport = currentAirport();
+    const bool near =
+        airport && gf_distanceNmOf(ac.lat, ac.lon, airport->latitude, airport->longitude) <= 10.0;
+    const double vs = ac.vsTarget;
+    if (vs <= -250 && !ac.landing && near) {
+        lf_setThrottle(ac, rotorcraft(ac) ? 4 : 1);
+        gf_setFlaps(ac, 3);
+        lf_setGear(ac, true);
+        ac.landing = true;
+        ac.goAround = false;
+        ac.standId = 0;
+        ac.rotateCounter = 1;
+        setClamps(ac, 3000, ac.takingOff ? 5000 : 3000);
+    } else if (vs > -250 && (vs > 600 || (ac.landing && !near))) {
+        if (!ac.goAround) {
+            clampsDecay(ac);
+            lf_setThrottle(ac, 4);
+            lf_setGear(ac, false);
+            gf_setFlaps(ac, 0);
+            ac.goAround = true;
+            ac.flareStage = 0;
+            ac.landing = false;
+        }
+    }
+}
+
+void lf_lowAltitude(LiveAc& ac) {
+    if (!ac.below10000) {
+        ac.below10000 = true;
+        ac.above10000 = false;
+        lf_setLights(ac.objectId, true, true, true, true, true, true, true);
+    }
+    const bool big =
+        ac.category == Category::Buzjets || ac.category == Category::Large || ac.category == Category::Heavy;
+    const double limit = big ? 2050 : 625;
+    const double vs = ac.vsTarget;
+    if (agl(ac) > limit) {
+        clampsDecay(ac);
+        lf_command(ac.objectId, sim::kCabinLights, 1);
+        ac.takingOff = ac.landing = false;
+        if (vs <= -250 && ac.throttleIndex == 3) lf_setThrottle(ac, rotorcraft(ac) ? 4 : 2);
+        if (vs > 400 && ac.throttleIndex == 4) lf_setThrottle(ac, rotorcraft(ac) ? 4 : 3);
+        if (agl(ac) >= 2400) {
+            lf_setGear(ac, false);
+            gf_setFlaps(ac, 0);
+        } else if (vs <= 100) {
+            if (ac.alt < 2000) {
+                if (ac.flapsIndex == 0 || ac.flapsIndex == 4)
+                    gf_setFlaps(ac, 1);
+                else if (ac.flapsIndex == 1)
+                    gf_setFlaps(ac, 2);
+            } else if (ac.flapsIndex == 0 || ac.flapsIndex == 4) {
+                gf_setFlaps(ac, 1);
+            }
+        }
+        return;
+    }
+    lf_lowApproach(ac);
+}
+
+void lf_setAirSegment(LiveAc& ac, std::int32_t dt) {
+    auto& st = ac.stream;
+    if (ac.phase != Phase::TakeOff && ac.phase != Phase::Flying) gf_setPhase(ac, Phase::Flying);
+    ac.tasTarget = st[1].tas;
+    ac.vsTarget = st[1].vs;
+    const bool a0 = st[0].airborne, a1 = st[1].airborne;
+    const double alt1 = st[1].alt;
+    const auto descend = [&] {
+        const auto airport = currentAirport();
+        if (airport && gQnh.load(std::memory_order_relaxed) <= 1013) {
+            ac.dAlt = (airport->elevation + ac.cgHeight - ac.alt) / dt;
+        } else {
+            const double v = gQnh.load(std::memory_order_relaxed) > 1013 ? lf_landingVs(ac) : -601.0;
+            st[1].vs = ac.vsTarget = v;
+            ac.dAlt = v / 6000.0;
+        }
+        lf_setGear(ac, true);
+    };
+    if (ac.flareStage == 0) {
+        if (a0 && a1) {
+            if (ac.landing) {
+                if (alt1 == ac.alt && agl(ac) <= 1000 && st[0].vs + st[1].vs <= 100) {
+                    const double v = lf_landingVs(ac);
+                    st[1].vs = v;
+                    ac.dAlt = v / 6000.0;
+                } else {
+                    ac.dAlt = (alt1 - ac.alt) / dt;
+                }
+            } else {
+                const double r = (alt1 - ac.alt) / dt;
+                ac.dAlt = agl(ac) <= 1000 ? std::min(ac.maxClimbStep, std::max(r, 0.2))
+                                          : std::min(r, ac.maxClimbStep);
+            }
+        } else if (a0 && !a1) {
+            descend();
+        } else if (!a0 && a1) {
+            const double r = (alt1 - ac.alt) / dt;
+            ac.dAlt = r > 0 ? std::min(r, ac.maxClimbStep) : 0;
+        } else {
+            if (ac.landing || vsSum(ac) <= 100) {
+                const double v = lf_landingVs(ac);
+                st[1].vs = ac.vsTarget = v;
+                ac.dAlt = v / 6000.0;
+            } else {
+                bool dropped = false;
+                for (std::size_t k = 3; k <= std::min<std::size_t>(st.size() - 1, 10) && !dropped; ++k)
+                    dropped = lf_dropAhead(ac, k);
+                if (!dropped) {
+                    st[1].vs = std::max(st[1].vs, 601.0);
+                    ac.dAlt = st[1].vs / 6000.0;
+                }
+            }
+            lf_setGear(ac, true);
+        }
+        // Pitch follows the vertical speed.
+        const double v = st[1].vs > 0 ? std::min(st[1].vs, 2400.0) : std::max(st[1].vs, -3000.0) * 0.5;
+        const double target = -3 * kDeg - v / 600.0 * 2.2 * kDeg;
+        const double rate = gf_categoryData(ac.category).maxPitchRate;
+        ac.dPitch = std::clamp((target - ac.pitch) / dt, -rate, rate);
+    }
+    // Heading and bank.
+    const auto& c = gf_categoryData(ac.category);
+    double diff;
+    if (st[1].hasTrueHeading && st[1].hasBank && agl(ac) < (ac.landing ? 2000 : 1000))
+        diff = gf_angleDiff(ac.heading, st[1].trueHeading);
+    else if (st.size() >= 3)
+        diff = lf_nextTurn(ac) * kDeg;
+    else
+        diff = gf_angleDiff(ac.heading, ac.targetHeading);
+    ac.dHeading = diff / dt;
+    if (st[1].hasBank) {
+        ac.dBank = (st[1].bank - ac.bank) / dt;
+    } else {
+        const double wanted = -std::clamp(diff, -c.maxBank, c.maxBank);
+        ac.dBank = std::clamp((wanted - ac.bank) / dt, -c.maxBankRate, c.maxBankRate);
+    }
+    // The altitude bands.
+    if (st[0].alt >= 10000) {
+        if (!ac.above10000) {
+            ac.above10000 = true;
+            ac.below10000 = false;
+            lf_setLights(ac.objectId, true, true, false, false, false, false, true);
+            lf_setThrottle(ac, rotorcraft(ac) ? 4 : 3);
+            lf_setGear(ac, false);
+            gf_setFlaps(ac, 0);
+        }
+    } else {
+        lf_lowAltitude(ac);
+    }
+}
+
+// ---- Each tick -------------------------------------------------------------------------------
+
+void lf_attitude(LiveAc& ac) {
+    const auto& c = gf_categoryData(ac.category);
+    if (ac.phase == Phase::TakeOff) {
+        // The take-off run: rotate, lift off, and climb away with a gradually growing step.
+        if (ac.rotateCounter > -1000) --ac.rotateCounter;
+        if (ac.rotateCounter >= 1) {
+            ac.onGround = false;
+            ac.pitch = std::max(ac.pitch + ac.dPitch, ac.rotatePitch);
+            return;
+        }
+        ac.bank += std::clamp(ac.dBank, -c.maxBankRate, c.maxBankRate);
+        const double pitchStep = (ac.climbPitch - ac.rotatePitch) / std::max(ac.liftoffTicks, 1);
+        ac.pitch = std::max(ac.pitch + pitchStep, ac.climbPitch);
+        const std::int32_t n = ac.rotateCounter;
+        double step = ac.dAlt;
+        if (n > -100)
+            step /= 10;
+        else if (n > -200)
+            step /= 5;
+        else if (n > -300)
+            step *= 0.5;
+        if (n == -300) lf_setGear(ac, false);
+        ac.alt += step;
+        if (ac.pitch <= ac.climbPitch && agl(ac) >= 800) {
+            lf_setThrottle(ac, rotorcraft(ac) ? 4 : 3);
+            gf_setPhase(ac, Phase::Flying);
+            ac.rotateCounter = 1;
+        }
+        return;
+    }
+    if (ac.derotating) {
+        ac.pitch = std::min(ac.pitch + ac.dPitch, ac.groundPitch);
+        ac.bank += ac.dBank;
+        if (ac.pitch >= ac.groundPitch || ac.dPitch <= 0) {
+            ac.pitch = ac.groundPitch;
+            ac.bank = 0;
+            ac.derotating = false;
+            ac.flareStage = 0;
+        }
+        return;
+    }
+    if (ac.onGround) return;
+    if (ac.landing && agl(ac) <= 400) {
+        // The flare: four stages by height, each a gentler sink.
+        const double h = ac.cgHeight;
+        double height = agl(ac);
+        if (ac.flareStage == 0) {
+            if (!ac.airportElevation)
+                if (const auto airport = currentAirport()) ac.airportElevation = airport->elevation;
+            if (ac.airportElevation) height = std::min(height, ac.alt - *ac.airportElevation);
+        }
+        struct Stage {
+            double above, step, vs;
+        };
+        constexpr Stage kStages[] = {
+            {30, -0.1, -601}, {20, -0.075, -450}, {10, -0.05, -300}, {3, -0.025, -150}};
+        if (ac.flareStage < 4 && height <= h + kStages[ac.flareStage].above) {
+            const auto& stage = kStages[ac.flareStage];
+            if (ac.flareStage == 0) ac.dPitch = (-4 * kDeg - ac.pitch) / std::max(ac.flareTicks, 1);
+            if (ac.flareStage == 2) lf_setThrottle(ac, 0);
+            ac.dAlt = stage.step;
+            if (!ac.stream.empty()) ac.stream[0].vs = stage.vs;
+            ac.vsTarget = stage.vs;
+            ++ac.flareStage;
+        }
+    }
+    if (ac.flareStage > 0) {
+        ac.pitch = std::max(ac.pitch + ac.dPitch, -4 * kDeg);
+        ac.alt += ac.dAlt;
+    } else {
+        ac.pitch += ac.dPitch;
+        ac.alt += ac.dAlt;
+    }
+    ac.bank = std::clamp(ac.bank + ac.dBank, -c.maxBank, c.maxBank);
+    ac.pitch = std::clamp(ac.pitch, -30 * kDeg, 15 * kDeg);
+    // Never below the ground while coming down to it.
+    if (ac.landing && ac.groundAltitude) ac.alt = std::max(ac.alt, lf_groundAltitude(ac));
+}
+
+void lf_inRangeReport(LiveAc& ac, bool simOnGround, double groundAlt, double heightAgl) {
+    ac.groundAltitude = groundAlt;
+    if (simOnGround && !ac.onGround && ac.rotateCounter <= 1 && ac.simState != SimState::RemovingFromSim &&
+        ac.phase != Phase::TakeOff) {
+        if (ac.flareStage > 0 || ac.landing) {
+            ac.derotating = ac.rollout = true;
+            ac.rolloutHeading = ac.heading;
+            ac.landing = false;
+            ac.justLanded = true;
+            lf_setSpoilers(ac, true);
+            const std::int32_t n = ac.derotateTicks;
+            if (n > 0) {
+                ac.dBank = -ac.bank / n;
+                ac.dPitch = (ac.groundPitch - ac.pitch) / n;
+            } else {
+                gf_log(fmt::format("{} ! onGround slots {:.1f}", lf_describeAc(ac), ac.heightAgl));
+                ac.dBank = 0;
+            }
+        }
+        ac.onGround = true;
+        ac.dAlt = 0;
+        ac.rotateCounter = 1;
+    }
+    ac.heightAgl = heightAgl;
+    if (ac.onGround || ac.rotateCounter >= 2) ac.alt = groundAlt + ac.cgHeight;
+}
+
+double lf_groundAltitude(const LiveAc& ac) {
+    const auto airport = currentAirport();
+    const double ground = ac.groundAltitude ? *ac.groundAltitude : airport ? airport->elevation : 0.0;
+    return ground + ac.cgHeight;
+}
+
+// ---- Stands (they come with the airport files) -------------------------------------------------
 
 bool lf_parkAtSpawn(LiveAc&) {
     return false;
@@ -116,25 +949,6 @@ bool lf_userProximity(LiveAc&) {
 void lf_setOnGroundFlags(LiveAc& ac) {
     ac.onGround = true;
     lf_setGear(ac, true);
-}
-
-void lf_attitude(LiveAc& ac) {
-    const auto& c = gf_categoryData(ac.category);
-    if (ac.onGround) {
-        ac.alt = lf_groundAltitude(ac);
-        return;
-    }
-    ac.alt += ac.dAlt;
-    const double vs = ac.vsTarget < 0 ? std::max(ac.vsTarget, -3000.0) / 2 : std::min(ac.vsTarget, 2400.0);
-    ac.pitch = toward(ac.pitch, -0.05236 - vs / 600.0 * 2.2 * kDeg, c.maxPitchRate);
-    // A coordinated turn: the bank that gives this turn rate at this speed; right turns bank negative.
-    const double omega = ac.dHeading * 100.0, v = std::max(ac.tas, 60.0) * 0.514444;
-    const double bank = std::clamp(-std::atan(v * omega / 9.80665), -c.maxBank, c.maxBank);
-    ac.bank = toward(ac.bank, bank, c.maxBankRate);
-}
-
-bool lf_evaluateCurve(LiveAc&, double&) {
-    return false;
 }
 
 } // namespace orv::live
