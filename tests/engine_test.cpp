@@ -72,6 +72,7 @@ class EngineTest : public test::ProgramHome {
         s.tick = gEngine.tick;
         ac.stream.push_back(s);
         ac.lastTimestamp = 100;
+        ac.lastFeedSpeed = s.speed;
         return ac;
     }
 };

@@ -3,6 +3,8 @@
 #include <map>
 #include <set>
 
+#include <fmt/ranges.h>
+
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -103,6 +105,148 @@ TEST_F(ScenarioTest, KmspApproachOfN899dn) {
     EXPECT_LT(o.removedAt, 600 + 30 + 8 * 8 + 10);
 }
 
+std::vector<scenario::Runway> runways() {
+    return scenario::readRunways(fs::path(ORV_SOURCE_DIR) / "data/recordings/runways.csv");
+}
+
+// The names of the client events an object received, in order, without the client's own
+// bookkeeping (freezes, control releases).
+std::vector<std::string> eventNames(const emu::ObjectRecord& o) {
+    std::vector<std::string> names;
+    for (const auto& e : o.events)
+        if (e.name != "ReleaseControl" && !e.name.starts_with("FREEZE"))
+            names.push_back(fmt::format("{} {}", e.name, e.data));
+    return names;
+}
+
+// Whether `wanted` occur in `names` in this order (others may lie between).
+bool inOrder(const std::vector<std::string>& names, const std::vector<std::string>& wanted) {
+    auto it = names.begin();
+    for (const auto& w : wanted) {
+        it = std::find(it, names.end(), w);
+        if (it == names.end()) return false;
+        ++it;
+    }
+    return true;
+}
+
+double metres(double lat1, double lon1, double lat2, double lon2) {
+    return gf_distanceNm({lat1, lon1}, {lat2, lon2}) * 1852.0;
+}
+
+constexpr double kG11Lat = 44.880425, kG11Lon = -93.209817; // gate G11, from the stand list
+
+TEST_F(ScenarioTest, KmspLandingTaxiToG11) {
+    scenario::Config c;
+    c.recording = recording("kmsp-n899dn.rttfc");
+    c.airport = "KMSP";
+    c.fromSeconds = 14000; // 5 minutes before touchdown on 12R
+    c.toSeconds = 14500;   // at gate G11
+    c.runSeconds = 500 + 30 + 300;
+    c.qnh = 1035; // what the crew had set (nav_qnh of the recording)
+    c.titles = titles;
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    const auto report = scenario::motionReport(r, runways());
+    std::printf("%s", scenario::formatReport(report).c_str());
+    ASSERT_EQ(report.size(), 1u);
+    const auto& m = report[0];
+
+    // On the runway it really used, near where the real one touched down (its first point at
+    // runway height), on the simulator's own ground flag.
+    ASSERT_TRUE(m.touchedDown);
+    EXPECT_EQ(m.touchdownRunway, "KMSP 12R/30L");
+    EXPECT_LT(m.touchdownCentreLineM, 10.0);
+    EXPECT_LT(metres(m.touchdownLat, m.touchdownLon, 44.884506, -93.226580), 500.0);
+    // Then rolls out, taxis and stops at G11, about where the recording stops.
+    ASSERT_TRUE(m.cameToRest);
+    const double realStop = metres(44.880384, -93.209900, kG11Lat, kG11Lon);
+    EXPECT_LT(metres(m.restLat, m.restLon, kG11Lat, kG11Lon), realStop + 15.0);
+    EXPECT_LT(m.restT, 500 + 30 + 30);
+    // Smooth: no step faster than the aircraft's speed, no ground turn faster than a Large turns.
+    EXPECT_LE(m.maxStepKt, 1.1 * m.maxFedSpeedKt);
+    EXPECT_LE(m.maxTurnGroundDegS, 3 * 7.0);
+    EXPECT_LE(m.maxBankGroundDeg, 1.0);
+    EXPECT_LE(m.maxBankAirDeg, 30.0);
+    EXPECT_LT(m.pathP95AirM, 10.0);
+    EXPECT_LT(m.pathP95GroundM, 15.0);
+    EXPECT_LT(m.p95AirM, 700.0) << "30 s behind within the clamps";
+    // Configured for landing, then spoilers at touchdown, flaps up and taxi lights off the runway.
+    EXPECT_TRUE(inOrder(eventNames(r.objects[0]),
+                        {"FLAPS_SET 16383", "GEAR_SET 1", "SPOILERS_SET 16383", "FLAPS_SET 3072",
+                         "FLAPS_SET 0", "LANDING_LIGHTS_SET 0", "TAXI_LIGHTS_SET 1"}))
+        << fmt::format("{}", fmt::join(eventNames(r.objects[0]), ", "));
+}
+
+TEST_F(ScenarioTest, KmspDeparture) {
+    scenario::Config c;
+    c.recording = recording("kmsp-n899dn.rttfc");
+    c.airport = "KMSP";
+    c.fromSeconds = 23000; // DAL2418 pushed back from G11, about to taxi to 12L
+    c.toSeconds = 23700;
+    c.runSeconds = 700 + 30 + 60;
+    c.qnh = 1035;
+    c.titles = titles;
+    std::vector<live::Phase> phases;
+    double mostNoseUp = 0;
+    c.onFrame = [&](double) {
+        const live::LiveAc* ac = live::findByHexid(kN899DN);
+        if (!ac) return;
+        if (phases.empty() || phases.back() != ac->phase) phases.push_back(ac->phase);
+        mostNoseUp = std::min(mostNoseUp, ac->pitch);
+    };
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    const auto report = scenario::motionReport(r, runways());
+    std::printf("%s", scenario::formatReport(report).c_str());
+    ASSERT_EQ(report.size(), 1u);
+    const auto& m = report[0];
+    using P = live::Phase;
+    EXPECT_EQ(phases, (std::vector<P>{P::Birth, P::Taxi, P::TakeOff, P::Flying}));
+    // Rotation to the climb pitch of a Large (-16.5 degrees, varied by 5 %).
+    EXPECT_LT(mostNoseUp, -15.0 * 3.14159265 / 180);
+    EXPECT_GT(mostNoseUp, -18.0 * 3.14159265 / 180);
+    EXPECT_FALSE(m.touchedDown);
+    // Catching up a late take-off is allowed a quarter more than the recorded speed, and 10 kt.
+    EXPECT_LE(m.maxStepKt, 1.25 * m.maxFedSpeedKt + 12);
+    EXPECT_LE(m.maxTurnGroundDegS, 3 * 7.0);
+    EXPECT_LT(m.pathP95AirM, 10.0);
+    EXPECT_LT(m.pathP95GroundM, 15.0);
+    // Taxi lights and one flap stage, take-off lights, full power on the roll, gear up after lift-off,
+    // then climb power, and clean above 2,400 ft.
+    const auto names = eventNames(r.objects[0]);
+    EXPECT_TRUE(inOrder(names, {"TAXI_LIGHTS_SET 1", "FLAPS_SET 3072", "LANDING_LIGHTS_SET 1",
+                                "STROBES_SET 1", "THROTTLE_SET 16383", "GEAR_SET 0", "THROTTLE_SET 11468"}))
+        << fmt::format("{}", fmt::join(names, ", "));
+    EXPECT_TRUE(inOrder(names, {"THROTTLE_SET 16383", "GEAR_SET 0", "FLAPS_SET 0"}));
+}
+
+// Real tracks with outliers and gaps: a departure that starts on the ground, and an approach
+// whose data end in the air.
+TEST_F(ScenarioTest, NoisyRecordingsMakeNoJumps) {
+    for (const char* name : {"lszh-noisy-ground.rttfc", "lszh-noisy-landing.rttfc"}) {
+        SCOPED_TRACE(name);
+        scenario::Config c;
+        c.recording = recording(name);
+        c.airport = "LSZH";
+        c.runSeconds = 1000;
+        c.titles = titles;
+        const auto r = scenario::run(c);
+        ASSERT_EQ(r.error, "");
+        const auto report = scenario::motionReport(r, runways());
+        std::printf("%s", scenario::formatReport(report).c_str());
+        ASSERT_EQ(report.size(), 1u);
+        const auto& m = report[0];
+        // The recordings' outliers reach 759 kt; the aircraft never moves faster than an airliner
+        // at these heights, nor turns faster than it can.
+        EXPECT_LT(m.maxStepKt, 420.0);
+        EXPECT_LT(m.maxStepGroundKt, 300.0);
+        EXPECT_LE(m.maxTurnGroundDegS, 3 * 7.0);
+        EXPECT_LT(m.maxTurnAirDegS, 15.0);
+        EXPECT_LT(m.pathMaxM, 50.0);
+    }
+}
+
 // Three flights of different days at LSZH, overlaid: they are in the simulator together, each
 // hexid as one object at a time.
 TEST_F(ScenarioTest, LszhFlightsTogether) {
@@ -110,7 +254,7 @@ TEST_F(ScenarioTest, LszhFlightsTogether) {
     c.recording = recording("lszh-3flights.rttfc");
     c.airport = "LSZH";
     c.overlayFlights = true;
-    c.runSeconds = 400;
+    c.runSeconds = 950;
     c.titles = titles;
     std::size_t mostAtOnce = 0;
     c.onFrame = [&](double) {
@@ -125,13 +269,21 @@ TEST_F(ScenarioTest, LszhFlightsTogether) {
     const auto r = scenario::run(c);
     ASSERT_EQ(r.error, "");
     EXPECT_EQ(mostAtOnce, 3u);
-    std::map<std::string, int> objectsPerTail;
-    for (const auto& o : r.objects) ++objectsPerTail[o.tail];
-    for (const auto& [tail, n] : objectsPerTail) EXPECT_EQ(n, 1) << tail;
-    EXPECT_TRUE(objectsPerTail.contains("CAI3208"));
-    EXPECT_TRUE(objectsPerTail.contains("ACA879"));
-    EXPECT_TRUE(objectsPerTail.contains("SWR137H"));
-    EXPECT_FALSE(log.contains("exception")) << log.text();
+    const auto report = scenario::motionReport(r, runways());
+    std::printf("%s", scenario::formatReport(report).c_str());
+    for (const auto& m : report) {
+        SCOPED_TRACE(m.tail);
+        // The path goes past every recorded point, on the ground and in the air: no shortcut, no
+        // race ahead on a stale speed, no stop while the real aircraft moves.
+        EXPECT_LT(m.pathP95GroundM, 15.0);
+        EXPECT_LT(m.pathP95AirM, 15.0);
+        EXPECT_LT(m.p95GroundM, 300.0) << "on the ground, 30 s behind within a few seconds";
+        // No jump: never faster than the fastest the recording itself claims (its take-off
+        // rolls hold position outliers of up to 404 kt), and never faster than the type turns.
+        EXPECT_LE(m.maxStepKt, 1.1 * m.maxFedSpeedKt);
+        EXPECT_LE(m.maxTurnGroundDegS, 3 * 7.0 + 0.5);
+        EXPECT_LE(m.maxBankGroundDeg, 1.0);
+    }
 }
 
 } // namespace

@@ -57,7 +57,7 @@ std::string gf_trafficLine(const TrackPoint& p) {
         text(p.category));
 }
 
-std::vector<TrackPoint> gf_readsbPoints(const json& trace) {
+std::vector<TrackPoint> gf_readsbPoints(const json& trace, std::optional<double> geoidFt) {
     const std::uint32_t hexid = hexToId(trace.at("icao").get<std::string>());
     const double t0 = trace.at("timestamp").get<double>();
     const std::string type = trace.value("t", "");
@@ -74,7 +74,10 @@ std::vector<TrackPoint> gf_readsbPoints(const json& trace) {
         p.latitude = row[1].get<double>();
         p.longitude = row[2].get<double>();
         p.onGround = row[3].is_string() && row[3].get<std::string>() == "ground";
-        if (row[3].is_number()) lastAlt = row[3].get<double>();
+        if (geoidFt && row.size() > 10 && row[10].is_number())
+            lastAlt = row[10].get<double>() + *geoidFt;
+        else if (row[3].is_number())
+            lastAlt = row[3].get<double>();
         p.altitude = p.onGround ? 0.0 : lastAlt.value_or(-1.0);
         p.groundSpeed = optNumber(row[4]).value_or(-1.0);
         p.track = optNumber(row[5]);
@@ -98,7 +101,24 @@ std::vector<TrackPoint> gf_readsbPoints(const json& trace) {
     return out;
 }
 
-std::vector<TrackPoint> gf_openSkyPoints(const json& rows, const OpenSkyOptions& options) {
+std::vector<TrackPoint> gf_openSkyPoints(const json& input, const OpenSkyOptions& options) {
+    json rows = input;
+    if (input.is_object()) {
+        // Columns, as pandas writes them: turn them into rows, in the order of the row keys.
+        rows = json::array();
+        const auto& first = input.begin().value();
+        std::vector<std::string> keys;
+        for (const auto& [k, v] : first.items()) keys.push_back(k);
+        std::sort(keys.begin(), keys.end(), [](const std::string& a, const std::string& b) {
+            return a.size() != b.size() ? a.size() < b.size() : a < b;
+        });
+        for (const auto& k : keys) {
+            json row = json::object();
+            for (const auto& [field, column] : input.items())
+                if (column.is_object() && column.contains(k)) row[field] = column[k];
+            rows.push_back(std::move(row));
+        }
+    }
     std::vector<TrackPoint> out;
     for (const auto& r : rows) {
         const std::string cs = trimmed(r.at("callsign").is_string() ? r["callsign"].get<std::string>() : "");
@@ -110,10 +130,11 @@ std::vector<TrackPoint> gf_openSkyPoints(const json& rows, const OpenSkyOptions&
         p.callsign = cs;
         const auto t = options.types.find(cs);
         p.type = t != options.types.end() ? t->second : options.defaultType;
+        if (!r.at("latitude").is_number() || !r.at("longitude").is_number()) continue; // no position yet
         p.timestamp = r.at("timestamp").get<double>() / 1000.0;
         p.latitude = r.at("latitude").get<double>();
         p.longitude = r.at("longitude").get<double>();
-        p.onGround = r.value("onground", false);
+        p.onGround = r.contains("onground") && r["onground"].is_boolean() && r["onground"].get<bool>();
         p.altitude = p.onGround ? 0.0 : optNumber(r.at("altitude")).value_or(-1.0);
         p.groundSpeed = optNumber(r.at("groundspeed")).value_or(-1.0);
         p.track = optNumber(r.at("track"));
@@ -166,6 +187,7 @@ void gf_completeTracks(std::vector<TrackPoint>& points) {
 int gf_convertMain(const std::vector<std::string>& args) {
     std::string format, input, output;
     OpenSkyOptions os;
+    std::optional<double> geoidFt;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto next = [&]() -> std::string {
             if (i + 1 >= args.size()) throw std::runtime_error(args[i] + " needs a value");
@@ -176,6 +198,8 @@ int gf_convertMain(const std::vector<std::string>& args) {
             input = next();
         } else if (args[i] == "-o" || args[i] == "--output") {
             output = next();
+        } else if (args[i] == "--geoid-ft") {
+            geoidFt = std::stod(next());
         } else if (args[i] == "--flights") {
             for (auto& cs : gf_splitList(next())) os.callsigns.push_back(cs);
         } else if (args[i] == "--type") {
@@ -194,7 +218,7 @@ int gf_convertMain(const std::vector<std::string>& args) {
     std::ifstream in(input, std::ios::binary);
     if (!in) throw std::runtime_error("cannot read " + input);
     const json j = json::parse(in);
-    auto points = format == "readsb" ? gf_readsbPoints(j) : gf_openSkyPoints(j, os);
+    auto points = format == "readsb" ? gf_readsbPoints(j, geoidFt) : gf_openSkyPoints(j, os);
     gf_completeTracks(points);
     std::string out;
     for (const auto& p : points) {

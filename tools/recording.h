@@ -36,7 +36,10 @@ struct OpenSkyOptions {
 };
 
 // A readsb "globe history" trace, or an array of OpenSky state rows. Throws on a malformed input.
-std::vector<TrackPoint> gf_readsbPoints(const nlohmann::json& trace);
+// With `geoidFt`, airborne altitudes are the geometric (GNSS) ones plus that undulation: height
+// above the sea rather than the pressure altitude, which is off by the day's QNH.
+std::vector<TrackPoint> gf_readsbPoints(const nlohmann::json& trace, std::optional<double> geoidFt = {});
+// Rows as an array of objects, or as columns (an object of field -> {row -> value}).
 std::vector<TrackPoint> gf_openSkyPoints(const nlohmann::json& rows, const OpenSkyOptions& options);
 
 // Fills what the source left out (speeds from positions, altitudes from neighbours), sorts by time.

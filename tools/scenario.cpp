@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cmath>
 #include <map>
+#include <numeric>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -51,6 +53,7 @@ void resetAll() {
         gTraffic.trafficQueue.clear();
     }
     gRun.reset();
+    gQnh = 1013;
 }
 
 } // namespace
@@ -90,9 +93,11 @@ Result run(const Config& config) {
     ec.user.latitude = airport->latitude;
     ec.user.longitude = airport->longitude;
     emu::Emulator emulator(ec);
+    result.airportElevationFt = airport->elevation;
 
     resetAll();
     live::reserveContainers();
+    gQnh = config.qnh;
     TrafficArea area;
     area.reference = {airport->latitude, airport->longitude};
     area.airport = area.reference;
@@ -131,6 +136,8 @@ Result run(const Config& config) {
                 fed.at = t;
                 std::from_chars(f[1].data(), f[1].data() + f[1].size(), fed.hexid);
                 fed.latitude = number(f[2]), fed.longitude = number(f[3]), fed.altitudeFt = number(f[4]);
+                fed.groundSpeed = number(f[8]);
+                fed.callsign = std::string(f[9]);
                 fed.onGround = fed.altitudeFt <= 0;
                 result.fed.push_back(fed);
             }
@@ -148,6 +155,179 @@ Result run(const Config& config) {
     sim::setApiFactory({});
     resetAll();
     return result;
+}
+
+// ---- The motion report ----------------------------------------------------------------------
+
+std::vector<Runway> readRunways(const std::filesystem::path& file) {
+    std::vector<std::string> lines;
+    if (auto r = gf_readAllLines(file, lines, 64); std::holds_alternative<std::string>(r))
+        throw std::runtime_error(fmt::format("{}: {}", file.string(), std::get<std::string>(r)));
+    std::vector<Runway> out;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        const auto& l = lines[i];
+        if (l.empty() || l[0] == '#') continue;
+        const auto f = split(l);
+        if (f.size() != 7)
+            throw std::runtime_error(fmt::format("{}:{}: 7 fields wanted", file.string(), i + 1));
+        Runway r;
+        r.airport = std::string(f[0]);
+        r.name = fmt::format("{}/{}", f[1], f[4]);
+        r.lat1 = number(f[2]), r.lon1 = number(f[3]), r.lat2 = number(f[5]), r.lon2 = number(f[6]);
+        out.push_back(r);
+    }
+    return out;
+}
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kDeg = kPi / 180.0;
+
+// Metres off the line through a runway's two points.
+double centreLineM(const Runway& r, double lat, double lon) {
+    const double k = 111132.95 * std::cos(r.lat1 * kDeg);
+    const double x2 = (r.lon2 - r.lon1) * k, y2 = (r.lat2 - r.lat1) * 111132.95;
+    const double x = (lon - r.lon1) * k, y = (lat - r.lat1) * 111132.95;
+    const double len = std::hypot(x2, y2);
+    return len > 0 ? std::fabs(x * y2 - y * x2) / len : 1e9;
+}
+
+double percentile95(std::vector<double> v) {
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    return v[std::min(v.size() - 1, v.size() * 95 / 100)];
+}
+
+double mean(const std::vector<double>& v) {
+    return v.empty() ? 0.0 : std::accumulate(v.begin(), v.end(), 0.0) / static_cast<double>(v.size());
+}
+
+} // namespace
+
+std::vector<AircraftMotion> motionReport(const Result& result, const std::vector<Runway>& runways) {
+    std::vector<AircraftMotion> out;
+    // The emulator counts an aircraft on the ground when its altitude is within the CG height
+    // (8 ft) and a foot of the ground.
+    const auto onGround = [&](const emu::PositionRecord& p) {
+        return p.altitudeFt - result.airportElevationFt <= 9.0;
+    };
+    for (const auto& o : result.objects) {
+        AircraftMotion m;
+        m.tail = o.tail;
+        const auto& p = o.positions;
+        for (const auto& f : result.fed)
+            if (f.callsign == o.tail) {
+                m.hexid = f.hexid;
+                break;
+            }
+        for (const auto& f : result.fed)
+            if (f.hexid == m.hexid) m.maxFedSpeedKt = std::max(m.maxFedSpeedKt, f.groundSpeed);
+        bool wasAirborne = false;
+        for (std::size_t i = 1; i < p.size(); ++i) {
+            const auto &a = p[i - 1], &b = p[i];
+            const double dt = b.t - a.t;
+            if (dt <= 0) continue;
+            const double nm = gf_distanceNm({a.latitude, a.longitude}, {b.latitude, b.longitude});
+            if (nm > m.maxStepNm) m.maxStepNm = nm;
+            m.maxStepKt = std::max(m.maxStepKt, nm / dt * 3600.0);
+            if (onGround(a) && onGround(b)) m.maxStepGroundKt = std::max(m.maxStepGroundKt, nm / dt * 3600.0);
+            double dh = std::fmod(b.heading - a.heading, 2 * kPi);
+            if (dh > kPi) dh -= 2 * kPi;
+            if (dh < -kPi) dh += 2 * kPi;
+            const double turn = std::fabs(dh) / kDeg / dt, bank = std::fabs(b.bank) / kDeg;
+            const bool ground = onGround(b);
+            (ground ? m.maxTurnGroundDegS : m.maxTurnAirDegS) =
+                std::max(ground ? m.maxTurnGroundDegS : m.maxTurnAirDegS, turn);
+            (ground ? m.maxBankGroundDeg : m.maxBankAirDeg) =
+                std::max(ground ? m.maxBankGroundDeg : m.maxBankAirDeg, bank);
+            if (!onGround(a)) wasAirborne = true;
+            if (!m.touchedDown && wasAirborne && ground && !onGround(a)) {
+                m.touchedDown = true;
+                m.touchdownT = b.t, m.touchdownLat = b.latitude, m.touchdownLon = b.longitude;
+                m.touchdownCentreLineM = 1e9;
+                for (const auto& r : runways) {
+                    const double d = centreLineM(r, b.latitude, b.longitude);
+                    if (d < m.touchdownCentreLineM)
+                        m.touchdownCentreLineM = d, m.touchdownRunway = r.airport + " " + r.name;
+                }
+            }
+        }
+        std::vector<double> ground, air;
+        for (const auto& f : result.fed) {
+            if (f.hexid != m.hexid) continue;
+            const double t = f.at + 30.0;
+            const auto after =
+                std::lower_bound(p.begin(), p.end(), t, [](const auto& r, double x) { return r.t < x; });
+            if (after == p.begin() || after == p.end()) continue;
+            const auto& a = *(after - 1);
+            const auto& b = *after;
+            const double k = b.t > a.t ? (t - a.t) / (b.t - a.t) : 0;
+            const double lat = a.latitude + k * (b.latitude - a.latitude),
+                         lon = a.longitude + k * (b.longitude - a.longitude);
+            (f.onGround ? ground : air)
+                .push_back(gf_distanceNm({lat, lon}, {f.latitude, f.longitude}) * 1852.0);
+        }
+        m.groundPoints = ground.size(), m.airPoints = air.size();
+        std::vector<double> pathGround, pathAir;
+        for (const auto& f : result.fed) {
+            if (f.hexid != m.hexid || p.empty() || f.at + 30 < p.front().t || f.at + 30 > p.back().t)
+                continue;
+            double best = 1e12;
+            const auto from =
+                std::lower_bound(p.begin(), p.end(), f.at, [](const auto& r, double x) { return r.t < x; });
+            for (auto it = from; it != p.end() && it->t <= f.at + 90; ++it)
+                best = std::min(
+                    best, gf_distanceNm({it->latitude, it->longitude}, {f.latitude, f.longitude}) * 1852.0);
+            if (best > 1e11) continue;
+            (f.onGround ? pathGround : pathAir).push_back(best);
+            m.pathMaxM = std::max(m.pathMaxM, best);
+        }
+        m.pathP95GroundM = percentile95(pathGround), m.pathP95AirM = percentile95(pathAir);
+        m.meanGroundM = mean(ground), m.p95GroundM = percentile95(ground);
+        m.meanAirM = mean(air), m.p95AirM = percentile95(air);
+        if (!p.empty() && onGround(p.back())) {
+            std::size_t i = p.size() - 1;
+            while (i > 0 && gf_distanceNm({p[i - 1].latitude, p[i - 1].longitude},
+                                          {p.back().latitude, p.back().longitude}) *
+                                    1852.0 <
+                                2.0)
+                --i;
+            m.cameToRest = true;
+            m.restT = p[i].t, m.restLat = p[i].latitude, m.restLon = p[i].longitude;
+        }
+        out.push_back(std::move(m));
+    }
+    return out;
+}
+
+std::string formatReport(const std::vector<AircraftMotion>& report) {
+    std::string s;
+    for (const auto& m : report) {
+        s += fmt::format("{} (hexid {}):\n", m.tail, m.hexid);
+        s += fmt::format("  largest step {:.1f} m between two positions ({:.0f} kt, on the ground {:.0f} kt; "
+                         "fastest recorded {:.0f} kt)\n",
+                         m.maxStepNm * 1852.0, m.maxStepKt, m.maxStepGroundKt, m.maxFedSpeedKt);
+        s += fmt::format(
+            "  turn rate at most {:.1f} deg/s on the ground, {:.1f} deg/s in the air; bank at most "
+            "{:.1f} deg on the ground, {:.1f} deg in the air\n",
+            m.maxTurnGroundDegS, m.maxTurnAirDegS, m.maxBankGroundDeg, m.maxBankAirDeg);
+        s += fmt::format(
+            "  off the recorded point 30 s later: ground mean {:.1f} m, 95% {:.1f} m ({} points); "
+            "air mean {:.1f} m, 95% {:.1f} m ({} points)\n",
+            m.meanGroundM, m.p95GroundM, m.groundPoints, m.meanAirM, m.p95AirM, m.airPoints);
+        s += fmt::format(
+            "  path past the recorded points: 95% within {:.1f} m on the ground, {:.1f} m in the air, "
+            "farthest {:.1f} m\n",
+            m.pathP95GroundM, m.pathP95AirM, m.pathMaxM);
+        if (m.touchedDown)
+            s += fmt::format("  touchdown at {:.1f} s, {:.6f},{:.6f}, {:.1f} m off the centre line of {}\n",
+                             m.touchdownT, m.touchdownLat, m.touchdownLon, m.touchdownCentreLineM,
+                             m.touchdownRunway);
+        if (m.cameToRest)
+            s += fmt::format("  at rest from {:.1f} s at {:.6f},{:.6f}\n", m.restT, m.restLat, m.restLon);
+    }
+    return s;
 }
 
 } // namespace orv::scenario

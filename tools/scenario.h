@@ -22,6 +22,7 @@ struct Config {
     bool overlayFlights = false;
     std::vector<std::string> titles; // the container titles the simulator can create
     std::size_t maxObjects = 1000;
+    std::int32_t qnh = 1013; // hPa, as the weather datagrams would give it
     // Called after every engine frame with the virtual time (tests look at the engine here).
     std::function<void(double seconds)> onFrame;
 };
@@ -30,17 +31,49 @@ struct Config {
 struct FedLine {
     double at = 0;
     std::uint32_t hexid = 0;
-    double latitude = 0, longitude = 0, altitudeFt = 0;
+    std::string callsign;
+    double latitude = 0, longitude = 0, altitudeFt = 0, groundSpeed = 0;
     bool onGround = false;
 };
 
 struct Result {
     std::vector<emu::ObjectRecord> objects; // every object the simulator made, with what it saw
     std::vector<FedLine> fed;
+    double airportElevationFt = 0;
     std::string error; // empty when the run went through
 };
 
 // Needs the reference data and the livery store loaded. Leaves the engine and client reset.
 Result run(const Config& config);
+
+// ---- The motion report: what the simulator was shown, against the recorded track --------------
+
+struct Runway {
+    std::string airport, name; // "12R/30L"
+    double lat1 = 0, lon1 = 0, lat2 = 0, lon2 = 0;
+};
+// Lines "airport,end,lat,lon,end,lat,lon"; '#' starts a comment. Throws on a broken file.
+std::vector<Runway> readRunways(const std::filesystem::path& file);
+
+struct AircraftMotion {
+    std::string tail;
+    std::uint32_t hexid = 0;
+    double maxStepNm = 0, maxStepKt = 0; // the largest move between two positions, and as a speed
+    double maxStepGroundKt = 0;          // the same, on the ground only
+    double maxFedSpeedKt = 0;            // the fastest the recording says it went
+    double maxTurnGroundDegS = 0, maxTurnAirDegS = 0, maxBankGroundDeg = 0, maxBankAirDeg = 0;
+    // Distance from each recorded point to where the aircraft was shown 30 s after it came.
+    double meanGroundM = 0, p95GroundM = 0, meanAirM = 0, p95AirM = 0;
+    std::size_t groundPoints = 0, airPoints = 0;
+    // The path alone, whatever the timing: how close the aircraft came to each recorded point.
+    double pathP95GroundM = 0, pathP95AirM = 0, pathMaxM = 0;
+    bool touchedDown = false;
+    double touchdownT = 0, touchdownLat = 0, touchdownLon = 0, touchdownCentreLineM = 0;
+    std::string touchdownRunway;
+    bool cameToRest = false;
+    double restT = 0, restLat = 0, restLon = 0;
+};
+std::vector<AircraftMotion> motionReport(const Result& result, const std::vector<Runway>& runways);
+std::string formatReport(const std::vector<AircraftMotion>& report);
 
 } // namespace orv::scenario

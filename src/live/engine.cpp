@@ -54,6 +54,7 @@ Sample toSample(const TrafficSample& r) {
     s.lat = r.latitude, s.lon = r.longitude, s.alt = r.altitude;
     s.speed = r.groundSpeed, s.track = r.track, s.vs = r.verticalSpeed, s.tas = r.trueAirspeed;
     s.tick = r.tick;
+    s.feedTime = r.timestamp;
     s.airborne = r.airborne;
     s.hasFeedHeading = r.hasTrueHeading;
     if (r.roll) s.bank = *r.roll, s.hasBank = true;
@@ -213,12 +214,14 @@ void lf_setThrottle(LiveAc& ac, std::int32_t index) {
 }
 
 void lf_setGear(LiveAc& ac, bool down) {
-    if (ac.category == Category::Rotorcraft) return;
+    if (ac.category == Category::Rotorcraft || ac.gearState == (down ? 1 : 0)) return;
+    ac.gearState = down ? 1 : 0;
     lf_command(ac.objectId, sim::kGearSet, down ? 1 : 0);
 }
 
 void lf_setSpoilers(LiveAc& ac, bool on) {
-    if (ac.category == Category::Rotorcraft) return;
+    if (ac.category == Category::Rotorcraft || ac.spoilersState == (on ? 1 : 0)) return;
+    ac.spoilersState = on ? 1 : 0;
     lf_command(ac.objectId, sim::kSpoilersSet, on ? 16383 : 0);
 }
 
@@ -447,7 +450,9 @@ void lf_decode(const TrafficSample& r) {
         const Sample& last = ac->stream.back();
         const double prev = ac->lastTimestamp;
         if (t <= prev + 1.0) return;
-        const double v = r.groundSpeed, lv = last.speed;
+        // Against the feed's own last speed: a wait or a coasting point made up here says 0 and
+        // would shut out a moving aircraft for good.
+        const double v = r.groundSpeed, lv = ac->lastFeedSpeed;
         if ((lv > 5 && v >= 10 * lv) || (v > 5 && lv >= 10 * v) || (lv <= 5 && v >= 80) ||
             (v <= 5 && lv >= 80))
             return;
@@ -461,9 +466,22 @@ void lf_decode(const TrafficSample& r) {
     }
     if (ac->simState == SimState::Buffer && !altitudeAcceptable(r.altitude)) return;
     if (!lf_checkRespawn(*ac, r)) return;
+    Sample sample = toSample(r);
+    // On the ground the feed's speed is often stale: a speed the positions contradict by more than
+    // half is replaced by theirs, so that a taxiing aircraft neither races, stops nor "takes off".
+    if (!r.airborne && ac->lastTimestamp > 0 && t - ac->lastTimestamp >= 2.0) {
+        const double measured =
+            gf_distanceNmOf(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) /
+            (t - ac->lastTimestamp) * 3600.0;
+        if (measured < 1.0 ? r.groundSpeed > 5.0
+                           : (r.groundSpeed > 2 * measured || r.groundSpeed < measured / 2))
+            sample.speed = sample.tas = measured < 1.0 ? 0.0 : measured;
+    }
     ac->lastTimestamp = t;
+    ac->lastFeedSpeed = r.groundSpeed;
+    ac->lastFeedPos = {r.latitude, r.longitude};
     try {
-        lf_addSample(*ac, toSample(r));
+        lf_addSample(*ac, sample);
     } catch (const std::exception& e) {
         gf_log(fmt::format("{} exception {}", "decodeExisting", e.what()));
     }
@@ -489,6 +507,8 @@ void lf_addNewAc(const TrafficSample& r) {
     t.push_back(gf_makeLiveAc(id, r.hexid, gEngine.rng));
     LiveAc& ac = t.back();
     ac.lastTimestamp = r.timestamp;
+    ac.lastFeedSpeed = r.groundSpeed;
+    ac.lastFeedPos = {r.latitude, r.longitude};
     lf_addSample(ac, toSample(r));
 }
 
@@ -821,7 +841,18 @@ std::int32_t lf_retime(const LiveAc& ac, std::int32_t wanted) {
         const std::int32_t t = ac.stream[1].tick;
         wanted = std::clamp(wanted, t - ac.earlyLimit, t + ac.lateLimit);
     }
-    return std::max(wanted, gEngine.tick);
+    return lf_speedCap(ac, std::max(wanted, gEngine.tick));
+}
+
+std::int32_t lf_speedCap(const LiveAc& ac, std::int32_t tick) {
+    const auto& st = ac.stream;
+    if (st.size() < 2 || st[1].stationary) return tick;
+    // Catching up on a late schedule is fine, but not at a speed the aircraft can't have: at most
+    // a quarter faster than the faster of its two points, and 10 kt more.
+    const double vmax = 1.25 * std::max({st[0].speed, st[1].speed, 10.0}) + 10.0;
+    const double d = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
+    const auto least = static_cast<std::int32_t>(std::ceil(d * 360000.0 / vmax));
+    return std::max(tick, gEngine.tick + least);
 }
 
 void lf_nextPos(LiveAc& ac) {

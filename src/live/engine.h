@@ -81,6 +81,8 @@ void lf_advance(LiveAc& ac);
 double lf_avgSpeed(const LiveAc& ac);
 // The wanted tick of element 1, kept within the clamps; at least the current tick.
 std::int32_t lf_retime(const LiveAc& ac, std::int32_t wanted);
+// A tick for element 1 no sooner than the aircraft can get there.
+std::int32_t lf_speedCap(const LiveAc& ac, std::int32_t tick);
 
 // Controls: each sends only a change.
 void gf_setFlaps(LiveAc& ac, std::int32_t index);

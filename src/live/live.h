@@ -35,6 +35,7 @@ struct Sample {
     bool hasBank = false;
     double trueHeading = 0;
     bool hasTrueHeading = false;
+    double feedTime = 0; // seconds of the feed; 0 for a point made up here
 };
 
 // The path ahead of an aircraft, element 0 the point already reached. A ring of fixed size inside
@@ -136,6 +137,7 @@ struct LiveAc : AcIdentity {
     std::int32_t parkedSinceDay = 0, parkedSinceHalfHour = 0, standId = 0;
     SimState simState = SimState::Buffer;
     std::int32_t throttleIndex = 5, flapsIndex = 4; // 5 and 4: not set yet, so the first set goes out
+    std::int8_t gearState = -1, spoilersState = -1; // -1: not set yet
     bool cargoStand = false;
     bool removeWhenCreated = false, dropNow = false, dropSilently = false;
     // The position block sent each frame, in this order.
@@ -143,6 +145,8 @@ struct LiveAc : AcIdentity {
     // Stream and motion.
     SampleStream stream;
     double lastTimestamp = 0;
+    double lastFeedSpeed = 0; // the speed of the last point taken from the feed
+    LatLonPos lastFeedPos;    // and where it was
     LatLonPos lastCheckedPos;
     std::int64_t parkedWallClock = 0;
     std::int32_t extrapolateCount = 0, holdStartTick = 0;

@@ -121,6 +121,7 @@ void lf_splitSegment(LiveAc& ac) {
     m.tick = static_cast<std::int32_t>(std::lround((static_cast<double>(a.tick) + b.tick) / 2.0));
     m.stationary = false;
     m.airborne = m.alt > 0;
+    m.feedTime = a.feedTime > 0 && b.feedTime > 0 ? (a.feedTime + b.feedTime) / 2 : 0;
     // Insert as element 1: take element 0 off, put the middle and it back in front.
     const Sample head = st[0];
     st.pop_front();
@@ -143,7 +144,7 @@ void lf_setNextTick(LiveAc& ac, std::int32_t dt) {
         const std::int32_t t = st[1].tick;
         w = std::clamp(w, t - ac.earlyLimit, t + ac.lateLimit);
     }
-    st[1].tick = std::max(w, gEngine.tick);
+    st[1].tick = lf_speedCap(ac, std::max(w, gEngine.tick));
 }
 
 void lf_nextTimeGround(LiveAc& ac) {
@@ -157,7 +158,14 @@ void lf_nextTimeGround(LiveAc& ac) {
     }
     ac.currentTurnRate = ac.turnRate;
     const double distance = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
-    const std::int32_t ticks = std::max(roundTicks(distance * 360000.0 / lf_avgSpeed(ac)), 25);
+    double speed = lf_avgSpeed(ac);
+    // Ground speeds in the feed are often stale: when the points' own spacing says otherwise by
+    // more than half, the points are believed, so the aircraft neither races nor stops.
+    if (st[0].feedTime > 0 && st[1].feedTime > st[0].feedTime) {
+        const double measured = distanceNm(st[0], st[1]) / (st[1].feedTime - st[0].feedTime) * 3600.0;
+        if (measured >= 1.0 && (speed > 2 * measured || speed < measured / 2)) speed = measured;
+    }
+    const std::int32_t ticks = std::max(roundTicks(distance * 360000.0 / speed), 25);
     const bool curve = !std::isnan(ac.curveControlX);
     if (curve || ac.turningInPlace) {
         const double angle = ac.turningInPlace ? ac.turnAngle : ac.curveAngle;

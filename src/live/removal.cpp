@@ -69,6 +69,7 @@ void lf_onRemoved(std::uint32_t objectId) {
         ac.objectId = 0;
         ac.throttleIndex = 5;
         ac.flapsIndex = 4;
+        ac.gearState = ac.spoilersState = -1;
         return;
     }
     if (ac.flightPlanCreated) {
