@@ -1,0 +1,372 @@
+// Geometry and timing of ground movement, take-off and landing.
+#include <cmath>
+
+#include <gtest/gtest.h>
+
+#include "app/app.h"
+#include "live/engine.h"
+#include "program_home.h"
+#include "sim/sim.h"
+
+namespace orv::live {
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kDeg = kPi / 180.0;
+constexpr double kLat = 44.88, kLon = -93.22;
+constexpr double kMetresPerDegree = 111132.95;
+
+// A point `east` and `north` metres from the reference.
+Sample at(double east, double north, std::int32_t tick, double speed = 15, bool airborne = false,
+          double alt = 0) {
+    Sample s;
+    s.lat = kLat + north / kMetresPerDegree;
+    s.lon = kLon + east / (kMetresPerDegree * std::cos(kLat * kDeg));
+    s.tick = tick, s.speed = s.tas = speed, s.airborne = airborne, s.alt = alt;
+    return s;
+}
+
+class MotionTest : public test::ProgramHome {
+  protected:
+    void SetUp() override {
+        ProgramHome::SetUp();
+        live::reset();
+        reserveContainers();
+        setCurrentAirport(AirportPlace{kLat, kLon, 841});
+        gQnh = 1013;
+    }
+    void TearDown() override {
+        live::reset();
+        setCurrentAirport(std::nullopt);
+        gQnh = 1013;
+        ProgramHome::TearDown();
+    }
+    // A Large on the ground at the reference point, in the simulator.
+    LiveAc& aircraft(bool onGround = true) {
+        AcIdentity id;
+        id.callsign = "DAL1";
+        id.modelCode = gf_modelId("B739");
+        auto& t = gEngine.liveTable;
+        t.push_back(gf_makeLiveAc(id, 20001, gEngine.rng));
+        LiveAc& ac = t.back();
+        ac.simState = SimState::Active;
+        ac.objectId = 200;
+        ac.onGround = onGround;
+        ac.phase = onGround ? Phase::Taxi : Phase::Flying;
+        ac.lat = kLat, ac.lon = kLon, ac.alt = onGround ? 849 : 3000;
+        ac.cgHeight = 8;
+        return ac;
+    }
+    static std::vector<std::pair<std::uint32_t, std::uint32_t>> sent() {
+        std::vector<std::pair<std::uint32_t, std::uint32_t>> out;
+        for (const auto& e : gEngine.out.events) out.emplace_back(e.eventId, e.data);
+        return out;
+    }
+    static bool wasSent(std::uint32_t event, std::uint32_t data) {
+        const auto s = sent();
+        return std::find(s.begin(), s.end(), std::pair{event, data}) != s.end();
+    }
+};
+
+TEST_F(MotionTest, BezierPointsAndTangents) {
+    LiveAc& ac = aircraft();
+    ac.stream.push_back(at(0, 0, 0));
+    ac.stream.push_back(at(100, 0, 500));    // control point
+    ac.stream.push_back(at(100, 100, 1000)); // end
+    lf_prepareCurve(ac);
+    ASSERT_EQ(ac.stream.size(), 2u) << "the control point leaves the stream";
+    struct Case {
+        double t, east, north, tangentDeg;
+    };
+    const Case cases[] = {{0, 0, 0, 90}, {0.5, 75, 25, 45}, {1, 100, 100, 0}, {0.25, 43.75, 6.25, 71.565}};
+    for (const auto& c : cases) {
+        double lat = 0, lon = 0, tangent = 0;
+        ASSERT_TRUE(gf_curvePoint(ac, c.t, lat, lon, tangent)) << c.t;
+        EXPECT_NEAR((lat - kLat) * kMetresPerDegree, c.north, 0.01) << c.t;
+        EXPECT_NEAR((lon - kLon) * kMetresPerDegree * std::cos(kLat * kDeg), c.east, 0.01) << c.t;
+        EXPECT_NEAR(tangent / kDeg, c.tangentDeg, 0.01) << c.t;
+    }
+    double lat, lon, tangent;
+    EXPECT_FALSE(gf_curvePoint(ac, 1.01, lat, lon, tangent));
+    EXPECT_FALSE(gf_curvePoint(ac, -0.01, lat, lon, tangent));
+    ac.curveControlX = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_FALSE(gf_curvePoint(ac, 0.5, lat, lon, tangent)) << "no curve set";
+}
+
+TEST_F(MotionTest, SplitsAndSpeedChanges) {
+    LiveAc& ac = aircraft();
+    ac.stream.push_back(at(0, 0, 100, 10));
+    ac.stream.push_back(at(0, 200, 301, 20));
+    lf_splitSegment(ac);
+    ASSERT_EQ(ac.stream.size(), 3u);
+    const Sample& m = ac.stream[1];
+    EXPECT_NEAR((m.lat - kLat) * kMetresPerDegree, 100, 0.01);
+    EXPECT_EQ(m.tick, 201);
+    EXPECT_EQ(m.speed, 15);
+    EXPECT_FALSE(m.stationary);
+    EXPECT_FALSE(m.airborne);
+
+    struct Case {
+        double s0, s1, metres;
+        bool split;
+    };
+    const Case cases[] = {
+        {0, 20, 200, true},  {0, 4, 200, false},  // differ by 5 kt or less
+        {10, 20, 50, false}, {10, 20, 101, true}, // shorter than 100 m
+        {0, 0, 300, false},
+    };
+    for (const auto& c : cases) {
+        ac.stream.clear();
+        ac.stream.push_back(at(0, 0, 0, c.s0));
+        ac.stream.push_back(at(0, c.metres, 1000, c.s1));
+        lf_checkSpeedChange(ac);
+        EXPECT_EQ(ac.stream.size(), c.split ? 3u : 2u) << c.s0 << " " << c.s1 << " " << c.metres;
+    }
+}
+
+TEST_F(MotionTest, TimingClampsAndTheirDecay) {
+    LiveAc& ac = aircraft();
+    gEngine.tick = 10000;
+    struct Case {
+        const char* name;
+        std::int32_t recordedTick, dt, extrapolate, expected;
+    };
+    const Case cases[] = {
+        {"on time", 10500, 500, 0, 10500},
+        {"too late: held at T + lateLimit", 10500, 5000, 0, 11500},
+        {"too early: held at T - earlyLimit", 12000, 100, 0, 11000},
+        {"extrapolating: as wanted", 10500, 5000, 1, 15000},
+        {"never in the past", 5000, 100, 0, 10000},
+    };
+    for (const auto& c : cases) {
+        ac.stream.clear();
+        ac.stream.push_back(at(0, 0, 9000, 0));
+        ac.stream.push_back(at(0, 0, c.recordedTick, 0));
+        ac.extrapolateCount = c.extrapolate;
+        lf_setNextTick(ac, c.dt);
+        EXPECT_EQ(ac.stream[1].tick, c.expected) << c.name;
+    }
+    // A segment of a metre is still given 25 ticks.
+    ac.extrapolateCount = 1;
+    ac.stream.clear();
+    ac.stream.push_back(at(0, 0, 10000, 20));
+    ac.stream.push_back(at(0, 1, 10000, 20));
+    lf_nextTimeGround(ac);
+    EXPECT_EQ(ac.stream[1].tick, 10025);
+    // Clamps widened after a stand or landing fall back by 100 per ground segment, to 1000.
+    ac.extrapolateCount = 0;
+    ac.earlyLimit = 3000, ac.lateLimit = 1050;
+    ac.stream.clear();
+    ac.stream.push_back(at(0, 0, 10000, 20));
+    ac.stream.push_back(at(0, 50, 10500, 20));
+    lf_setGroundSegment(ac, 500);
+    EXPECT_EQ(ac.earlyLimit, 2900);
+    EXPECT_EQ(ac.lateLimit, 1000);
+    ac.rollout = true;
+    lf_setGroundSegment(ac, 500);
+    EXPECT_EQ(ac.earlyLimit, 2900) << "not during the roll-out";
+}
+
+TEST_F(MotionTest, PushBackGeometryAndTailSide) {
+    for (const bool left : {true, false}) {
+        live::reset();
+        LiveAc& ac = aircraft();
+        ac.phase = Phase::Parked;
+        ac.standId = 7;
+        ac.standPos = {kLat, kLon};
+        ac.standHeading = 0; // nose north
+        ac.heading = 0;
+        ac.pushRequested = true;
+        ac.stream.push_back(at(0, 0, 0, 0));
+        ac.stream.push_back(at(0, -30, 500, 3)); // moving south: behind the stand
+        nextPosGround(ac);
+        ASSERT_EQ(ac.phase, Phase::PushingBack);
+        EXPECT_EQ(ac.pushCounter, 2);
+        // Straight back 2.5 stand radii (the stand fits the aircraft: its half size), split in two,
+        // then the tail point on one side.
+        ASSERT_EQ(ac.stream.size(), 4u);
+        const double back = 2.5 * ac.halfSize * 1852.0;
+        const Sample& p1 = ac.stream[2];
+        EXPECT_NEAR((p1.lat - kLat) * kMetresPerDegree, -back, 0.5);
+        EXPECT_NEAR(p1.lon, kLon, 1e-7);
+        EXPECT_NEAR((ac.stream[1].lat - kLat) * kMetresPerDegree, -back / 2, 0.5);
+        const auto eastOf = [](const Sample& s) {
+            return (s.lon - kLon) * kMetresPerDegree * std::cos(kLat * kDeg);
+        };
+        EXPECT_NEAR(eastOf(ac.stream[3]), ac.halfSize * 1852.0, 0.5) << "P3 east";
+        EXPECT_NEAR(eastOf(ac.pushTailSample), -ac.halfSize * 1852.0, 0.5) << "P2 west";
+        // The feed's first track after the push began sets the side the tail swings to.
+        Sample next = at(0, -40, 900, 3);
+        next.track = left ? 10 : 350;
+        EXPECT_FALSE(checkExtendingSituations(ac, next)) << "samples during a push are dropped";
+        EXPECT_TRUE(ac.turnPlanned);
+        EXPECT_EQ(ac.turnLeft, left);
+        ac.stream.pop_front(); // the first half of the push was flown
+        nextPosGround(ac);
+        EXPECT_EQ(ac.pushCounter, 1);
+        EXPECT_EQ(ac.curveAngle, 90);
+        ASSERT_EQ(ac.stream.size(), 2u);
+        EXPECT_NEAR(eastOf(ac.stream[1]), (left ? -1 : 1) * ac.halfSize * 1852.0, 0.5);
+    }
+}
+
+TEST_F(MotionTest, RotationTest) {
+    struct Case {
+        const char* name;
+        bool air1, air2;
+        double speed1, vs1, vs2;
+        bool rotates;
+        bool fullStep; // dAlt the category's climb step, else from the altitudes
+    };
+    const Case cases[] = {
+        {"still on the runway", false, false, 150, 0, 0, false, false},
+        {"airborne and fast", true, true, 150, 0, 0, true, true},
+        {"airborne but slower than the rotate speed", true, true, 120, 0, 0, false, false},
+        {"one not yet airborne", true, false, 150, 0, 0, false, false},
+        {"climbing, one on the ground", true, false, 150, 800, 900, true, true},
+        {"climbing, all airborne", true, true, 150, 800, 900, true, false},
+    };
+    for (const auto& c : cases) {
+        live::reset();
+        LiveAc& ac = aircraft();
+        ac.takingOff = true;
+        ac.pitch = ac.groundPitch;
+        gEngine.tick = 1000;
+        ac.stream.push_back(at(0, 0, 1000, 100));
+        Sample s1 = at(0, 300, 1400, c.speed1, c.air1, c.air1 ? 900 : 0);
+        s1.vs = c.vs1;
+        Sample s2 = at(0, 600, 1800, c.speed1, c.air2, c.air2 ? 1000 : 0);
+        s2.vs = c.vs2;
+        ac.stream.push_back(s1);
+        ac.stream.push_back(s2);
+        lf_setGroundSegment(ac, 400);
+        EXPECT_EQ(ac.phase == Phase::TakeOff, c.rotates) << c.name;
+        if (!c.rotates) continue;
+        EXPECT_EQ(ac.rotateCounter, gf_categoryData(Category::Large).rotateTicks) << c.name;
+        EXPECT_NEAR(ac.dPitch, (ac.rotatePitch - ac.groundPitch) / ac.rotateCounter, 1e-12) << c.name;
+        if (c.fullStep)
+            EXPECT_EQ(ac.dAlt, ac.maxClimbStep) << c.name;
+        else
+            EXPECT_NEAR(ac.dAlt, (900 - 849) / 400.0, 1e-9) << c.name;
+    }
+    // A rotorcraft has no rotate speed: it is never held back by one.
+    EXPECT_EQ(gf_categoryData(Category::Rotorcraft).rotateSpeed, 0);
+}
+
+TEST_F(MotionTest, AirSegmentCases) {
+    struct Case {
+        const char* name;
+        bool air0, air1, landing;
+        double alt, alt1, vs0, vs1, agl;
+        int qnh;
+        double dAlt;
+        bool gearDown;
+    };
+    const double dt = 1000;
+    const Case cases[] = {
+        {"1: landing, level at low height: a made-up sink", true, true, true, 1500, 1500, 0, 0, 500, 1013,
+         -601 / 6000.0, false},
+        {"1: landing, descending: to the next point", true, true, true, 1500, 1400, -600, -600, 500, 1013,
+         -100 / dt, false},
+        {"2: low and slow climb: at least 0.2 ft a tick", true, true, false, 1500, 1550, 0, 0, 500, 1013, 0.2,
+         false},
+        {"2: low, steep climb: at most the climb step", true, true, false, 1500, 3000, 0, 0, 500, 1013, 0.6,
+         false},
+        {"2: high descent: to the next point", true, true, false, 9000, 8000, 0, 0, 5000, 1013, -1.0, false},
+        {"3: down to a known airport", true, false, false, 1200, 0, -700, -700, 350, 1013,
+         (841 + 8 - 1200) / dt, true},
+        {"3: high QNH: by vertical speed", true, false, false, 1200, 0, -700, -700, 350, 1030,
+         (-700 - (1030 - 1013.25) * 6) / 6000.0, true},
+        {"4: leaving the ground", false, true, false, 849, 1500, 0, 1500, 0, 1013, 0.6, false},
+        {"5: on ground points while landing", false, false, true, 900, 0, -600, -600, 50, 1013, -600 / 6000.0,
+         true},
+        {"5: ground points, yet climbing", false, false, false, 900, 0, 800, 800, 50, 1013, 800 / 6000.0,
+         true},
+        {"5: ground points, climbing slowly", false, false, false, 900, 0, 100, 300, 50, 1013, 601 / 6000.0,
+         true},
+    };
+    for (const auto& c : cases) {
+        live::reset();
+        gQnh = c.qnh;
+        LiveAc& ac = aircraft(false);
+        ac.landing = c.landing;
+        ac.alt = c.alt;
+        ac.heightAgl = c.agl;
+        gEngine.tick = 0;
+        Sample s0 = at(0, 0, 0, 140, c.air0, c.air0 ? c.alt : 0);
+        s0.vs = c.vs0;
+        Sample s1 = at(0, 2000, 1000, 140, c.air1, c.alt1);
+        s1.vs = c.vs1;
+        ac.stream.push_back(s0);
+        ac.stream.push_back(s1);
+        lf_setAirSegment(ac, static_cast<std::int32_t>(dt));
+        EXPECT_NEAR(ac.dAlt, c.dAlt, 1e-6) << c.name;
+        EXPECT_EQ(wasSent(sim::kGearSet, 1), c.gearDown) << c.name;
+        gEngine.out.events.clear();
+    }
+}
+
+TEST_F(MotionTest, FlareStagesAndTouchdown) {
+    LiveAc& ac = aircraft(false);
+    ac.landing = true;
+    ac.alt = 841 + 60;
+    ac.pitch = -1 * kDeg;
+    ac.dAlt = -0.1;
+    ac.stream.push_back(at(0, 0, 0, 130, false, 0));
+    struct Step {
+        double agl;
+        std::uint32_t stage;
+        double dAlt;
+    };
+    const Step steps[] = {{60, 0, -0.1}, {37, 1, -0.1}, {27, 2, -0.075}, {17, 3, -0.05}, {10, 4, -0.025}};
+    for (const auto& s : steps) {
+        ac.heightAgl = s.agl;
+        ac.alt = 841 + s.agl;
+        lf_attitude(ac);
+        EXPECT_EQ(ac.flareStage, s.stage) << s.agl;
+        EXPECT_DOUBLE_EQ(ac.dAlt, s.dAlt) << s.agl;
+    }
+    EXPECT_EQ(ac.throttleIndex, 0) << "idle from the third stage";
+    for (int i = 0; i < 1000; ++i) lf_attitude(ac);
+    EXPECT_NEAR(ac.pitch, -4 * kDeg, 1e-9) << "the nose stops at 4 degrees up";
+
+    // The feed's ground flag only plans the touchdown: the simulator's own flag makes it.
+    lf_inRangeReport(ac, false, 841, 9);
+    EXPECT_FALSE(ac.onGround);
+    gEngine.out.events.clear();
+    lf_inRangeReport(ac, true, 841, 8);
+    EXPECT_TRUE(ac.onGround);
+    EXPECT_TRUE(ac.rollout);
+    EXPECT_TRUE(ac.derotating);
+    EXPECT_TRUE(ac.justLanded);
+    EXPECT_FALSE(ac.landing);
+    EXPECT_EQ(ac.alt, 841 + 8);
+    EXPECT_TRUE(wasSent(sim::kSpoilersSet, 16383));
+    EXPECT_NEAR(ac.dPitch, (ac.groundPitch - ac.pitch) / ac.derotateTicks, 1e-12);
+    for (int i = 0; i < ac.derotateTicks + 1; ++i) lf_attitude(ac);
+    EXPECT_FALSE(ac.derotating);
+    EXPECT_EQ(ac.flareStage, 0u);
+    EXPECT_DOUBLE_EQ(ac.pitch, ac.groundPitch);
+}
+
+// Above 2,400 ft AGL an aircraft is clean, whatever its vertical speed.
+TEST_F(MotionTest, CleanAboveTwoThousandFourHundredFeet) {
+    for (const double vs : {-1500.0, 0.0, 1500.0}) {
+        live::reset();
+        LiveAc& ac = aircraft(false);
+        ac.alt = 4000;
+        ac.heightAgl = 2500;
+        ac.flapsIndex = 2;
+        ac.gearState = 1;
+        ac.stream.push_back(at(0, 0, 0, 200, true, 4000));
+        Sample s1 = at(0, 3000, 1000, 200, true, 4000);
+        s1.vs = vs;
+        ac.stream.push_back(s1);
+        lf_setAirSegment(ac, 1000);
+        EXPECT_EQ(ac.flapsIndex, 0) << vs;
+        EXPECT_EQ(ac.gearState, 0) << vs;
+    }
+}
+
+} // namespace
+} // namespace orv::live
