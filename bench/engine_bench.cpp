@@ -50,6 +50,7 @@ using namespace orv::live;
 
 constexpr int kAircraft = 1000;
 constexpr double kCentreLat = 44.882, kCentreLon = -93.2218;
+constexpr double kDeg = 3.14159265358979 / 180;
 
 struct Home {
     fs::path dir;
@@ -67,8 +68,10 @@ struct Home {
     }
 };
 
-// Aircraft spread over 40 nm, each on a straight track with a point every 8 s for 20 minutes.
-void fillTable(std::mt19937& rng) {
+// Aircraft spread over 40 nm, each on a straight track with a point every 8 s for 20 minutes; the
+// first `taxiing` of them on the ground instead, zig-zagging at 15 kt with a turn every 100 m, so
+// that every segment is a curve.
+void fillTable(std::mt19937& rng, int taxiing) {
     live::reset();
     reserveContainers();
     sim::reset();
@@ -98,13 +101,29 @@ void fillTable(std::mt19937& rng) {
             ac.stream.push_back(s);
         }
         ac.lastTimestamp = 1e9;
+        if (i < taxiing) {
+            ac.stream.clear();
+            ac.phase = Phase::Taxi;
+            ac.onGround = true;
+            ac.alt = 841;
+            double lat = ac.lat, lon = ac.lon, hdg = h;
+            for (int k = 0; k < 150; ++k) {
+                Sample s;
+                s.lat = lat, s.lon = lon, s.alt = 0, s.speed = s.tas = 15, s.track = hdg / kDeg;
+                s.tick = 1300 * k;
+                ac.stream.push_back(s);
+                hdg += (k % 2 ? 1 : -1) * (30 + 10 * (k % 6)) * kDeg;
+                lat += 100.0 / 111132.95 * std::cos(hdg);
+                lon += 100.0 / (111132.95 * std::cos(lat * kDeg)) * std::sin(hdg);
+            }
+        }
     }
 }
 
-void BM_EngineFrame1000InFlight(benchmark::State& state) {
+void engineFrames(benchmark::State& state, int taxiing) {
     static Home home;
     std::mt19937 rng(42);
-    fillTable(rng);
+    fillTable(rng, taxiing);
     // Two new points a frame, as the queue gives them at most.
     TrafficSample next;
     next.modelCode = gf_modelId("B739");
@@ -146,12 +165,27 @@ void BM_EngineFrame1000InFlight(benchmark::State& state) {
     state.counters["p99_us"] = times[times.size() * 99 / 100] * 1e6;
     state.counters["max_us"] = times.back() * 1e6;
     state.counters["allocs_per_frame"] = static_cast<double>(allocated) / static_cast<double>(frames);
-    std::size_t active = 0;
-    for (const auto& ac : gEngine.liveTable) active += ac.simState == SimState::Active;
+    std::size_t active = 0, curving = 0;
+    for (const auto& ac : gEngine.liveTable) {
+        active += ac.simState == SimState::Active;
+        curving += !std::isnan(ac.curveControlX);
+    }
     state.counters["active_at_end"] = static_cast<double>(active);
+    state.counters["on_curves_at_end"] = static_cast<double>(curving);
     live::reset();
     sim::reset();
 }
+
+void BM_EngineFrame1000InFlight(benchmark::State& state) {
+    engineFrames(state, 0);
+}
+void BM_EngineFrame500Flying500TaxiingOnCurves(benchmark::State& state) {
+    engineFrames(state, 500);
+}
 BENCHMARK(BM_EngineFrame1000InFlight)->UseManualTime()->Iterations(30000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_EngineFrame500Flying500TaxiingOnCurves)
+    ->UseManualTime()
+    ->Iterations(30000)
+    ->Unit(benchmark::kMicrosecond);
 
 } // namespace
