@@ -6,12 +6,17 @@
 #include <map>
 #include <numeric>
 #include <stdexcept>
+#include <unistd.h>
 
 #include <fmt/format.h>
+#include <iostream>
+#include <nlohmann/json.hpp>
 
 #include "app/app.h"
 #include "feed/feed.h"
 #include "live/live.h"
+#include "liveries/liveries.h"
+#include "params/params.h"
 #include "refdata/refdata.h"
 #include "sim/sim.h"
 
@@ -328,6 +333,98 @@ std::string formatReport(const std::vector<AircraftMotion>& report) {
             s += fmt::format("  at rest from {:.1f} s at {:.6f},{:.6f}\n", m.restT, m.restLat, m.restLon);
     }
     return s;
+}
+
+std::vector<std::string> prepareHome(const std::filesystem::path& input,
+                                     const std::filesystem::path& community,
+                                     const std::filesystem::path& work) {
+    namespace fs = std::filesystem;
+    fs::create_directories(work / "input");
+    gPaths.programFolder = work;
+    gPaths.dataFolder = work;
+    for (const char* name : {"dbase.enc", "airports.enc", "AIG-regcodes.enc"})
+        fs::copy_file(input / name, work / "input" / name, fs::copy_options::overwrite_existing);
+    if (!gf_loadDbase(work / "input/dbase.enc"))
+        throw std::runtime_error("the reference database can't be read");
+    gf_loadAirports(work / "input/airports.enc");
+    liveries::gStore.reset();
+    liveries::gf_clearReports();
+    liveries::gf_clearTitleSet();
+    liveries::gf_resetMatching();
+    liveries::gf_readDontUseTitles();
+    if (!liveries::lf_scanFolders(liveries::lf_collectAutomaticFolders(community)))
+        throw std::runtime_error(fmt::format("the liveries of {} can't be scanned", community.string()));
+    liveries::gf_processLiveries();
+    return emu::titlesUnder(community);
+}
+
+int gf_scenarioMain(const std::vector<std::string>& args, const std::filesystem::path& programFolder) {
+    namespace fs = std::filesystem;
+    fs::path file;
+    bool report = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--scenario" && i + 1 < args.size())
+            file = args[++i];
+        else if (args[i] == "--report")
+            report = true;
+        else {
+            std::cerr << fmt::format("unknown option '{}'; usage: orvelline --scenario FILE [--report]\n",
+                                     args[i]);
+            return 2;
+        }
+    }
+    if (file.empty()) {
+        std::cerr << "usage: orvelline --scenario FILE [--report]\n";
+        return 2;
+    }
+    const fs::path work = fs::temp_directory_path() / fmt::format("orvelline-scenario-{}", ::getpid());
+    try {
+        std::vector<std::string> text;
+        if (auto r = gf_readAllLines(file, text, 64); std::holds_alternative<std::string>(r))
+            throw std::runtime_error("the file cannot be opened");
+        std::string whole;
+        for (const auto& l : text) whole += l + "\n";
+        const auto j = nlohmann::json::parse(whole);
+        const fs::path base = file.parent_path();
+        const auto path = [&](const char* key, const char* fallback) {
+            const fs::path p = j.value(key, std::string(fallback));
+            return p.is_absolute() ? p : base / p;
+        };
+        Config c;
+        c.recording = path("recording", "");
+        c.airport = j.at("airport").get<std::string>();
+        c.fromSeconds = j.value("from", 0.0);
+        c.toSeconds = j.value("to", 1e12);
+        c.runSeconds = j.value("run", 600.0);
+        c.qnh = j.value("qnh", 1013);
+        c.overlayFlights = j.value("overlay", false);
+        fs::create_directories(work);
+        gf_openLog(work / "Log.txt");
+        c.titles = prepareHome(programFolder / "input", path("community", "../liveries/Community"), work);
+        const auto result = run(c);
+        if (!result.error.empty()) throw std::runtime_error(result.error);
+        std::cout << fmt::format("{}: {} s of {} at {}; {} objects created\n", file.string(), c.runSeconds,
+                                 c.recording.filename().string(), c.airport, result.objects.size());
+        for (const auto& o : result.objects)
+            std::cout << fmt::format("  {} '{}' created at {:.1f} s, {}, {} positions, {} events\n", o.tail,
+                                     o.title, o.createdAt,
+                                     o.removedAt >= 0 ? fmt::format("removed at {:.1f} s", o.removedAt)
+                                                      : std::string("still there"),
+                                     o.positions.size(), o.events.size());
+        if (report)
+            std::cout << formatReport(
+                motionReport(result, readRunways(path("runways", "../recordings/runways.csv"))));
+        gf_closeLog();
+        std::error_code ec;
+        fs::remove_all(work, ec);
+        return 0;
+    } catch (const std::exception& e) {
+        std::cerr << fmt::format("scenario {}: {}\n", file.string(), e.what());
+        gf_closeLog();
+        std::error_code ec;
+        fs::remove_all(work, ec);
+        return 1;
+    }
 }
 
 } // namespace orv::scenario

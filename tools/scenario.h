@@ -76,4 +76,13 @@ struct AircraftMotion {
 std::vector<AircraftMotion> motionReport(const Result& result, const std::vector<Runway>& runways);
 std::string formatReport(const std::vector<AircraftMotion>& report);
 
+// A program folder at `work` with the encrypted reference files of `input`, and the livery store
+// of a Community folder; returns the titles the emulated simulator can create. Throws on failure.
+std::vector<std::string> prepareHome(const std::filesystem::path& input,
+                                     const std::filesystem::path& community,
+                                     const std::filesystem::path& work);
+
+// `orvelline --scenario FILE [--report]`: a scenario described by a JSON file, run on virtual time.
+int gf_scenarioMain(const std::vector<std::string>& args, const std::filesystem::path& programFolder);
+
 } // namespace orv::scenario

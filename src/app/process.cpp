@@ -52,6 +52,9 @@ Fills a running flight simulator with real-world air traffic.
   --traffic-port N, --weather-port N  UDP ports of the feed (49005 and 49004)
   --realtraffic-bind ADDR           where the server for RealTraffic's control link listens
                                     (127.0.0.1; its port is the parameter PORT_NUMBER, 10747)
+  --scenario FILE [--report]        run a scenario file (a recording against the emulated
+                                    simulator, on virtual time) and print what was created,
+                                    with --report also the motion figures; see data/scenarios
   --help                            this text
 
 Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).
