@@ -342,6 +342,9 @@ TEST_F(MotionTest, FlareStagesAndTouchdown) {
     EXPECT_FALSE(ac.landing);
     EXPECT_EQ(ac.alt, 841 + 8);
     EXPECT_TRUE(wasSent(sim::kSpoilersSet, 16383));
+    ASSERT_EQ(gEngine.out.controls.size(), 1u);
+    EXPECT_EQ(gEngine.out.controls[0].spoilers, 100);
+    EXPECT_EQ(gEngine.out.controls[0].throttle1, -100) << "reverse thrust on the roll-out";
     EXPECT_NEAR(ac.dPitch, (ac.groundPitch - ac.pitch) / ac.derotateTicks, 1e-12);
     for (int i = 0; i < ac.derotateTicks + 1; ++i) lf_attitude(ac);
     EXPECT_FALSE(ac.derotating);

@@ -171,6 +171,7 @@ TEST_F(ScenarioTest, KmspLandingTaxiToG11) {
     EXPECT_LT(m.pathP95AirM, 10.0);
     EXPECT_LT(m.pathP95GroundM, 15.0);
     EXPECT_LT(m.p95AirM, 700.0) << "30 s behind within the clamps";
+    EXPECT_EQ(r.objects[0].throttle1, 0) << "reversers stowed after the roll-out";
     // Configured for landing, then spoilers at touchdown, flaps up and taxi lights off the runway.
     EXPECT_TRUE(inOrder(eventNames(r.objects[0]),
                         {"FLAPS_SET 16383", "GEAR_SET 1", "SPOILERS_SET 16383", "FLAPS_SET 3072",

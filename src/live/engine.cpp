@@ -234,6 +234,11 @@ void lf_setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, b
     for (const auto& [event, on] : lights) lf_command(objectId, event, on ? 1 : 0);
 }
 
+void lf_setReverser(LiveAc& ac, double spoilers, double throttle) {
+    if (ac.category == Category::Light || ac.objectId == 0) return;
+    gEngine.out.controls.push_back({ac.objectId, spoilers, throttle, throttle});
+}
+
 void lf_setParkedLights(LiveAc& ac) {
     lf_setThrottle(ac, 0);
     gf_setFlaps(ac, 0);

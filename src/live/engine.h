@@ -92,6 +92,9 @@ void lf_setSpoilers(LiveAc& ac, bool on);
 void lf_setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, bool taxi, bool strobes,
                   bool logo, bool cabin);
 void lf_setParkedLights(LiveAc& ac);
+// Spoilers handle and both throttle levers as data (percent); negative throttle is reverse. Not
+// for light aircraft.
+void lf_setReverser(LiveAc& ac, double spoilers, double throttle);
 
 // Removal.
 void removeAircraftFromSim(LiveAc& ac);
@@ -113,6 +116,8 @@ void lf_nextTimeGround(LiveAc& ac);
 void lf_setGroundSegment(LiveAc& ac, std::int32_t dt);
 void lf_setAirSegment(LiveAc& ac, std::int32_t dt);
 bool checkExtendingSituations(LiveAc& ac, Sample& sample);
+// A stand for an aircraft that stopped, or is about to; stands come with the airport files.
+bool try2Park(LiveAc& ac, bool justLanded);
 bool checkNewPosDuringLanding(LiveAc& ac, Sample& sample);
 bool lf_filterSample(LiveAc& ac, Sample& sample);
 void lf_setNextTick(LiveAc& ac, std::int32_t dt);

@@ -368,7 +368,25 @@ void nextPosGround(LiveAc& ac) {
             ac.turningInPlace = ac.turnAngle > 3;
         }
     }
+    // A stop at the end of the stream may be at a stand.
+    if (!st.empty() && st.back().stationary && ac.phase == Phase::Taxi) {
+        const bool fromStand =
+            !ac.towed && (ac.previousPhase == Phase::Parked || ac.previousPhase == Phase::PushingBack ||
+                          ac.previousPhase == Phase::PushedBack);
+        if (!fromStand) {
+            if (ac.extrapolateCount >= 1)
+                try2Park(ac, ac.justLanded);
+            else if (st.size() > 1 && st[1].speed <= 5 &&
+                     gf_distanceNmOf(ac.lat, ac.lon, st.back().lat, st.back().lon) <= 0.018898)
+                try2Park(ac, false);
+        }
+    }
     lf_nextTimeGround(ac);
+}
+
+bool try2Park(LiveAc& ac, bool) {
+    if (ac.stream.empty()) gf_log(fmt::format("{} empty sz?", "try2Park"));
+    return false;
 }
 
 void lf_setGroundSegment(LiveAc& ac, std::int32_t) {
@@ -393,9 +411,11 @@ void lf_setGroundSegment(LiveAc& ac, std::int32_t) {
             ac.rollout = false;
             lf_setThrottle(ac, rotorcraft(ac) ? 4 : 0);
             lf_setSpoilers(ac, false);
+            lf_setReverser(ac, 0, 0);
             lf_setLights(ac.objectId, true, true, false, true, false, true, true);
         } else if (std::max(s0, s1) <= 90) {
             lf_setSpoilers(ac, false);
+            if (ac.spoilersState != 0 || ac.flapsIndex != 1) lf_setReverser(ac, 0, 0);
             gf_setFlaps(ac, 1);
         }
     } else {
@@ -600,7 +620,7 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
         return false;
     }
     case Phase::PushingBack:
-        if (ac.pushCounter == 2) {
+        if (ac.pushCounter == 2 && !gParams.STRAIGHT_PBS_ONLY.load(std::memory_order_relaxed)) {
             double angle = 0;
             if (s.hasTrueHeading)
                 angle = gf_angleDiff(ac.heading, s.trueHeading);
@@ -917,6 +937,7 @@ void lf_inRangeReport(LiveAc& ac, bool simOnGround, double groundAlt, double hei
             ac.landing = false;
             ac.justLanded = true;
             lf_setSpoilers(ac, true);
+            lf_setReverser(ac, 100, ac.reverseThrust ? -100 : 100);
             const std::int32_t n = ac.derotateTicks;
             if (n > 0) {
                 ac.dBank = -ac.bank / n;

@@ -50,6 +50,8 @@ LiveAc gf_makeLiveAc(const AcIdentity& identity, std::uint32_t hexid, std::mt199
     ac.turnRate = ac.currentTurnRate = c.turnRate;
     ac.maxClimbStep = c.maxClimbStep;
     ac.standSpeed = c.standSpeed;
+    // Airliners and business jets reverse on the roll-out; light aircraft and rotorcraft can't.
+    ac.reverseThrust = ac.category != Category::Light && ac.category != Category::Rotorcraft;
     ac.flareTicks = c.flareTicks, ac.derotateTicks = c.derotateTicks;
     ac.rotateTicks = c.rotateTicks, ac.liftoffTicks = c.liftoffTicks;
     if (!identity.registration.empty())

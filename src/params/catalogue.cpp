@@ -226,6 +226,7 @@ void Parameters::takeFromCatalogue() {
     HIGH_PERF_AIRCRAFT = c.HIGH_PERF_AIRCRAFT.value;
     HOLDING_THRESHOLD_METERS = c.HOLDING_THRESHOLD_METERS.value;
     MAX_HOLDING_MINUTES = c.MAX_HOLDING_MINUTES.value;
+    STRAIGHT_PBS_ONLY = c.STRAIGHT_PBS_ONLY.value;
     try {
         PORT_NUMBER = std::stoi(c.PORT_NUMBER.value);
     } catch (const std::exception&) {

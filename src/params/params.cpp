@@ -23,6 +23,7 @@ void Parameters::reset() {
     LIGHT_AIRCRAFT = HELICOPTERS = HIGH_PERF_AIRCRAFT = true;
     HOLDING_THRESHOLD_METERS = 250;
     MAX_HOLDING_MINUTES = 20;
+    STRAIGHT_PBS_ONLY = false;
     DESTINATION.clear();
     BLOCK_CALLSIGN.clear();
     MSFS_PATH.clear();

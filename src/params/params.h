@@ -30,6 +30,7 @@ struct Parameters {
     std::atomic<bool> LIGHT_AIRCRAFT{true}, HELICOPTERS{true}, HIGH_PERF_AIRCRAFT{true};
     std::atomic<int> HOLDING_THRESHOLD_METERS{250};
     std::atomic<int> MAX_HOLDING_MINUTES{20};
+    std::atomic<bool> STRAIGHT_PBS_ONLY{false};
     // Written by the worker only.
     std::string DESTINATION;
     std::string BLOCK_CALLSIGN;

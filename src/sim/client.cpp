@@ -102,6 +102,7 @@ struct Shared {
     std::vector<EventRecord> eventList;
     std::vector<CreateRecord> createList;
     std::vector<DWORD> removeList;
+    std::vector<ControlsRecord> controlsList;
     UserData userData;
 };
 Shared shared;
@@ -422,7 +423,7 @@ void runWorkLists() {
     if (!lock.owns_lock()) return; // the engine is filling the lists: next frame
     if (failed) {
         shared.positionList.clear(), shared.eventList.clear(), shared.createList.clear(),
-            shared.removeList.clear();
+            shared.removeList.clear(), shared.controlsList.clear();
         return;
     }
     Api& api = *ts.api;
@@ -436,6 +437,14 @@ void runWorkLists() {
         api.SetDataOnSimObject(kDefAiPosition, p.objectId, 0, 0, 64, data.data());
     }
     shared.positionList.clear();
+    for (const auto& c : shared.controlsList) {
+        if (c.objectId <= user) continue;
+        std::array<std::uint8_t, 24> data;
+        const double values[3] = {c.spoilers, c.throttle1, c.throttle2};
+        std::memcpy(data.data(), values, sizeof values);
+        api.SetDataOnSimObject(kDefControls, c.objectId, 0, 0, 24, data.data());
+    }
+    shared.controlsList.clear();
     for (const auto& e : shared.eventList) {
         if (e.eventId == kFlapsSet) api.AIReleaseControl(e.objectId, kReqRelease);
         if (api.TransmitClientEvent(e.objectId, e.eventId, e.data, kGroup, 0) < 0)
@@ -725,10 +734,10 @@ bool addCreate(const CreateRecord& r) {
     return underSimLock([&] { shared.createList.push_back(r); });
 }
 void FrameLists::reserve(std::size_t n) {
-    positions.reserve(n), events.reserve(n), creates.reserve(64), removes.reserve(64);
+    positions.reserve(n), events.reserve(n), creates.reserve(64), removes.reserve(64), controls.reserve(64);
 }
 void FrameLists::clear() {
-    positions.clear(), events.clear(), creates.clear(), removes.clear();
+    positions.clear(), events.clear(), creates.clear(), removes.clear(), controls.clear();
 }
 
 bool handOver(FrameLists& l) {
@@ -740,7 +749,8 @@ bool handOver(FrameLists& l) {
         shared.eventList.insert(shared.eventList.end(), l.events.begin(), l.events.end());
         shared.createList.insert(shared.createList.end(), l.creates.begin(), l.creates.end());
         shared.removeList.insert(shared.removeList.end(), l.removes.begin(), l.removes.end());
-        l.events.clear(), l.creates.clear(), l.removes.clear();
+        shared.controlsList.insert(shared.controlsList.end(), l.controls.begin(), l.controls.end());
+        l.events.clear(), l.creates.clear(), l.removes.clear(), l.controls.clear();
     });
 }
 
@@ -874,6 +884,7 @@ void clearLists() {
     shared.eventList.clear();
     shared.createList.clear();
     shared.removeList.clear();
+    shared.controlsList.clear();
 }
 
 void reset() {

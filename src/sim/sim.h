@@ -79,6 +79,12 @@ struct PositionRecord {
 struct EventRecord {
     std::uint32_t objectId = 0, eventId = 0, data = 0;
 };
+// The three values of definition 401 (percent): spoilers handle and both throttle levers;
+// negative throttle is reverse thrust.
+struct ControlsRecord {
+    std::uint32_t objectId = 0;
+    double spoilers = 0, throttle1 = 0, throttle2 = 0;
+};
 struct CreateRecord {
     simconnect::SIMCONNECT_DATA_INITPOSITION init;
     std::string tailNumber; // the callsign
@@ -148,6 +154,7 @@ struct FrameLists {
     std::vector<EventRecord> events;
     std::vector<CreateRecord> creates;
     std::vector<std::uint32_t> removes;
+    std::vector<ControlsRecord> controls;
     void reserve(std::size_t n);
     void clear();
 };
