@@ -75,7 +75,7 @@ void printStatus() {
     std::cout << fmt::format(
                      "[{}] simulator: {}{}; {} liveries; RealTraffic: {}; traffic lines {} (queued {}, "
                      "dropped {}, ignored {}, failed {}), engine took {}; live aircraft: {} active, {} "
-                     "waiting, {} to create, {} leaving; weather: {}",
+                     "waiting, {} being created, {} leaving; weather: {}",
                      gf_timeText(), simText.empty() ? "waiting" : simText,
                      user ? fmt::format(", user at {:.4f},{:.4f} near {}", user->latitude, user->longitude,
                                         sim::nearestArea())
