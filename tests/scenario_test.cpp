@@ -134,6 +134,18 @@ double metres(double lat1, double lon1, double lat2, double lon2) {
     return gf_distanceNm({lat1, lon1}, {lat2, lon2}) * 1852.0;
 }
 
+// A run and its motion report, printed for the log of the test.
+struct Run {
+    scenario::Result result;
+    std::vector<scenario::AircraftMotion> report;
+};
+Run runAndReport(const scenario::Config& c) {
+    Run run{scenario::run(c), {}};
+    if (run.result.error.empty()) run.report = scenario::motionReport(run.result, runways());
+    std::printf("%s", scenario::formatReport(run.report).c_str());
+    return run;
+}
+
 constexpr double kG11Lat = 44.880425, kG11Lon = -93.209817; // gate G11, from the stand list
 
 TEST_F(ScenarioTest, KmspLandingTaxiToG11) {
@@ -145,10 +157,8 @@ TEST_F(ScenarioTest, KmspLandingTaxiToG11) {
     c.runSeconds = 500 + 30 + 300;
     c.qnh = 1035; // what the crew had set (nav_qnh of the recording)
     c.titles = titles;
-    const auto r = scenario::run(c);
+    const auto [r, report] = runAndReport(c);
     ASSERT_EQ(r.error, "");
-    const auto report = scenario::motionReport(r, runways());
-    std::printf("%s", scenario::formatReport(report).c_str());
     ASSERT_EQ(report.size(), 1u);
     const auto& m = report[0];
 
@@ -196,10 +206,8 @@ TEST_F(ScenarioTest, KmspDeparture) {
         if (phases.empty() || phases.back() != ac->phase) phases.push_back(ac->phase);
         mostNoseUp = std::min(mostNoseUp, ac->pitch);
     };
-    const auto r = scenario::run(c);
+    const auto [r, report] = runAndReport(c);
     ASSERT_EQ(r.error, "");
-    const auto report = scenario::motionReport(r, runways());
-    std::printf("%s", scenario::formatReport(report).c_str());
     ASSERT_EQ(report.size(), 1u);
     const auto& m = report[0];
     using P = live::Phase;
@@ -232,10 +240,8 @@ TEST_F(ScenarioTest, NoisyRecordingsMakeNoJumps) {
         c.airport = "LSZH";
         c.runSeconds = 1000;
         c.titles = titles;
-        const auto r = scenario::run(c);
+        const auto [r, report] = runAndReport(c);
         ASSERT_EQ(r.error, "");
-        const auto report = scenario::motionReport(r, runways());
-        std::printf("%s", scenario::formatReport(report).c_str());
         ASSERT_EQ(report.size(), 1u);
         const auto& m = report[0];
         // The recordings' outliers reach 759 kt; the aircraft never moves faster than an airliner
@@ -267,11 +273,9 @@ TEST_F(ScenarioTest, LszhFlightsTogether) {
         }
         mostAtOnce = std::max(mostAtOnce, active);
     };
-    const auto r = scenario::run(c);
+    const auto [r, report] = runAndReport(c);
     ASSERT_EQ(r.error, "");
     EXPECT_EQ(mostAtOnce, 3u);
-    const auto report = scenario::motionReport(r, runways());
-    std::printf("%s", scenario::formatReport(report).c_str());
     for (const auto& m : report) {
         SCOPED_TRACE(m.tail);
         // The path goes past every recorded point, on the ground and in the air: no shortcut, no

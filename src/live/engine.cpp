@@ -94,6 +94,18 @@ std::string failedKey(const LiveAc& ac) {
     return fmt::format("{} {} {}", ac.modelCode, ac.airlineCode, ac.registration);
 }
 
+// The livery ladder for this aircraft as it is now.
+liveries::MatchAircraft matchLivery(const LiveAc& ac) {
+    liveries::MatchAircraft m;
+    m.key = gf_airlineModelKey(ac.airlineCode, ac.modelCode);
+    m.regcode = ac.registration;
+    m.category = ac.category;
+    m.cargo = ac.isCargo;
+    m.description = lf_describeAc(ac);
+    liveries::gf_matchLiveLivery(m);
+    return m;
+}
+
 double distanceToUser(const LiveAc& ac) {
     const auto& u = gEngine.user;
     return gf_distanceNmOf(ac.lat, ac.lon, u.latitude, u.longitude);
@@ -673,13 +685,7 @@ Update spawnLiveAc(LiveAc& ac) {
         if (it != e.rememberedLiveries.end()) {
             ac.liveryTitle = it->second;
         } else {
-            liveries::MatchAircraft m;
-            m.key = gf_airlineModelKey(ac.airlineCode, ac.modelCode);
-            m.regcode = ac.registration;
-            m.category = ac.category;
-            m.cargo = ac.isCargo;
-            m.description = lf_describeAc(ac);
-            liveries::gf_matchLiveLivery(m);
+            const auto m = matchLivery(ac);
             if (m.title.empty()) {
                 if (!ac.registration.empty()) e.failedLiveries.insert(failedKey(ac));
                 ac.dropNow = true;
@@ -776,13 +782,7 @@ bool lf_checkRespawn(LiveAc& ac, const TrafficSample& r) {
             if (rec->model && rec->model != ac.modelCode) ac.modelCode = rec->model;
             if (rec->airline) ac.airlineCode = rec->airline;
         }
-        liveries::MatchAircraft m;
-        m.key = gf_airlineModelKey(ac.airlineCode, ac.modelCode);
-        m.regcode = ac.registration;
-        m.category = ac.category;
-        m.cargo = ac.isCargo;
-        m.description = lf_describeAc(ac);
-        liveries::gf_matchLiveLivery(m);
+        const auto m = matchLivery(ac);
         if (!m.title.empty() && m.title != ac.liveryTitle) {
             ac.liveryTitle = m.title;
             for (auto& p : gEngine.rememberedLiveries)
