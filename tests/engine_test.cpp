@@ -386,6 +386,17 @@ TEST_F(EngineTest, ControlsSendOnlyChanges) {
     lf_setGear(heli, true);
     lf_setSpoilers(heli, true);
     EXPECT_TRUE(gEngine.out.events.empty()) << "rotorcraft get no flaps, gear or spoilers";
+
+    // Lights too; after a toggle of all of them each state is unknown, so all go out again.
+    gEngine.out.events.clear();
+    lf_setLights(200, true, true, false, false, true, true, false);
+    lf_setLights(200, true, true, false, false, true, true, false);
+    EXPECT_EQ(gEngine.out.events.size(), 7u);
+    lf_setLights(200, true, true, true, false, true, true, false);
+    EXPECT_EQ(gEngine.out.events.size(), 8u) << "only the landing lights changed";
+    lf_command(200, sim::kAllLightsToggle, 0);
+    lf_setLights(200, true, true, true, false, true, true, false);
+    EXPECT_EQ(gEngine.out.events.size(), 16u);
 }
 
 // A busy lock costs that frame's positions and nothing else; commands wait for the next frame.

@@ -182,10 +182,11 @@ TEST_F(ScenarioTest, KmspLandingTaxiToG11) {
     EXPECT_LT(m.pathP95GroundM, 15.0);
     EXPECT_LT(m.p95AirM, 700.0) << "30 s behind within the clamps";
     EXPECT_EQ(r.objects[0].throttle1, 0) << "reversers stowed after the roll-out";
-    // Configured for landing, then spoilers at touchdown, flaps up and taxi lights off the runway.
+    // Configured for landing, then spoilers at touchdown, flaps up and landing lights and strobes off
+    // the runway; each light only when it changes.
     EXPECT_TRUE(inOrder(eventNames(r.objects[0]),
                         {"FLAPS_SET 16383", "GEAR_SET 1", "SPOILERS_SET 16383", "FLAPS_SET 3072",
-                         "FLAPS_SET 0", "LANDING_LIGHTS_SET 0", "TAXI_LIGHTS_SET 1"}))
+                         "FLAPS_SET 0", "LANDING_LIGHTS_SET 0", "STROBES_SET 0"}))
         << fmt::format("{}", fmt::join(eventNames(r.objects[0]), ", "));
 }
 

@@ -125,6 +125,19 @@ void compactTable() {
 
 void lf_command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value) {
     if (objectId == 0) return;
+    // Lights, like the other controls, go out only when they change; a toggle of all of them
+    // leaves their states unknown until each is set again.
+    if (event == sim::kAllLightsToggle) {
+        if (LiveAc* ac = findByObjectId(objectId)) ac->lightsKnown = 0;
+    } else if (event >= sim::kBeaconLights && event <= sim::kLogoLights) {
+        if (LiveAc* ac = findByObjectId(objectId)) {
+            const auto bit = static_cast<std::uint16_t>(1u << (event - sim::kBeaconLights));
+            const bool on = value != 0;
+            if ((ac->lightsKnown & bit) && ((ac->lightsOn & bit) != 0) == on) return;
+            ac->lightsKnown |= bit;
+            ac->lightsOn = on ? (ac->lightsOn | bit) : (ac->lightsOn & ~bit);
+        }
+    }
     gEngine.out.events.push_back({objectId, event, value});
 }
 

@@ -138,6 +138,7 @@ struct LiveAc : AcIdentity {
     SimState simState = SimState::Buffer;
     std::int32_t throttleIndex = 5, flapsIndex = 4; // 5 and 4: not set yet, so the first set goes out
     std::int8_t gearState = -1, spoilersState = -1; // -1: not set yet
+    std::uint16_t lightsKnown = 0, lightsOn = 0;    // one bit a light, in the order of the events
     bool cargoStand = false;
     bool removeWhenCreated = false, dropNow = false, dropSilently = false;
     // The position block sent each frame, in this order.

@@ -70,6 +70,7 @@ void lf_onRemoved(std::uint32_t objectId) {
         ac.throttleIndex = 5;
         ac.flapsIndex = 4;
         ac.gearState = ac.spoilersState = -1;
+        ac.lightsKnown = 0;
         return;
     }
     if (ac.flightPlanCreated) {
