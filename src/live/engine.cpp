@@ -177,6 +177,8 @@ void Engine::reset() {
     tick = 0;
     taken = positionsLost = created = removed = 0;
     callsignLookupObject = 0;
+    activeCount = 0;
+    activeCountedAt = -1;
 }
 
 LiveAc* findByHexid(std::uint32_t hexid) {
@@ -190,6 +192,17 @@ LiveAc* findByObjectId(std::uint32_t objectId) {
         if (ac.objectId == objectId) return &ac;
     return nullptr;
 }
+std::size_t activeCount() {
+    auto& e = gEngine;
+    if (e.activeCountedAt != e.tick) {
+        e.activeCount = static_cast<std::size_t>(
+            std::count_if(e.liveTable.begin(), e.liveTable.end(),
+                          [](const LiveAc& a) { return a.simState == SimState::Active; }));
+        e.activeCountedAt = e.tick;
+    }
+    return e.activeCount;
+}
+
 LiveAc* findByCallsign(std::string_view callsign) {
     for (auto& ac : gEngine.liveTable)
         if (ac.callsign == callsign) return &ac;
@@ -654,9 +667,7 @@ Update lf_handleBuffer(LiveAc& ac) {
     }
     const int maxLive = gParams.MAX_LIVE_SEL.load(std::memory_order_relaxed);
     if (maxLive == 0) return drop();
-    std::size_t active = 0;
-    for (const auto& a : e.liveTable) active += a.simState == SimState::Active ? 1 : 0;
-    if (e.spawnQueue.size() + e.addingStack.size() + active >= static_cast<std::size_t>(maxLive)) {
+    if (e.spawnQueue.size() + e.addingStack.size() + activeCount() >= static_cast<std::size_t>(maxLive)) {
         // Room is made by the aircraft farthest from the user, when this one is nearer.
         const double mine = distanceToUser(ac);
         LiveAc* farthest = nullptr;

@@ -50,6 +50,9 @@ struct Engine {
     std::int32_t tick = 0; // engineTick during this frame
     std::uint64_t taken = 0, positionsLost = 0, created = 0, removed = 0;
     std::uint32_t callsignLookupObject = 0; // the object the callsign lookup shows, 0 none
+    // Active aircraft, counted once a frame when the buffer first asks.
+    std::size_t activeCount = 0;
+    std::int32_t activeCountedAt = -1;
 
     void reserve(); // at the first start: nothing in the frame allocates after this
     void reset();
@@ -106,6 +109,7 @@ void lf_onBlocked(std::uint32_t hexid);
 LiveAc* findByHexid(std::uint32_t hexid);
 LiveAc* findByObjectId(std::uint32_t objectId);
 LiveAc* findByCallsign(std::string_view callsign);
+std::size_t activeCount(); // the aircraft in the simulator now
 
 // ---- Motion on the ground and around take-off and landing ------------------------------------
 // Their own file; until the ground and landing rules are in, these keep an aircraft moving from

@@ -35,6 +35,7 @@ void removeAircraftFromSim(LiveAc& ac) {
         break;
     }
     if (ac.hexid >= 10001) ac.atStand = false; // the stand is free for others again
+    if (ac.simState == SimState::Active && e.activeCountedAt == e.tick && e.activeCount > 0) --e.activeCount;
     ac.simState = SimState::RemovingFromSim;
     if (ac.objectId != 0 && ac.objectId == e.callsignLookupObject) e.callsignLookupObject = 0;
     if (ac.objectId != 0)
