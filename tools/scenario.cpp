@@ -147,6 +147,7 @@ Result run(const Config& config) {
                 result.fed.push_back(fed);
             }
             live::engineFrame();
+            if (k % 100 == 0) live::writeFlightPlans(); // as the one-second step does
             if (config.onFrame) config.onFrame(t);
         }
         sim::pollOnce();

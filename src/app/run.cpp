@@ -306,6 +306,7 @@ void lf_onSecond() {
     // Once a second, beside the frame rather than in it: a socket send has no place in the frame.
     gf_sendUserPositionToRealTraffic();
     live::routeQueueStep();
+    live::writeFlightPlans();
     live::publishCallsignLookup();
     live::collisionChecks();
     ui::handleCommands();

@@ -149,6 +149,8 @@ std::optional<AirportPlace> currentAirport() {
 }
 
 void Engine::reserve() {
+    plansToWrite.reserve(64);
+    plansToRemove.reserve(64);
     liveTable.reserve(512);
     addingStack.reserve(64);
     spawnQueue.reserve(64);
@@ -177,6 +179,8 @@ void Engine::reset() {
     tick = 0;
     taken = positionsLost = created = removed = 0;
     callsignLookupObject = 0;
+    plansToWrite.clear();
+    plansToRemove.clear();
     activeCount = 0;
     activeCountedAt = -1;
 }
@@ -765,19 +769,14 @@ bool lf_onCreated(LiveAc& ac, const sim::SimEvent& ev) {
     ac.heightAgl = ev.value;
     if (ac.onGround) lf_setOnGroundFlags(ac);
     if (!ac.origin.empty() && !ac.destination.empty()) {
+        // The file is written beside the frame, once a second: the frame does no file work.
         sim::PlanAircraft p;
         p.hexid = ac.hexid, p.objectId = ac.objectId;
         p.category = static_cast<int>(ac.category);
         p.origin = std::string(ac.origin.view()), p.destination = std::string(ac.destination.view());
         p.name = lf_describeAc(ac);
-        const auto path = sim::planPath(ac.hexid);
-        if (sim::writePlan(path, p)) {
-            ac.flightPlanCreated = true;
-            if (sim::msfs2020Selected() && !sim::setFlightPlan(ac.objectId, path.string()))
-                gf_log(fmt::format("{} creating a flight plan failed", lf_describeAc(ac)));
-        } else {
-            gf_log(fmt::format("{} creating a flight plan failed", lf_describeAc(ac)));
-        }
+        gEngine.plansToWrite.push_back(std::move(p));
+        ac.flightPlanCreated = true;
     }
     if (!sim::requestStaticData(ac.objectId)) gf_log("SimConnect request StaticCG fails");
     return true;
@@ -1103,6 +1102,23 @@ void drainEvents() {
     lf_handleEvents();
     if (!sim::handOver(gEngine.out)) gEngine.out.positions.clear();
 }
+void writeFlightPlans() {
+    auto& e = gEngine;
+    for (const auto& p : e.plansToWrite) {
+        const auto path = sim::planPath(p.hexid);
+        if (!sim::writePlan(path, p) ||
+            (sim::msfs2020Selected() && !sim::setFlightPlan(p.objectId, path.string())))
+            gf_log(fmt::format("{} creating a flight plan failed", p.name));
+    }
+    e.plansToWrite.clear();
+    for (const auto hexid : e.plansToRemove) {
+        std::error_code ec;
+        fs::remove(sim::planPath(hexid), ec);
+        if (ec) gf_log(fmt::format("gf_removeFlightPlan: {}", ec.message()));
+    }
+    e.plansToRemove.clear();
+}
+
 void removeAtReservedStand() {}
 void routeQueueStep() {}
 void publishCallsignLookup() {}

@@ -50,6 +50,9 @@ struct Engine {
     std::int32_t tick = 0; // engineTick during this frame
     std::uint64_t taken = 0, positionsLost = 0, created = 0, removed = 0;
     std::uint32_t callsignLookupObject = 0; // the object the callsign lookup shows, 0 none
+    // Flight plan files to write and to delete, beside the frame.
+    std::vector<sim::PlanAircraft> plansToWrite;
+    std::vector<std::uint32_t> plansToRemove;
     // Active aircraft, counted once a frame when the buffer first asks.
     std::size_t activeCount = 0;
     std::int32_t activeCountedAt = -1;

@@ -202,7 +202,8 @@ void reserveContainers(); // before the loop starts: nothing in the frame alloca
 void engineFrame();       // one 10 ms frame
 void drainEvents();       // simulator events while paused
 void removeAtReservedStand();
-void routeQueueStep(); // one hexid of the route queue per second
+void routeQueueStep();   // one hexid of the route queue per second
+void writeFlightPlans(); // the flight plan files of the aircraft created or removed since the last call
 void publishCallsignLookup();
 void collisionChecks();
 void duplicatesSweep();

@@ -74,11 +74,7 @@ void lf_onRemoved(std::uint32_t objectId) {
         ac.lightsKnown = 0;
         return;
     }
-    if (ac.flightPlanCreated) {
-        std::error_code ec;
-        fs::remove(sim::planPath(ac.hexid), ec);
-        if (ec) gf_log(fmt::format("gf_removeFlightPlan: {}", ec.message()));
-    }
+    if (ac.flightPlanCreated) gEngine.plansToRemove.push_back(ac.hexid);
     t.erase(it);
 }
 
