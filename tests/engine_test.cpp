@@ -420,3 +420,30 @@ TEST_F(EngineTest, ABusyLockLosesOneFrameOfPositions) {
 
 } // namespace
 } // namespace orv::live
+
+namespace orv::live {
+namespace {
+
+// A created aircraft with a route gets its flight plan file, written beside the frame, and the
+// file goes with the aircraft.
+TEST_F(EngineTest, FlightPlanFilesFollowTheAircraft) {
+    ASSERT_TRUE(sim::gf_createFlightPlanFolder());
+    LiveAc& ac = ready(10);
+    ac.origin = IataCode::tryMake("MSP").value();
+    ac.destination = IataCode::tryMake("ATL").value();
+    lf_handleBuffer(ac);
+    ASSERT_TRUE(lf_onCreated(*findByHexid(kHex), {250, kHex, sim::SimEventKind::LiveCreated, 3000, 0}));
+    const auto plan = sim::planPath(kHex);
+    EXPECT_FALSE(fs::exists(plan)) << "not written inside the frame";
+    writeFlightPlans();
+    EXPECT_TRUE(fs::exists(plan));
+    findByHexid(kHex)->simState = SimState::RemovingFromSim;
+    lf_onRemoved(250);
+    EXPECT_EQ(findByHexid(kHex), nullptr);
+    EXPECT_TRUE(fs::exists(plan));
+    writeFlightPlans();
+    EXPECT_FALSE(fs::exists(plan));
+}
+
+} // namespace
+} // namespace orv::live
