@@ -6,9 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include "emulator.h"
 #include "feed/feed.h"
 #include "live/engine.h"
 #include "platform/platform.h"
+#include "refdata/refdata.h"
 #include "sim/sim.h"
 #include "support.h"
 
@@ -196,6 +198,49 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     std::string rest;
     for (std::string l; !(l = readLine(second, 500)).empty();) rest = l;
     EXPECT_EQ(rest, "exit\r\n");
+}
+
+// The professional edition gets the simulator's time as an epoch in milliseconds; the time comes
+// from the user aircraft's zulu time, here from the emulated simulator over the in-memory pipe.
+TEST_F(LinkTest, TheProfessionalEditionGetsTheSimulatorTime) {
+    sim::reset();
+    test::TempDir dir; // the user's model must be a known one
+    gPaths.programFolder = gPaths.dataFolder = dir.path();
+    ASSERT_TRUE(gf_loadDbase(test::shippedCopy("dbase.enc", dir.path())));
+    emu::Config config;
+    config.user.latitude = 44.882, config.user.longitude = -93.2218;
+    config.airports = {{"KMSP", 44.882, -93.2218, 841}};
+    emu::Emulator e(config);
+    auto [clientEnd, serverEnd] = simconnect::makeMemoryPipe();
+    const int id = e.connect([end = serverEnd.get()](simconnect::Bytes b) { return end->send(b); });
+    sim::setApiFactory([once = simconnect::transportOnce(std::move(clientEnd))](bool protocol2024) {
+        return simconnect::makeNetworkClient(once, protocol2024 ? simconnect::kProtocolMsfs2024
+                                                                : simconnect::kProtocolMsfs2020);
+    });
+    std::uint8_t buffer[8192];
+    double t = 0;
+    const auto pass = [&] {
+        sim::pollOnce();
+        for (long n; (n = serverEnd->receive(buffer, sizeof buffer, 0)) > 0;)
+            e.receive(id, simconnect::Bytes(buffer, static_cast<std::size_t>(n)));
+        e.advanceTo(t += 0.01);
+    };
+    auto rt = connectRealTraffic(R"({"level":2,"version":"9.0.1"})");
+    ASSERT_TRUE(gf_realTrafficProfessional());
+    for (int i = 0; i < 10 && !gRun.simRunning; ++i) pass();
+    sim::requestUserOnGround();
+    for (int i = 0; i < 20 && sim::epochTime() == 0; ++i) pass();
+    ASSERT_GT(sim::epochTime(), 0) << log.text();
+    gf_sendTimeToRealTraffic();
+    const auto line = readLine(rt);
+    ASSERT_TRUE(line.starts_with("Qs123=")) << line;
+    const double ms = std::stod(line.substr(6));
+    EXPECT_NEAR(ms / 1000.0, static_cast<double>(config.zuluStart) + t, 2.0) << line;
+    e.quit();
+    serverEnd->close();
+    for (int i = 0; i < 5; ++i) pass();
+    sim::setApiFactory({});
+    sim::reset();
 }
 
 TEST_F(LinkTest, TheReplayToolStandsInForRealTraffic) {
