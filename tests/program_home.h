@@ -4,10 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include "emulator.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
 #include "refdata/refdata.h"
+#include "scenario.h"
 #include "support.h"
 
 namespace orv::test {
@@ -16,24 +16,11 @@ namespace orv::test {
 class ProgramHome : public testing::Test {
   protected:
     void SetUp() override {
-        gPaths.programFolder = dir.path();
-        gPaths.dataFolder = dir.path();
-        fs::create_directories(dir / "input");
-        gf_loadDbase(shippedCopy("dbase.enc", dir / "input"));
-        gf_loadAirports(shippedCopy("airports.enc", dir / "input"));
-        shippedCopy("AIG-regcodes.enc", dir / "input");
-        liveries::gStore.reset();
-        liveries::gf_clearReports();
-        liveries::gf_clearTitleSet();
-        liveries::gf_resetMatching();
-        liveries::gf_seedMatching(7);
         gParams.reset();
         gParams.RANDOM = false;
-        liveries::gf_readDontUseTitles();
-        const fs::path community = fs::path(ORV_SOURCE_DIR) / "data/liveries/Community";
-        ASSERT_TRUE(liveries::lf_scanFolders(liveries::lf_collectAutomaticFolders(community)));
-        liveries::gf_processLiveries();
-        titles = emu::titlesUnder(community);
+        titles = scenario::prepareHome(fs::path(ORV_PROGRAM).parent_path() / "input",
+                                       fs::path(ORV_SOURCE_DIR) / "data/liveries/Community", dir.path());
+        liveries::gf_seedMatching(7);
     }
     void TearDown() override {
         liveries::gStore.reset();
