@@ -3,7 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "feed/feed.h"
 #include "params/params.h"
 
@@ -13,21 +13,21 @@ using namespace orv;
 
 std::vector<std::string> loadLines(const char* name) {
     std::vector<std::string> lines;
-    gf_readAllLines(fs::path(ORV_SOURCE_DIR) / "data" / "recordings" / name, lines, 4096);
+    core::readAllLines(fs::path(ORV_SOURCE_DIR) / "data" / "recordings" / name, lines, 4096);
     return lines;
 }
 
-void decodeRecording(benchmark::State& state, const char* file, LatLon airport, double elevation) {
+void decodeRecording(benchmark::State& state, const char* file, core::LatLon airport, double elevation) {
     const auto lines = loadLines(file);
     if (lines.empty()) {
         state.SkipWithError("recording not found");
         return;
     }
-    auto reader = std::make_unique<TrafficReader>();
+    auto reader = std::make_unique<feed::TrafficReader>();
     reader->setArea({airport, elevation, airport});
-    gParams.RANGE = 100;
-    gf_setAcceptTraffic(true);
-    std::vector<TrafficSample> sink(2);
+    params::gParams.RANGE = 100;
+    feed::setAcceptTraffic(true);
+    std::vector<feed::TrafficSample> sink(2);
     std::size_t i = 0, n = 0;
     for (auto _ : state) {
         const auto& l = lines[i];
@@ -38,10 +38,10 @@ void decodeRecording(benchmark::State& state, const char* file, LatLon airport, 
         reader->lineLength = l.size();
         reader->processLine();
         // Keep the queue short, as the engine does by taking two samples a frame.
-        if (++n % 2 == 0) gf_takeTraffic(sink.data(), sink.size());
+        if (++n % 2 == 0) feed::takeTraffic(sink.data(), sink.size());
         if (++i == lines.size()) i = 0;
     }
-    gf_takeTraffic(sink.data(), sink.size());
+    feed::takeTraffic(sink.data(), sink.size());
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
     state.counters["queued"] = static_cast<double>(reader->counts.queued.load());
     state.counters["failed"] = static_cast<double>(reader->counts.failed.load());

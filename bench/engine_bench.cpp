@@ -13,7 +13,7 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "feed/feed.h"
 #include "live/engine.h"
 #include "refdata/refdata.h"
@@ -57,10 +57,10 @@ struct Home {
     Home() {
         dir = fs::temp_directory_path() / fmt::format("orv-engine-bench-{}", ::getpid());
         fs::create_directories(dir / "input");
-        gPaths.programFolder = dir;
-        gPaths.dataFolder = dir;
+        core::gPaths.programFolder = dir;
+        core::gPaths.dataFolder = dir;
         fs::copy_file(fs::path(ORV_PROGRAM_DIR) / "input/dbase.enc", dir / "input/dbase.enc");
-        if (!gf_loadDbase(dir / "input/dbase.enc")) throw std::runtime_error("no dbase");
+        if (!refdata::loadDbase(dir / "input/dbase.enc")) throw std::runtime_error("no dbase");
     }
     ~Home() {
         std::error_code ec;
@@ -75,14 +75,14 @@ void fillTable(std::mt19937& rng, int taxiing) {
     live::reset();
     reserveContainers();
     sim::reset();
-    gRun.engineTick = 0;
+    core::gRun.engineTick = 0;
     std::uniform_real_distribution<double> offset(-0.6, 0.6), heading(0, 360), speed(180, 480);
-    const ModelId model = gf_modelId("B739");
+    const refdata::ModelId model = refdata::modelId("B739");
     for (int i = 0; i < kAircraft; ++i) {
         AcIdentity id;
         id.callsign = fmt::format("BEN{}", i);
         id.modelCode = model;
-        gEngine.liveTable.push_back(gf_makeLiveAc(id, 20000 + static_cast<std::uint32_t>(i), gEngine.rng));
+        gEngine.liveTable.push_back(live::makeLiveAc(id, 20000 + static_cast<std::uint32_t>(i), gEngine.rng));
         LiveAc& ac = gEngine.liveTable.back();
         ac.simState = SimState::Active;
         ac.objectId = 1000 + static_cast<std::uint32_t>(i);
@@ -125,8 +125,8 @@ void engineFrames(benchmark::State& state, int taxiing) {
     std::mt19937 rng(42);
     fillTable(rng, taxiing);
     // Two new points a frame, as the queue gives them at most.
-    TrafficSample next;
-    next.modelCode = gf_modelId("B739");
+    feed::TrafficSample next;
+    next.modelCode = refdata::modelId("B739");
     next.airborne = true, next.altitude = 12000, next.groundSpeed = 300, next.trueAirspeed = 300;
     std::vector<double> times;
     times.reserve(1 << 20);
@@ -134,8 +134,8 @@ void engineFrames(benchmark::State& state, int taxiing) {
     std::uint64_t frames = 0, allocated = 0;
     for (auto _ : state) {
         {
-            std::lock_guard lock(gTraffic.trafficLock);
-            gTraffic.acceptTraffic = true;
+            std::lock_guard lock(feed::gTraffic.trafficLock);
+            feed::gTraffic.acceptTraffic = true;
             for (int k = 0; k < 2; ++k) {
                 const auto i =
                     static_cast<std::size_t>(frames * 2 + static_cast<std::uint64_t>(k)) % kAircraft;
@@ -143,7 +143,7 @@ void engineFrames(benchmark::State& state, int taxiing) {
                 next.callsign = fmt::format("BEN{}", i);
                 next.latitude = gEngine.liveTable[i].lat + 0.3, next.longitude = gEngine.liveTable[i].lon;
                 next.timestamp = feedTime;
-                gTraffic.trafficQueue.push_back(next);
+                feed::gTraffic.trafficQueue.push_back(next);
             }
         }
         feedTime += 0.01;

@@ -7,7 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
 #include "recording.h"
@@ -24,11 +24,11 @@ struct Corpus {
     Corpus() {
         dir = fs::temp_directory_path() / fmt::format("orv-liveries-bench-{}", ::getpid());
         fs::create_directories(dir / "input");
-        gPaths.programFolder = dir;
-        gPaths.dataFolder = dir;
+        core::gPaths.programFolder = dir;
+        core::gPaths.dataFolder = dir;
         fs::copy_file(fs::path(ORV_PROGRAM_DIR) / "input/dbase.enc", dir / "input/dbase.enc");
-        if (!gf_loadDbase(dir / "input/dbase.enc")) throw std::runtime_error("no dbase");
-        tools::gf_liveriesMain({(dir / "Community").string(), "--files", "20000"});
+        if (!refdata::loadDbase(dir / "input/dbase.enc")) throw std::runtime_error("no dbase");
+        tools::liveriesMain({(dir / "Community").string(), "--files", "20000"});
     }
     ~Corpus() {
         std::error_code ec;
@@ -60,8 +60,8 @@ void BM_ScanCorpus(benchmark::State& state) {
     std::size_t liveries = 0;
     for (auto _ : state) {
         liveries::gStore.reset();
-        if (!liveries::lf_scanFolders(folders)) state.SkipWithError("no liveries");
-        liveries::gf_readLiveries();
+        if (!liveries::scanFolders(folders)) state.SkipWithError("no liveries");
+        liveries::readLiveries();
         liveries = liveries::gStore.list.size();
     }
     state.counters["files"] = 20000;
@@ -71,10 +71,10 @@ BENCHMARK(BM_ScanCorpus)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealT
 
 void BM_MatchLiveLivery(benchmark::State& state) {
     liveries::gStore.reset();
-    liveries::lf_scanFolders(corpus().folders());
-    liveries::gf_processLiveries();
-    gParams.MATCHING_DEPTH = 4;
-    gParams.RANDOM = true;
+    liveries::scanFolders(corpus().folders());
+    liveries::processLiveries();
+    params::gParams.MATCHING_DEPTH = 4;
+    params::gParams.RANDOM = true;
     // 100,000 aircraft of the corpus's airlines and types, some of them not installed.
     const char* types[] = {"B738", "B739", "A320", "A321", "B77W", "B789",
                            "B752", "B763", "A388", "E190", "C172", "A359"};
@@ -85,9 +85,9 @@ void BM_MatchLiveLivery(benchmark::State& state) {
     std::vector<std::string> regcodes(aircraft.size());
     for (std::size_t i = 0; i < aircraft.size(); ++i) {
         auto& a = aircraft[i];
-        const ModelId m = gf_modelId(types[rng() % std::size(types)]);
-        a.key = gf_airlineModelKey(gf_airlineId(airlines[rng() % std::size(airlines)]), m);
-        a.category = gf_category(m);
+        const refdata::ModelId m = refdata::modelId(types[rng() % std::size(types)]);
+        a.key = refdata::airlineModelKey(refdata::airlineId(airlines[rng() % std::size(airlines)]), m);
+        a.category = refdata::category(m);
         a.cargo = rng() % 10 == 0;
         regcodes[i] = fmt::format("N{}XY", 100 + rng() % 900);
         a.regcode = regcodes[i];
@@ -95,7 +95,7 @@ void BM_MatchLiveLivery(benchmark::State& state) {
     std::size_t i = 0, matched = 0;
     for (auto _ : state) {
         auto& a = aircraft[i++ % aircraft.size()];
-        liveries::gf_matchLiveLivery(a);
+        liveries::matchLiveLivery(a);
         matched += !a.title.empty();
         benchmark::DoNotOptimize(a.title);
     }

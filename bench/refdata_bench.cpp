@@ -58,7 +58,7 @@ struct Files {
         const auto plain = dir / (name + ".src");
         std::ofstream(plain, std::ios::binary) << text;
         const auto enc = dir / (name + ".enc");
-        gf_streamEncrypt(plain, enc);
+        refdata::streamEncrypt(plain, enc);
         return enc;
     }
 };
@@ -66,11 +66,11 @@ struct Files {
 void BM_ReadDbaseAndAirports(benchmark::State& state) {
     static Files files;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(gf_loadDbase(files.dbase));
-        benchmark::DoNotOptimize(gf_loadAirports(files.airports));
+        benchmark::DoNotOptimize(refdata::loadDbase(files.dbase));
+        benchmark::DoNotOptimize(refdata::loadAirports(files.airports));
     }
-    state.counters["records"] = static_cast<double>(gf_dbase().records.size());
-    state.counters["airports"] = static_cast<double>(gf_airports().size());
+    state.counters["records"] = static_cast<double>(refdata::dbase().records.size());
+    state.counters["airports"] = static_cast<double>(refdata::airports().size());
 }
 BENCHMARK(BM_ReadDbaseAndAirports)->Unit(benchmark::kMillisecond);
 

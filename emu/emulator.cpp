@@ -1,4 +1,5 @@
 #include "emulator.h"
+#include "core/geo.h"
 
 #include <algorithm>
 #include <cmath>
@@ -17,8 +18,6 @@ using namespace sc;
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kDeg = kPi / 180.0;
 constexpr double kMaxRadiusMeters = 200000.0;
 
 std::string lower(std::string_view s) {
@@ -28,9 +27,10 @@ std::string lower(std::string_view s) {
 }
 
 double distanceMeters(double lat1, double lon1, double lat2, double lon2) {
-    const double dlat = (lat2 - lat1) * kDeg, dlon = (lon2 - lon1) * kDeg;
-    const double a = std::sin(dlat / 2) * std::sin(dlat / 2) +
-                     std::cos(lat1 * kDeg) * std::cos(lat2 * kDeg) * std::sin(dlon / 2) * std::sin(dlon / 2);
+    const double dlat = (lat2 - lat1) * core::kRadPerDeg, dlon = (lon2 - lon1) * core::kRadPerDeg;
+    const double a = std::sin(dlat / 2) * std::sin(dlat / 2) + std::cos(lat1 * core::kRadPerDeg) *
+                                                                   std::cos(lat2 * core::kRadPerDeg) *
+                                                                   std::sin(dlon / 2) * std::sin(dlon / 2);
     return 2 * 6371000.0 * std::asin(std::min(1.0, std::sqrt(a)));
 }
 
@@ -209,7 +209,7 @@ struct Emulator::Impl {
     explicit Impl(Config c) : config(std::move(c)), nextObjectId(config.firstAiObjectId) {
         user.latitude = config.user.latitude;
         user.longitude = config.user.longitude;
-        user.heading = config.user.headingDeg * kDeg;
+        user.heading = config.user.headingDeg * core::kRadPerDeg;
         if (!config.user.path.empty()) {
             user.latitude = config.user.path.front().latitude;
             user.longitude = config.user.path.front().longitude;
@@ -264,15 +264,15 @@ struct Emulator::Impl {
         const double above = std::max(0.0, p.altitudeFt - ground);
         const bool onGround =
             isUser ? (config.user.path.empty() || above < 1.0) : above <= config.staticCgFt + 1.0;
-        const auto angle = [&](double rad) { return angleInDegrees(d.units) ? rad / kDeg : rad; };
+        const auto angle = [&](double rad) { return angleInDegrees(d.units) ? rad / core::kRadPerDeg : rad; };
         const std::time_t zulu = static_cast<std::time_t>(config.zuluStart + static_cast<std::int64_t>(time));
         std::tm tm{};
         gmtime_r(&zulu, &tm);
         switch (d.var) {
         case Var::Latitude:
-            return {d.units.rfind("radian", 0) == 0 ? p.latitude * kDeg : p.latitude, {}};
+            return {d.units.rfind("radian", 0) == 0 ? p.latitude * core::kRadPerDeg : p.latitude, {}};
         case Var::Longitude:
-            return {d.units.rfind("radian", 0) == 0 ? p.longitude * kDeg : p.longitude, {}};
+            return {d.units.rfind("radian", 0) == 0 ? p.longitude * core::kRadPerDeg : p.longitude, {}};
         case Var::Altitude:
             return {p.altitudeFt, {}};
         case Var::Pitch:
@@ -481,7 +481,7 @@ struct Emulator::Impl {
                 in.fixed(datatypeSize(d.type));
                 continue;
             }
-            const auto rad = [&](double x) { return angleInDegrees(d.units) ? x * kDeg : x; };
+            const auto rad = [&](double x) { return angleInDegrees(d.units) ? x * core::kRadPerDeg : x; };
             switch (d.var) {
             case Var::Latitude:
                 s.latitude = v, moved = true;
@@ -563,9 +563,9 @@ struct Emulator::Impl {
                  p.init.Latitude,
                  p.init.Longitude,
                  p.init.Altitude,
-                 p.init.Pitch * kDeg,
-                 p.init.Bank * kDeg,
-                 p.init.Heading * kDeg,
+                 p.init.Pitch * core::kRadPerDeg,
+                 p.init.Bank * core::kRadPerDeg,
+                 p.init.Heading * core::kRadPerDeg,
                  0,
                  static_cast<double>(std::max(0, p.init.Airspeed))};
         if (p.init.OnGround)
@@ -632,11 +632,13 @@ struct Emulator::Impl {
                 user.latitude = a.latitude + (b.latitude - a.latitude) * f;
                 user.longitude = a.longitude + (b.longitude - a.longitude) * f;
                 user.altitudeFt = a.altitudeFt + (b.altitudeFt - a.altitudeFt) * f;
-                const double y = std::sin((b.longitude - a.longitude) * kDeg) * std::cos(b.latitude * kDeg);
-                const double x = std::cos(a.latitude * kDeg) * std::sin(b.latitude * kDeg) -
-                                 std::sin(a.latitude * kDeg) * std::cos(b.latitude * kDeg) *
-                                     std::cos((b.longitude - a.longitude) * kDeg);
-                user.heading = std::fmod(std::atan2(y, x) + 2 * kPi, 2 * kPi);
+                const double y = std::sin((b.longitude - a.longitude) * core::kRadPerDeg) *
+                                 std::cos(b.latitude * core::kRadPerDeg);
+                const double x =
+                    std::cos(a.latitude * core::kRadPerDeg) * std::sin(b.latitude * core::kRadPerDeg) -
+                    std::sin(a.latitude * core::kRadPerDeg) * std::cos(b.latitude * core::kRadPerDeg) *
+                        std::cos((b.longitude - a.longitude) * core::kRadPerDeg);
+                user.heading = std::fmod(std::atan2(y, x) + 2 * core::kPi, 2 * core::kPi);
                 user.airspeed = f < 1.0 ? config.user.speedKts : 0.0;
                 return;
             }

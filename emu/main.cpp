@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "emulator.h"
 #include "refdata/refdata.h"
 
@@ -59,7 +59,7 @@ bool numbers(std::string_view text, std::vector<double>& out, char sep = ',') {
     out.clear();
     while (!text.empty()) {
         const auto cut = text.find(sep);
-        const auto part = orv::gf_trim(text.substr(0, cut));
+        const auto part = orv::core::trim(text.substr(0, cut));
         double v;
         if (std::from_chars(part.data(), part.data() + part.size(), v).ec != std::errc{}) return false;
         out.push_back(v);
@@ -119,7 +119,7 @@ int run(const std::vector<std::string>& args) {
         else if (a == "--titles") {
             std::ifstream in(value());
             for (std::string line; std::getline(in, line);)
-                if (!gf_trim(line).empty()) config.titles.push_back(gf_trim(line));
+                if (!core::trim(line).empty()) config.titles.push_back(core::trim(line));
         } else if (a == "--community") {
             const auto t = emu::titlesUnder(value());
             config.titles.insert(config.titles.end(), t.begin(), t.end());
@@ -200,7 +200,7 @@ int run(const std::vector<std::string>& args) {
         }
         pending.append(buf, static_cast<std::size_t>(got));
         for (auto nl = pending.find('\n'); nl != std::string::npos; nl = pending.find('\n')) {
-            const std::string line = gf_trim(pending.substr(0, nl));
+            const std::string line = core::trim(pending.substr(0, nl));
             pending.erase(0, nl + 1);
             std::vector<double> n;
             if (line == "quit")

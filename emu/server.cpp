@@ -1,6 +1,6 @@
 #include <chrono>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "emulator.h"
 #include "refdata/refdata.h"
 
@@ -76,23 +76,24 @@ std::vector<std::string> titlesUnder(const std::filesystem::path& folder) {
     std::error_code ec;
     for (auto it = std::filesystem::recursive_directory_iterator(folder, ec);
          !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-        if (!it->is_regular_file() || !gf_iequals(it->path().filename().string(), "aircraft.cfg")) continue;
+        if (!it->is_regular_file() || !core::iequals(it->path().filename().string(), "aircraft.cfg"))
+            continue;
         std::vector<std::string> lines;
-        if (!gf_readLines(gf_detectEncoding(it->path()), it->path(), lines)) continue;
+        if (!core::readLines(core::detectEncoding(it->path()), it->path(), lines)) continue;
         bool inFltsim = false;
         for (const auto& raw : lines) {
-            const std::string line = gf_trim(raw);
+            const std::string line = core::trim(raw);
             if (line.starts_with('[')) {
-                inFltsim = gf_toUpper(line).starts_with("[FLTSIM.");
+                inFltsim = core::toUpper(line).starts_with("[FLTSIM.");
                 continue;
             }
             if (!inFltsim) continue;
             const auto eq = line.find('=');
-            if (eq == std::string::npos || !gf_iequals(gf_trim(line.substr(0, eq)), "title")) continue;
+            if (eq == std::string::npos || !core::iequals(core::trim(line.substr(0, eq)), "title")) continue;
             std::string value = line.substr(eq + 1);
             if (const auto cut = value.find(';'); cut != std::string::npos) value.resize(cut);
             if (const auto cut = value.find("//"); cut != std::string::npos) value.resize(cut);
-            value = gf_trim(value);
+            value = core::trim(value);
             if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
                 value = value.substr(1, value.size() - 2);
             if (!value.empty()) titles.push_back(value);

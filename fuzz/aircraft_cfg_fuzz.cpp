@@ -7,7 +7,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "liveries/liveries.h"
 #include "refdata/refdata.h"
 
@@ -27,7 +27,7 @@ void loadDbase() {
            "<simaddons20><simaddon20 arpts=\"EHAM\"/></simaddons20>"
            "<fixes><fx wro=\"B73H\" cor=\"B738\"/></fixes>"
            "<dbase><d r=\"PH-BXA\" a=\"KLM\" m=\"B738\" o=\"\" c=\"false\"/></dbase></root>";
-    orv::gf_parseDbaseXml(plain);
+    orv::refdata::parseDbaseXml(plain);
 }
 } // namespace
 
@@ -45,8 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             current += c;
     }
     lines.push_back(current);
-    gf_clearTitleSet();
-    gf_clearReports();
-    (void)lf_parseAircraftCfg(1, "Community/pkg/SimObjects/Airplanes/X/aircraft.cfg", lines);
+    liveries::clearTitleSet();
+    liveries::clearReports();
+    (void)liveries::parseAircraftCfg(1, "Community/pkg/SimObjects/Airplanes/X/aircraft.cfg", lines);
     return 0;
 }

@@ -22,14 +22,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     try {
         if (which == 0) {
             write(dir / "dbase.xml");
-            gf_parseDbaseXml(dir / "dbase.xml");
+            refdata::parseDbaseXml(dir / "dbase.xml");
         } else if (which == 1) {
             write(dir / "airports.xml");
-            gf_parseAirportsXml(dir / "airports.xml");
+            refdata::parseAirportsXml(dir / "airports.xml");
         } else {
             write(dir / "parameters.xml");
-            gf_checkParameterFile(dir / "parameters.xml");
-            loadParameters(dir / "parameters.xml", gf_parameterLists());
+            params::checkParameterFile(dir / "parameters.xml");
+            params::loadParameters(dir / "parameters.xml", params::parameterLists());
         }
     } catch (const std::exception&) {
         // A refused file is an answer, not a finding.

@@ -3,45 +3,45 @@
 #include "refdata/refdata.h"
 #include "support.h"
 
-namespace orv {
+namespace orv::refdata {
 namespace {
 
 class Airports : public ::testing::Test {
   protected:
     void TearDown() override {
-        gf_clearAirports();
-        gf_setStandDistance(nullptr);
+        clearAirports();
+        setStandDistance(nullptr);
     }
     // Encrypts an airports.xml text the way the shipped file is made, and reads it.
     std::size_t load(const std::string& aps) {
         test::writeBytes(dir / "src.xml", "<root><airports>" + aps + "</airports></root>");
-        EXPECT_EQ(gf_streamEncrypt(dir / "src.xml", dir / "airports.enc"), "");
-        return gf_loadAirports(dir / "airports.enc");
+        EXPECT_EQ(streamEncrypt(dir / "src.xml", dir / "airports.enc"), "");
+        return loadAirports(dir / "airports.enc");
     }
     test::TempDir dir;
 };
 
 TEST_F(Airports, TheShippedDirectory) {
-    const auto n = gf_loadAirports(test::shippedCopy("airports.enc", dir.path()));
+    const auto n = loadAirports(test::shippedCopy("airports.enc", dir.path()));
     EXPECT_GT(n, 4900u);
     EXPECT_FALSE(fs::exists(dir / "airports.xml"));
-    const auto* kmsp = gf_airportByName("kmsp");
+    const auto* kmsp = airportByName("kmsp");
     ASSERT_TRUE(kmsp);
     EXPECT_EQ(kmsp->iata.view(), "MSP");
     EXPECT_EQ(kmsp->elevation, 841.0f);
     EXPECT_EQ(kmsp->stands, 179);
-    const auto* eham = gf_airportByName("EHAMxyz");
+    const auto* eham = airportByName("EHAMxyz");
     ASSERT_TRUE(eham);
     EXPECT_EQ(eham->elevation, -11.0f); // below sea level
-    EXPECT_TRUE(gf_airportKnown(AirportCode("LSZH")));
-    EXPECT_TRUE(gf_airportKnown(AirportCode("OAKS"))); // ident "AF-0005": the GPS code is the ICAO code
-    EXPECT_FALSE(gf_airportKnown(AirportCode("ZZZZ")));
+    EXPECT_TRUE(airportKnown(AirportCode("LSZH")));
+    EXPECT_TRUE(airportKnown(AirportCode("OAKS"))); // ident "AF-0005": the GPS code is the ICAO code
+    EXPECT_FALSE(airportKnown(AirportCode("ZZZZ")));
     // Sorted by code, so a binary search by code works.
-    const auto& all = gf_airports();
+    const auto& all = airports();
     EXPECT_TRUE(std::is_sorted(all.begin(), all.end(), [](auto& a, auto& b) { return a.code < b.code; }));
     // At the gate, KMSP; over the Atlantic, nothing.
-    EXPECT_EQ(gf_closestAirport(44.8810, -93.2180)->code.view(), "KMSP");
-    EXPECT_FALSE(gf_closestAirport(45.0, -30.0));
+    EXPECT_EQ(closestAirport(44.8810, -93.2180)->code.view(), "KMSP");
+    EXPECT_FALSE(closestAirport(45.0, -30.0));
 }
 
 TEST_F(Airports, AttributesMissingOrWrong) {
@@ -59,9 +59,9 @@ TEST_F(Airports, AttributesMissingOrWrong) {
     EXPECT_TRUE(
         log.contains("Error storing airport 'DDDD' 'D-D': FixedCode: invalid string (length/charset)"));
     EXPECT_TRUE(log.contains("    3 airports read"));
-    EXPECT_EQ(gf_airportByName("CCCC")->stands, 0);
-    EXPECT_EQ(gf_airportByName("EEEE")->iata.view(), "   ");
-    EXPECT_FALSE(gf_airportKnown(AirportCode("DDDD")));
+    EXPECT_EQ(airportByName("CCCC")->stands, 0);
+    EXPECT_EQ(airportByName("EEEE")->iata.view(), "   ");
+    EXPECT_FALSE(airportKnown(AirportCode("DDDD")));
     EXPECT_FALSE(fs::exists(dir / "airports.xml"));
 }
 
@@ -80,11 +80,11 @@ TEST_F(Airports, BrokenFilesStopTheReadingWithAUserError) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         test::writeBytes(dir / "src.xml", c.xml);
-        ASSERT_EQ(gf_streamEncrypt(dir / "src.xml", dir / "airports.enc"), "");
+        ASSERT_EQ(streamEncrypt(dir / "src.xml", dir / "airports.enc"), "");
         try {
-            gf_loadAirports(dir / "airports.enc");
+            loadAirports(dir / "airports.enc");
             ADD_FAILURE() << "no exception";
-        } catch (const UserErrorException& e) {
+        } catch (const core::UserErrorException& e) {
             EXPECT_EQ(e.number(), 88);
             EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
         }
@@ -112,11 +112,11 @@ TEST_F(Airports, ClosestAirportAndItsNeighbour) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         test::LogCapture log;
-        gf_setStandDistance([&](const AirportRecord& ap, double, double) -> std::optional<StandDistance> {
+        setStandDistance([&](const AirportRecord& ap, double, double) -> std::optional<StandDistance> {
             const bool a = ap.code.view() == "AAAA";
             return StandDistance{a ? "A1" : "B1", (a == c.aStandNearer) ? 0.01 : 0.5};
         });
-        const auto r = gf_closestAirport(c.lat, 20.0);
+        const auto r = closestAirport(c.lat, 20.0);
         if (!c.expected) {
             EXPECT_FALSE(r);
             continue;
@@ -132,4 +132,4 @@ TEST_F(Airports, ClosestAirportAndItsNeighbour) {
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::refdata

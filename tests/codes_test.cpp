@@ -3,9 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include "core/core.h"
 #include "refdata/refdata.h"
 
-namespace orv {
+namespace orv::refdata {
 namespace {
 
 TEST(FixedCode, ValidationFoldsCaseAndRejectsEverythingElse) {
@@ -52,25 +53,25 @@ TEST(FixedCode, EmptyCodePrintsBlanksAndComparesByBytes) {
     EXPECT_TRUE(empty.empty());
     EXPECT_EQ(empty.view(), "    ");
     EXPECT_EQ(IataCode().view(), "   ");
-    EXPECT_EQ(std::hash<AirportCode>{}(empty), static_cast<std::size_t>(gf_fnv1a("    ")));
+    EXPECT_EQ(std::hash<AirportCode>{}(empty), static_cast<std::size_t>(fnv1a("    ")));
     EXPECT_EQ(AirportCode("eham"), AirportCode("EHAM"));
     EXPECT_LT(AirportCode("EHAM"), AirportCode("KMSP"));
     EXPECT_EQ(sizeof(AirportCode), 4u);
     EXPECT_EQ(sizeof(IataCode), 3u);
-    EXPECT_NE(gf_codeWord(AirportCode("EHAM")), gf_codeWord(AirportCode("MAHE")));
+    EXPECT_NE(codeWord(AirportCode("EHAM")), codeWord(AirportCode("MAHE")));
 }
 
 TEST(CodeTables, HandlesAreStableAndUnknownHandlesAreEmpty) {
-    EXPECT_EQ(gf_airlineId(""), 0);
-    EXPECT_EQ(gf_airlineCode(0), "");
-    const auto klm = gf_airlineId("KLM");
-    EXPECT_EQ(gf_airlineId("KLM"), klm);
-    EXPECT_NE(gf_airlineId("DAL"), klm);
-    EXPECT_EQ(gf_airlineCode(klm), "KLM");
+    EXPECT_EQ(airlineId(""), 0);
+    EXPECT_EQ(airlineCode(0), "");
+    const auto klm = airlineId("KLM");
+    EXPECT_EQ(airlineId("KLM"), klm);
+    EXPECT_NE(airlineId("DAL"), klm);
+    EXPECT_EQ(airlineCode(klm), "KLM");
     // Text is taken as given: callers fold case themselves.
-    EXPECT_NE(gf_airlineId("klm"), klm);
-    EXPECT_EQ(gf_modelCode(65535), "");
-    EXPECT_EQ(gf_airlineModelKey(1, 2), 0x00020001u);
+    EXPECT_NE(airlineId("klm"), klm);
+    EXPECT_EQ(modelCode(65535), "");
+    EXPECT_EQ(airlineModelKey(1, 2), 0x00020001u);
 }
 
 TEST(CodeTables, ConcurrentAppendsGiveOneHandlePerText) {
@@ -80,14 +81,14 @@ TEST(CodeTables, ConcurrentAppendsGiveOneHandlePerText) {
     std::atomic<bool> done{false};
     std::thread reader([&] {
         while (!done)
-            for (ModelId id = 0; id < 200; ++id) (void)gf_modelCode(id).size();
+            for (ModelId id = 0; id < 200; ++id) (void)modelCode(id).size();
     });
     std::vector<std::thread> writers;
     for (int w = 0; w < 4; ++w)
         writers.emplace_back([&, w] {
             for (int i = 0; i < kTexts; ++i) {
                 const int k = (i + w * 500) % kTexts; // each writer starts elsewhere
-                seen[w][k] = gf_modelId("T" + std::to_string(k));
+                seen[w][k] = modelId("T" + std::to_string(k));
             }
         });
     for (auto& t : writers) t.join();
@@ -96,7 +97,7 @@ TEST(CodeTables, ConcurrentAppendsGiveOneHandlePerText) {
     std::set<ModelId> distinct;
     for (int i = 0; i < kTexts; ++i) {
         for (int w = 1; w < 4; ++w) ASSERT_EQ(seen[w][i], seen[0][i]) << i;
-        EXPECT_EQ(gf_modelCode(seen[0][i]), "T" + std::to_string(i));
+        EXPECT_EQ(modelCode(seen[0][i]), "T" + std::to_string(i));
         distinct.insert(seen[0][i]);
     }
     EXPECT_EQ(distinct.size(), static_cast<std::size_t>(kTexts));
@@ -105,22 +106,22 @@ TEST(CodeTables, ConcurrentAppendsGiveOneHandlePerText) {
 TEST(Category, WordsRoundTrip) {
     const char* words[] = {"Light", "Buzjets", "Large", "Heavy", "HighPerf", "Rotorcraft"};
     for (int i = 0; i < kCategoryCount; ++i) {
-        EXPECT_EQ(gf_categoryWord(static_cast<Category>(i)), words[i]);
-        EXPECT_EQ(gf_categoryFromWord(words[i]), static_cast<Category>(i));
+        EXPECT_EQ(categoryWord(static_cast<Category>(i)), words[i]);
+        EXPECT_EQ(categoryFromWord(words[i]), static_cast<Category>(i));
     }
-    EXPECT_EQ(gf_categoryWord(static_cast<Category>(6)), "");
-    EXPECT_FALSE(gf_categoryFromWord("heavy"));
+    EXPECT_EQ(categoryWord(static_cast<Category>(6)), "");
+    EXPECT_FALSE(categoryFromWord("heavy"));
 }
 
 TEST(Strings, TrimSplitAndTrimList) {
-    EXPECT_EQ(gf_trim(" \t GATE \r\n"), "GATE");
-    EXPECT_EQ(gf_trim(" \t\r\n"), "");
-    EXPECT_EQ(gf_splitList(""), std::vector<std::string>{});
-    EXPECT_EQ(gf_splitList("A, B ,,C"), (std::vector<std::string>{"A", "B", "", "C"}));
-    EXPECT_EQ(gf_splitList(","), (std::vector<std::string>{"", ""}));
-    EXPECT_EQ(gf_trimList("GATE , CARGO"), "GATE,CARGO");
-    EXPECT_EQ(gf_trimList("GATE"), "GATE");
-    EXPECT_EQ(gf_trimList("GATE,,CARGO"), "GATE,,CARGO");
+    EXPECT_EQ(core::trim(" \t GATE \r\n"), "GATE");
+    EXPECT_EQ(core::trim(" \t\r\n"), "");
+    EXPECT_EQ(core::splitList(""), std::vector<std::string>{});
+    EXPECT_EQ(core::splitList("A, B ,,C"), (std::vector<std::string>{"A", "B", "", "C"}));
+    EXPECT_EQ(core::splitList(","), (std::vector<std::string>{"", ""}));
+    EXPECT_EQ(core::trimList("GATE , CARGO"), "GATE,CARGO");
+    EXPECT_EQ(core::trimList("GATE"), "GATE");
+    EXPECT_EQ(core::trimList("GATE,,CARGO"), "GATE,,CARGO");
 }
 
 TEST(Strings, StrictUnicodeConversions) {
@@ -141,12 +142,12 @@ TEST(Strings, StrictUnicodeConversions) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.utf8);
         if (c.valid) {
-            EXPECT_EQ(wide_to_utf8(utf8_to_wide(c.utf8)), c.utf8);
+            EXPECT_EQ(core::wide_to_utf8(core::utf8_to_wide(c.utf8)), c.utf8);
         } else {
             EXPECT_THROW(
                 {
                     try {
-                        utf8_to_wide(c.utf8);
+                        core::utf8_to_wide(c.utf8);
                     } catch (const std::runtime_error& e) {
                         EXPECT_STREQ(e.what(), "utf8_to_wide: invalid UTF-8");
                         throw;
@@ -155,26 +156,26 @@ TEST(Strings, StrictUnicodeConversions) {
                 std::runtime_error);
         }
     }
-    EXPECT_EQ(utf8_to_wide("\xF0\x9F\x9B\xAB").size(), 2u);
-    EXPECT_THROW(wide_to_utf8(std::u16string(1, char16_t(0xD800))), std::runtime_error);
-    EXPECT_THROW(wide_to_utf8(std::u16string(1, char16_t(0xDC00))), std::runtime_error);
+    EXPECT_EQ(core::utf8_to_wide("\xF0\x9F\x9B\xAB").size(), 2u);
+    EXPECT_THROW(core::wide_to_utf8(std::u16string(1, char16_t(0xD800))), std::runtime_error);
+    EXPECT_THROW(core::wide_to_utf8(std::u16string(1, char16_t(0xDC00))), std::runtime_error);
 }
 
 TEST(Strings, AnsiLinesBecomeUtf8) {
-    EXPECT_EQ(gf_ansiToUtf8(""), "");
-    EXPECT_EQ(gf_ansiToUtf8("\xE9"), "\xC3\xA9");     // é
-    EXPECT_EQ(gf_ansiToUtf8("\x80"), "\xE2\x82\xAC"); // the euro sign of Windows-1252
-    EXPECT_EQ(gf_ansiToUtf8("a\x81z"), "a\xC2\x81z"); // unassigned: the lenient pass keeps it
-    EXPECT_EQ(gf_ansiToUtf8("plain"), "plain");
+    EXPECT_EQ(core::ansiToUtf8(""), "");
+    EXPECT_EQ(core::ansiToUtf8("\xE9"), "\xC3\xA9");     // é
+    EXPECT_EQ(core::ansiToUtf8("\x80"), "\xE2\x82\xAC"); // the euro sign of Windows-1252
+    EXPECT_EQ(core::ansiToUtf8("a\x81z"), "a\xC2\x81z"); // unassigned: the lenient pass keeps it
+    EXPECT_EQ(core::ansiToUtf8("plain"), "plain");
 }
 
 TEST(UserError, MessageShowsNumberExceptFor99) {
-    EXPECT_STREQ(UserErrorException(43, "file missing").what(), "43: file missing");
-    EXPECT_STREQ(UserErrorException(99, "file missing").what(), "file missing");
-    const UserErrorException e(150, "x");
+    EXPECT_STREQ(core::UserErrorException(43, "file missing").what(), "43: file missing");
+    EXPECT_STREQ(core::UserErrorException(99, "file missing").what(), "file missing");
+    const core::UserErrorException e(150, "x");
     EXPECT_EQ(e.number(), 150);
     EXPECT_EQ(e.text(), "x");
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::refdata

@@ -3,7 +3,7 @@
 #include "refdata/refdata.h"
 #include "support.h"
 
-namespace orv {
+namespace orv::refdata {
 namespace {
 
 using test::readBytes;
@@ -22,11 +22,11 @@ TEST(EncryptedFiles, RoundTripAtEveryChunkBoundary) {
         SCOPED_TRACE(size);
         const auto plain = pattern(size);
         writeBytes(dir / "plain", plain);
-        ASSERT_EQ(gf_streamEncrypt(dir / "plain", dir / "f.enc"), "");
+        ASSERT_EQ(streamEncrypt(dir / "plain", dir / "f.enc"), "");
         // Header, full chunks of 4113 bytes, and a final chunk (empty when the text ended on a boundary).
         const std::size_t chunks = size == 0 ? 1 : (size + kCryptChunk - 1) / kCryptChunk;
         EXPECT_EQ(fs::file_size(dir / "f.enc"), 24 + size + 17 * chunks);
-        ASSERT_TRUE(gf_streamDecrypt(dir / "f.enc", dir / "f.xml"));
+        ASSERT_TRUE(streamDecrypt(dir / "f.enc", dir / "f.xml"));
         EXPECT_EQ(readBytes(dir / "f.xml"), plain);
     }
 }
@@ -35,7 +35,7 @@ TEST(EncryptedFiles, DamageIsRefusedAndLeavesNoPlainFile) {
     test::LogCapture log;
     test::TempDir dir;
     writeBytes(dir / "plain", pattern(2 * kCryptChunk + 100));
-    ASSERT_EQ(gf_streamEncrypt(dir / "plain", dir / "good.enc"), "");
+    ASSERT_EQ(streamEncrypt(dir / "plain", dir / "good.enc"), "");
     const auto good = readBytes(dir / "good.enc");
 
     struct Case {
@@ -50,9 +50,9 @@ TEST(EncryptedFiles, DamageIsRefusedAndLeavesNoPlainFile) {
     auto badHeader = good;
     badHeader[3] ^= 0x80;
     const Case cases[] = {
-        {"flipped byte in a chunk", flipped, false, "gf_streamDecrypt exception: Decryption failed"},
+        {"flipped byte in a chunk", flipped, false, "streamDecrypt exception: Decryption failed"},
         {"header of another key", badHeader, false, "Decryption failed"},
-        {"short header", good.substr(0, 10), false, "gf_streamDecrypt exception: Invalid header or key"},
+        {"short header", good.substr(0, 10), false, "streamDecrypt exception: Invalid header or key"},
         {"header alone", good.substr(0, 24), true, "", 0},
         {"no final tag", good.substr(0, 24 + 4113), true, "", kCryptChunk},
         {"cut inside a chunk", good.substr(0, 24 + 4113 + 200), false, "Decryption failed"},
@@ -61,7 +61,7 @@ TEST(EncryptedFiles, DamageIsRefusedAndLeavesNoPlainFile) {
         SCOPED_TRACE(c.name);
         writeBytes(dir / "f.enc", c.bytes);
         writeBytes(dir / "f.xml", "stale plain text from before");
-        EXPECT_EQ(gf_streamDecrypt(dir / "f.enc", dir / "f.xml"), c.ok);
+        EXPECT_EQ(streamDecrypt(dir / "f.enc", dir / "f.xml"), c.ok);
         if (c.ok) {
             EXPECT_EQ(fs::file_size(dir / "f.xml"), c.plainSize);
         } else {
@@ -70,21 +70,21 @@ TEST(EncryptedFiles, DamageIsRefusedAndLeavesNoPlainFile) {
         }
         EXPECT_FALSE(fs::exists(dir / "f.xml.part"));
     }
-    EXPECT_FALSE(gf_streamDecrypt(dir / "missing.enc", dir / "f.xml"));
+    EXPECT_FALSE(streamDecrypt(dir / "missing.enc", dir / "f.xml"));
     EXPECT_TRUE(log.contains("Could not open input file: "));
 }
 
 TEST(EncryptedFiles, RemoveFileIsQuietWhenNothingIsThere) {
     test::LogCapture log;
     test::TempDir dir;
-    gf_removeFile(dir / "absent");
+    removeFile(dir / "absent");
     writeBytes(dir / "present", "x");
-    gf_removeFile(dir / "present");
+    removeFile(dir / "present");
     EXPECT_FALSE(fs::exists(dir / "present"));
     fs::create_directories(dir / "full" / "inner");
-    gf_removeFile(dir / "full"); // a folder with content cannot go: a warning, no exception
+    removeFile(dir / "full"); // a folder with content cannot go: a warning, no exception
     EXPECT_TRUE(log.contains("Warning: could not remove "));
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::refdata

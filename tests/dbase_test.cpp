@@ -7,7 +7,7 @@
 #include "refdata/refdata.h"
 #include "support.h"
 
-namespace orv {
+namespace orv::refdata {
 namespace {
 
 // A dbase.xml with every required section; `replace` swaps a section's text, "" drops it.
@@ -43,11 +43,11 @@ std::string dbaseXml(const std::map<std::string, std::string>& replace = {}) {
 
 class Dbase : public ::testing::Test {
   protected:
-    void TearDown() override { gf_clearDbase(); }
+    void TearDown() override { clearDbase(); }
     bool load(const std::string& xml) {
         test::writeBytes(dir / "dbase.src", xml);
-        EXPECT_EQ(gf_streamEncrypt(dir / "dbase.src", dir / "dbase.enc"), "");
-        return gf_loadDbase(dir / "dbase.enc");
+        EXPECT_EQ(streamEncrypt(dir / "dbase.src", dir / "dbase.enc"), "");
+        return loadDbase(dir / "dbase.enc");
     }
     test::TempDir dir;
 };
@@ -55,33 +55,33 @@ class Dbase : public ::testing::Test {
 TEST_F(Dbase, ReadsEverySection) {
     test::LogCapture log;
     ASSERT_TRUE(load(dbaseXml()));
-    const auto& db = gf_dbase();
+    const auto& db = dbase();
     EXPECT_EQ(db.models.size(), 7u);
-    EXPECT_EQ(gf_category(gf_modelId("B744")), Category::Heavy);
-    EXPECT_EQ(gf_category(gf_modelId("A320")), Category::Large);
-    EXPECT_EQ(gf_category(gf_modelId("C56X")), Category::Buzjets);
-    EXPECT_EQ(gf_category(gf_modelId("H60")), Category::Rotorcraft);
-    EXPECT_EQ(gf_category(gf_modelId("F16")), Category::HighPerf);
-    EXPECT_EQ(gf_category(gf_modelId("C172")), Category::Light);
-    EXPECT_TRUE(gf_isModel("B738"));
-    EXPECT_FALSE(gf_isModel(""));
-    EXPECT_TRUE(gf_isAirline("KLM"));
-    EXPECT_FALSE(gf_isAirline("FDX")); // a cargo operator, not in the airline list
+    EXPECT_EQ(category(modelId("B744")), Category::Heavy);
+    EXPECT_EQ(category(modelId("A320")), Category::Large);
+    EXPECT_EQ(category(modelId("C56X")), Category::Buzjets);
+    EXPECT_EQ(category(modelId("H60")), Category::Rotorcraft);
+    EXPECT_EQ(category(modelId("F16")), Category::HighPerf);
+    EXPECT_EQ(category(modelId("C172")), Category::Light);
+    EXPECT_TRUE(isModel("B738"));
+    EXPECT_FALSE(isModel(""));
+    EXPECT_TRUE(isAirline("KLM"));
+    EXPECT_FALSE(isAirline("FDX")); // a cargo operator, not in the airline list
     EXPECT_EQ(db.similarGroups, (std::vector<std::vector<std::string>>{{"A320", "B738"}}));
-    EXPECT_EQ(db.publisherSpellings.size(), 2u);                   // the double dropped
-    EXPECT_NEAR(gf_halfSpan(gf_modelId("B738")), 0.0161987, 1e-7); // 60 m, the first value kept
-    EXPECT_EQ(gf_halfSpan(2700), 35.0);
+    EXPECT_EQ(db.publisherSpellings.size(), 2u);             // the double dropped
+    EXPECT_NEAR(halfSpan(modelId("B738")), 0.0161987, 1e-7); // 60 m, the first value kept
+    EXPECT_EQ(halfSpan(2700), 35.0);
     EXPECT_EQ(db.modelFixes.at("B38M"), "B738");
     EXPECT_EQ(db.thirdparties20.at(0).airports.size(), 0u);
     EXPECT_EQ(db.records.size(), 3u); // the second PH-BXA dropped
-    const auto klm = gf_dbaseRecordOf("PHBXA");
+    const auto klm = dbaseRecordOf("PHBXA");
     ASSERT_TRUE(klm);
-    EXPECT_EQ(gf_airlineCode(klm->airline), "KLM");
-    EXPECT_EQ(gf_airlineOfRegcode("DAIMA"), "DLH"); // unknown codes are interned all the same
-    EXPECT_TRUE(gf_dbaseRecordOf("D-AIMA")->cargo);
-    EXPECT_FALSE(gf_dbaseRecordOf(""));
-    EXPECT_FALSE(gf_dbaseRecordOf("G-ABCD"));
-    EXPECT_EQ(gf_regcodeInTitle("AI Boeing 737 N899DN"), ""); // six characters: too long for a title match
+    EXPECT_EQ(airlineCode(klm->airline), "KLM");
+    EXPECT_EQ(airlineOfRegcode("DAIMA"), "DLH"); // unknown codes are interned all the same
+    EXPECT_TRUE(dbaseRecordOf("D-AIMA")->cargo);
+    EXPECT_FALSE(dbaseRecordOf(""));
+    EXPECT_FALSE(dbaseRecordOf("G-ABCD"));
+    EXPECT_EQ(regcodeInTitle("AI Boeing 737 N899DN"), ""); // six characters: too long for a title match
     for (const char* line :
          {"    7 ICAO model codes", "wingspan model XXXX is not valid, skipped",
           "wrong part of fix: 'B38M', already exists, skipped",
@@ -106,7 +106,7 @@ TEST_F(Dbase, MissingOrEmptySectionsStopTheStart) {
         try {
             load(dbaseXml(c.replace));
             ADD_FAILURE() << "no exception";
-        } catch (const UserErrorException& e) {
+        } catch (const core::UserErrorException& e) {
             EXPECT_EQ(std::string(e.what()), c.message);
         }
         EXPECT_FALSE(fs::exists(dir / "dbase.xml"));
@@ -116,13 +116,13 @@ TEST_F(Dbase, MissingOrEmptySectionsStopTheStart) {
     test::LogCapture log;
     EXPECT_FALSE(load("<root><aircrafts>"));
     EXPECT_TRUE(log.contains("not read because of"));
-    EXPECT_THROW(gf_loadDbase(dir / "none.enc"), std::runtime_error);
+    EXPECT_THROW(loadDbase(dir / "none.enc"), std::runtime_error);
 }
 
 TEST_F(Dbase, TheShippedDatabase) {
-    ASSERT_TRUE(gf_loadDbase(test::shippedCopy("dbase.enc", dir.path())));
+    ASSERT_TRUE(loadDbase(test::shippedCopy("dbase.enc", dir.path())));
     EXPECT_FALSE(fs::exists(dir / "dbase.xml"));
-    const auto& db = gf_dbase();
+    const auto& db = dbase();
     EXPECT_GT(db.models.size(), 2500u);
     EXPECT_GT(db.airlines.size(), 6000u);
     struct TypeCase {
@@ -133,23 +133,23 @@ TEST_F(Dbase, TheShippedDatabase) {
                           TypeCase{"A388", Category::Heavy}, TypeCase{"C525", Category::Buzjets},
                           TypeCase{"EC35", Category::Rotorcraft}, TypeCase{"F16", Category::HighPerf},
                           TypeCase{"C172", Category::Light}}) {
-        EXPECT_EQ(gf_category(gf_modelId(c.type)), c.category) << c.type;
+        EXPECT_EQ(category(modelId(c.type)), c.category) << c.type;
     }
-    EXPECT_NEAR(gf_halfSpan(gf_modelId("B738")), 34.32 / 2 / 1852, 1e-9);
+    EXPECT_NEAR(halfSpan(modelId("B738")), 34.32 / 2 / 1852, 1e-9);
     // The recorded Delta 737-900 and a demo aircraft, as the feed spells them.
-    const auto n899dn = gf_dbaseRecordOf("N899DN");
+    const auto n899dn = dbaseRecordOf("N899DN");
     ASSERT_TRUE(n899dn);
-    EXPECT_EQ(gf_airlineCode(n899dn->airline), "DAL");
-    EXPECT_EQ(gf_modelCode(n899dn->model), "B739");
-    const auto demo = gf_dbaseRecordOf("DAAHA");
+    EXPECT_EQ(airlineCode(n899dn->airline), "DAL");
+    EXPECT_EQ(modelCode(n899dn->model), "B739");
+    const auto demo = dbaseRecordOf("DAAHA");
     ASSERT_TRUE(demo);
-    EXPECT_EQ(gf_airlineCode(demo->airline), "DLH");
-    EXPECT_EQ(gf_airlineOfRegcode("HBJHA"), "SWR");
-    const auto freighter = gf_dbaseRecordOf("N200AL"); // the first demo FedEx aircraft
+    EXPECT_EQ(airlineCode(demo->airline), "DLH");
+    EXPECT_EQ(airlineOfRegcode("HBJHA"), "SWR");
+    const auto freighter = dbaseRecordOf("N200AL"); // the first demo FedEx aircraft
     ASSERT_TRUE(freighter);
-    EXPECT_EQ(gf_airlineCode(freighter->airline), "FDX");
+    EXPECT_EQ(airlineCode(freighter->airline), "FDX");
     EXPECT_TRUE(freighter->cargo);
-    EXPECT_GT(gf_dbase().records.size(), 20000u);
+    EXPECT_GT(dbase().records.size(), 20000u);
 }
 
 TEST(Regcodes, SpellingsToTry) {
@@ -161,8 +161,8 @@ TEST(Regcodes, SpellingsToTry) {
         {"GABC", {"GABC"}},
         {"", {""}},
     };
-    for (const auto& [in, out] : cases) EXPECT_EQ(gf_regcodeVariants(in), out) << in;
+    for (const auto& [in, out] : cases) EXPECT_EQ(regcodeVariants(in), out) << in;
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::refdata

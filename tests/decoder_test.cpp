@@ -6,15 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include "core/geo.h"
 #include "feed/feed.h"
 #include "params/params.h"
 #include "support.h"
 
-namespace orv {
+namespace orv::feed {
 namespace {
 
-constexpr double kDeg = 0.017453292519943295;
-const LatLon kKmsp{44.8820, -93.2218};
+const core::LatLon kKmsp{44.8820, -93.2218};
 constexpr double kKmspElevation = 841.0;
 
 TrafficArea kmspArea() {
@@ -49,14 +49,14 @@ struct Case {
 class Decoder : public ::testing::Test {
   protected:
     void SetUp() override {
-        gParams.reset();
-        gf_setAcceptTraffic(true);
+        params::gParams.reset();
+        setAcceptTraffic(true);
         std::lock_guard lock(gTraffic.trafficLock);
         gTraffic.trafficQueue.clear();
     }
     void TearDown() override {
-        gParams.reset();
-        gf_setAcceptTraffic(false);
+        params::gParams.reset();
+        setAcceptTraffic(false);
         std::lock_guard lock(gTraffic.trafficLock);
         gTraffic.trafficQueue.clear();
     }
@@ -80,20 +80,20 @@ TEST_F(Decoder, EveryStepOfTheLine) {
              EXPECT_EQ(s.hexid, 11298587u);
              EXPECT_EQ(s.callsign, "DAL1812");
              EXPECT_EQ(s.registration, "N899DN");
-             EXPECT_EQ(gf_modelCode(s.modelCode), "B739");
+             EXPECT_EQ(refdata::modelCode(s.modelCode), "B739");
              EXPECT_EQ(s.airlineCode, 0);
              EXPECT_EQ(s.origin.view(), "MSP");
              EXPECT_EQ(s.destination.view(), "ATL");
              EXPECT_TRUE(s.airborne);
              EXPECT_EQ(s.altitude, 5000.0);
              EXPECT_TRUE(s.hasTrueHeading);
-             EXPECT_TRUE(near(*s.heading, 121.0 * kDeg));
-             EXPECT_TRUE(near(*s.roll, -2.5 * kDeg));
+             EXPECT_TRUE(near(*s.heading, 121.0 * core::kRadPerDeg));
+             EXPECT_TRUE(near(*s.roll, -2.5 * core::kRadPerDeg));
              EXPECT_EQ(s.track, 120.5);
              EXPECT_EQ(s.verticalSpeed, -700.0);
              EXPECT_EQ(s.trueAirspeed, 250.0);
              EXPECT_EQ(s.timestamp, 1738717900.5);
-             EXPECT_EQ(s.tick, gRun.engineTick + 3000);
+             EXPECT_EQ(s.tick, core::gRun.engineTick + 3000);
          }},
         {"vehicle marker", {{9, "OPS VEH1"}}, Outcome::Ignored},
         {"too few fields", {{-1, "28"}}, Outcome::Failed, "traffic line refused: 28 fields, 29 needed"},
@@ -279,7 +279,7 @@ TEST_F(Decoder, EveryStepOfTheLine) {
         TrafficArea area = kmspArea();
         if (c.area) c.area(area);
         reader->setArea(area);
-        gParams.AIRBORNE_ONLY = c.airborneOnly;
+        params::gParams.AIRBORNE_ONLY = c.airborneOnly;
         reader->counts.clear();
         const std::string before = log.text();
         reader->decode(join(f));
@@ -319,7 +319,7 @@ TEST_F(Decoder, TimestampCountsEvenWhenTheLineIsDropped) {
 TEST_F(Decoder, NothingIsQueuedWhileTrafficIsRefused) {
     auto reader = std::make_unique<TrafficReader>();
     reader->setArea(kmspArea());
-    gf_setAcceptTraffic(false);
+    setAcceptTraffic(false);
     reader->decode(join(baseFields()));
     EXPECT_FALSE(popOne());
 }
@@ -344,7 +344,7 @@ TEST_F(Decoder, CallsignsAreCollectedOnlyWhenAsked) {
 
 std::vector<std::string> recording(const std::string& name) {
     std::vector<std::string> lines;
-    const auto n = gf_readAllLines(fs::path(ORV_SOURCE_DIR) / "data" / "recordings" / name, lines, 4096);
+    const auto n = core::readAllLines(fs::path(ORV_SOURCE_DIR) / "data" / "recordings" / name, lines, 4096);
     EXPECT_TRUE(std::holds_alternative<std::size_t>(n)) << name;
     return lines;
 }
@@ -360,16 +360,17 @@ Plain plain(const std::string& line) {
     return {std::stod(f[2]), std::stod(f[3]), std::stod(f[4])};
 }
 double haversineNm(double lat1, double lon1, double lat2, double lon2) {
-    const double p1 = lat1 * kDeg, p2 = lat2 * kDeg;
-    const double a = std::pow(std::sin((p2 - p1) / 2), 2) +
-                     std::cos(p1) * std::cos(p2) * std::pow(std::sin((lon2 - lon1) * kDeg / 2), 2);
+    const double p1 = lat1 * core::kRadPerDeg, p2 = lat2 * core::kRadPerDeg;
+    const double a =
+        std::pow(std::sin((p2 - p1) / 2), 2) +
+        std::cos(p1) * std::cos(p2) * std::pow(std::sin((lon2 - lon1) * core::kRadPerDeg / 2), 2);
     return 2 * 3437.7467707849396 * std::atan2(std::sqrt(a), std::sqrt(1 - a));
 }
 
 TEST_F(Decoder, RecordedLinesAllDecodeAndTheFiltersCountRight) {
     struct Case {
         const char* file;
-        LatLon airport;
+        core::LatLon airport;
         double elevation;
         int range;
         std::size_t lines;
@@ -385,7 +386,7 @@ TEST_F(Decoder, RecordedLinesAllDecodeAndTheFiltersCountRight) {
         SCOPED_TRACE(std::string(c.file) + " range " + std::to_string(c.range));
         const auto lines = recording(c.file);
         ASSERT_EQ(lines.size(), c.lines);
-        gParams.RANGE = c.range;
+        params::gParams.RANGE = c.range;
         auto reader = std::make_unique<TrafficReader>();
         reader->setArea({c.airport, c.elevation, c.airport});
         std::size_t inRange = 0, groundFar = 0;
@@ -427,7 +428,7 @@ TEST_F(Decoder, DatagramsOnALoopbackPortReachTheQueue) {
         SCOPED_TRACE(localOnly ? "bound to 127.0.0.1" : "bound to any address");
         gTrafficReader.clearForRun();
         gTrafficReader.setArea(kmspArea());
-        gf_startTrafficReader(0, localOnly);
+        startTrafficReader(0, localOnly);
         ASSERT_TRUE(waitUntil([] { return gTrafficReader.boundPort != 0; }));
         const auto port = gTrafficReader.boundPort.load();
 
@@ -453,8 +454,8 @@ TEST_F(Decoder, DatagramsOnALoopbackPortReachTheQueue) {
         EXPECT_EQ(gTrafficReader.counts.queued, localOnly ? 3u : 2u);
         EXPECT_EQ(gTrafficReader.counts.failed, 3u);
 
-        gf_stopReaders();
-        ASSERT_TRUE(gf_waitReadersStopped(std::chrono::milliseconds(3000)));
+        stopReaders();
+        ASSERT_TRUE(waitReadersStopped(std::chrono::milliseconds(3000)));
         std::vector<std::uint32_t> ids;
         while (auto s = popOne()) ids.push_back(s->hexid);
         EXPECT_EQ(ids.back(), 20001u);
@@ -471,28 +472,28 @@ TEST_F(Decoder, APortInUseStopsTheRunWithReaderError) {
     platform::UdpSocket holder;
     ASSERT_EQ(holder.open(), "");
     ASSERT_EQ(holder.bind(0, true), "");
-    gRun.reset();
-    gf_resetMessages();
-    gf_startTrafficReader(holder.localPort(), true);
-    ASSERT_TRUE(waitUntil([] { return gRun.stopRequested.load(); }));
-    EXPECT_EQ(gRun.exitReason, 6u);
-    EXPECT_EQ(gRun.restartDelaySeconds, 15);
+    core::gRun.reset();
+    core::resetMessages();
+    startTrafficReader(holder.localPort(), true);
+    ASSERT_TRUE(waitUntil([] { return core::gRun.stopRequested.load(); }));
+    EXPECT_EQ(core::gRun.exitReason, core::ExitReason::ReaderError);
+    EXPECT_EQ(core::gRun.restartDelaySeconds, 15);
     EXPECT_NE(
-        gf_messageLine().find("The Traffic Reader has stopped with error: bind to stream socket failed"),
+        core::messageLine().find("The Traffic Reader has stopped with error: bind to stream socket failed"),
         std::string::npos)
-        << gf_messageLine();
-    ASSERT_TRUE(gf_waitReadersStopped(std::chrono::milliseconds(3000)));
-    gRun.reset();
-    gf_resetMessages();
+        << core::messageLine();
+    ASSERT_TRUE(waitReadersStopped(std::chrono::milliseconds(3000)));
+    core::gRun.reset();
+    core::resetMessages();
 }
 
 TEST(Distance, HaversineOnTheNauticalMileSphere) {
-    EXPECT_NEAR(gf_distanceNm({0, 0}, {0, 1}), 60.0, 1e-9);
-    EXPECT_NEAR(gf_distanceNm({0, 0}, {1, 0}), 60.0, 1e-9);
-    EXPECT_EQ(gf_distanceNm(kKmsp, kKmsp), 0.0);
-    EXPECT_NEAR(gf_distanceNm({0, 0}, {0, 180}), 10800.0, 1e-6);
-    EXPECT_NEAR(gf_distanceNm({47.4647, 8.5492}, {52.3086, 4.7639}), 325.3, 0.1); // LSZH-EHAM
+    EXPECT_NEAR(core::distanceNm({0, 0}, {0, 1}), 60.0, 1e-9);
+    EXPECT_NEAR(core::distanceNm({0, 0}, {1, 0}), 60.0, 1e-9);
+    EXPECT_EQ(core::distanceNm(kKmsp, kKmsp), 0.0);
+    EXPECT_NEAR(core::distanceNm({0, 0}, {0, 180}), 10800.0, 1e-6);
+    EXPECT_NEAR(core::distanceNm({47.4647, 8.5492}, {52.3086, 4.7639}), 325.3, 0.1); // LSZH-EHAM
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::feed

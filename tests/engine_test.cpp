@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "live/engine.h"
 #include "program_home.h"
 #include "sim/sim.h"
@@ -22,7 +22,7 @@ class EngineTest : public test::ProgramHome {
         live::reset();
         reserveContainers();
         sim::reset();
-        gRun.engineTick = 0;
+        core::gRun.engineTick = 0;
         setCurrentAirport(AirportPlace{kMspLat, kMspLon, 841});
         gEngine.user.latitude = kMspLat, gEngine.user.longitude = kMspLon;
         gEngine.userKnown = true;
@@ -34,12 +34,13 @@ class EngineTest : public test::ProgramHome {
         ProgramHome::TearDown();
     }
 
-    static TrafficSample record(double time, double speed, double track, bool airborne, double alt = 3000) {
-        TrafficSample r;
+    static feed::TrafficSample record(double time, double speed, double track, bool airborne,
+                                      double alt = 3000) {
+        feed::TrafficSample r;
         r.hexid = kHex;
         r.callsign = "DAL1812";
         r.registration = "N899DN";
-        r.modelCode = gf_modelId("B739");
+        r.modelCode = refdata::modelId("B739");
         r.timestamp = time;
         r.groundSpeed = speed;
         r.track = track;
@@ -57,10 +58,10 @@ class EngineTest : public test::ProgramHome {
         AcIdentity id;
         id.callsign = fmt::format("DAL{}", hexid % 10000);
         id.flightA = id.callsign;
-        id.airlineCode = gf_airlineId("DAL");
-        id.modelCode = gf_modelId("B739");
+        id.airlineCode = refdata::airlineId("DAL");
+        id.modelCode = refdata::modelId("B739");
         auto& t = gEngine.liveTable;
-        t.push_back(gf_makeLiveAc(id, hexid, gEngine.rng));
+        t.push_back(makeLiveAc(id, hexid, gEngine.rng));
         LiveAc& ac = t.back();
         ac.simState = SimState::Active;
         ac.objectId = objectId;
@@ -107,11 +108,11 @@ TEST_F(EngineTest, SpeedJumpAndThinningFilters) {
     };
     for (const auto& c : cases) {
         live::reset();
-        lf_decode(record(100, c.speed0, 90, c.airborne));
+        decode(record(100, c.speed0, 90, c.airborne));
         ASSERT_EQ(gEngine.liveTable.size(), 1u) << c.name;
         auto r = record(100 + c.dt, c.speed1, 90 + c.trackChange, c.airborne, c.alt1);
         r.latitude += 0.01;
-        lf_decode(r);
+        decode(r);
         EXPECT_EQ(gEngine.liveTable[0].stream.size(), c.taken ? 2u : 1u) << c.name;
     }
 }
@@ -119,12 +120,12 @@ TEST_F(EngineTest, SpeedJumpAndThinningFilters) {
 TEST_F(EngineTest, ANewRegistrationRespawnsWithItsLivery) {
     for (const bool guidChanges : {true, false}) {
         live::reset();
-        gParams.GUID_CHANGES = guidChanges;
+        params::gParams.GUID_CHANGES = guidChanges;
         LiveAc& ac = active(kHex, 10, 200);
-        ac.liveryTitle = liveries::gf_titleInstalled("AIG Boeing 737-900 Delta Air Lines");
+        ac.liveryTitle = liveries::titleInstalled("AIG Boeing 737-900 Delta Air Lines");
         ASSERT_FALSE(ac.liveryTitle.empty());
         gEngine.tick = 500;
-        lf_decode(record(110, 250, 0, true));
+        decode(record(110, 250, 0, true));
         const LiveAc& after = gEngine.liveTable[0];
         EXPECT_EQ(after.liveryTitle, "AIG Boeing 737-900 Delta Air Lines N899DN") << guidChanges;
         if (!guidChanges) {
@@ -138,13 +139,13 @@ TEST_F(EngineTest, ANewRegistrationRespawnsWithItsLivery) {
         EXPECT_EQ(after.stream[0].tick, 501);
         EXPECT_TRUE(after.hasSpawnHeading);
         // The simulator reports the object gone: back to the buffer, to be created anew.
-        lf_onRemoved(200);
+        onRemoved(200);
         EXPECT_EQ(after.simState, SimState::Buffer);
         EXPECT_EQ(after.objectId, 0u);
         EXPECT_EQ(after.throttleIndex, 5);
         EXPECT_EQ(after.flapsIndex, 4);
     }
-    gParams.GUID_CHANGES = true;
+    params::gParams.GUID_CHANGES = true;
 }
 
 TEST_F(EngineTest, ExtrapolationCountsAndTheirEnd) {
@@ -170,10 +171,10 @@ TEST_F(EngineTest, ExtrapolationCountsAndTheirEnd) {
         // "More than a minute" counts whole minutes: the hold ends in its third minute.
         {"taxiing: holds for its minutes", true, Phase::Taxi, 0, false, 841, 0, 120, 123},
     };
-    gParams.MAX_HOLDING_MINUTES = 1;
+    params::gParams.MAX_HOLDING_MINUTES = 1;
     for (const auto& c : cases) {
         live::reset();
-        gParams.AIRBORNE_ONLY = c.airborneOnly;
+        params::gParams.AIRBORNE_ONLY = c.airborneOnly;
         gEngine.user.latitude = kMspLat, gEngine.user.longitude = kMspLon;
         gEngine.userKnown = true;
         LiveAc& ac = active(kHex, 0, 200, c.onGround);
@@ -201,8 +202,8 @@ TEST_F(EngineTest, ExtrapolationCountsAndTheirEnd) {
             EXPECT_LE(goneAt, c.goneBy) << c.name;
         }
     }
-    gParams.AIRBORNE_ONLY = false;
-    gParams.MAX_HOLDING_MINUTES = 20;
+    params::gParams.AIRBORNE_ONLY = false;
+    params::gParams.MAX_HOLDING_MINUTES = 20;
 
     // Real data ends it: a point ahead is taken and the coasting stops; one behind is an echo.
     live::reset();
@@ -212,11 +213,11 @@ TEST_F(EngineTest, ExtrapolationCountsAndTheirEnd) {
     ASSERT_GT(ac.extrapolateCount, 1);
     auto behind = record(200, 250, 0, true);
     behind.latitude = ac.lat - 0.05;
-    lf_decode(behind);
+    decode(behind);
     EXPECT_GT(ac.extrapolateCount, 1) << "a point behind is dropped";
     auto ahead = record(210, 250, 0, true);
     ahead.latitude = ac.lat + 0.05;
-    lf_decode(ahead);
+    decode(ahead);
     EXPECT_EQ(ac.extrapolateCount, 0);
     ASSERT_EQ(ac.stream.size(), 2u);
     EXPECT_EQ(ac.stream[0].tick, gEngine.tick + 1);
@@ -229,10 +230,10 @@ LiveAc& ready(double nm) {
     id.callsign = "DAL1812";
     id.flightA = id.callsign;
     id.registration = "N899DN";
-    id.airlineCode = gf_airlineId("DAL");
-    id.modelCode = gf_modelId("B739");
+    id.airlineCode = refdata::airlineId("DAL");
+    id.modelCode = refdata::modelId("B739");
     auto& t = gEngine.liveTable;
-    t.push_back(gf_makeLiveAc(id, kHex, gEngine.rng));
+    t.push_back(makeLiveAc(id, kHex, gEngine.rng));
     LiveAc& ac = t.back();
     for (int i = 0; i < 2; ++i) {
         Sample s;
@@ -263,11 +264,11 @@ TEST_F(EngineTest, MaxLiveSelectionMakesRoomFromTheFarthest) {
     for (const auto& c : cases) {
         live::reset();
         gEngine.user.latitude = kMspLat, gEngine.user.longitude = kMspLon;
-        gParams.MAX_LIVE_SEL = c.maxLive;
+        params::gParams.MAX_LIVE_SEL = c.maxLive;
         active(20001, 5, 301);
         active(20002, 20, 302);
         LiveAc& ac = ready(c.newNm);
-        lf_handleBuffer(ac);
+        handleBuffer(ac);
         const LiveAc& fresh = *findByHexid(kHex);
         EXPECT_EQ(fresh.simState == SimState::Adding2Sim, c.spawned) << c.name;
         EXPECT_EQ(fresh.dropNow, !c.spawned) << c.name;
@@ -276,22 +277,22 @@ TEST_F(EngineTest, MaxLiveSelectionMakesRoomFromTheFarthest) {
         else
             EXPECT_TRUE(gEngine.removeQueue.empty()) << c.name;
     }
-    gParams.MAX_LIVE_SEL = 500;
+    params::gParams.MAX_LIVE_SEL = 500;
 }
 
 TEST_F(EngineTest, BlockedCallsign) {
-    gParams.BLOCK_CALLSIGN = "DAL1812";
+    params::gParams.BLOCK_CALLSIGN = "DAL1812";
     LiveAc& ac = ready(10);
-    EXPECT_EQ(lf_handleBuffer(ac), Update::Drop);
+    EXPECT_EQ(handleBuffer(ac), Update::Drop);
     EXPECT_TRUE(gEngine.addingStack.empty());
-    gParams.BLOCK_CALLSIGN.clear();
+    params::gParams.BLOCK_CALLSIGN.clear();
 
     // Blocked by the simulator: the active one leaves at once, the waiting one from the buffer.
     live::reset();
     active(20001, 5, 301);
     ready(10);
-    lf_onBlocked(20001);
-    lf_onBlocked(kHex);
+    onBlocked(20001);
+    onBlocked(kHex);
     EXPECT_EQ(findByHexid(20001)->simState, SimState::RemovingFromSim);
     EXPECT_TRUE(findByHexid(kHex)->dropNow);
     EXPECT_TRUE(log.contains("removed from simulator immediately while blocked"));
@@ -320,18 +321,18 @@ TEST_F(EngineTest, RemovalInEachState) {
     for (const auto& c : cases) {
         live::reset();
         sim::reset();
-        gParams.MAX_LIVE_SEL = 500;
+        params::gParams.MAX_LIVE_SEL = 500;
         LiveAc* ac = nullptr;
         if (c.where == Where::Active || c.where == Where::ActiveNoObject || c.where == Where::Leaving) {
             ac = &active(kHex, 10, c.where == Where::ActiveNoObject ? 0 : 200);
             if (c.where == Where::Leaving) ac->simState = SimState::RemovingFromSim;
         } else {
             ac = &ready(10);
-            if (c.where != Where::Buffer) lf_handleBuffer(*ac);
-            if (c.where == Where::Queued || c.where == Where::Sent) lf_handleAddingStack();
+            if (c.where != Where::Buffer) handleBuffer(*ac);
+            if (c.where == Where::Queued || c.where == Where::Sent) handleAddingStack();
             if (c.where == Where::Sent) {
                 gEngine.tick = 50;
-                lf_pace();
+                pace();
             }
         }
         const auto createdBefore = gEngine.created;
@@ -352,50 +353,50 @@ TEST_F(EngineTest, RemovalInEachState) {
 // An aircraft removed while the simulator was creating it is removed once it exists.
 TEST_F(EngineTest, RemovedWhileBeingCreated) {
     LiveAc& ac = ready(10);
-    lf_handleBuffer(ac);
-    lf_handleAddingStack();
+    handleBuffer(ac);
+    handleAddingStack();
     gEngine.tick = 50;
-    lf_pace();
+    pace();
     removeAircraftFromSim(*findByHexid(kHex));
     ASSERT_TRUE(findByHexid(kHex)->removeWhenCreated);
     sim::SimEvent created{250, kHex, sim::SimEventKind::LiveCreated, 1000, 0};
-    ASSERT_TRUE(lf_onCreated(*findByHexid(kHex), created));
+    ASSERT_TRUE(onCreated(*findByHexid(kHex), created));
     gEngine.pending.push_back({250, kHex, false, 0});
-    for (int i = 0; i < 200; ++i) lf_handlePending();
+    for (int i = 0; i < 200; ++i) handlePending();
     EXPECT_EQ(findByHexid(kHex)->simState, SimState::RemovingFromSim);
     EXPECT_EQ(gEngine.removeQueue, std::vector<std::uint32_t>{250});
 }
 
 TEST_F(EngineTest, ControlsSendOnlyChanges) {
     LiveAc& ac = active(kHex, 10, 200);
-    gf_setFlaps(ac, 0); // 4 means unset, so 0 goes out
-    gf_setFlaps(ac, 0);
-    gf_setFlaps(ac, 2);
-    gf_setFlaps(ac, 7);
-    lf_setThrottle(ac, 0); // 5 means unset
-    lf_setThrottle(ac, 0);
+    setFlaps(ac, 0); // 4 means unset, so 0 goes out
+    setFlaps(ac, 0);
+    setFlaps(ac, 2);
+    setFlaps(ac, 7);
+    setThrottle(ac, 0); // 5 means unset
+    setThrottle(ac, 0);
     std::vector<std::pair<std::uint32_t, std::uint32_t>> sent;
     for (const auto& e : gEngine.out.events) sent.emplace_back(e.eventId, e.data);
     EXPECT_EQ(sent, (std::vector<std::pair<std::uint32_t, std::uint32_t>>{
                         {sim::kFlapsSet, 0}, {sim::kFlapsSet, 10240}, {sim::kThrottleSet, 0}}));
-    EXPECT_TRUE(log.contains("gf_setFlaps: invalid flaps index"));
+    EXPECT_TRUE(log.contains("setFlaps: invalid flaps index"));
     LiveAc& heli = active(kHex + 1, 10, 201);
-    heli.category = Category::Rotorcraft;
+    heli.category = refdata::Category::Rotorcraft;
     gEngine.out.events.clear();
-    gf_setFlaps(heli, 1);
-    lf_setGear(heli, true);
-    lf_setSpoilers(heli, true);
+    setFlaps(heli, 1);
+    setGear(heli, true);
+    setSpoilers(heli, true);
     EXPECT_TRUE(gEngine.out.events.empty()) << "rotorcraft get no flaps, gear or spoilers";
 
     // Lights too; after a toggle of all of them each state is unknown, so all go out again.
     gEngine.out.events.clear();
-    lf_setLights(200, true, true, false, false, true, true, false);
-    lf_setLights(200, true, true, false, false, true, true, false);
+    setLights(200, true, true, false, false, true, true, false);
+    setLights(200, true, true, false, false, true, true, false);
     EXPECT_EQ(gEngine.out.events.size(), 7u);
-    lf_setLights(200, true, true, true, false, true, true, false);
+    setLights(200, true, true, true, false, true, true, false);
     EXPECT_EQ(gEngine.out.events.size(), 8u) << "only the landing lights changed";
-    lf_command(200, sim::kAllLightsToggle, 0);
-    lf_setLights(200, true, true, true, false, true, true, false);
+    command(200, sim::kAllLightsToggle, 0);
+    setLights(200, true, true, true, false, true, true, false);
     EXPECT_EQ(gEngine.out.events.size(), 16u);
 }
 
@@ -404,7 +405,7 @@ TEST_F(EngineTest, ABusyLockLosesOneFrameOfPositions) {
     active(kHex, 10, 200);
     engineFrame();
     ASSERT_EQ(gEngine.positionsLost, 0u);
-    gf_setFlaps(gEngine.liveTable[0], 1);
+    setFlaps(gEngine.liveTable[0], 1);
     std::mutex& lock = sim::simLockForTests();
     {
         std::lock_guard hold(lock);
@@ -427,18 +428,18 @@ namespace {
 // A created aircraft with a route gets its flight plan file, written beside the frame, and the
 // file goes with the aircraft.
 TEST_F(EngineTest, FlightPlanFilesFollowTheAircraft) {
-    ASSERT_TRUE(sim::gf_createFlightPlanFolder());
+    ASSERT_TRUE(sim::createFlightPlanFolder());
     LiveAc& ac = ready(10);
-    ac.origin = IataCode::tryMake("MSP").value();
-    ac.destination = IataCode::tryMake("ATL").value();
-    lf_handleBuffer(ac);
-    ASSERT_TRUE(lf_onCreated(*findByHexid(kHex), {250, kHex, sim::SimEventKind::LiveCreated, 3000, 0}));
+    ac.origin = refdata::IataCode::tryMake("MSP").value();
+    ac.destination = refdata::IataCode::tryMake("ATL").value();
+    handleBuffer(ac);
+    ASSERT_TRUE(onCreated(*findByHexid(kHex), {250, kHex, sim::SimEventKind::LiveCreated, 3000, 0}));
     const auto plan = sim::planPath(kHex);
     EXPECT_FALSE(fs::exists(plan)) << "not written inside the frame";
     writeFlightPlans();
     EXPECT_TRUE(fs::exists(plan));
     findByHexid(kHex)->simState = SimState::RemovingFromSim;
-    lf_onRemoved(250);
+    onRemoved(250);
     EXPECT_EQ(findByHexid(kHex), nullptr);
     EXPECT_TRUE(fs::exists(plan));
     writeFlightPlans();

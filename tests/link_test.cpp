@@ -11,10 +11,11 @@
 #include "live/engine.h"
 #include "platform/platform.h"
 #include "refdata/refdata.h"
+#include "run/run.h"
 #include "sim/sim.h"
 #include "support.h"
 
-namespace orv {
+namespace orv::feed {
 namespace {
 
 void weather(const std::string& datagram) {
@@ -92,14 +93,14 @@ std::string readLine(platform::TcpStream& s, int ms = 2000) {
 class LinkTest : public testing::Test {
   protected:
     void SetUp() override {
-        gRun.reset();
-        gRun.realTrafficInstalled = true;
-        gf_startRealTrafficServer("127.0.0.1", 0);
-        port = gf_realTrafficPort();
+        core::gRun.reset();
+        core::gRun.realTrafficInstalled = true;
+        startRealTrafficServer("127.0.0.1", 0);
+        port = realTrafficPort();
     }
     void TearDown() override {
-        gf_realTrafficFarewell();
-        gRun.realTrafficInstalled = false;
+        realTrafficFarewell();
+        core::gRun.realTrafficInstalled = false;
     }
     // RealTraffic connects and answers the version query with `answer`.
     platform::TcpStream connectRealTraffic(const std::string& answer) {
@@ -111,15 +112,15 @@ class LinkTest : public testing::Test {
         });
         bool connected = false;
         for (int i = 0; i < 100 && !connected; ++i) {
-            connected = lf_waitForRealTraffic();
+            connected = waitForRealTraffic();
             if (!connected) std::this_thread::sleep_for(10ms);
         }
         side.join();
         EXPECT_TRUE(connected);
         return rt;
     }
-    static sim::UserData user() {
-        sim::UserData u;
+    static UserReport user() {
+        UserReport u;
         u.latitude = 44.882, u.longitude = -93.2218, u.pitch = 0.01, u.bank = -0.02, u.heading = 1.5;
         u.altitude = 841, u.groundVelocity = 12.5;
         return u;
@@ -130,8 +131,8 @@ class LinkTest : public testing::Test {
 
 TEST_F(LinkTest, VersionAnswers) {
     auto rt = connectRealTraffic(R"({"level":2,"version":"9.0.1"})");
-    EXPECT_TRUE(gf_realTrafficProfessional());
-    EXPECT_EQ(gf_realTrafficStatus(), "RT prof edition: 9.0.1");
+    EXPECT_TRUE(realTrafficProfessional());
+    EXPECT_EQ(realTrafficStatus(), "RT prof edition: 9.0.1");
     struct Case {
         const char* answer;
         bool professional;
@@ -141,14 +142,14 @@ TEST_F(LinkTest, VersionAnswers) {
     const Case cases[] = {
         {R"({"level":1,"version":"8.0.2"})", false, "RT stnd edition: 8.0.2", nullptr},
         {R"({"level":"2","version":"8.0.2"})", false, "RT stnd edition: 8.0.2", nullptr}, // wrong shape
-        {"garbage", false, "", "lf_processRTVersion: JSON parse failed"},
+        {"garbage", false, "", "processRTVersion: JSON parse failed"},
         {"", false, "", "No RealTraffic version received?"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.answer);
-        lf_processRTVersion(c.answer);
-        EXPECT_EQ(gf_realTrafficProfessional(), c.professional);
-        EXPECT_EQ(gf_realTrafficStatus(), c.status);
+        processRTVersion(c.answer);
+        EXPECT_EQ(realTrafficProfessional(), c.professional);
+        EXPECT_EQ(realTrafficStatus(), c.status);
         if (c.logged) {
             EXPECT_TRUE(log.contains(c.logged));
         }
@@ -157,28 +158,29 @@ TEST_F(LinkTest, VersionAnswers) {
 
 TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     auto first = connectRealTraffic(R"({"level":1,"version":"8.0"})");
-    lf_sendUserPosition(user());
+    sendUserPosition(user());
     EXPECT_EQ(readLine(first), "Qs121=1000;-2000;1.500000;841000;12500;0.783339;-1.627027\r\n");
-    lf_sendUserPosition(sim::UserData{}); // 0,0: the simulator has no position yet
-    gf_sendTimeToRealTraffic();           // the standard edition gets no time
+    sendUserPosition(UserReport{}); // 0,0: the simulator has no position yet
+    run::sendTimeToRealTraffic();   // the standard edition gets no time
     EXPECT_EQ(readLine(first, 200), "");
 
     // What RealTraffic sent belongs to it: when it goes, so do the aircraft.
     live::reset();
+    run::installHooks();
     for (const auto state : {live::SimState::Active, live::SimState::Buffer}) {
         live::AcIdentity id;
         id.callsign = state == live::SimState::Active ? "DAL1" : "DAL2";
         live::gEngine.liveTable.push_back(
-            live::gf_makeLiveAc(id, state == live::SimState::Active ? 20001 : 20002, live::gEngine.rng));
+            live::makeLiveAc(id, state == live::SimState::Active ? 20001 : 20002, live::gEngine.rng));
         live::gEngine.liveTable.back().simState = state;
         live::gEngine.liveTable.back().objectId = state == live::SimState::Active ? 300 : 0;
     }
     first.close(); // RealTraffic goes
-    for (int i = 0; i < 100 && gf_realTrafficConnected(); ++i) {
-        lf_sendUserPosition(user());
+    for (int i = 0; i < 100 && realTrafficConnected(); ++i) {
+        sendUserPosition(user());
         std::this_thread::sleep_for(5ms);
     }
-    ASSERT_FALSE(gf_realTrafficConnected());
+    ASSERT_FALSE(realTrafficConnected());
     EXPECT_TRUE(log.contains("RealTraffic gone? Wait for RealTraffic to re-connect ..."));
     ASSERT_EQ(live::gEngine.liveTable.size(), 1u) << "the waiting one is dropped";
     EXPECT_EQ(live::gEngine.liveTable[0].simState, live::SimState::RemovingFromSim);
@@ -188,13 +190,13 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     // A new RealTraffic is taken up by the position sending itself, without a version query.
     platform::TcpStream second;
     ASSERT_EQ(second.connect("127.0.0.1", port), "");
-    for (int i = 0; i < 100 && !gf_realTrafficConnected(); ++i) {
-        lf_sendUserPosition(user());
+    for (int i = 0; i < 100 && !realTrafficConnected(); ++i) {
+        sendUserPosition(user());
         std::this_thread::sleep_for(5ms);
     }
     EXPECT_TRUE(readLine(second).starts_with("Qs121="));
     EXPECT_TRUE(log.contains("RealTraffic re-connected"));
-    gf_realTrafficFarewell();
+    realTrafficFarewell();
     std::string rest;
     for (std::string l; !(l = readLine(second, 500)).empty();) rest = l;
     EXPECT_EQ(rest, "exit\r\n");
@@ -205,8 +207,8 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
 TEST_F(LinkTest, TheProfessionalEditionGetsTheSimulatorTime) {
     sim::reset();
     test::TempDir dir; // the user's model must be a known one
-    gPaths.programFolder = gPaths.dataFolder = dir.path();
-    ASSERT_TRUE(gf_loadDbase(test::shippedCopy("dbase.enc", dir.path())));
+    core::gPaths.programFolder = core::gPaths.dataFolder = dir.path();
+    ASSERT_TRUE(refdata::loadDbase(test::shippedCopy("dbase.enc", dir.path())));
     emu::Config config;
     config.user.latitude = 44.882, config.user.longitude = -93.2218;
     config.airports = {{"KMSP", 44.882, -93.2218, 841}};
@@ -226,12 +228,12 @@ TEST_F(LinkTest, TheProfessionalEditionGetsTheSimulatorTime) {
         e.advanceTo(t += 0.01);
     };
     auto rt = connectRealTraffic(R"({"level":2,"version":"9.0.1"})");
-    ASSERT_TRUE(gf_realTrafficProfessional());
-    for (int i = 0; i < 10 && !gRun.simRunning; ++i) pass();
+    ASSERT_TRUE(realTrafficProfessional());
+    for (int i = 0; i < 10 && !core::gRun.simRunning; ++i) pass();
     sim::requestUserOnGround();
     for (int i = 0; i < 20 && sim::epochTime() == 0; ++i) pass();
     ASSERT_GT(sim::epochTime(), 0) << log.text();
-    gf_sendTimeToRealTraffic();
+    run::sendTimeToRealTraffic();
     const auto line = readLine(rt);
     ASSERT_TRUE(line.starts_with("Qs123=")) << line;
     const double ms = std::stod(line.substr(6));
@@ -265,11 +267,11 @@ TEST_F(LinkTest, TheReplayToolStandsInForRealTraffic) {
     std::thread replay([&] { EXPECT_EQ(std::system(cmd.c_str()), 0); });
     bool connected = false;
     for (int i = 0; i < 300 && !connected; ++i) {
-        connected = lf_waitForRealTraffic();
+        connected = waitForRealTraffic();
         if (!connected) std::this_thread::sleep_for(10ms);
     }
     EXPECT_TRUE(connected);
-    EXPECT_EQ(gf_realTrafficStatus(), "RT stnd edition: 8.1");
+    EXPECT_EQ(realTrafficStatus(), "RT stnd edition: 8.1");
     char buf[512];
     const auto w = weather.receive(buf, sizeof buf);
     ASSERT_EQ(w.status, platform::RecvStatus::Data);
@@ -288,4 +290,4 @@ TEST_F(LinkTest, TheReplayToolStandsInForRealTraffic) {
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::feed

@@ -17,34 +17,34 @@ namespace {
 
 template <class P>
 P& parameter(const char* name) {
-    return dynamic_cast<P&>(*gf_findParameter(name));
+    return dynamic_cast<P&>(*params::findParameter(name));
 }
 
 // A program folder with the shipped reference files and a clean livery state.
 class LiveriesTest : public testing::Test {
   protected:
     void SetUp() override {
-        gPaths.programFolder = dir.path();
-        gPaths.dataFolder = dir.path();
+        core::gPaths.programFolder = dir.path();
+        core::gPaths.dataFolder = dir.path();
         fs::create_directories(dir / "input");
-        gf_loadDbase(test::shippedCopy("dbase.enc", dir / "input"));
+        refdata::loadDbase(test::shippedCopy("dbase.enc", dir / "input"));
         test::shippedCopy("AIG-regcodes.enc", dir / "input");
         gStore.reset();
-        gf_clearReports();
-        gf_clearTitleSet();
-        gf_resetMatching();
-        gf_seedMatching(7);
-        gParams.RANDOM = false;
-        gParams.MATCHING_DEPTH = 4;
-        parameter<BoolParameter>("LIG_PRIORITIZE").value = true;
+        clearReports();
+        clearTitleSet();
+        resetMatching();
+        seedMatching(7);
+        params::gParams.RANDOM = false;
+        params::gParams.MATCHING_DEPTH = 4;
+        parameter<params::BoolParameter>("LIG_PRIORITIZE").value = true;
         for (const char* p : {"LIGHT_AIRCRAFT", "HIGH_PERF_AIRCRAFT", "HELICOPTERS"})
-            parameter<BoolParameter>(p).value = true;
-        gf_readDontUseTitles();
+            parameter<params::BoolParameter>(p).value = true;
+        readDontUseTitles();
     }
     void TearDown() override {
         gStore.reset();
-        gf_clearReports();
-        gParams.RANDOM = true;
+        clearReports();
+        params::gParams.RANDOM = true;
     }
     static fs::path community() { return fs::path(ORV_SOURCE_DIR) / "data/liveries/Community"; }
     std::vector<LiveryData> parse(const std::string& text) {
@@ -54,12 +54,12 @@ class LiveriesTest : public testing::Test {
             lines.push_back(text.substr(start, nl - start));
             start = nl == std::string::npos ? text.size() : nl + 1;
         }
-        return lf_parseAircraftCfg(1, "X/aircraft.cfg", lines);
+        return parseAircraftCfg(1, "X/aircraft.cfg", lines);
     }
     // Scans the fixed set and builds the store from the file the scan wrote.
     void scanAndProcess() {
-        ASSERT_TRUE(lf_scanFolders(lf_collectAutomaticFolders(community())));
-        gf_processLiveries();
+        ASSERT_TRUE(scanFolders(collectAutomaticFolders(community())));
+        processLiveries();
     }
     test::TempDir dir;
     test::LogCapture log;
@@ -142,15 +142,15 @@ TEST_F(LiveriesTest, SectionRules) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.rule);
-        gf_clearReports();
-        gf_clearTitleSet();
+        clearReports();
+        clearTitleSet();
         std::vector<std::string> got;
         for (const auto& l : parse(c.file))
-            got.push_back(fmt::format("{}|{}|{}|{}|{}", l.title, gf_airlineCode(l.airline),
-                                      gf_modelCode(l.model), l.regcode, l.cargo ? 1 : 0));
+            got.push_back(fmt::format("{}|{}|{}|{}|{}", l.title, refdata::airlineCode(l.airline),
+                                      refdata::modelCode(l.model), l.regcode, l.cargo ? 1 : 0));
         EXPECT_EQ(got, c.liveries);
         if (c.reported.first != Report::Count) {
-            const auto lines = gf_reportLines(c.reported.first);
+            const auto lines = reportLines(c.reported.first);
             EXPECT_NE(std::find(lines.begin(), lines.end(), c.reported.second), lines.end())
                 << (lines.empty() ? "(no lines)" : lines.front());
         }
@@ -160,7 +160,7 @@ TEST_F(LiveriesTest, SectionRules) {
 // The committed set is the generator's output, byte for byte, so neither drifts from the other.
 TEST_F(LiveriesTest, TheFixedSetIsWhatTheGeneratorWrites) {
     testing::internal::CaptureStdout();
-    tools::gf_liveriesMain({(dir / "generated").string()});
+    tools::liveriesMain({(dir / "generated").string()});
     testing::internal::GetCapturedStdout();
     const auto files = [](const fs::path& root) {
         std::map<std::string, std::string> out;
@@ -174,29 +174,29 @@ TEST_F(LiveriesTest, TheFixedSetIsWhatTheGeneratorWrites) {
 }
 
 TEST_F(LiveriesTest, TheRealAircraftCfg) {
-    const auto got = lf_searchLiveriesinFile(3, fs::path(ORV_SOURCE_DIR) /
-                                                    "data/liveries/real/flybywire-a320neo.aircraft.cfg");
+    const auto got = searchLiveriesinFile(3, fs::path(ORV_SOURCE_DIR) /
+                                                 "data/liveries/real/flybywire-a320neo.aircraft.cfg");
     ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(gf_modelCode(got[0].model), "A20N");
+    EXPECT_EQ(refdata::modelCode(got[0].model), "A20N");
     EXPECT_EQ(got[0].folder, 3);
     EXPECT_FALSE(got[0].cargo) << "GATE,RAMP,CARGO serves passengers";
     // No icao_airline and a registration the database doesn't know: a private livery.
-    EXPECT_EQ(gf_airlineCode(got[0].airline), "PVT");
+    EXPECT_EQ(refdata::airlineCode(got[0].airline), "PVT");
 }
 
 TEST_F(LiveriesTest, TheFixedSetScansWritesAndReadsBack) {
-    const auto folders = lf_collectAutomaticFolders(community());
+    const auto folders = collectAutomaticFolders(community());
     std::vector<std::string> names;
     for (const auto& f : folders) names.push_back(f.filename().string());
     EXPECT_EQ(names,
               (std::vector<std::string>{"aig-aitraffic-oci-beta", "fsltl-traffic-base",
                                         "justflight-aircraft-traffic-fleet", "IVAO_MTL", "user-aitraffic"}));
-    ASSERT_TRUE(lf_scanFolders(folders));
-    gf_readLiveries();
+    ASSERT_TRUE(scanFolders(folders));
+    readLiveries();
     std::map<std::string, std::string> byTitle;
     for (const auto& l : gStore.list)
-        byTitle[l.title] = fmt::format("{} {} {} {}", gf_airlineCode(l.airline), gf_modelCode(l.model),
-                                       l.regcode, l.cargo ? "cargo" : "pax");
+        byTitle[l.title] = fmt::format("{} {} {} {}", refdata::airlineCode(l.airline),
+                                       refdata::modelCode(l.model), l.regcode, l.cargo ? "cargo" : "pax");
     const std::map<std::string, std::string> expected = {
         {"A388 DLH Lufthansa", "DLH A388  pax"},
         {"AIG Airbus A320 British Airways", "BAW A320  pax"},
@@ -226,7 +226,7 @@ TEST_F(LiveriesTest, TheFixedSetScansWritesAndReadsBack) {
     EXPECT_EQ(byTitle, expected);
     // The UTF-16 and Windows-1252 files were read; the _CVT_ copy, the United title (not to
     // use) and the IVAO livery without its texture folder were not.
-    const auto errors = [&](Report r) { return gf_reportPath(r); };
+    const auto errors = [&](Report r) { return reportPath(r); };
     EXPECT_TRUE(fs::exists(errors(Report::InvalidAirlineCodes)));
     EXPECT_TRUE(fs::exists(errors(Report::InvalidAircraftCodes)));
     EXPECT_TRUE(fs::exists(errors(Report::NoFltsimSection)));
@@ -253,10 +253,10 @@ TEST_F(LiveriesTest, FolderPriority) {
     write("second", "Second KLM");
     for (const bool prioritize : {true, false}) {
         SCOPED_TRACE(prioritize);
-        parameter<BoolParameter>("LIG_PRIORITIZE").value = prioritize;
+        parameter<params::BoolParameter>("LIG_PRIORITIZE").value = prioritize;
         gStore.reset();
-        ASSERT_TRUE(lf_scanFolders({dir / "first", dir / "nonexistent", dir / "second"}));
-        gf_readLiveries();
+        ASSERT_TRUE(scanFolders({dir / "first", dir / "nonexistent", dir / "second"}));
+        readLiveries();
         std::vector<std::string> titles;
         for (const auto& l : gStore.list) titles.push_back(l.title);
         if (prioritize)
@@ -292,18 +292,18 @@ TEST_F(LiveriesTest, IvaoFiles) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        gf_clearReports();
-        gf_clearTitleSet();
+        clearReports();
+        clearTitleSet();
         test::writeBytes(folder / "aircraft.cfg", "[fltsim.0]\n" + c.section);
-        const auto got = lf_searchLiveriesinIVAOFile(2, folder / "aircraft.cfg");
+        const auto got = searchLiveriesinIVAOFile(2, folder / "aircraft.cfg");
         std::string livery;
         for (const auto& l : got)
-            livery = fmt::format("{}|{}|{}", l.title, gf_airlineCode(l.airline), l.regcode);
+            livery = fmt::format("{}|{}|{}", l.title, refdata::airlineCode(l.airline), l.regcode);
         EXPECT_EQ(livery, c.livery);
-        for (const auto& l : got) EXPECT_EQ(gf_modelCode(l.model), "B738");
+        for (const auto& l : got) EXPECT_EQ(refdata::modelCode(l.model), "B738");
         std::string reports;
         for (const auto r : {Report::IncompleteSections, Report::InvalidAirlineCodes})
-            for (const auto& l : gf_reportLines(r)) reports += l + "\n";
+            for (const auto& l : reportLines(r)) reports += l + "\n";
         if (c.reported.empty()) {
             EXPECT_EQ(reports, "");
         } else {
@@ -318,10 +318,10 @@ TEST_F(LiveriesTest, InlineRegistrationClash) {
         dir / "pkg/a/aircraft.cfg",
         "[GENERAL]\nicao_type_designator = B738\n[fltsim.0]\ntitle = KLM one\nicao_airline = KLM\natc_id = "
         "PH-BXC\n[fltsim.1]\ntitle = KLM two\nicao_airline = KLM\natc_id = PH-BXC\n");
-    ASSERT_TRUE(lf_scanFolders({dir / "pkg"}));
-    gf_processLiveries();
+    ASSERT_TRUE(scanFolders({dir / "pkg"}));
+    processLiveries();
     EXPECT_EQ(gStore.regcodeTitles.at("PH-BXC"), "KLM one") << "the first in sort order owns it";
-    EXPECT_EQ(test::readBytes(gf_reportPath(Report::InlineRegcodes)),
+    EXPECT_EQ(test::readBytes(reportPath(Report::InlineRegcodes)),
               "PH-BXC 'KLM two' => already in use by 'KLM one'\n");
     EXPECT_TRUE(log.contains("    1 in-line regcode clash, see '"));
 }
@@ -337,27 +337,27 @@ TEST_F(LiveriesTest, ProcessingBuildsTheMaps) {
     EXPECT_EQ(s.uniqueRegcodes, (std::set<std::string, std::less<>>{"N899DN"}));
     EXPECT_EQ(s.specialRegcodes, (std::set<std::string, std::less<>>{"N801DZ", "N802DZ", "N899DN"}));
     EXPECT_EQ(s.specialTitles.size(), 2u);
-    const auto offline = test::readBytes(gf_reportPath(Report::OfflineRegcodes));
+    const auto offline = test::readBytes(reportPath(Report::OfflineRegcodes));
     EXPECT_NE(offline.find("Processing file AIG-regcodes.enc"), std::string::npos) << offline;
     EXPECT_NE(offline.find("3 new regcodes added, 2 regcodes defined as special"), std::string::npos)
         << offline;
     // Cargo and passenger titles are kept apart; generic liveries by model.
-    const AirlineId fdx = gf_airlineId("FDX");
-    const ModelId b763 = gf_modelId("B763");
+    const refdata::AirlineId fdx = refdata::airlineId("FDX");
+    const refdata::ModelId b763 = refdata::modelId("B763");
     EXPECT_EQ(s.airlineTitles[1].at(fdx).at(b763).size(), 2u);
     EXPECT_EQ(s.airlineTitles[0].at(fdx).at(b763).size(), 1u);
-    EXPECT_EQ(s.genericTitles[0].at(gf_modelId("B739")).size(), 4u);
+    EXPECT_EQ(s.genericTitles[0].at(refdata::modelId("B739")).size(), 4u);
     // Similar types: KLM has a B738, so a B739 of KLM may take it.
-    EXPECT_EQ(gf_similarOfAirline(gf_airlineModelKey(gf_airlineId("KLM"), gf_modelId("B739"))),
-              std::vector<ModelId>{gf_modelId("B738")});
+    EXPECT_EQ(similarOfAirline(refdata::airlineModelKey(refdata::airlineId("KLM"), refdata::modelId("B739"))),
+              std::vector<refdata::ModelId>{refdata::modelId("B738")});
     // Categories without liveries switch their traffic off, once.
-    EXPECT_FALSE(parameter<BoolParameter>("HELICOPTERS").value);
-    EXPECT_FALSE(parameter<BoolParameter>("HIGH_PERF_AIRCRAFT").value);
-    EXPECT_TRUE(parameter<BoolParameter>("LIGHT_AIRCRAFT").value);
-    EXPECT_EQ(s.categoryModels[0], std::vector<ModelId>{gf_modelId("C172")});
+    EXPECT_FALSE(parameter<params::BoolParameter>("HELICOPTERS").value);
+    EXPECT_FALSE(parameter<params::BoolParameter>("HIGH_PERF_AIRCRAFT").value);
+    EXPECT_TRUE(parameter<params::BoolParameter>("LIGHT_AIRCRAFT").value);
+    EXPECT_EQ(s.categoryModels[0], std::vector<refdata::ModelId>{refdata::modelId("C172")});
     EXPECT_TRUE(log.contains("3 models have a generic livery"));
     // A second processing in the same process only says so.
-    gf_processLiveries();
+    processLiveries();
     EXPECT_TRUE(log.contains("Processing scanned liveries skipped; already done in previous start-up"));
 }
 
@@ -374,11 +374,11 @@ TEST_F(LiveriesTest, BrokenLiveryFiles) {
     };
     for (const auto& c : cases) {
         fs::create_directories(dir / "output");
-        test::writeBytes(gf_liveriesFile(), c.text);
+        test::writeBytes(liveriesFile(), c.text);
         try {
-            gf_readLiveries();
+            readLiveries();
             ADD_FAILURE() << c.text;
-        } catch (const UserErrorException& e) {
+        } catch (const core::UserErrorException& e) {
             EXPECT_EQ(e.number(), c.code) << c.text;
         }
     }
@@ -405,7 +405,7 @@ TEST_F(LiveriesTest, RegcodeLines) {
     for (const auto& c : cases) {
         RegcodeRecord r;
         std::string wrong;
-        EXPECT_EQ(gf_parseRegcodeLine(c.line, r, wrong), c.record) << c.line;
+        EXPECT_EQ(parseRegcodeLine(c.line, r, wrong), c.record) << c.line;
         EXPECT_EQ(wrong, c.wrong) << c.line;
         if (!c.record) continue;
         EXPECT_EQ(r.regcodes, c.regcodes) << c.line;
@@ -424,13 +424,13 @@ class MatchingTest : public LiveriesTest {
     std::string match(const char* airline, const char* model, const char* regcode = "", bool cargo = false,
                       int* step = nullptr) {
         MatchAircraft a;
-        a.key = gf_airlineModelKey(gf_airlineId(airline), gf_modelId(model));
+        a.key = refdata::airlineModelKey(refdata::airlineId(airline), refdata::modelId(model));
         a.regcode = regcode;
-        a.category = gf_category(gf_modelId(model));
+        a.category = refdata::category(refdata::modelId(model));
         a.cargo = cargo;
         a.description = fmt::format("{} {} {}", airline, model, regcode);
         const auto before = gMatchStepCount;
-        gf_matchLiveLivery(a);
+        matchLiveLivery(a);
         if (step) {
             *step = -1;
             for (int i = 0; i < 7; ++i)
@@ -478,7 +478,7 @@ TEST_F(MatchingTest, TheLadderAtEachDepth) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        gParams.MATCHING_DEPTH = c.depth;
+        params::gParams.MATCHING_DEPTH = c.depth;
         int step = -2;
         EXPECT_EQ(match(c.airline, c.model, c.regcode, c.cargo, &step), c.title);
         EXPECT_EQ(step, c.step);
@@ -486,44 +486,44 @@ TEST_F(MatchingTest, TheLadderAtEachDepth) {
 }
 
 TEST_F(MatchingTest, RandomPicksStayAmongTheNonSpecialTitles) {
-    gParams.RANDOM = true;
-    gf_seedMatching(12345);
+    params::gParams.RANDOM = true;
+    seedMatching(12345);
     std::set<std::string> seen;
     for (int i = 0; i < 200; ++i) seen.insert(match("DAL", "B739"));
     // Two special paints and the STUB (filed as generic) never show up for a plain DAL B739.
     EXPECT_EQ(seen, (std::set<std::string>{"AIG Boeing 737-900 Delta Air Lines"}));
-    gParams.RANDOM = false;
+    params::gParams.RANDOM = false;
     EXPECT_EQ(match("DAL", "B739"), match("DAL", "B739")) << "without RANDOM the same livery every time";
 }
 
 TEST_F(MatchingTest, RefusedTitlesAreNeverGivenAgain) {
-    gParams.MATCHING_DEPTH = 4;
-    gf_refuseTitle("AIG Boeing 737-800 KLM");
+    params::gParams.MATCHING_DEPTH = 4;
+    refuseTitle("AIG Boeing 737-800 KLM");
     int step = -2;
     // The registration finds the refused title; the ladder goes on and finds nothing else at
     // step 2 for KLM B738 either: the same title again.
     EXPECT_EQ(match("KLM", "B738", "PH-BXA", false, &step), "");
     EXPECT_EQ(gMatchStepCount[1], 0);
-    gf_logMatchingSummary();
+    logMatchingSummary();
     EXPECT_FALSE(log.contains("Could not be created")) << "nothing matched yet: no summary";
     match("DLH", "A320");
-    gf_logMatchingSummary();
+    logMatchingSummary();
     EXPECT_TRUE(log.contains("Could not be created\n  AIG Boeing 737-800 KLM"));
     EXPECT_TRUE(log.contains(" live traffic livery matching summary "));
 }
 
 TEST_F(MatchingTest, StaticAircraft) {
     MatchAircraft a;
-    a.key = gf_airlineModelKey(gf_airlineId("SWR"), gf_modelId("A320"));
-    a.category = Category::Large;
+    a.key = refdata::airlineModelKey(refdata::airlineId("SWR"), refdata::modelId("A320"));
+    a.category = refdata::Category::Large;
     a.description = "HB-JLA A320";
-    gParams.MATCHING_DEPTH = 1;
-    EXPECT_FALSE(gf_matchStaticLivery(a, "E12", false));
+    params::gParams.MATCHING_DEPTH = 1;
+    EXPECT_FALSE(matchStaticLivery(a, "E12", false));
     EXPECT_TRUE(log.contains("E12     : HB-JLA A320 no livery match ..."));
-    gParams.MATCHING_DEPTH = 4;
-    EXPECT_TRUE(gf_matchStaticLivery(a, "E12", false));
+    params::gParams.MATCHING_DEPTH = 4;
+    EXPECT_TRUE(matchStaticLivery(a, "E12", false));
     EXPECT_EQ(a.title, "AIG Airbus A320 Swiss");
-    EXPECT_TRUE(gf_matchStaticLivery(a, "E12", false)) << "a title restored from a saved file stands";
+    EXPECT_TRUE(matchStaticLivery(a, "E12", false)) << "a title restored from a saved file stands";
     EXPECT_TRUE(log.contains("HB-JLA A320 =s= AIG Airbus A320 Swiss"));
     EXPECT_EQ(gMatchStepCount, (std::array<std::int32_t, 7>{})) << "static matches are not counted";
 }

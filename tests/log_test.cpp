@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "support.h"
 #include "ui/ui.h"
 
-namespace orv {
+namespace orv::core {
 namespace {
 
 using test::LogCapture;
@@ -15,8 +15,8 @@ using test::writeBytes;
 
 TEST(Log, HeaderThenPlainAndFlushedLines) {
     LogCapture log;
-    gf_log("plain line");
-    gf_logFlush("important");
+    core::log("plain line");
+    core::logFlush("important");
     const auto text = log.text();
     EXPECT_TRUE(std::regex_search(
         text,
@@ -27,37 +27,37 @@ TEST(Log, HeaderThenPlainAndFlushedLines) {
 }
 
 TEST(Log, UnwritableFileThrowsAndClosedLogIgnoresLines) {
-    EXPECT_THROW(gf_openLog("/nonexistent-folder/Log.txt"), std::runtime_error);
-    gf_log("nowhere"); // must not crash
-    gf_logFlush("nowhere");
+    EXPECT_THROW(core::openLog("/nonexistent-folder/Log.txt"), std::runtime_error);
+    core::log("nowhere"); // must not crash
+    core::logFlush("nowhere");
 }
 
 TEST(Messages, EmptyClearsSilentlyErrorBlocksAndOldMessagesExpire) {
     LogCapture log;
-    gf_resetMessages();
-    gf_message("hello", true);
-    EXPECT_EQ(gf_messageLine(), "hello");
-    gf_message("", true);
-    EXPECT_EQ(gf_messageLine(), "");
+    resetMessages();
+    message("hello", true);
+    EXPECT_EQ(messageLine(), "hello");
+    message("", true);
+    EXPECT_EQ(messageLine(), "");
 
-    gf_messageSecond();
-    gf_message("fades");
-    for (int s = 0; s < 24; ++s) gf_messageSecond();
-    EXPECT_EQ(gf_messageLine(), "fades");
-    gf_messageSecond();
-    EXPECT_EQ(gf_messageLine(), "");
+    messageSecond();
+    message("fades");
+    for (int s = 0; s < 24; ++s) messageSecond();
+    EXPECT_EQ(messageLine(), "fades");
+    messageSecond();
+    EXPECT_EQ(messageLine(), "");
 
-    gf_error("disk full");
-    gf_message("ignored while an error shows", true);
-    EXPECT_EQ(gf_messageLine(), "");
-    EXPECT_EQ(gf_errorLine(), "disk full");
+    error("disk full");
+    message("ignored while an error shows", true);
+    EXPECT_EQ(messageLine(), "");
+    EXPECT_EQ(errorLine(), "disk full");
     const auto text = log.text();
     EXPECT_NE(text.find("hello\n"), std::string::npos);
     EXPECT_NE(text.find("Error disk full\n"), std::string::npos);
     EXPECT_EQ(text.find("ignored while"), std::string::npos);
     // The empty message logged nothing: "hello" is followed by the error line directly.
     EXPECT_NE(text.find("hello\nError disk full"), std::string::npos) << text;
-    gf_resetMessages();
+    resetMessages();
 }
 
 TEST(TextFiles, EncodingDetection) {
@@ -89,12 +89,12 @@ TEST(TextFiles, EncodingDetection) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         writeBytes(dir / "f.txt", c.bytes);
-        EXPECT_EQ(gf_detectEncoding(dir / "f.txt"), c.expected);
+        EXPECT_EQ(detectEncoding(dir / "f.txt"), c.expected);
     }
-    EXPECT_EQ(gf_detectEncoding(dir / "missing.txt"), Encoding::NoneFound);
+    EXPECT_EQ(detectEncoding(dir / "missing.txt"), Encoding::NoneFound);
     // A multi-byte sequence cut by the 4096-byte window counts as not UTF-8.
     writeBytes(dir / "long.txt", std::string(4095, 'a') + "\xC3\xA9");
-    EXPECT_EQ(gf_detectEncoding(dir / "long.txt"), Encoding::Ansi);
+    EXPECT_EQ(detectEncoding(dir / "long.txt"), Encoding::Ansi);
 }
 
 TEST(TextFiles, EveryEncodingReadsAsUtf8Lines) {
@@ -123,35 +123,35 @@ TEST(TextFiles, EveryEncodingReadsAsUtf8Lines) {
         SCOPED_TRACE(c.name);
         writeBytes(dir / "f.txt", c.bytes);
         std::vector<std::string> lines{"stale"};
-        ASSERT_TRUE(gf_readLines(gf_detectEncoding(dir / "f.txt"), dir / "f.txt", lines));
+        ASSERT_TRUE(readLines(detectEncoding(dir / "f.txt"), dir / "f.txt", lines));
         EXPECT_EQ(lines, expected);
     }
-    gf_resetMessages();
+    resetMessages();
     std::vector<std::string> lines;
-    EXPECT_FALSE(gf_readLines(Encoding::NoneFound, dir / "f.txt", lines));
-    EXPECT_NE(gf_messageLine().find("has unknown charset: 5"), std::string::npos) << gf_messageLine();
-    gf_resetMessages();
+    EXPECT_FALSE(readLines(Encoding::NoneFound, dir / "f.txt", lines));
+    EXPECT_NE(messageLine().find("has unknown charset: 5"), std::string::npos) << messageLine();
+    resetMessages();
 }
 
 TEST(TextFiles, ReadAllLinesAndWriteText) {
     TempDir dir;
     std::vector<std::string> lines;
-    const auto missing = gf_readAllLines(dir / "none", lines, 10);
+    const auto missing = readAllLines(dir / "none", lines, 10);
     ASSERT_TRUE(std::holds_alternative<std::string>(missing));
     EXPECT_EQ(std::get<std::string>(missing), "open_failed");
 
-    ASSERT_TRUE(gf_writeText("a\nb", dir / "out.txt", true));
+    ASSERT_TRUE(writeText("a\nb", dir / "out.txt", true));
     EXPECT_EQ(test::readBytes(dir / "out.txt"), "a\nb\n");
-    ASSERT_TRUE(gf_writeText("c", dir / "out.txt", false));
+    ASSERT_TRUE(writeText("c", dir / "out.txt", false));
     EXPECT_EQ(test::readBytes(dir / "out.txt"), "c");
     EXPECT_FALSE(fs::exists(dir / "out.txt.tmp"));
-    EXPECT_FALSE(gf_writeText("x", dir / "no" / "such" / "folder.txt", false));
+    EXPECT_FALSE(writeText("x", dir / "no" / "such" / "folder.txt", false));
 
-    const auto n = gf_readAllLines(dir / "out.txt", lines, 10);
+    const auto n = readAllLines(dir / "out.txt", lines, 10);
     ASSERT_TRUE(std::holds_alternative<std::size_t>(n));
     EXPECT_EQ(std::get<std::size_t>(n), 1u);
     EXPECT_GE(lines.capacity(), 10u);
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::core

@@ -3,11 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "params/params.h"
+#include "run/run.h"
 #include "support.h"
 
-namespace orv {
+namespace orv::run {
 namespace {
 
 TEST(VersionStep, StoredVersionDecidesWhatHappens) {
@@ -26,12 +27,12 @@ TEST(VersionStep, StoredVersionDecidesWhatHappens) {
         {"11.0.2", 10, true, true, "This is a version update from 11.0.2 -> 11.12.1"},
         {"12.0.0", 10, false, false, ""},
     };
-    const Paths saved = gPaths;
+    const core::Paths saved = core::gPaths;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.stored ? c.stored : "first start");
         test::LogCapture log;
         test::TempDir dir;
-        gPaths.programFolder = dir / "home";
+        core::gPaths.programFolder = dir / "home";
         fs::create_directories(dir / "home" / "output");
         fs::create_directories(dir / "home" / "new_version");
         test::writeBytes(dir / "home" / "output" / "LiveriesScanned.xml", "<x/>");
@@ -45,15 +46,16 @@ TEST(VersionStep, StoredVersionDecidesWhatHappens) {
                                          R"(</parameters></root>)",
                                          c.stored));
         }
-        lf_versionStep(file);
+        versionStep(file);
 
         pugi::xml_document doc;
         ASSERT_TRUE(doc.load_file(file.c_str()));
-        EXPECT_EQ(readStringParameter(doc, "PROGRAM_VERSION"), "11.12.1");
-        EXPECT_EQ(readIntParameter(doc, "RANGE"), c.range);
-        EXPECT_EQ(readBoolParameter(doc, "SCAN_LIVERIES"), c.scanLiveries);
-        EXPECT_EQ(dynamic_cast<IntParameter*>(gf_findParameter("RANGE"))->value, c.range);
-        EXPECT_EQ(dynamic_cast<BoolParameter*>(gf_findParameter("SCAN_LIVERIES"))->value, c.scanLiveries);
+        EXPECT_EQ(params::readStringParameter(doc, "PROGRAM_VERSION"), "11.12.1");
+        EXPECT_EQ(params::readIntParameter(doc, "RANGE"), c.range);
+        EXPECT_EQ(params::readBoolParameter(doc, "SCAN_LIVERIES"), c.scanLiveries);
+        EXPECT_EQ(dynamic_cast<params::IntParameter*>(params::findParameter("RANGE"))->value, c.range);
+        EXPECT_EQ(dynamic_cast<params::BoolParameter*>(params::findParameter("SCAN_LIVERIES"))->value,
+                  c.scanLiveries);
         EXPECT_EQ(fs::exists(dir / "home" / "output" / "LiveriesScanned.xml"), !c.filesCleared);
         EXPECT_EQ(fs::exists(dir / "home" / "stray.xml"), !c.filesCleared);
         EXPECT_EQ(fs::exists(dir / "home" / "new_version"), !c.filesCleared);
@@ -64,10 +66,11 @@ TEST(VersionStep, StoredVersionDecidesWhatHappens) {
             EXPECT_FALSE(log.contains("version update"));
         }
     }
-    gPaths = saved;
-    saveParameters(fs::temp_directory_path() / "orv-reset-parameters.xml", gf_parameterLists(), true);
+    core::gPaths = saved;
+    params::saveParameters(fs::temp_directory_path() / "orv-reset-parameters.xml", params::parameterLists(),
+                           true);
     fs::remove(fs::temp_directory_path() / "orv-reset-parameters.xml");
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::run

@@ -3,7 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "app/app.h"
+#include "core/core.h"
+#include "core/geo.h"
 #include "live/engine.h"
 #include "program_home.h"
 #include "sim/sim.h"
@@ -11,8 +12,6 @@
 namespace orv::live {
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kDeg = kPi / 180.0;
 constexpr double kLat = 44.88, kLon = -93.22;
 constexpr double kMetresPerDegree = 111132.95;
 
@@ -21,7 +20,7 @@ Sample at(double east, double north, std::int32_t tick, double speed = 15, bool 
           double alt = 0) {
     Sample s;
     s.lat = kLat + north / kMetresPerDegree;
-    s.lon = kLon + east / (kMetresPerDegree * std::cos(kLat * kDeg));
+    s.lon = kLon + east / (kMetresPerDegree * std::cos(kLat * core::kRadPerDeg));
     s.tick = tick, s.speed = s.tas = speed, s.airborne = airborne, s.alt = alt;
     return s;
 }
@@ -33,21 +32,21 @@ class MotionTest : public test::ProgramHome {
         live::reset();
         reserveContainers();
         setCurrentAirport(AirportPlace{kLat, kLon, 841});
-        gQnh = 1013;
+        feed::gQnh = 1013;
     }
     void TearDown() override {
         live::reset();
         setCurrentAirport(std::nullopt);
-        gQnh = 1013;
+        feed::gQnh = 1013;
         ProgramHome::TearDown();
     }
     // A Large on the ground at the reference point, in the simulator.
     LiveAc& aircraft(bool onGround = true) {
         AcIdentity id;
         id.callsign = "DAL1";
-        id.modelCode = gf_modelId("B739");
+        id.modelCode = refdata::modelId("B739");
         auto& t = gEngine.liveTable;
-        t.push_back(gf_makeLiveAc(id, 20001, gEngine.rng));
+        t.push_back(makeLiveAc(id, 20001, gEngine.rng));
         LiveAc& ac = t.back();
         ac.simState = SimState::Active;
         ac.objectId = 200;
@@ -73,7 +72,7 @@ TEST_F(MotionTest, BezierPointsAndTangents) {
     ac.stream.push_back(at(0, 0, 0));
     ac.stream.push_back(at(100, 0, 500));    // control point
     ac.stream.push_back(at(100, 100, 1000)); // end
-    lf_prepareCurve(ac);
+    prepareCurve(ac);
     ASSERT_EQ(ac.stream.size(), 2u) << "the control point leaves the stream";
     struct Case {
         double t, east, north, tangentDeg;
@@ -81,23 +80,23 @@ TEST_F(MotionTest, BezierPointsAndTangents) {
     const Case cases[] = {{0, 0, 0, 90}, {0.5, 75, 25, 45}, {1, 100, 100, 0}, {0.25, 43.75, 6.25, 71.565}};
     for (const auto& c : cases) {
         double lat = 0, lon = 0, tangent = 0;
-        ASSERT_TRUE(gf_curvePoint(ac, c.t, lat, lon, tangent)) << c.t;
+        ASSERT_TRUE(curvePoint(ac, c.t, lat, lon, tangent)) << c.t;
         EXPECT_NEAR((lat - kLat) * kMetresPerDegree, c.north, 0.01) << c.t;
-        EXPECT_NEAR((lon - kLon) * kMetresPerDegree * std::cos(kLat * kDeg), c.east, 0.01) << c.t;
-        EXPECT_NEAR(tangent / kDeg, c.tangentDeg, 0.01) << c.t;
+        EXPECT_NEAR((lon - kLon) * kMetresPerDegree * std::cos(kLat * core::kRadPerDeg), c.east, 0.01) << c.t;
+        EXPECT_NEAR(tangent / core::kRadPerDeg, c.tangentDeg, 0.01) << c.t;
     }
     double lat, lon, tangent;
-    EXPECT_FALSE(gf_curvePoint(ac, 1.01, lat, lon, tangent));
-    EXPECT_FALSE(gf_curvePoint(ac, -0.01, lat, lon, tangent));
+    EXPECT_FALSE(curvePoint(ac, 1.01, lat, lon, tangent));
+    EXPECT_FALSE(curvePoint(ac, -0.01, lat, lon, tangent));
     ac.curveControlX = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_FALSE(gf_curvePoint(ac, 0.5, lat, lon, tangent)) << "no curve set";
+    EXPECT_FALSE(curvePoint(ac, 0.5, lat, lon, tangent)) << "no curve set";
 }
 
 TEST_F(MotionTest, SplitsAndSpeedChanges) {
     LiveAc& ac = aircraft();
     ac.stream.push_back(at(0, 0, 100, 10));
     ac.stream.push_back(at(0, 200, 301, 20));
-    lf_splitSegment(ac);
+    splitSegment(ac);
     ASSERT_EQ(ac.stream.size(), 3u);
     const Sample& m = ac.stream[1];
     EXPECT_NEAR((m.lat - kLat) * kMetresPerDegree, 100, 0.01);
@@ -119,7 +118,7 @@ TEST_F(MotionTest, SplitsAndSpeedChanges) {
         ac.stream.clear();
         ac.stream.push_back(at(0, 0, 0, c.s0));
         ac.stream.push_back(at(0, c.metres, 1000, c.s1));
-        lf_checkSpeedChange(ac);
+        checkSpeedChange(ac);
         EXPECT_EQ(ac.stream.size(), c.split ? 3u : 2u) << c.s0 << " " << c.s1 << " " << c.metres;
     }
 }
@@ -143,7 +142,7 @@ TEST_F(MotionTest, TimingClampsAndTheirDecay) {
         ac.stream.push_back(at(0, 0, 9000, 0));
         ac.stream.push_back(at(0, 0, c.recordedTick, 0));
         ac.extrapolateCount = c.extrapolate;
-        lf_setNextTick(ac, c.dt);
+        setNextTick(ac, c.dt);
         EXPECT_EQ(ac.stream[1].tick, c.expected) << c.name;
     }
     // A segment of a metre is still given 25 ticks.
@@ -151,7 +150,7 @@ TEST_F(MotionTest, TimingClampsAndTheirDecay) {
     ac.stream.clear();
     ac.stream.push_back(at(0, 0, 10000, 20));
     ac.stream.push_back(at(0, 1, 10000, 20));
-    lf_nextTimeGround(ac);
+    nextTimeGround(ac);
     EXPECT_EQ(ac.stream[1].tick, 10025);
     // Clamps widened after a stand or landing fall back by 100 per ground segment, to 1000.
     ac.extrapolateCount = 0;
@@ -159,11 +158,11 @@ TEST_F(MotionTest, TimingClampsAndTheirDecay) {
     ac.stream.clear();
     ac.stream.push_back(at(0, 0, 10000, 20));
     ac.stream.push_back(at(0, 50, 10500, 20));
-    lf_setGroundSegment(ac, 500);
+    setGroundSegment(ac, 500);
     EXPECT_EQ(ac.earlyLimit, 2900);
     EXPECT_EQ(ac.lateLimit, 1000);
     ac.rollout = true;
-    lf_setGroundSegment(ac, 500);
+    setGroundSegment(ac, 500);
     EXPECT_EQ(ac.earlyLimit, 2900) << "not during the roll-out";
 }
 
@@ -191,7 +190,7 @@ TEST_F(MotionTest, PushBackGeometryAndTailSide) {
         EXPECT_NEAR(p1.lon, kLon, 1e-7);
         EXPECT_NEAR((ac.stream[1].lat - kLat) * kMetresPerDegree, -back / 2, 0.5);
         const auto eastOf = [](const Sample& s) {
-            return (s.lon - kLon) * kMetresPerDegree * std::cos(kLat * kDeg);
+            return (s.lon - kLon) * kMetresPerDegree * std::cos(kLat * core::kRadPerDeg);
         };
         EXPECT_NEAR(eastOf(ac.stream[3]), ac.halfSize * 1852.0, 0.5) << "P3 east";
         EXPECT_NEAR(eastOf(ac.pushTailSample), -ac.halfSize * 1852.0, 0.5) << "P2 west";
@@ -239,10 +238,10 @@ TEST_F(MotionTest, RotationTest) {
         s2.vs = c.vs2;
         ac.stream.push_back(s1);
         ac.stream.push_back(s2);
-        lf_setGroundSegment(ac, 400);
+        setGroundSegment(ac, 400);
         EXPECT_EQ(ac.phase == Phase::TakeOff, c.rotates) << c.name;
         if (!c.rotates) continue;
-        EXPECT_EQ(ac.rotateCounter, gf_categoryData(Category::Large).rotateTicks) << c.name;
+        EXPECT_EQ(ac.rotateCounter, categoryData(refdata::Category::Large).rotateTicks) << c.name;
         EXPECT_NEAR(ac.dPitch, (ac.rotatePitch - ac.groundPitch) / ac.rotateCounter, 1e-12) << c.name;
         if (c.fullStep)
             EXPECT_EQ(ac.dAlt, ac.maxClimbStep) << c.name;
@@ -250,7 +249,7 @@ TEST_F(MotionTest, RotationTest) {
             EXPECT_NEAR(ac.dAlt, (900 - 849) / 400.0, 1e-9) << c.name;
     }
     // A rotorcraft has no rotate speed: it is never held back by one.
-    EXPECT_EQ(gf_categoryData(Category::Rotorcraft).rotateSpeed, 0);
+    EXPECT_EQ(categoryData(refdata::Category::Rotorcraft).rotateSpeed, 0);
 }
 
 TEST_F(MotionTest, AirSegmentCases) {
@@ -287,7 +286,7 @@ TEST_F(MotionTest, AirSegmentCases) {
     };
     for (const auto& c : cases) {
         live::reset();
-        gQnh = c.qnh;
+        feed::gQnh = c.qnh;
         LiveAc& ac = aircraft(false);
         ac.landing = c.landing;
         ac.alt = c.alt;
@@ -299,7 +298,7 @@ TEST_F(MotionTest, AirSegmentCases) {
         s1.vs = c.vs1;
         ac.stream.push_back(s0);
         ac.stream.push_back(s1);
-        lf_setAirSegment(ac, static_cast<std::int32_t>(dt));
+        setAirSegment(ac, static_cast<std::int32_t>(dt));
         EXPECT_NEAR(ac.dAlt, c.dAlt, 1e-6) << c.name;
         EXPECT_EQ(wasSent(sim::kGearSet, 1), c.gearDown) << c.name;
         gEngine.out.events.clear();
@@ -310,7 +309,7 @@ TEST_F(MotionTest, FlareStagesAndTouchdown) {
     LiveAc& ac = aircraft(false);
     ac.landing = true;
     ac.alt = 841 + 60;
-    ac.pitch = -1 * kDeg;
+    ac.pitch = -1 * core::kRadPerDeg;
     ac.dAlt = -0.1;
     ac.stream.push_back(at(0, 0, 0, 130, false, 0));
     struct Step {
@@ -322,19 +321,19 @@ TEST_F(MotionTest, FlareStagesAndTouchdown) {
     for (const auto& s : steps) {
         ac.heightAgl = s.agl;
         ac.alt = 841 + s.agl;
-        lf_attitude(ac);
+        attitude(ac);
         EXPECT_EQ(ac.flareStage, s.stage) << s.agl;
         EXPECT_DOUBLE_EQ(ac.dAlt, s.dAlt) << s.agl;
     }
     EXPECT_EQ(ac.throttleIndex, 0) << "idle from the third stage";
-    for (int i = 0; i < 1000; ++i) lf_attitude(ac);
-    EXPECT_NEAR(ac.pitch, -4 * kDeg, 1e-9) << "the nose stops at 4 degrees up";
+    for (int i = 0; i < 1000; ++i) attitude(ac);
+    EXPECT_NEAR(ac.pitch, -4 * core::kRadPerDeg, 1e-9) << "the nose stops at 4 degrees up";
 
     // The feed's ground flag only plans the touchdown: the simulator's own flag makes it.
-    lf_inRangeReport(ac, false, 841, 9);
+    inRangeReport(ac, false, 841, 9);
     EXPECT_FALSE(ac.onGround);
     gEngine.out.events.clear();
-    lf_inRangeReport(ac, true, 841, 8);
+    inRangeReport(ac, true, 841, 8);
     EXPECT_TRUE(ac.onGround);
     EXPECT_TRUE(ac.rollout);
     EXPECT_TRUE(ac.derotating);
@@ -346,7 +345,7 @@ TEST_F(MotionTest, FlareStagesAndTouchdown) {
     EXPECT_EQ(gEngine.out.controls[0].spoilers, 100);
     EXPECT_EQ(gEngine.out.controls[0].throttle1, -100) << "reverse thrust on the roll-out";
     EXPECT_NEAR(ac.dPitch, (ac.groundPitch - ac.pitch) / ac.derotateTicks, 1e-12);
-    for (int i = 0; i < ac.derotateTicks + 1; ++i) lf_attitude(ac);
+    for (int i = 0; i < ac.derotateTicks + 1; ++i) attitude(ac);
     EXPECT_FALSE(ac.derotating);
     EXPECT_EQ(ac.flareStage, 0u);
     EXPECT_DOUBLE_EQ(ac.pitch, ac.groundPitch);
@@ -365,7 +364,7 @@ TEST_F(MotionTest, CleanAboveTwoThousandFourHundredFeet) {
         Sample s1 = at(0, 3000, 1000, 200, true, 4000);
         s1.vs = vs;
         ac.stream.push_back(s1);
-        lf_setAirSegment(ac, 1000);
+        setAirSegment(ac, 1000);
         EXPECT_EQ(ac.flapsIndex, 0) << vs;
         EXPECT_EQ(ac.gearState, 0) << vs;
     }

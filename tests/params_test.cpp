@@ -9,7 +9,7 @@
 #include "params/params.h"
 #include "support.h"
 
-namespace orv {
+namespace orv::params {
 namespace {
 
 using test::readBytes;
@@ -50,7 +50,8 @@ TEST(Parameters, MissingFileIsCreatedWithDefaults) {
     c.count.value = 9;
     EXPECT_TRUE(loadParameters(dir / "parameters.xml", c.lists));
     EXPECT_EQ(c.count.value, 5);
-    EXPECT_EQ(c.version.value, fmt::format("{}.{}.{}", kVersion.major, kVersion.minor, kVersion.patch));
+    EXPECT_EQ(c.version.value,
+              fmt::format("{}.{}.{}", core::kVersion.major, core::kVersion.minor, core::kVersion.patch));
     pugi::xml_document doc;
     ASSERT_TRUE(doc.load_file((dir / "parameters.xml").c_str()));
     EXPECT_EQ(readIntParameter(doc, "RANGE"), 40);
@@ -124,7 +125,7 @@ TEST(Parameters, BrokenFileIsKeptAsGenerationZero) {
     test::TempDir dir;
     const auto file = dir / "parameters.xml";
     writeBytes(file, "<root><parameters><parameter name=");
-    gf_checkParameterFile(file);
+    checkParameterFile(file);
     EXPECT_FALSE(fs::exists(file));
     EXPECT_EQ(readBytes(dir / "parameters.0.xml"), "<root><parameters><parameter name=");
     EXPECT_TRUE(log.contains("parameters.xml failed to load ("));
@@ -136,17 +137,17 @@ TEST(Parameters, BrokenFileIsKeptAsGenerationZero) {
 TEST(Parameters, WindowPositionBeforeTheWindow) {
     test::TempDir dir;
     const auto file = dir / "parameters.xml";
-    EXPECT_FALSE(gf_readWindowPosition(file));
+    EXPECT_FALSE(readWindowPosition(file));
     writeBytes(
         file,
         fileOf(
             R"(<parameter name="MAIN_WINDOW_X" value="99999"/><parameter name="MAIN_WINDOW_Y" value="-5"/>)"));
-    const auto p = gf_readWindowPosition(file);
+    const auto p = readWindowPosition(file);
     ASSERT_TRUE(p);
     EXPECT_EQ(p->x, 30000);
     EXPECT_EQ(p->y, -5);
     writeBytes(file, fileOf(R"(<parameter name="MAIN_WINDOW_X" value="1"/>)", false));
-    EXPECT_FALSE(gf_readWindowPosition(file));
+    EXPECT_FALSE(readWindowPosition(file));
 }
 
 TEST(Parameters, SelectedIndex) {
@@ -157,20 +158,20 @@ TEST(Parameters, SelectedIndex) {
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::params
 
-namespace orv {
+namespace orv::params {
 namespace {
 
 TEST(ParameterCatalogue, ListsInFileOrderWithTheirDefaultsAndRanges) {
-    const auto& l = gf_parameterLists();
+    const auto& l = parameterLists();
     EXPECT_EQ(l.bools.size(), 1u);
     EXPECT_EQ(l.checkBoxes.size(), 21u);
     EXPECT_EQ(l.ints.size(), 7u);
     EXPECT_EQ(l.choiceInts.size(), 7u);
     EXPECT_EQ(l.strings.size(), 22u);
     EXPECT_EQ(l.texts.size(), 2u);
-    EXPECT_EQ(gf_buttons().size(), 7u);
+    EXPECT_EQ(buttons().size(), 7u);
     EXPECT_EQ(l.checkBoxes.front()->name, "ALWAYS_ON_TOP");
     EXPECT_EQ(l.checkBoxes.back()->name, "PARK_SOFT");
     EXPECT_EQ(l.ints[2]->name, "LAST_EPOCH_TIME:");
@@ -185,24 +186,24 @@ TEST(ParameterCatalogue, ListsInFileOrderWithTheirDefaultsAndRanges) {
                           IntCase{"MAX_FIT", 47, 0, 47}, IntCase{"CUSTOM_PARKING_PERCENTAGE", -1, -1, 100},
                           IntCase{"parking_percentage", 30, 0, 100}}) {
         SCOPED_TRACE(c.name);
-        const auto* p = dynamic_cast<IntParameter*>(gf_findParameter(c.name));
+        const auto* p = dynamic_cast<IntParameter*>(findParameter(c.name));
         ASSERT_TRUE(p);
         EXPECT_EQ(p->defaultValue, c.def);
         EXPECT_EQ(p->minimum, c.lo);
         EXPECT_EQ(p->maximum, c.hi);
     }
-    const auto* selector = dynamic_cast<ChoiceTextParameter*>(gf_findParameter("AI_PACKAGE_SELECTOR"));
+    const auto* selector = dynamic_cast<ChoiceTextParameter*>(findParameter("AI_PACKAGE_SELECTOR"));
     ASSERT_TRUE(selector);
     EXPECT_EQ(selector->allowedValues.size(), 24u);
     EXPECT_TRUE(std::is_sorted(selector->allowedValues.begin(), selector->allowedValues.end()));
     EXPECT_EQ(selector->allowedValues.front(), "AIG, FSLTL, JF, MTL");
-    EXPECT_EQ(dynamic_cast<StringParameter*>(gf_findParameter("PORT_NUMBER"))->defaultValue, "10747");
-    EXPECT_FALSE(gf_findParameter("NO_SUCH"));
+    EXPECT_EQ(dynamic_cast<StringParameter*>(findParameter("PORT_NUMBER"))->defaultValue, "10747");
+    EXPECT_FALSE(findParameter("NO_SUCH"));
 }
 
 TEST(ParameterCatalogue, AFreshFileHoldsEveryListedParameterInOrder) {
     test::TempDir dir;
-    EXPECT_TRUE(loadParameters(dir / "parameters.xml", gf_parameterLists()));
+    EXPECT_TRUE(loadParameters(dir / "parameters.xml", parameterLists()));
     pugi::xml_document doc;
     ASSERT_TRUE(doc.load_file((dir / "parameters.xml").c_str()));
     std::vector<std::string> names;
@@ -219,4 +220,4 @@ TEST(ParameterCatalogue, AFreshFileHoldsEveryListedParameterInOrder) {
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::params

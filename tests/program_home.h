@@ -16,15 +16,15 @@ namespace orv::test {
 class ProgramHome : public testing::Test {
   protected:
     void SetUp() override {
-        gParams.reset();
-        gParams.RANDOM = false;
+        params::gParams.reset();
+        params::gParams.RANDOM = false;
         titles = scenario::prepareHome(fs::path(ORV_PROGRAM).parent_path() / "input",
                                        fs::path(ORV_SOURCE_DIR) / "data/liveries/Community", dir.path());
-        liveries::gf_seedMatching(7);
+        liveries::seedMatching(7);
     }
     void TearDown() override {
         liveries::gStore.reset();
-        gParams.reset();
+        params::gParams.reset();
     }
     static fs::path recording(const char* name) {
         return fs::path(ORV_SOURCE_DIR) / "data/recordings" / name;

@@ -9,15 +9,16 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "feed/feed.h"
 #include "params/params.h"
 #include "platform/platform.h"
+#include "run/run.h"
 #include "support.h"
 
 extern char** environ;
 
-namespace orv {
+namespace orv::run {
 namespace {
 
 using namespace std::chrono_literals;
@@ -26,51 +27,54 @@ TEST(ExitReasons, FixedTableOfNine) {
     const char* names[] = {"NOT YET SET",  "SIM WAS CLOSED",  "NEW FLIGHT",
                            "NEW SETTINGS", "USER CLOSED SIM", "SIMCONNECT ERROR",
                            "READER ERROR", "SYSTEM ERROR",    "NEW VERSION"};
-    for (std::uint32_t i = 0; i < 9; ++i) EXPECT_EQ(gf_exitReasonName(i), names[i]);
-    EXPECT_THROW(gf_exitReasonName(9), std::logic_error);
+    for (std::uint32_t i = 0; i < 9; ++i)
+        EXPECT_EQ(core::exitReasonName(static_cast<core::ExitReason>(i)), names[i]);
+    EXPECT_THROW(core::exitReasonName(static_cast<core::ExitReason>(9)), std::logic_error);
 }
 
 TEST(ExitReasons, FirstStopWinsAndLaterReasonsAreLost) {
     for (int round = 0; round < 20; ++round) {
-        gRun.reset();
+        core::gRun.reset();
         std::atomic<int> winners{0};
         std::vector<std::thread> threads;
         for (std::uint32_t r = 1; r <= 8; ++r)
             threads.emplace_back([r, &winners] {
-                if (gf_requestStop(static_cast<ExitReason>(r), static_cast<std::int32_t>(r * 10))) ++winners;
+                if (core::requestStop(static_cast<core::ExitReason>(r), static_cast<std::int32_t>(r * 10)))
+                    ++winners;
             });
         for (auto& t : threads) t.join();
         EXPECT_EQ(winners, 1);
         // Reason and delay come from the same caller.
-        EXPECT_EQ(gRun.restartDelaySeconds, static_cast<std::int32_t>(gRun.exitReason * 10));
+        EXPECT_EQ(core::gRun.restartDelaySeconds,
+                  static_cast<std::int32_t>(static_cast<std::uint32_t>(core::gRun.exitReason.load()) * 10));
     }
-    gRun.reset();
-    gf_requestStop(ExitReason::ReaderError, 15);
-    gf_userStop(); // the close button after a reader error changes nothing
-    EXPECT_EQ(gRun.exitReason, 6u);
-    EXPECT_TRUE(gRun.userStopRequested);
-    gRun.reset();
+    core::gRun.reset();
+    core::requestStop(core::ExitReason::ReaderError, 15);
+    userStop(); // the close button after a reader error changes nothing
+    EXPECT_EQ(core::gRun.exitReason, core::ExitReason::ReaderError);
+    EXPECT_TRUE(core::gRun.userStopRequested);
+    core::gRun.reset();
 }
 
 // Drives the loop on virtual time; the "simulator" raises secondElapsed each virtual second.
 class Loop : public ::testing::Test {
   protected:
     void SetUp() override {
-        gf_resetRunState();
-        gParams.reset();
+        resetRunState();
+        params::gParams.reset();
         platform::setClock(&clock);
-        gRun.simRunning = true;
+        core::gRun.simRunning = true;
         clock.onAdvance = [this](platform::SteadyTime now) {
             const auto t = now.time_since_epoch();
             while (t >= nextSecond) {
                 nextSecond += 1s;
-                gRun.secondElapsed = true;
+                core::gRun.secondElapsed = true;
             }
             if (stallAt && t >= *stallAt) {
                 stallAt.reset();
                 clock.advance(stall);
             }
-            if (t >= endAt) gf_requestStop(ExitReason::UserClosedSim, 0);
+            if (t >= endAt) core::requestStop(core::ExitReason::UserClosedSim, 0);
         };
         gLoopProbe.onScheduled = [this](int second, Scheduled what) { seen[what].push_back(second); };
         gLoopProbe.onPass = [this] { passes.push_back(clock.steadyNow().time_since_epoch()); };
@@ -78,7 +82,7 @@ class Loop : public ::testing::Test {
     void TearDown() override {
         gLoopProbe = {};
         platform::setClock(nullptr);
-        gf_resetRunState();
+        resetRunState();
     }
 
     platform::VirtualClock clock;
@@ -92,14 +96,14 @@ class Loop : public ::testing::Test {
 
 TEST_F(Loop, AnHourKeepsTheScheduleAndTheSecondsCounter) {
     const auto wall = std::chrono::steady_clock::now();
-    lf_mainLoop();
+    mainLoop();
     const auto took = std::chrono::steady_clock::now() - wall;
     std::cout << "an hour of loop passes took "
               << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms\n";
 
-    EXPECT_EQ(gRun.secondsCounter, 3601);
+    EXPECT_EQ(core::gRun.secondsCounter, 3601);
     EXPECT_NEAR(static_cast<double>(passes.size()), 360100.0, 5.0);
-    EXPECT_EQ(gRun.engineTick, static_cast<std::int32_t>(passes.size())); // one frame per pass
+    EXPECT_EQ(core::gRun.engineTick, static_cast<std::int32_t>(passes.size())); // one frame per pass
     EXPECT_EQ(seen[Scheduled::Every5].size(), 720u);
     EXPECT_EQ(seen[Scheduled::Every15].size(), 240u);
     EXPECT_EQ(seen[Scheduled::Every30].size(), 120u);
@@ -124,8 +128,8 @@ TEST_F(Loop, NoCatchUpAfterAStallOverATenthOfASecond) {
     };
     for (const Case c : {Case{500ms, false}, Case{150ms, false}, Case{50ms, true}}) {
         SCOPED_TRACE(c.stall.count());
-        gf_resetRunState();
-        gRun.simRunning = true;
+        resetRunState();
+        core::gRun.simRunning = true;
         clock.advance(10s - clock.steadyNow().time_since_epoch() % 10s + 10s);
         nextSecond = clock.steadyNow().time_since_epoch() + 1s;
         const auto stallTime = clock.steadyNow().time_since_epoch() + 2s + 3ms;
@@ -133,7 +137,7 @@ TEST_F(Loop, NoCatchUpAfterAStallOverATenthOfASecond) {
         stall = c.stall;
         endAt = stallTime + 3s;
         passes.clear();
-        lf_mainLoop();
+        mainLoop();
         // Passes that ran at one instant are catch-up passes.
         int sameInstant = 0;
         for (std::size_t i = 1; i < passes.size(); ++i)
@@ -150,23 +154,23 @@ TEST_F(Loop, NoCatchUpAfterAStallOverATenthOfASecond) {
 }
 
 TEST_F(Loop, SecondsCounterWrapsAfterADay) {
-    gRun.secondsCounter = 86399;
-    gRun.secondElapsed = true;
-    ASSERT_TRUE(lf_step());
+    core::gRun.secondsCounter = 86399;
+    core::gRun.secondElapsed = true;
+    ASSERT_TRUE(step());
     EXPECT_EQ(seen[Scheduled::Every30], std::vector<int>{86400});
-    EXPECT_EQ(gRun.secondsCounter, 0);
+    EXPECT_EQ(core::gRun.secondsCounter, 0);
 }
 
 TEST_F(Loop, PauseStopsTrafficAndResumeTakesItAgain) {
     test::LogCapture log;
-    gf_setAcceptTraffic(true);
-    gRun.simRunning = false;
-    for (int i = 0; i < 150; ++i) ASSERT_TRUE(lf_step());
-    EXPECT_FALSE(gTraffic.acceptTraffic);
-    gRun.simRunning = true;
-    gRun.secondElapsed = true;
-    ASSERT_TRUE(lf_step());
-    EXPECT_TRUE(gTraffic.acceptTraffic);
+    feed::setAcceptTraffic(true);
+    core::gRun.simRunning = false;
+    for (int i = 0; i < 150; ++i) ASSERT_TRUE(step());
+    EXPECT_FALSE(feed::gTraffic.acceptTraffic);
+    core::gRun.simRunning = true;
+    core::gRun.secondElapsed = true;
+    ASSERT_TRUE(step());
+    EXPECT_TRUE(feed::gTraffic.acceptTraffic);
     const auto text = log.text();
     EXPECT_EQ(text.find("Flight not running"), text.rfind("Flight not running")) << "logged once";
     EXPECT_NE(text.find("Flight resumed"), std::string::npos);
@@ -178,44 +182,50 @@ class Closing : public Loop {};
 
 TEST_F(Closing, RestartsForSettingsSimConnectAndReaderErrorsOnly) {
     struct Case {
-        ExitReason reason;
+        core::ExitReason reason;
         std::int32_t delay;
         bool restart;
         bool scanFlagsKept;
     };
     const Case cases[] = {
-        {ExitReason::SimWasClosed, 0, false, true},    {ExitReason::NewFlight, 45, false, true},
-        {ExitReason::NewSettings, 2, true, true},      {ExitReason::UserClosedSim, 0, false, true},
-        {ExitReason::SimconnectError, 9, true, false}, {ExitReason::ReaderError, 15, true, false},
-        {ExitReason::SystemError, 0, false, true},     {ExitReason::NewVersion, 0, false, true},
+        {core::ExitReason::SimWasClosed, 0, false, true},
+        {core::ExitReason::NewFlight, 45, false, true},
+        {core::ExitReason::NewSettings, 2, true, true},
+        {core::ExitReason::UserClosedSim, 0, false, true},
+        {core::ExitReason::SimconnectError, 9, true, false},
+        {core::ExitReason::ReaderError, 15, true, false},
+        {core::ExitReason::SystemError, 0, false, true},
+        {core::ExitReason::NewVersion, 0, false, true},
     };
     for (const auto& c : cases) {
-        const auto reason = static_cast<std::uint32_t>(c.reason);
-        SCOPED_TRACE(gf_exitReasonName(reason));
+        const auto reason = c.reason;
+        SCOPED_TRACE(core::exitReasonName(reason));
         test::LogCapture log;
-        gf_resetRunState();
-        gf_resetMessages();
-        while (gf_nextWindowMessage(0ms)) {
+        resetRunState();
+        core::resetMessages();
+        while (nextWindowMessage(0ms)) {
         }
-        gParams.SCAN_LIVERIES = true;
-        gParams.SCAN_AIRPORTS = true;
-        gParams.DESTINATION = "KMSP";
-        gRun.isRestart = false;
-        gf_requestStop(c.reason, c.delay);
-        if (c.reason == ExitReason::SystemError) gRun.userStopRequested = true; // the user has read the error
+        params::gParams.SCAN_LIVERIES = true;
+        params::gParams.SCAN_AIRPORTS = true;
+        params::gParams.DESTINATION = "KMSP";
+        core::gRun.isRestart = false;
+        core::requestStop(c.reason, c.delay);
+        if (c.reason == core::ExitReason::SystemError)
+            core::gRun.userStopRequested = true; // the user has read the error
         const auto before = clock.steadyNow();
-        lf_closingDown();
+        closingDown();
         const auto waited = clock.steadyNow() - before;
 
-        const auto msg = gf_nextWindowMessage(0ms);
+        const auto msg = nextWindowMessage(0ms);
         ASSERT_TRUE(msg);
         EXPECT_EQ(*msg, c.restart ? WindowMessage::StartWorker : WindowMessage::End);
-        EXPECT_EQ(gRun.isRestart.load(), c.restart);
-        EXPECT_EQ(gParams.SCAN_LIVERIES.load(), c.scanFlagsKept);
-        EXPECT_EQ(gParams.SCAN_AIRPORTS.load(), c.scanFlagsKept);
-        EXPECT_EQ(gParams.DESTINATION, "");
+        EXPECT_EQ(core::gRun.isRestart.load(), c.restart);
+        EXPECT_EQ(params::gParams.SCAN_LIVERIES.load(), c.scanFlagsKept);
+        EXPECT_EQ(params::gParams.SCAN_AIRPORTS.load(), c.scanFlagsKept);
+        EXPECT_EQ(params::gParams.DESTINATION, "");
         const auto text = log.text();
-        EXPECT_NE(text.find(fmt::format("==> Exiting: {}\n", gf_exitReasonName(reason))), std::string::npos);
+        EXPECT_NE(text.find(fmt::format("==> Exiting: {}\n", core::exitReasonName(reason))),
+                  std::string::npos);
         if (c.restart) {
             // The countdown ran on the clock, and the run state starts afresh.
             EXPECT_GE(waited, std::chrono::seconds(c.delay));
@@ -223,38 +233,38 @@ TEST_F(Closing, RestartsForSettingsSimConnectAndReaderErrorsOnly) {
                 text.find(fmt::format("Restarting after {} seconds\n{}\n", c.delay, std::string(48, '-'))),
                 std::string::npos);
             EXPECT_NE(text.find("Restart countdown finished"), std::string::npos);
-            EXPECT_EQ(gf_messageLine(), "Restarting after 1 second");
-            EXPECT_FALSE(gRun.stopRequested);
-            EXPECT_EQ(gRun.exitReason, 0u);
+            EXPECT_EQ(core::messageLine(), "Restarting after 1 second");
+            EXPECT_FALSE(core::gRun.stopRequested);
+            EXPECT_EQ(core::gRun.exitReason, core::ExitReason::NotYetSet);
         } else {
             EXPECT_EQ(text.find("Restarting after"), std::string::npos);
-            EXPECT_TRUE(gRun.stopRequested);
+            EXPECT_TRUE(core::gRun.stopRequested);
         }
-        if (c.reason == ExitReason::NewFlight) {
-            EXPECT_NE(
-                gf_messageLine().find("New flight detected, Orvelline will close, please restart manually"),
-                std::string::npos);
+        if (c.reason == core::ExitReason::NewFlight) {
+            EXPECT_NE(core::messageLine().find(
+                          "New flight detected, Orvelline will close, please restart manually"),
+                      std::string::npos);
             EXPECT_GE(waited, 10s);
         }
-        if (c.reason == ExitReason::SystemError) {
+        if (c.reason == core::ExitReason::SystemError) {
             EXPECT_NE(text.find("User closed Orvelline"), std::string::npos);
         }
     }
-    gRun.isRestart = false;
-    gf_resetMessages();
+    core::gRun.isRestart = false;
+    core::resetMessages();
 }
 
 TEST_F(Closing, SystemErrorWaitsForTheUserToClose) {
     test::LogCapture log;
-    gf_requestStop(ExitReason::SystemError, 0);
+    core::requestStop(core::ExitReason::SystemError, 0);
     std::chrono::nanoseconds closeAt = clock.steadyNow().time_since_epoch() + 30s;
     clock.onAdvance = [&](platform::SteadyTime now) {
-        if (now.time_since_epoch() >= closeAt) gRun.userStopRequested = true;
+        if (now.time_since_epoch() >= closeAt) core::gRun.userStopRequested = true;
     };
     const auto before = clock.steadyNow();
-    lf_closingDown();
+    closingDown();
     EXPECT_GE(clock.steadyNow() - before, 30s);
-    EXPECT_EQ(gf_nextWindowMessage(0ms), WindowMessage::End);
+    EXPECT_EQ(nextWindowMessage(0ms), WindowMessage::End);
 }
 
 // ---- The process ----------------------------------------------------------------------------
@@ -442,9 +452,9 @@ TEST(Options, CommandLine) {
         {{"--sim", "msfs-pc:500", "--appdata", "/a"}, true, false, ""},
     };
     for (const auto& c : cases) {
-        Options o;
+        core::Options o;
         bool help = false;
-        EXPECT_EQ(gf_parseOptions(c.args, o, help), c.error);
+        EXPECT_EQ(parseOptions(c.args, o, help), c.error);
         if (!c.error.empty()) continue;
         EXPECT_EQ(o.production, c.production);
         EXPECT_EQ(o.productionGiven, c.given);
@@ -452,4 +462,4 @@ TEST(Options, CommandLine) {
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::run

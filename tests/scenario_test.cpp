@@ -84,7 +84,7 @@ TEST_F(ScenarioTest, KmspApproachOfN899dn) {
         double best = 1e9, bestT = 0, altDiff = 0;
         for (double t = f.at + 10; t <= f.at + 50; t += 0.05)
             if (const auto p = positionAt(o, t)) {
-                const double d = gf_distanceNm({p->latitude, p->longitude}, {f.latitude, f.longitude});
+                const double d = core::distanceNm({p->latitude, p->longitude}, {f.latitude, f.longitude});
                 if (d < best) best = d, bestT = t, altDiff = std::fabs(p->altitudeFt - f.altitudeFt);
             }
         delays.push_back(bestT - f.at);
@@ -131,7 +131,7 @@ bool inOrder(const std::vector<std::string>& names, const std::vector<std::strin
 }
 
 double metres(double lat1, double lon1, double lat2, double lon2) {
-    return gf_distanceNm({lat1, lon1}, {lat2, lon2}) * 1852.0;
+    return core::distanceNm({lat1, lon1}, {lat2, lon2}) * 1852.0;
 }
 
 // A run and its motion report, printed for the log of the test.

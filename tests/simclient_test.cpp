@@ -12,7 +12,7 @@
 #include "sim/sim.h"
 #include "support.h"
 
-namespace orv {
+namespace orv::sim {
 namespace {
 
 using namespace std::chrono_literals;
@@ -23,18 +23,18 @@ bool eventually(const std::function<bool()>& done) {
 }
 
 void setSimChoice(const char* value) {
-    dynamic_cast<StringParameter&>(*gf_findParameter("SIM_CHOICE")).value = value;
+    dynamic_cast<params::StringParameter&>(*params::findParameter("SIM_CHOICE")).value = value;
 }
 
 // A running emulator on a free port, the reference data the client needs, and a clean run.
 class SimClientTest : public testing::Test {
   protected:
     void SetUp() override {
-        gPaths.dataFolder = dir.path();
-        gPaths.programFolder = dir.path();
-        gf_loadDbase(test::shippedCopy("dbase.enc", dir.path()));
+        core::gPaths.dataFolder = dir.path();
+        core::gPaths.programFolder = dir.path();
+        refdata::loadDbase(test::shippedCopy("dbase.enc", dir.path()));
         setSimChoice("MSFS 2020");
-        gRun.reset();
+        core::gRun.reset();
         sim::reset();
         sim::setApiFactory({});
     }
@@ -42,7 +42,7 @@ class SimClientTest : public testing::Test {
         sim::stopClient();
         if (server) server->stop();
         sim::reset();
-        gRun.reset();
+        core::gRun.reset();
         setSimChoice("MSFS 2020");
     }
     void start(emu::Config config) {
@@ -53,13 +53,13 @@ class SimClientTest : public testing::Test {
         emulator = std::make_unique<emu::Emulator>(config);
         server = std::make_unique<emu::Server>(*emulator);
         ASSERT_EQ(server->start("127.0.0.1", 0), "");
-        gOptions.simHost = "127.0.0.1";
-        gOptions.simPort = server->port();
+        core::gOptions.simHost = "127.0.0.1";
+        core::gOptions.simPort = server->port();
         sim::startClient();
     }
     // The start sequence's part: the simulator runs, and the user's data is known.
     void connectAndReadUser() {
-        ASSERT_TRUE(eventually([] { return gRun.simRunning.load(); }));
+        ASSERT_TRUE(eventually([] { return core::gRun.simRunning.load(); }));
         sim::requestUserOnGround();
         ASSERT_TRUE(eventually(
             [] { return sim::userPosition() && sim::userTitleKnown() && !sim::userModel().empty(); }));
@@ -97,7 +97,8 @@ TEST_F(SimClientTest, FlowsAnAircraftThroughTheEmulator) {
     EXPECT_NEAR(user.altitude, 841, 1e-9);
     EXPECT_TRUE(user.onGround);
     EXPECT_EQ(sim::userObjectId(), 1u);
-    EXPECT_TRUE(eventually([] { return gRun.secondElapsed.load(); })) << "the every-second on-ground answer";
+    EXPECT_TRUE(eventually([] { return core::gRun.secondElapsed.load(); }))
+        << "the every-second on-ground answer";
 
     // Create: matched through the pending creation by its tail number once the range query sees it.
     sim::CreateRecord create;
@@ -160,9 +161,9 @@ TEST_F(SimClientTest, FlowsAnAircraftThroughTheEmulator) {
 
     // The simulator closing ends the run with reason 1.
     server->stop();
-    ASSERT_TRUE(eventually([] { return gRun.stopRequested.load(); }));
-    EXPECT_EQ(gRun.exitReason.load(), 1u);
-    EXPECT_FALSE(gRun.simRunning.load());
+    ASSERT_TRUE(eventually([] { return core::gRun.stopRequested.load(); }));
+    EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimWasClosed);
+    EXPECT_FALSE(core::gRun.simRunning.load());
     EXPECT_TRUE(log.contains("Flight Simulator no longer connected, Orvelline will stop ..."));
 }
 
@@ -188,17 +189,17 @@ TEST_F(SimClientTest, NewFlightsEndTheRunWithReasonTwo) {
         if (c.logged) {
             ASSERT_TRUE(eventually([] {
                 sim::requestUserPosition();
-                return gRun.stopRequested.load();
+                return core::gRun.stopRequested.load();
             }));
-            EXPECT_EQ(gRun.exitReason.load(), 2u);
-            EXPECT_EQ(gRun.restartDelaySeconds.load(), 45);
+            EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::NewFlight);
+            EXPECT_EQ(core::gRun.restartDelaySeconds.load(), 45);
             EXPECT_TRUE(log.contains(c.logged));
         } else {
             ASSERT_TRUE(eventually([] {
                 sim::requestUserPosition();
                 return sim::userPosition()->latitude > 44.94;
             }));
-            EXPECT_FALSE(gRun.stopRequested.load());
+            EXPECT_FALSE(core::gRun.stopRequested.load());
         }
     }
 }
@@ -208,13 +209,15 @@ TEST_F(SimClientTest, RecognitionOfTheSimulator) {
         const char* selected;
         bool emulate2024;
         const char* expectLog;
-        std::uint32_t exitReason; // 0: the run goes on
+        core::ExitReason exitReason; // NotYetSet: the run goes on
         const char* nowSelected;
     };
     const Case cases[] = {
-        {"MSFS 2024", true, "SunRise (12.2.282174.999) connected", 0, "MSFS 2024"},
-        {"MSFS 2020", true, "MSFS and Orvelline do not match, restarting ...", 3, "MSFS 2024"},
-        {"MSFS 2024", false, "MSFS and Orvelline do not match, restarting ...", 3, "MSFS 2020"},
+        {"MSFS 2024", true, "SunRise (12.2.282174.999) connected", core::ExitReason::NotYetSet, "MSFS 2024"},
+        {"MSFS 2020", true, "MSFS and Orvelline do not match, restarting ...", core::ExitReason::NewSettings,
+         "MSFS 2024"},
+        {"MSFS 2024", false, "MSFS and Orvelline do not match, restarting ...", core::ExitReason::NewSettings,
+         "MSFS 2020"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.selected << (c.emulate2024 ? " on 2024" : " on 2020"));
@@ -225,11 +228,12 @@ TEST_F(SimClientTest, RecognitionOfTheSimulator) {
         config.msfs2024 = c.emulate2024;
         start(config);
         ASSERT_TRUE(eventually([&] { return log.contains(c.expectLog); }));
-        if (c.exitReason) {
-            ASSERT_TRUE(eventually([] { return gRun.stopRequested.load(); }));
-            EXPECT_EQ(gRun.exitReason.load(), c.exitReason);
+        if (c.exitReason != core::ExitReason::NotYetSet) {
+            ASSERT_TRUE(eventually([] { return core::gRun.stopRequested.load(); }));
+            EXPECT_EQ(core::gRun.exitReason.load(), c.exitReason);
         }
-        EXPECT_EQ(dynamic_cast<StringParameter&>(*gf_findParameter("SIM_CHOICE")).value, c.nowSelected);
+        EXPECT_EQ(dynamic_cast<params::StringParameter&>(*params::findParameter("SIM_CHOICE")).value,
+                  c.nowSelected);
     }
 }
 
@@ -257,8 +261,8 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
         return p;
     };
     EXPECT_EQ(pass(), sim::Pass::Connected);
-    for (int i = 0; i < 5 && !gRun.simRunning; ++i) pass();
-    ASSERT_TRUE(gRun.simRunning.load());
+    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) pass();
+    ASSERT_TRUE(core::gRun.simRunning.load());
     sim::requestUserOnGround();
     for (int i = 0; i < 5 && !sim::userTitleKnown(); ++i) pass();
     ASSERT_TRUE(sim::userPosition().has_value());
@@ -285,7 +289,7 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
     serverEnd->close(); // as the simulator does after QUIT
     pass();
     EXPECT_EQ(sim::pollOnce(), sim::Pass::End);
-    EXPECT_EQ(gRun.exitReason.load(), 1u);
+    EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimWasClosed);
     sim::setApiFactory({});
 }
 
@@ -308,7 +312,7 @@ TEST(SimLink, ModelTexts) {
         {"737", "Boeing 737 MAX", "737"},
         {"Cessna 172", "", "Cessna 172"},
     };
-    for (const auto& c : cases) EXPECT_EQ(sim::gf_normaliseModel(c.model, c.title), c.expected) << c.model;
+    for (const auto& c : cases) EXPECT_EQ(sim::normaliseModel(c.model, c.title), c.expected) << c.model;
 }
 
 TEST(SimLink, EpochFromZuluTime) {
@@ -321,7 +325,7 @@ TEST(SimLink, EpochFromZuluTime) {
         {2024, 366, 86399, 1735689599}, // the last second of a leap year
         {2000, 60, 0, 951782400},       // 29 February 2000
     };
-    for (const auto& c : cases) EXPECT_EQ(sim::gf_epochFromZulu(c.year, c.day, c.seconds), c.epoch) << c.year;
+    for (const auto& c : cases) EXPECT_EQ(sim::epochFromZulu(c.year, c.day, c.seconds), c.epoch) << c.year;
 }
 
 // ---- Installation ----------------------------------------------------------------------------
@@ -329,11 +333,11 @@ TEST(SimLink, EpochFromZuluTime) {
 class InstallTest : public testing::Test {
   public:
     void SetUp() override {
-        gPaths.dataFolder = dir.path();
-        gPaths.programFolder = dir.path();
+        core::gPaths.dataFolder = dir.path();
+        core::gPaths.programFolder = dir.path();
         setSimChoice("MSFS 2020");
         for (const char* n : {"MSFS_INSTALL_PATH", "MSFS_2024_INSTALL_PATH", "ALL_INSTALL_PATH"})
-            dynamic_cast<StringParameter&>(*gf_findParameter(n)).value.clear();
+            dynamic_cast<params::StringParameter&>(*params::findParameter(n)).value.clear();
         sim::setKnownFolders(sim::KnownFolders{dir / "prefix/drive_c/users/steamuser/AppData/Roaming",
                                                dir / "prefix/drive_c/users/steamuser/AppData/Local"});
     }
@@ -405,16 +409,18 @@ TEST_F(InstallTest, DetectionFindsThePackagesFolder) {
         const auto found = sim::installPath();
         EXPECT_EQ(found, c.expected.empty() ? std::string() : (dir / c.expected).string());
         if (c.expected.empty()) continue;
-        EXPECT_EQ(dynamic_cast<StringParameter&>(*gf_findParameter("ALL_INSTALL_PATH")).value, found);
+        EXPECT_EQ(dynamic_cast<params::StringParameter&>(*params::findParameter("ALL_INSTALL_PATH")).value,
+                  found);
         EXPECT_NE(test::readBytes(dir / "parameters.xml").find(found), std::string::npos) << "stored";
-        EXPECT_EQ(sim::gf_communityPath(), fs::path(found) / "Community");
+        EXPECT_EQ(sim::communityPath(), fs::path(found) / "Community");
     }
 }
 
 TEST_F(InstallTest, AStoredPathThatLostItsOfficialFolderIsDetectedAgain) {
     packages(dir / "old");
     packages(roaming() / "Microsoft Flight Simulator/Packages");
-    dynamic_cast<StringParameter&>(*gf_findParameter("MSFS_INSTALL_PATH")).value = (dir / "old").string();
+    dynamic_cast<params::StringParameter&>(*params::findParameter("MSFS_INSTALL_PATH")).value =
+        (dir / "old").string();
     EXPECT_EQ(sim::installPath(), (dir / "old").string());
     fs::remove(dir / "old/Official");
     EXPECT_EQ(sim::installPath(), (roaming() / "Microsoft Flight Simulator/Packages").string());
@@ -434,11 +440,11 @@ TEST_F(InstallTest, TypedPaths) {
          "This path does not contain a valid Community folder (unexpected)."},
         {(dir / "good/Community").string(), ""},
     };
-    for (const auto& c : cases) EXPECT_EQ(sim::gf_typedInstallPath(c.typed), c.answer) << c.typed;
-    EXPECT_EQ(dynamic_cast<StringParameter&>(*gf_findParameter("MSFS_INSTALL_PATH")).value,
+    for (const auto& c : cases) EXPECT_EQ(sim::typedInstallPath(c.typed), c.answer) << c.typed;
+    EXPECT_EQ(dynamic_cast<params::StringParameter&>(*params::findParameter("MSFS_INSTALL_PATH")).value,
               (dir / "good").string());
     EXPECT_TRUE(log.contains("Community path found, Orvelline will restart ..."));
-    gRun.reset();
+    core::gRun.reset();
 }
 
 // ---- Flight plans ----------------------------------------------------------------------------
@@ -446,8 +452,8 @@ TEST_F(InstallTest, TypedPaths) {
 TEST(FlightPlans, FilesAndTheirLoading) {
     test::TempDir dir;
     test::LogCapture log;
-    gPaths.dataFolder = dir.path();
-    ASSERT_TRUE(sim::gf_createFlightPlanFolder());
+    core::gPaths.dataFolder = dir.path();
+    ASSERT_TRUE(sim::createFlightPlanFolder());
     struct Case {
         sim::PlanAircraft aircraft;
         bool file;
@@ -481,4 +487,4 @@ TEST(FlightPlans, FilesAndTheirLoading) {
 }
 
 } // namespace
-} // namespace orv
+} // namespace orv::sim

@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/app.h"
+#include "core/core.h"
 
 namespace orv::test {
 
@@ -76,10 +76,10 @@ inline bool waitUntil(const std::function<bool()>& done, std::chrono::millisecon
 // Opens Log.txt in a scratch folder for the test's lifetime.
 class LogCapture {
   public:
-    LogCapture() { gf_openLog(dir_ / "Log.txt"); }
-    ~LogCapture() { gf_closeLog(); }
+    LogCapture() { core::openLog(dir_ / "Log.txt"); }
+    ~LogCapture() { core::closeLog(); }
     std::string text() {
-        gf_logFlush("(read by test)");
+        core::logFlush("(read by test)");
         return readBytes(dir_ / "Log.txt");
     }
     bool contains(const std::string& s) { return text().find(s) != std::string::npos; }

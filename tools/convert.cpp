@@ -9,7 +9,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "feed/feed.h"
 #include "platform/platform.h"
 
@@ -45,7 +45,7 @@ std::string trimmed(std::string s) {
 
 } // namespace
 
-std::string gf_trafficLine(const TrackPoint& p) {
+std::string trafficLine(const TrackPoint& p) {
     // RTTFC layout; fields the program does not read still carry plausible values.
     return fmt::format(
         "RTTFC,{},{:.6f},{:.6f},{:.0f},{:.0f},{},{},{:.1f},{},{},{},null,null,{:.2f},adsb,null,{},"
@@ -57,7 +57,7 @@ std::string gf_trafficLine(const TrackPoint& p) {
         text(p.category));
 }
 
-std::vector<TrackPoint> gf_readsbPoints(const json& trace, std::optional<double> geoidFt) {
+std::vector<TrackPoint> readsbPoints(const json& trace, std::optional<double> geoidFt) {
     const std::uint32_t hexid = hexToId(trace.at("icao").get<std::string>());
     const double t0 = trace.at("timestamp").get<double>();
     const std::string type = trace.value("t", "");
@@ -101,7 +101,7 @@ std::vector<TrackPoint> gf_readsbPoints(const json& trace, std::optional<double>
     return out;
 }
 
-std::vector<TrackPoint> gf_openSkyPoints(const json& input, const OpenSkyOptions& options) {
+std::vector<TrackPoint> openSkyPoints(const json& input, const OpenSkyOptions& options) {
     json rows = input;
     if (input.is_object()) {
         // Columns, as pandas writes them: turn them into rows, in the order of the row keys.
@@ -145,7 +145,7 @@ std::vector<TrackPoint> gf_openSkyPoints(const json& input, const OpenSkyOptions
     return out;
 }
 
-void gf_completeTracks(std::vector<TrackPoint>& points) {
+void completeTracks(std::vector<TrackPoint>& points) {
     std::stable_sort(points.begin(), points.end(), [](const TrackPoint& a, const TrackPoint& b) {
         return a.hexid != b.hexid ? a.hexid < b.hexid : a.timestamp < b.timestamp;
     });
@@ -160,7 +160,7 @@ void gf_completeTracks(std::vector<TrackPoint>& points) {
                 const std::size_t j = i > b ? i - 1 : (i + 1 < e ? i + 1 : i);
                 const double dt = std::fabs(points[j].timestamp - p.timestamp);
                 const double nm =
-                    gf_distanceNm({p.latitude, p.longitude}, {points[j].latitude, points[j].longitude});
+                    core::distanceNm({p.latitude, p.longitude}, {points[j].latitude, points[j].longitude});
                 p.groundSpeed = dt > 0.0 ? nm / dt * 3600.0 : 0.0;
             }
         }
@@ -184,7 +184,7 @@ void gf_completeTracks(std::vector<TrackPoint>& points) {
                      [](const TrackPoint& a, const TrackPoint& b) { return a.timestamp < b.timestamp; });
 }
 
-int gf_convertMain(const std::vector<std::string>& args) {
+int convertMain(const std::vector<std::string>& args) {
     std::string format, input, output;
     OpenSkyOptions os;
     std::optional<double> geoidFt;
@@ -201,7 +201,7 @@ int gf_convertMain(const std::vector<std::string>& args) {
         } else if (args[i] == "--geoid-ft") {
             geoidFt = std::stod(next());
         } else if (args[i] == "--flights") {
-            for (auto& cs : gf_splitList(next())) os.callsigns.push_back(cs);
+            for (auto& cs : core::splitList(next())) os.callsigns.push_back(cs);
         } else if (args[i] == "--type") {
             const auto v = next();
             const auto eq = v.find('=');
@@ -218,14 +218,14 @@ int gf_convertMain(const std::vector<std::string>& args) {
     std::ifstream in(input, std::ios::binary);
     if (!in) throw std::runtime_error("cannot read " + input);
     const json j = json::parse(in);
-    auto points = format == "readsb" ? gf_readsbPoints(j, geoidFt) : gf_openSkyPoints(j, os);
-    gf_completeTracks(points);
+    auto points = format == "readsb" ? readsbPoints(j, geoidFt) : openSkyPoints(j, os);
+    completeTracks(points);
     std::string out;
     for (const auto& p : points) {
-        out += gf_trafficLine(p);
+        out += trafficLine(p);
         out += '\n';
     }
-    if (!gf_writeText(out, output, false)) throw std::runtime_error("cannot write " + output);
+    if (!core::writeText(out, output, false)) throw std::runtime_error("cannot write " + output);
     std::cout << fmt::format("{}: {} lines from {}\n", output, points.size(), input);
     return 0;
 }

@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "recording.h"
 #include "refdata/refdata.h"
 
@@ -33,7 +33,7 @@ void writeFile(const fs::path& path, const std::string& text, Enc enc) {
     } else {
         bytes = text;
     }
-    if (!gf_writeText(bytes, path, false)) throw std::runtime_error("cannot write " + path.string());
+    if (!core::writeText(bytes, path, false)) throw std::runtime_error("cannot write " + path.string());
 }
 
 struct Section {
@@ -167,7 +167,7 @@ void corpus(const fs::path& out, int files) {
 
 } // namespace
 
-int gf_liveriesMain(const std::vector<std::string>& args) {
+int liveriesMain(const std::vector<std::string>& args) {
     if (args.empty()) throw std::runtime_error("liveries needs OUT_FOLDER [--files N]");
     const fs::path out = args[0];
     int files = 0;

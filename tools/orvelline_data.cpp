@@ -39,16 +39,16 @@ int main(int argc, char** argv) {
     try {
         const std::string cmd = args[0];
         args.erase(args.begin());
-        if (cmd == "convert") return orv::tools::gf_convertMain(args);
-        if (cmd == "refdata") return orv::tools::gf_refdataMain(args);
-        if (cmd == "liveries") return orv::tools::gf_liveriesMain(args);
+        if (cmd == "convert") return orv::tools::convertMain(args);
+        if (cmd == "refdata") return orv::tools::refdataMain(args);
+        if (cmd == "liveries") return orv::tools::liveriesMain(args);
         if (cmd == "encrypt" || cmd == "decrypt") {
             if (args.size() != 2) throw std::runtime_error(cmd + " needs IN and OUT");
             if (cmd == "decrypt") {
-                if (!orv::gf_streamDecrypt(args[0], args[1]))
+                if (!orv::refdata::streamDecrypt(args[0], args[1]))
                     throw std::runtime_error("cannot decrypt " + args[0] +
                                              " (wrong file, key or a damaged chunk)");
-            } else if (auto err = orv::gf_streamEncrypt(args[0], args[1]); !err.empty()) {
+            } else if (auto err = orv::refdata::streamEncrypt(args[0], args[1]); !err.empty()) {
                 throw std::runtime_error(err);
             }
             return 0;

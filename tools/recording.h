@@ -27,7 +27,7 @@ struct TrackPoint {
 };
 
 // One line in the wire format: 29 comma-separated fields, "null" for unknown texts.
-std::string gf_trafficLine(const TrackPoint& p);
+std::string trafficLine(const TrackPoint& p);
 
 struct OpenSkyOptions {
     std::vector<std::string> callsigns;       // empty: all
@@ -38,22 +38,22 @@ struct OpenSkyOptions {
 // A readsb "globe history" trace, or an array of OpenSky state rows. Throws on a malformed input.
 // With `geoidFt`, airborne altitudes are the geometric (GNSS) ones plus that undulation: height
 // above the sea rather than the pressure altitude, which is off by the day's QNH.
-std::vector<TrackPoint> gf_readsbPoints(const nlohmann::json& trace, std::optional<double> geoidFt = {});
+std::vector<TrackPoint> readsbPoints(const nlohmann::json& trace, std::optional<double> geoidFt = {});
 // Rows as an array of objects, or as columns (an object of field -> {row -> value}).
-std::vector<TrackPoint> gf_openSkyPoints(const nlohmann::json& rows, const OpenSkyOptions& options);
+std::vector<TrackPoint> openSkyPoints(const nlohmann::json& rows, const OpenSkyOptions& options);
 
 // Fills what the source left out (speeds from positions, altitudes from neighbours), sorts by time.
-void gf_completeTracks(std::vector<TrackPoint>& points);
+void completeTracks(std::vector<TrackPoint>& points);
 
-int gf_convertMain(const std::vector<std::string>& args);
+int convertMain(const std::vector<std::string>& args);
 // Reference files: the airport directory as XML from its compact sources, and the command
 // that writes the encrypted files into a program folder's input folder.
-std::string gf_airportsXml(const std::filesystem::path& airportsCsv,
-                           const std::filesystem::path& standCountsCsv, std::size_t& skipped);
-std::string gf_dbaseXml(const std::filesystem::path& sourceFolder);
-std::string gf_aigRegcodesXml(const std::filesystem::path& source);
-int gf_liveriesMain(const std::vector<std::string>& args);
-int gf_refdataMain(const std::vector<std::string>& args);
+std::string airportsXml(const std::filesystem::path& airportsCsv, const std::filesystem::path& standCountsCsv,
+                        std::size_t& skipped);
+std::string dbaseXml(const std::filesystem::path& sourceFolder);
+std::string aigRegcodesXml(const std::filesystem::path& source);
+int liveriesMain(const std::vector<std::string>& args);
+int refdataMain(const std::vector<std::string>& args);
 // Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
 
 } // namespace orv::tools

@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
 #include "recording.h"
@@ -21,7 +21,7 @@ namespace {
 // Lines of a small source file without comments (#) and blank lines, split at commas.
 std::vector<std::vector<std::string>> readRows(const fs::path& file, bool header) {
     std::vector<std::string> lines;
-    if (!std::holds_alternative<std::size_t>(gf_readAllLines(file, lines, 8192)))
+    if (!std::holds_alternative<std::size_t>(core::readAllLines(file, lines, 8192)))
         throw std::runtime_error("cannot read " + file.string());
     std::vector<std::vector<std::string>> rows;
     bool skipped = !header;
@@ -31,7 +31,7 @@ std::vector<std::vector<std::string>> readRows(const fs::path& file, bool header
             skipped = true;
             continue;
         }
-        rows.push_back(gf_splitList(l));
+        rows.push_back(core::splitList(l));
     }
     return rows;
 }
@@ -53,16 +53,15 @@ std::string letters(unsigned n, int count) {
 void writeEncrypted(const std::string& xml, const fs::path& encrypted) {
     fs::path plain = encrypted;
     plain += ".src.xml";
-    if (!gf_writeText(xml, plain, false)) throw std::runtime_error("cannot write " + plain.string());
-    const auto err = gf_streamEncrypt(plain, encrypted);
-    gf_removeFile(plain);
+    if (!core::writeText(xml, plain, false)) throw std::runtime_error("cannot write " + plain.string());
+    const auto err = refdata::streamEncrypt(plain, encrypted);
+    refdata::removeFile(plain);
     if (!err.empty()) throw std::runtime_error(err);
 }
 
 } // namespace
 
-std::string gf_airportsXml(const fs::path& airportsCsv, const fs::path& standCountsCsv,
-                           std::size_t& skipped) {
+std::string airportsXml(const fs::path& airportsCsv, const fs::path& standCountsCsv, std::size_t& skipped) {
     std::map<std::string, int> stands;
     for (const auto& r : readRows(standCountsCsv, true))
         if (r.size() >= 2) stands[r[0]] = std::stoi(r[1]);
@@ -74,7 +73,8 @@ std::string gf_airportsXml(const fs::path& airportsCsv, const fs::path& standCou
         // ident, gps_code, iata_code, latitude_deg, longitude_deg, elevation_ft
         if (r.size() < 6) throw std::runtime_error("airports source: a row with fewer than 6 columns");
         // The ident is the ICAO code where it is one; else the GPS code often is.
-        std::string icao = AirportCode::tryMake(r[0]) ? r[0] : (AirportCode::tryMake(r[1]) ? r[1] : "");
+        std::string icao =
+            refdata::AirportCode::tryMake(r[0]) ? r[0] : (refdata::AirportCode::tryMake(r[1]) ? r[1] : "");
         if (icao.empty() || r[5].empty() || !seen.insert(icao).second) {
             ++skipped;
             continue;
@@ -86,41 +86,41 @@ std::string gf_airportsXml(const fs::path& airportsCsv, const fs::path& standCou
         ap.append_attribute("a") = r[5].c_str();
         const auto s = stands.find(icao);
         ap.append_attribute("i") = s == stands.end() ? 0 : s->second;
-        if (IataCode::tryMake(r[2])) ap.append_attribute("s") = r[2].c_str();
+        if (refdata::IataCode::tryMake(r[2])) ap.append_attribute("s") = r[2].c_str();
     }
     std::ostringstream out;
     doc.save(out, "  ");
     return out.str();
 }
 
-int gf_refdataMain(const std::vector<std::string>& args) {
+int refdataMain(const std::vector<std::string>& args) {
     if (args.size() != 2) throw std::runtime_error("refdata needs SOURCE_FOLDER and INPUT_FOLDER");
     const fs::path src = args[0], out = args[1];
     fs::create_directories(out);
     std::size_t skipped = 0;
-    const auto xml = gf_airportsXml(src / "airports.csv", src / "stand-counts.csv", skipped);
+    const auto xml = airportsXml(src / "airports.csv", src / "stand-counts.csv", skipped);
     writeEncrypted(xml, out / "airports.enc");
-    writeEncrypted(gf_dbaseXml(src), out / "dbase.enc");
-    writeEncrypted(gf_aigRegcodesXml(src / "aig-regcodes.txt"), out / names::kRegcodesEnc);
+    writeEncrypted(dbaseXml(src), out / "dbase.enc");
+    writeEncrypted(aigRegcodesXml(src / "aig-regcodes.txt"), out / params::names::kRegcodesEnc);
     std::cout << fmt::format("{}: reference database\n", (out / "dbase.enc").string());
     std::cout << fmt::format("{}: airports ({} source rows without an ICAO code or elevation left out)\n",
                              (out / "airports.enc").string(), skipped);
     return 0;
 }
 
-std::string gf_aigRegcodesXml(const fs::path& source) {
+std::string aigRegcodesXml(const fs::path& source) {
     std::vector<std::string> lines;
-    if (!std::holds_alternative<std::size_t>(gf_readAllLines(source, lines, 1024)))
+    if (!std::holds_alternative<std::size_t>(core::readAllLines(source, lines, 1024)))
         throw std::runtime_error("cannot read " + source.string());
     pugi::xml_document doc;
     auto root = doc.append_child("root");
-    gf_appendMeta(root);
+    params::appendMeta(root);
     auto aig = root.append_child("aig");
     for (const auto& line : lines) {
         if (line.empty() || line[0] == '#') continue;
         liveries::RegcodeRecord r;
         std::string wrong;
-        if (!liveries::gf_parseRegcodeLine(line, r, wrong) || !wrong.empty())
+        if (!liveries::parseRegcodeLine(line, r, wrong) || !wrong.empty())
             throw std::runtime_error(fmt::format("{}: bad line '{}'", source.string(), line));
         auto l = aig.append_child("l");
         l.append_attribute("t").set_value(r.title.c_str());
@@ -132,7 +132,7 @@ std::string gf_aigRegcodesXml(const fs::path& source) {
     return text.str();
 }
 
-std::string gf_dbaseXml(const fs::path& src) {
+std::string dbaseXml(const fs::path& src) {
     pugi::xml_document doc;
     auto root = doc.append_child("root");
     // Types: the ICAO list; categories from its description (H/G rotorcraft, third character J for
@@ -143,7 +143,7 @@ std::string gf_dbaseXml(const fs::path& src) {
     // Military fast jets are listed by hand and belong to no size category.
     std::set<std::string> highPerf;
     for (const auto h : extra.child("root").child("high_performance").children("hpf"))
-        for (auto& t : gf_splitList(h.attribute("types").as_string())) highPerf.insert(t);
+        for (auto& t : core::splitList(h.attribute("types").as_string())) highPerf.insert(t);
     std::vector<std::string> all, heavy, large, buzjet, rotor;
     for (const auto& r : readRows(src / "aircraft-types.csv", true)) {
         if (r.size() < 3) continue;

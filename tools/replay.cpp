@@ -11,7 +11,7 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "platform/platform.h"
 
 namespace {
@@ -110,7 +110,7 @@ void controlLink(const ReplayOptions& o) {
 
 int run(const ReplayOptions& o) {
     std::vector<std::string> lines;
-    if (!std::holds_alternative<std::size_t>(gf_readAllLines(o.file, lines, 4096)))
+    if (!std::holds_alternative<std::size_t>(core::readAllLines(o.file, lines, 4096)))
         throw std::runtime_error("cannot read " + o.file);
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);

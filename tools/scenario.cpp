@@ -12,7 +12,8 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
-#include "app/app.h"
+#include "core/core.h"
+#include "core/geo.h"
 #include "feed/feed.h"
 #include "live/live.h"
 #include "liveries/liveries.h"
@@ -51,14 +52,14 @@ double number(std::string_view s) {
 void resetAll() {
     live::reset();
     sim::reset();
-    gTrafficReader.clearForRun();
-    gf_setAcceptTraffic(false);
+    feed::gTrafficReader.clearForRun();
+    feed::setAcceptTraffic(false);
     {
-        std::lock_guard lock(gTraffic.trafficLock);
-        gTraffic.trafficQueue.clear();
+        std::lock_guard lock(feed::gTraffic.trafficLock);
+        feed::gTraffic.trafficQueue.clear();
     }
-    gRun.reset();
-    gQnh = 1013;
+    core::gRun.reset();
+    feed::gQnh = 1013;
 }
 
 } // namespace
@@ -66,7 +67,7 @@ void resetAll() {
 Result run(const Config& config) {
     Result result;
     std::vector<std::string> raw;
-    if (auto r = gf_readAllLines(config.recording, raw, 4096); std::holds_alternative<std::string>(r)) {
+    if (auto r = core::readAllLines(config.recording, raw, 4096); std::holds_alternative<std::string>(r)) {
         result.error = fmt::format("{}: {}", config.recording.string(), std::get<std::string>(r));
         return result;
     }
@@ -85,7 +86,7 @@ Result run(const Config& config) {
     }
     std::stable_sort(lines.begin(), lines.end(),
                      [](const Line& a, const Line& b) { return a.time < b.time; });
-    const AirportRecord* airport = gf_airportByName(config.airport);
+    const refdata::AirportRecord* airport = refdata::airportByName(config.airport);
     if (!airport) {
         result.error = fmt::format("airport {} is not in the directory", config.airport);
         return result;
@@ -102,12 +103,12 @@ Result run(const Config& config) {
 
     resetAll();
     live::reserveContainers();
-    gQnh = config.qnh;
-    TrafficArea area;
+    feed::gQnh = config.qnh;
+    feed::TrafficArea area;
     area.reference = {airport->latitude, airport->longitude};
     area.airport = area.reference;
     area.referenceElevation = airport->elevation;
-    gTrafficReader.setArea(area);
+    feed::gTrafficReader.setArea(area);
     live::setCurrentAirport(live::AirportPlace{airport->latitude, airport->longitude, airport->elevation});
 
     auto [clientEnd, serverEnd] = sc::makeMemoryPipe();
@@ -128,14 +129,14 @@ Result run(const Config& config) {
         const double t = static_cast<double>(k) / 100.0;
         sim::pollOnce();
         pump();
-        if (gRun.simRunning) {
+        if (core::gRun.simRunning) {
             if (!asked) {
                 sim::requestUserOnGround();
-                gf_setAcceptTraffic(true);
+                feed::setAcceptTraffic(true);
                 asked = true;
             }
             for (; next < lines.size() && lines[next].time <= t; ++next) {
-                gTrafficReader.decode(lines[next].text);
+                feed::gTrafficReader.decode(lines[next].text);
                 const auto f = split(lines[next].text);
                 FedLine fed;
                 fed.at = t;
@@ -167,7 +168,7 @@ Result run(const Config& config) {
 
 std::vector<Runway> readRunways(const std::filesystem::path& file) {
     std::vector<std::string> lines;
-    if (auto r = gf_readAllLines(file, lines, 64); std::holds_alternative<std::string>(r))
+    if (auto r = core::readAllLines(file, lines, 64); std::holds_alternative<std::string>(r))
         throw std::runtime_error(fmt::format("{}: {}", file.string(), std::get<std::string>(r)));
     std::vector<Runway> out;
     for (std::size_t i = 0; i < lines.size(); ++i) {
@@ -187,12 +188,9 @@ std::vector<Runway> readRunways(const std::filesystem::path& file) {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kDeg = kPi / 180.0;
-
 // Metres off the line through a runway's two points.
 double centreLineM(const Runway& r, double lat, double lon) {
-    const double k = 111132.95 * std::cos(r.lat1 * kDeg);
+    const double k = 111132.95 * std::cos(r.lat1 * core::kRadPerDeg);
     const double x2 = (r.lon2 - r.lon1) * k, y2 = (r.lat2 - r.lat1) * 111132.95;
     const double x = (lon - r.lon1) * k, y = (lat - r.lat1) * 111132.95;
     const double len = std::hypot(x2, y2);
@@ -234,14 +232,15 @@ std::vector<AircraftMotion> motionReport(const Result& result, const std::vector
             const auto &a = p[i - 1], &b = p[i];
             const double dt = b.t - a.t;
             if (dt <= 0) continue;
-            const double nm = gf_distanceNm({a.latitude, a.longitude}, {b.latitude, b.longitude});
+            const double nm = core::distanceNm({a.latitude, a.longitude}, {b.latitude, b.longitude});
             if (nm > m.maxStepNm) m.maxStepNm = nm;
             m.maxStepKt = std::max(m.maxStepKt, nm / dt * 3600.0);
             if (onGround(a) && onGround(b)) m.maxStepGroundKt = std::max(m.maxStepGroundKt, nm / dt * 3600.0);
-            double dh = std::fmod(b.heading - a.heading, 2 * kPi);
-            if (dh > kPi) dh -= 2 * kPi;
-            if (dh < -kPi) dh += 2 * kPi;
-            const double turn = std::fabs(dh) / kDeg / dt, bank = std::fabs(b.bank) / kDeg;
+            double dh = std::fmod(b.heading - a.heading, 2 * core::kPi);
+            if (dh > core::kPi) dh -= 2 * core::kPi;
+            if (dh < -core::kPi) dh += 2 * core::kPi;
+            const double turn = std::fabs(dh) / core::kRadPerDeg / dt,
+                         bank = std::fabs(b.bank) / core::kRadPerDeg;
             const bool ground = onGround(b);
             (ground ? m.maxTurnGroundDegS : m.maxTurnAirDegS) =
                 std::max(ground ? m.maxTurnGroundDegS : m.maxTurnAirDegS, turn);
@@ -272,7 +271,7 @@ std::vector<AircraftMotion> motionReport(const Result& result, const std::vector
             const double lat = a.latitude + k * (b.latitude - a.latitude),
                          lon = a.longitude + k * (b.longitude - a.longitude);
             (f.onGround ? ground : air)
-                .push_back(gf_distanceNm({lat, lon}, {f.latitude, f.longitude}) * 1852.0);
+                .push_back(core::distanceNm({lat, lon}, {f.latitude, f.longitude}) * 1852.0);
         }
         m.groundPoints = ground.size(), m.airPoints = air.size();
         std::vector<double> pathGround, pathAir;
@@ -283,8 +282,9 @@ std::vector<AircraftMotion> motionReport(const Result& result, const std::vector
             const auto from =
                 std::lower_bound(p.begin(), p.end(), f.at, [](const auto& r, double x) { return r.t < x; });
             for (auto it = from; it != p.end() && it->t <= f.at + 90; ++it)
-                best = std::min(
-                    best, gf_distanceNm({it->latitude, it->longitude}, {f.latitude, f.longitude}) * 1852.0);
+                best = std::min(best,
+                                core::distanceNm({it->latitude, it->longitude}, {f.latitude, f.longitude}) *
+                                    1852.0);
             if (best > 1e11) continue;
             (f.onGround ? pathGround : pathAir).push_back(best);
             m.pathMaxM = std::max(m.pathMaxM, best);
@@ -294,8 +294,8 @@ std::vector<AircraftMotion> motionReport(const Result& result, const std::vector
         m.meanAirM = mean(air), m.p95AirM = percentile95(air);
         if (!p.empty() && onGround(p.back())) {
             std::size_t i = p.size() - 1;
-            while (i > 0 && gf_distanceNm({p[i - 1].latitude, p[i - 1].longitude},
-                                          {p.back().latitude, p.back().longitude}) *
+            while (i > 0 && core::distanceNm({p[i - 1].latitude, p[i - 1].longitude},
+                                             {p.back().latitude, p.back().longitude}) *
                                     1852.0 <
                                 2.0)
                 --i;
@@ -341,25 +341,25 @@ std::vector<std::string> prepareHome(const std::filesystem::path& input,
                                      const std::filesystem::path& work) {
     namespace fs = std::filesystem;
     fs::create_directories(work / "input");
-    gPaths.programFolder = work;
-    gPaths.dataFolder = work;
+    core::gPaths.programFolder = work;
+    core::gPaths.dataFolder = work;
     for (const char* name : {"dbase.enc", "airports.enc", "AIG-regcodes.enc"})
         fs::copy_file(input / name, work / "input" / name, fs::copy_options::overwrite_existing);
-    if (!gf_loadDbase(work / "input/dbase.enc"))
+    if (!refdata::loadDbase(work / "input/dbase.enc"))
         throw std::runtime_error("the reference database can't be read");
-    gf_loadAirports(work / "input/airports.enc");
+    refdata::loadAirports(work / "input/airports.enc");
     liveries::gStore.reset();
-    liveries::gf_clearReports();
-    liveries::gf_clearTitleSet();
-    liveries::gf_resetMatching();
-    liveries::gf_readDontUseTitles();
-    if (!liveries::lf_scanFolders(liveries::lf_collectAutomaticFolders(community)))
+    liveries::clearReports();
+    liveries::clearTitleSet();
+    liveries::resetMatching();
+    liveries::readDontUseTitles();
+    if (!liveries::scanFolders(liveries::collectAutomaticFolders(community)))
         throw std::runtime_error(fmt::format("the liveries of {} can't be scanned", community.string()));
-    liveries::gf_processLiveries();
+    liveries::processLiveries();
     return emu::titlesUnder(community);
 }
 
-int gf_scenarioMain(const std::vector<std::string>& args, const std::filesystem::path& programFolder) {
+int scenarioMain(const std::vector<std::string>& args, const std::filesystem::path& programFolder) {
     namespace fs = std::filesystem;
     fs::path file;
     bool report = false;
@@ -381,7 +381,7 @@ int gf_scenarioMain(const std::vector<std::string>& args, const std::filesystem:
     const fs::path work = fs::temp_directory_path() / fmt::format("orvelline-scenario-{}", ::getpid());
     try {
         std::vector<std::string> text;
-        if (auto r = gf_readAllLines(file, text, 64); std::holds_alternative<std::string>(r))
+        if (auto r = core::readAllLines(file, text, 64); std::holds_alternative<std::string>(r))
             throw std::runtime_error("the file cannot be opened");
         std::string whole;
         for (const auto& l : text) whole += l + "\n";
@@ -400,7 +400,7 @@ int gf_scenarioMain(const std::vector<std::string>& args, const std::filesystem:
         c.qnh = j.value("qnh", 1013);
         c.overlayFlights = j.value("overlay", false);
         fs::create_directories(work);
-        gf_openLog(work / "Log.txt");
+        core::openLog(work / "Log.txt");
         c.titles = prepareHome(programFolder / "input", path("community", "../liveries/Community"), work);
         const auto result = run(c);
         if (!result.error.empty()) throw std::runtime_error(result.error);
@@ -415,13 +415,13 @@ int gf_scenarioMain(const std::vector<std::string>& args, const std::filesystem:
         if (report)
             std::cout << formatReport(
                 motionReport(result, readRunways(path("runways", "../recordings/runways.csv"))));
-        gf_closeLog();
+        core::closeLog();
         std::error_code ec;
         fs::remove_all(work, ec);
         return 0;
     } catch (const std::exception& e) {
         std::cerr << fmt::format("scenario {}: {}\n", file.string(), e.what());
-        gf_closeLog();
+        core::closeLog();
         std::error_code ec;
         fs::remove_all(work, ec);
         return 1;

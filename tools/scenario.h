@@ -83,6 +83,6 @@ std::vector<std::string> prepareHome(const std::filesystem::path& input,
                                      const std::filesystem::path& work);
 
 // `orvelline --scenario FILE [--report]`: a scenario described by a JSON file, run on virtual time.
-int gf_scenarioMain(const std::vector<std::string>& args, const std::filesystem::path& programFolder);
+int scenarioMain(const std::vector<std::string>& args, const std::filesystem::path& programFolder);
 
 } // namespace orv::scenario

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -13,25 +14,21 @@
 #include <unordered_set>
 #include <vector>
 
+#include "core/geo.h"
 #include "platform/platform.h"
 #include "refdata/refdata.h"
 
-namespace orv {
+namespace orv::feed {
 
-struct LatLon {
-    double latitude = 0.0;
-    double longitude = 0.0;
-};
-
-// Great-circle distance in nautical miles (haversine, one minute of arc = one nautical mile).
-double gf_distanceNm(const LatLon& a, const LatLon& b) noexcept;
+using core::LatLon;
+using refdata::IataCode;
 
 // One decoded traffic line. The part from `latitude` on is the engine's position record.
 struct TrafficSample {
     std::uint16_t airlineCode = 0; // filled by the engine
     std::uint16_t modelCode = 0;
-    IataCode origin;
-    IataCode destination;
+    refdata::IataCode origin;
+    refdata::IataCode destination;
     std::string callsign;
     std::string flightA; // filled by the engine
     std::string flightB; // filled by the engine
@@ -60,9 +57,9 @@ struct TrafficQueue {
     bool acceptTraffic = false;
 };
 extern TrafficQueue gTraffic;
-void gf_setAcceptTraffic(bool accept);
+void setAcceptTraffic(bool accept);
 // Moves up to `max` samples into out (which keeps its capacity); returns how many. Never waits.
-std::size_t gf_takeTraffic(TrafficSample* out, std::size_t max);
+std::size_t takeTraffic(TrafficSample* out, std::size_t max);
 
 // The receive loop that the Traffic Reader and the QNH Reader share: one datagram is one line.
 class UdpReader {
@@ -97,9 +94,9 @@ class UdpReader {
 // Where the user is and what airport is current; the run sequence writes it before the reader
 // starts and when the traffic area moves.
 struct TrafficArea {
-    LatLon reference;
+    core::LatLon reference;
     std::optional<double> referenceElevation; // feet, of the current airport
-    std::optional<LatLon> airport;            // the current airport's position
+    std::optional<core::LatLon> airport;      // the current airport's position
 };
 
 class TrafficReader final : public UdpReader {
@@ -138,7 +135,7 @@ class TrafficReader final : public UdpReader {
     TrafficArea pendingArea_;
     std::atomic<std::uint32_t> areaVersion_{0};
     std::uint32_t seenAreaVersion_ = 0;
-    bool lf_checkAltitude(TrafficSample& s);
+    bool checkAltitude(TrafficSample& s);
     std::string decodeCopy_; // the text of decode() lives here while its fields are used
 };
 
@@ -161,31 +158,34 @@ extern std::atomic<std::int32_t> gQnh;
 
 // The reader threads: names "Traffic Reader" and "QNH Reader". They are detached; a failure is
 // shown to the user and stops the run with reason 6.
-void gf_startTrafficReader(std::uint16_t port, bool localOnly);
-void gf_startQnhReader(std::uint16_t port);
-void gf_stopReaders();
+void startTrafficReader(std::uint16_t port, bool localOnly);
+void startQnhReader(std::uint16_t port);
+void stopReaders();
 // Waits up to `timeout` for both reader threads to end; false if one is still running.
-bool gf_waitReadersStopped(std::chrono::milliseconds timeout);
+bool waitReadersStopped(std::chrono::milliseconds timeout);
 
 // The RealTraffic link: this program is the TCP server. Throws the bind failure's text.
-void gf_startRealTrafficServer(const std::string& address, std::uint16_t port);
-std::uint16_t gf_realTrafficPort();
+void startRealTrafficServer(const std::string& address, std::uint16_t port);
+std::uint16_t realTrafficPort();
 // One try: accept, ask the version, read the answer. True once RealTraffic is connected.
-bool lf_waitForRealTraffic();
-void lf_processRTVersion(std::string_view text);
-bool gf_realTrafficProfessional();
-std::string gf_realTrafficStatus(); // "RT prof edition: 9.0.1"
-bool gf_realTrafficConnected();
-void gf_sendUserPositionToRealTraffic();
-void gf_sendTimeToRealTraffic();
-void gf_realTrafficFarewell(); // "exit", and both sockets closed
-void gf_copyUserPositionForReaders();
-void gf_qnhUpdate();
-namespace sim {
-struct UserData;
-}
-// The Qs121 line of a user position, and its sending (a lost link is taken up again here).
-std::string gf_qs121(const sim::UserData& user);
-void lf_sendUserPosition(const sim::UserData& user);
+bool waitForRealTraffic();
+void processRTVersion(std::string_view text);
+bool realTrafficProfessional();
+std::string realTrafficStatus(); // "RT prof edition: 9.0.1"
+bool realTrafficConnected();
+// RealTraffic's clock: the simulator's time as epoch seconds, sent to the professional edition.
+void sendTimeToRealTraffic(std::int64_t epochSeconds);
+void realTrafficFarewell(); // "exit", and both sockets closed
+// What the link does when RealTraffic goes: the run sequence installs it (the live aircraft go).
+void setOnLinkLost(std::function<void()> action);
+void qnhUpdate();
 
-} // namespace orv
+// The user's aircraft as RealTraffic wants it: degrees, feet, knots, radians for the attitude.
+struct UserReport {
+    double latitude = 0, longitude = 0, pitch = 0, bank = 0, heading = 0, altitude = 0, groundVelocity = 0;
+};
+// The Qs121 line of a user position, and its sending (a lost link is taken up again here).
+std::string qs121(const UserReport& user);
+void sendUserPosition(const UserReport& user);
+
+} // namespace orv::feed

@@ -5,32 +5,23 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "app/app.h"
+#include "core/core.h"
+#include "core/geo.h"
 #include "feed/feed.h"
 #include "params/params.h"
-#include "ui/ui.h"
 
-namespace orv {
+namespace orv::feed {
 
 TrafficQueue gTraffic;
 TrafficReader gTrafficReader;
 QnhReader gQnhReader;
 
-double gf_distanceNm(const LatLon& a, const LatLon& b) noexcept {
-    constexpr double kDeg = 0.017453292519943295;
-    const double dLat = (b.latitude - a.latitude) * kDeg;
-    const double dLon = (b.longitude - a.longitude) * kDeg;
-    const double s1 = std::sin(dLat / 2), s2 = std::sin(dLon / 2);
-    const double h = s1 * s1 + std::cos(a.latitude * kDeg) * std::cos(b.latitude * kDeg) * s2 * s2;
-    return 6875.493541569878 * std::asin(std::sqrt(std::min(1.0, h)));
-}
-
-void gf_setAcceptTraffic(bool accept) {
+void setAcceptTraffic(bool accept) {
     std::lock_guard lock(gTraffic.trafficLock);
     gTraffic.acceptTraffic = accept;
 }
 
-std::size_t gf_takeTraffic(TrafficSample* out, std::size_t max) {
+std::size_t takeTraffic(TrafficSample* out, std::size_t max) {
     std::unique_lock lock(gTraffic.trafficLock, std::try_to_lock);
     if (!lock.owns_lock()) return 0;
     std::size_t n = 0;
@@ -44,7 +35,6 @@ std::size_t gf_takeTraffic(TrafficSample* out, std::size_t max) {
 namespace {
 
 constexpr std::size_t kFieldCount = 29;
-constexpr double kDegToRad = 0.017453292519943295;
 
 // Plain floating point text: starts at the first character, no blank or plus sign, a minus
 // sign, "inf" and "nan" allowed, trailing text tolerated, empty is a failure.
@@ -60,9 +50,9 @@ double number(std::string_view field, std::string_view name) {
     return v;
 }
 
-IataCode routeCode(std::string_view field) {
+refdata::IataCode routeCode(std::string_view field) {
     if (field == "null") return {};
-    return IataCode(field); // throws the FixedCode message on anything but 3 letters or digits
+    return refdata::IataCode(field); // throws the FixedCode message on anything but 3 letters or digits
 }
 
 double tasForAltitude(double altitude) {
@@ -80,15 +70,15 @@ TrafficReader::TrafficReader() {
 }
 
 void TrafficReader::onBound() {
-    ui::setIndicator(ui::Indicator::Traffic, 1);
-    ui::setIndicator(ui::Indicator::Weather, 1);
-    ui::repaint(ui::Region::Indicators);
+    core::setIndicator(core::Indicator::Traffic, 1);
+    core::setIndicator(core::Indicator::Weather, 1);
+    core::repaint(core::Region::Indicators);
 }
 
 void TrafficReader::onStopped() {
-    ui::setIndicator(ui::Indicator::Traffic, 3);
-    ui::repaint(ui::Region::Indicators);
-    gf_log("Traffic Reader has stopped");
+    core::setIndicator(core::Indicator::Traffic, 3);
+    core::repaint(core::Region::Indicators);
+    core::log("Traffic Reader has stopped");
 }
 
 void TrafficReader::clearForRun() {
@@ -140,7 +130,7 @@ void TrafficReader::processLine() {
     if (fields.size() < kFieldCount) {
         // Fields are read by position; a short line would be read past its end.
         ++counts.failed;
-        gf_log(fmt::format("traffic line refused: {} fields, {} needed", fields.size(), kFieldCount));
+        core::log(fmt::format("traffic line refused: {} fields, {} needed", fields.size(), kFieldCount));
         return;
     }
     processLineSub();
@@ -160,8 +150,8 @@ void TrafficReader::processLineSub() {
         if (!(lat >= -90.0 && lat <= 90.0) || !(lon >= -180.0 && lon <= 180.0) ||
             (std::fabs(lat) <= 0.0001 && std::fabs(lon) <= 0.0001))
             throw std::runtime_error(fmt::format("invalid lalo: {}", fmt::format("{:.6f},{:.6f}", lat, lon)));
-        const LatLon pos{lat, lon};
-        if (gf_distanceNm(area.reference, pos) > gParams.RANGE.load(std::memory_order_relaxed)) {
+        const core::LatLon pos{lat, lon};
+        if (core::distanceNm(area.reference, pos) > params::gParams.RANGE.load(std::memory_order_relaxed)) {
             ++counts.dropped;
             return;
         }
@@ -183,11 +173,11 @@ void TrafficReader::processLineSub() {
             seenCallsigns.emplace(f[9]);
 
         // 8-9. Type.
-        if (!gf_isUsableAircraft(f[10], f[28])) {
+        if (!refdata::isUsableAircraft(f[10], f[28])) {
             ++counts.dropped;
             return;
         }
-        s.modelCode = gf_modelId(f[10]);
+        s.modelCode = refdata::modelId(f[10]);
 
         // 10. True heading, trusted from ADS-B only.
         if (f[17] == "adsb_icao") {
@@ -197,7 +187,7 @@ void TrafficReader::processLineSub() {
                 s.heading = 6.283185307179586;
                 s.hasTrueHeading = true;
             } else if (th > 0.0) {
-                s.heading = th * kDegToRad;
+                s.heading = th * core::kRadPerDeg;
                 s.hasTrueHeading = true;
             }
         }
@@ -216,7 +206,7 @@ void TrafficReader::processLineSub() {
 
         // 12-13. Speed and the on-ground decision.
         s.groundSpeed = number(f[8], "gs");
-        if (!lf_checkAltitude(s)) {
+        if (!checkAltitude(s)) {
             ++counts.dropped;
             return;
         }
@@ -236,7 +226,7 @@ void TrafficReader::processLineSub() {
         }
 
         // 16. On the ground only near the current airport.
-        if (!s.airborne && !(area.airport && gf_distanceNm(*area.airport, pos) <= 5.0)) {
+        if (!s.airborne && !(area.airport && core::distanceNm(*area.airport, pos) <= 5.0)) {
             ++counts.dropped;
             return;
         }
@@ -259,7 +249,7 @@ void TrafficReader::processLineSub() {
         // 20. Bank, airborne only; RealTraffic's sign is the opposite of the simulator's.
         if (s.airborne) {
             const double roll = number(f[23], "roll");
-            if (roll != -1.0 && roll != 0.0) s.roll = -roll * kDegToRad;
+            if (roll != -1.0 && roll != 0.0) s.roll = -roll * core::kRadPerDeg;
         }
 
         // 21. True airspeed, estimated from the altitude when unknown.
@@ -270,7 +260,7 @@ void TrafficReader::processLineSub() {
         }
 
         // 22-23.
-        s.tick = gRun.engineTick.load(std::memory_order_relaxed) + 3000;
+        s.tick = core::gRun.engineTick.load(std::memory_order_relaxed) + 3000;
         std::lock_guard lock(gTraffic.trafficLock);
         if (gTraffic.acceptTraffic) {
             gTraffic.trafficQueue.push_back(std::move(s));
@@ -280,11 +270,11 @@ void TrafficReader::processLineSub() {
         }
     } catch (const std::exception& e) {
         ++counts.failed;
-        gf_log(fmt::format("exception in processLineSub: {}", e.what()));
+        core::log(fmt::format("exception in processLineSub: {}", e.what()));
     }
 }
 
-bool TrafficReader::lf_checkAltitude(TrafficSample& s) {
+bool TrafficReader::checkAltitude(TrafficSample& s) {
     double a = 0.0;
     if (!parseNumber(fields[4], a))
         throw std::runtime_error(
@@ -302,7 +292,7 @@ bool TrafficReader::lf_checkAltitude(TrafficSample& s) {
         if (a > 0.0 && s.groundSpeed <= 35.0) a = 0.0;
     }
     s.altitude = a;
-    if (!gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed)) return true;
+    if (!params::gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed)) return true;
     // A ground report is never "airborne", however high its airport lies.
     if (a == 0.0) return false;
     const double airportElevation = area.airport ? area.referenceElevation.value_or(0.0) : 0.0;
@@ -318,7 +308,7 @@ void QnhReader::processLine() {
         const auto j = nlohmann::json::parse(text);
         const auto it = j.is_object() ? j.find("QNH") : j.end();
         if (it == j.end() || it->is_null()) {
-            gf_log(fmt::format("no QNH {}", text));
+            core::log(fmt::format("no QNH {}", text));
             return;
         }
         std::int64_t value = 0;
@@ -337,12 +327,12 @@ void QnhReader::processLine() {
             std::int32_t parsed = 0;
             const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), parsed);
             if (ec != std::errc{} || end != s.data() + s.size()) {
-                gf_log(fmt::format("QNH string parse error: {} in {}", s, text));
+                core::log(fmt::format("QNH string parse error: {} in {}", s, text));
                 return;
             }
             value = parsed;
         } else {
-            gf_log(fmt::format("no QNH {}", text));
+            core::log(fmt::format("no QNH {}", text));
             return;
         }
         // Above 1100 it is inches of mercury times 100; the clamp comes after, so 1101 ends at 900.
@@ -353,19 +343,19 @@ void QnhReader::processLine() {
         lastQnh = q;
         gTrafficReader.qnh = q;
         gQnh = q;
-        if (ui::indicator(ui::Indicator::Weather) == 2) ui::setIndicator(ui::Indicator::Weather, 1);
-        ui::repaint(ui::Region::Counters);
+        if (core::indicator(core::Indicator::Weather) == 2) core::setIndicator(core::Indicator::Weather, 1);
+        core::repaint(core::Region::Counters);
     } catch (const std::exception& e) {
-        gf_log(fmt::format("Exception {}, in {}", e.what(), text));
+        core::log(fmt::format("Exception {}, in {}", e.what(), text));
     }
 }
 
 void QnhReader::onBound() {
-    ui::setIndicator(ui::Indicator::Weather, 1);
+    core::setIndicator(core::Indicator::Weather, 1);
 }
 
 void QnhReader::onStopped() {
-    gf_log("QNH Reader has stopped");
+    core::log("QNH Reader has stopped");
 }
 
 void QnhReader::reset() {
@@ -375,4 +365,4 @@ void QnhReader::reset() {
     stop = false;
 }
 
-} // namespace orv
+} // namespace orv::feed

@@ -5,10 +5,9 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
-#include "ui/ui.h"
+#include "core/core.h"
 
-namespace orv {
+namespace orv::feed {
 
 void UdpReader::closeAndNotify() {
     socket.close();
@@ -24,7 +23,7 @@ void UdpReader::run(std::uint16_t port, bool localOnly) {
     }
     boundPort = socket.localPort();
     onBound();
-    gf_log(fmt::format("{} connected", threadName()));
+    core::log(fmt::format("{} connected", threadName()));
     receiveLoop(localOnly);
 }
 
@@ -40,7 +39,7 @@ void UdpReader::receiveLoop(bool localOnly) {
         }
         if (r.status == platform::RecvStatus::Data && r.size > 0) {
             if (r.size >= kBufferSize) {
-                if (!stop) gf_log(fmt::format("buffer overrun: {} bytes", r.size));
+                if (!stop) core::log(fmt::format("buffer overrun: {} bytes", r.size));
             } else {
                 buffer[r.size] = 0;
                 const std::string_view text(buffer, r.size);
@@ -76,11 +75,11 @@ void startThread(UdpReader& reader, std::uint16_t port, bool localOnly) {
         try {
             reader.run(port, localOnly);
         } catch (const std::exception& e) {
-            gf_message(fmt::format("The {} has stopped with error: {}", name, e.what()), true);
-            gf_requestStop(ExitReason::ReaderError, 15);
+            core::message(fmt::format("The {} has stopped with error: {}", name, e.what()), true);
+            core::requestStop(core::ExitReason::ReaderError, 15);
         } catch (...) {
-            gf_message(fmt::format("The {} has stopped with error: {}", name, "Unknown exception"), true);
-            gf_requestStop(ExitReason::ReaderError, 15);
+            core::message(fmt::format("The {} has stopped with error: {}", name, "Unknown exception"), true);
+            core::requestStop(core::ExitReason::ReaderError, 15);
         }
         reader.running = false;
     }).detach();
@@ -88,19 +87,19 @@ void startThread(UdpReader& reader, std::uint16_t port, bool localOnly) {
 
 } // namespace
 
-void gf_startTrafficReader(std::uint16_t port, bool localOnly) {
+void startTrafficReader(std::uint16_t port, bool localOnly) {
     startThread(gTrafficReader, port, localOnly);
 }
-void gf_startQnhReader(std::uint16_t port) {
+void startQnhReader(std::uint16_t port) {
     startThread(gQnhReader, port, true);
 }
 
-void gf_stopReaders() {
+void stopReaders() {
     gTrafficReader.stop = true;
     gQnhReader.stop = true;
 }
 
-bool gf_waitReadersStopped(std::chrono::milliseconds timeout) {
+bool waitReadersStopped(std::chrono::milliseconds timeout) {
     // Real time on purpose: the readers block in the socket, not on the program's clock.
     const auto end = std::chrono::steady_clock::now() + timeout;
     while (gTrafficReader.running || gQnhReader.running) {
@@ -110,4 +109,4 @@ bool gf_waitReadersStopped(std::chrono::milliseconds timeout) {
     return true;
 }
 
-} // namespace orv
+} // namespace orv::feed

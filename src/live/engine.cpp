@@ -8,7 +8,8 @@
 #include <fmt/format.h>
 #include <gsl/narrow>
 
-#include "app/app.h"
+#include "core/core.h"
+#include "core/geo.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
 
@@ -18,8 +19,6 @@ Engine gEngine;
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kDeg = kPi / 180.0;
 constexpr std::int32_t kDelayTicks = 3000; // everything runs 30 s behind the feed
 
 std::optional<AirportPlace> currentAirportPlace; // the worker thread's: set and read there only
@@ -49,7 +48,7 @@ void publishCounts() {
     publishedQueue.store(static_cast<std::uint32_t>(e.spawnQueue.size()), std::memory_order_relaxed);
 }
 
-Sample toSample(const TrafficSample& r) {
+Sample toSample(const feed::TrafficSample& r) {
     Sample s;
     s.lat = r.latitude, s.lon = r.longitude, s.alt = r.altitude;
     s.speed = r.groundSpeed, s.track = r.track, s.vs = r.verticalSpeed, s.tas = r.trueAirspeed;
@@ -62,14 +61,14 @@ Sample toSample(const TrafficSample& r) {
     return s;
 }
 
-bool categoryEnabled(Category c) {
+bool categoryEnabled(refdata::Category c) {
     switch (c) {
-    case Category::Light:
-        return gParams.LIGHT_AIRCRAFT.load(std::memory_order_relaxed);
-    case Category::HighPerf:
-        return gParams.HIGH_PERF_AIRCRAFT.load(std::memory_order_relaxed);
-    case Category::Rotorcraft:
-        return gParams.HELICOPTERS.load(std::memory_order_relaxed);
+    case refdata::Category::Light:
+        return params::gParams.LIGHT_AIRCRAFT.load(std::memory_order_relaxed);
+    case refdata::Category::HighPerf:
+        return params::gParams.HIGH_PERF_AIRCRAFT.load(std::memory_order_relaxed);
+    case refdata::Category::Rotorcraft:
+        return params::gParams.HELICOPTERS.load(std::memory_order_relaxed);
     default:
         return true;
     }
@@ -83,11 +82,11 @@ bool altitudeAcceptable(double alt) {
 }
 
 // The airline of a callsign like "DAL1812": three letters of a known airline and then a digit.
-AirlineId airlineOfCallsign(std::string_view cs) {
+refdata::AirlineId airlineOfCallsign(std::string_view cs) {
     if (cs.size() < 4 || !std::isdigit(static_cast<unsigned char>(cs[3]))) return 0;
     for (std::size_t i = 0; i < 3; ++i)
         if (!std::isalpha(static_cast<unsigned char>(cs[i]))) return 0;
-    return gf_airlineId(cs.substr(0, 3));
+    return refdata::airlineId(cs.substr(0, 3));
 }
 
 std::string failedKey(const LiveAc& ac) {
@@ -97,23 +96,23 @@ std::string failedKey(const LiveAc& ac) {
 // The livery ladder for this aircraft as it is now.
 liveries::MatchAircraft matchLivery(const LiveAc& ac) {
     liveries::MatchAircraft m;
-    m.key = gf_airlineModelKey(ac.airlineCode, ac.modelCode);
+    m.key = refdata::airlineModelKey(ac.airlineCode, ac.modelCode);
     m.regcode = ac.registration;
     m.category = ac.category;
     m.cargo = ac.isCargo;
-    m.description = lf_describeAc(ac);
-    liveries::gf_matchLiveLivery(m);
+    m.description = describeAc(ac);
+    liveries::matchLiveLivery(m);
     return m;
 }
 
 double distanceToUser(const LiveAc& ac) {
     const auto& u = gEngine.user;
-    return gf_distanceNmOf(ac.lat, ac.lon, u.latitude, u.longitude);
+    return core::distanceNm(ac.lat, ac.lon, u.latitude, u.longitude);
 }
 
 void logException(const char* function, const LiveAc& ac, const std::exception& e) {
-    gf_log(fmt::format("{}: {} {}, sz:{}, fs:{}, st:{}", function, lf_describeAc(ac), e.what(),
-                       ac.stream.size(), lf_phaseName(ac.phase), lf_simStateName(ac.simState)));
+    core::log(fmt::format("{}: {} {}, sz:{}, fs:{}, st:{}", function, describeAc(ac), e.what(),
+                          ac.stream.size(), phaseName(ac.phase), simStateName(ac.simState)));
 }
 
 void compactTable() {
@@ -123,7 +122,7 @@ void compactTable() {
 
 } // namespace
 
-void lf_command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value) {
+void command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value) {
     if (objectId == 0) return;
     // Lights, like the other controls, go out only when they change; a toggle of all of them
     // leaves their states unknown until each is set again.
@@ -213,84 +212,62 @@ LiveAc* findByCallsign(std::string_view callsign) {
     return nullptr;
 }
 
-// ---- Geometry --------------------------------------------------------------------------------
-
-double gf_bearingRad(double lat0, double lon0, double lat1, double lon1) noexcept {
-    const double p0 = lat0 * kDeg, p1 = lat1 * kDeg, dl = (lon1 - lon0) * kDeg;
-    const double y = std::sin(dl) * std::cos(p1);
-    const double x = std::cos(p0) * std::sin(p1) - std::sin(p0) * std::cos(p1) * std::cos(dl);
-    double b = std::atan2(y, x);
-    if (b < 0) b += 2 * kPi;
-    return b;
-}
-
-double gf_angleDiff(double from, double to) noexcept {
-    double d = std::fmod(to - from, 2 * kPi);
-    if (d > kPi) d -= 2 * kPi;
-    if (d < -kPi) d += 2 * kPi;
-    return d;
-}
-
-double gf_distanceNmOf(double lat0, double lon0, double lat1, double lon1) noexcept {
-    return gf_distanceNm(LatLon{lat0, lon0}, LatLon{lat1, lon1});
-}
-
 // ---- Controls --------------------------------------------------------------------------------
 
-void gf_setFlaps(LiveAc& ac, std::int32_t index) {
-    if (ac.category == Category::Rotorcraft || index == ac.flapsIndex) return;
+void setFlaps(LiveAc& ac, std::int32_t index) {
+    if (ac.category == refdata::Category::Rotorcraft || index == ac.flapsIndex) return;
     constexpr std::uint32_t kValues[] = {0, 3072, 10240, 16383, 0};
     if (index < 0 || index > 4) {
-        gf_log("gf_setFlaps: invalid flaps index");
+        core::log("setFlaps: invalid flaps index");
         return;
     }
     ac.flapsIndex = index;
-    lf_command(ac.objectId, sim::kFlapsSet, kValues[index]);
+    command(ac.objectId, sim::kFlapsSet, kValues[index]);
 }
 
-void lf_setThrottle(LiveAc& ac, std::int32_t index) {
+void setThrottle(LiveAc& ac, std::int32_t index) {
     if (index == ac.throttleIndex || index < 0 || index > 4) return;
     constexpr std::uint32_t kValues[] = {0, 4914, 8191, 11468, 16383};
     ac.throttleIndex = index;
-    lf_command(ac.objectId, sim::kThrottleSet, kValues[index]);
+    command(ac.objectId, sim::kThrottleSet, kValues[index]);
 }
 
-void lf_setGear(LiveAc& ac, bool down) {
-    if (ac.category == Category::Rotorcraft || ac.gearState == (down ? 1 : 0)) return;
+void setGear(LiveAc& ac, bool down) {
+    if (ac.category == refdata::Category::Rotorcraft || ac.gearState == (down ? 1 : 0)) return;
     ac.gearState = down ? 1 : 0;
-    lf_command(ac.objectId, sim::kGearSet, down ? 1 : 0);
+    command(ac.objectId, sim::kGearSet, down ? 1 : 0);
 }
 
-void lf_setSpoilers(LiveAc& ac, bool on) {
-    if (ac.category == Category::Rotorcraft || ac.spoilersState == (on ? 1 : 0)) return;
+void setSpoilers(LiveAc& ac, bool on) {
+    if (ac.category == refdata::Category::Rotorcraft || ac.spoilersState == (on ? 1 : 0)) return;
     ac.spoilersState = on ? 1 : 0;
-    lf_command(ac.objectId, sim::kSpoilersSet, on ? 16383 : 0);
+    command(ac.objectId, sim::kSpoilersSet, on ? 16383 : 0);
 }
 
-void lf_setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, bool taxi, bool strobes,
-                  bool logo, bool cabin) {
+void setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, bool taxi, bool strobes,
+               bool logo, bool cabin) {
     const std::pair<std::uint32_t, bool> lights[] = {
         {sim::kNavLights, nav},    {sim::kBeaconLights, beacon}, {sim::kLandingLights, landing},
         {sim::kTaxiLights, taxi},  {sim::kStrobes, strobes},     {sim::kLogoLights, logo},
         {sim::kCabinLights, cabin}};
-    for (const auto& [event, on] : lights) lf_command(objectId, event, on ? 1 : 0);
+    for (const auto& [event, on] : lights) command(objectId, event, on ? 1 : 0);
 }
 
-void lf_setReverser(LiveAc& ac, double spoilers, double throttle) {
-    if (ac.category == Category::Light || ac.objectId == 0) return;
+void setReverser(LiveAc& ac, double spoilers, double throttle) {
+    if (ac.category == refdata::Category::Light || ac.objectId == 0) return;
     gEngine.out.controls.push_back({ac.objectId, spoilers, throttle, throttle});
 }
 
-void lf_setParkedLights(LiveAc& ac) {
-    lf_setThrottle(ac, 0);
-    gf_setFlaps(ac, 0);
-    lf_command(ac.objectId, sim::kEngineAutoShutdown, 0);
-    const bool nav = gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed);
+void setParkedLights(LiveAc& ac) {
+    setThrottle(ac, 0);
+    setFlaps(ac, 0);
+    command(ac.objectId, sim::kEngineAutoShutdown, 0);
+    const bool nav = params::gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed);
     bool cabin = false;
     if (ac.atStand && !ac.cargoStand)
-        cabin = !gParams.RANDOM.load(std::memory_order_relaxed) ||
+        cabin = !params::gParams.RANDOM.load(std::memory_order_relaxed) ||
                 std::uniform_int_distribution<int>(0, 9)(gEngine.rng) != 0;
-    lf_setLights(ac.objectId, nav, false, false, false, false, true, cabin);
+    setLights(ac.objectId, nav, false, false, false, false, true, cabin);
 }
 
 // ---- The frame -------------------------------------------------------------------------------
@@ -301,30 +278,30 @@ void reserveContainers() {
 
 void engineFrame() {
     auto& e = gEngine;
-    e.tick = gRun.engineTick.load(std::memory_order_relaxed);
-    lf_handleEvents();
+    e.tick = core::gRun.engineTick.load(std::memory_order_relaxed);
+    handleEvents();
     bool compact = false;
     for (auto& ac : e.liveTable) {
         if (updateLiveAc(ac) == Update::Drop) compact = true;
         compact = compact || ac.dropNow || ac.dropSilently;
     }
     if (compact) compactTable();
-    lf_pace();
-    const auto n = gf_takeTraffic(e.frameSamples.data(), e.frameSamples.size());
+    pace();
+    const auto n = feed::takeTraffic(e.frameSamples.data(), e.frameSamples.size());
     e.taken += n;
-    for (std::size_t i = 0; i < n; ++i) lf_decode(e.frameSamples[i]);
-    lf_handleAddingStack();
-    lf_poll();
+    for (std::size_t i = 0; i < n; ++i) decode(e.frameSamples[i]);
+    handleAddingStack();
+    poll();
     if (e.tick % 100 == 0) publishCounts();
     // Positions that can't go now are stale by the next frame; commands wait for it.
     if (!sim::handOver(e.out)) {
         e.out.positions.clear();
         ++e.positionsLost;
     }
-    gRun.engineTick.fetch_add(1, std::memory_order_relaxed);
+    core::gRun.engineTick.fetch_add(1, std::memory_order_relaxed);
 }
 
-void lf_handleEvents() {
+void handleEvents() {
     auto& e = gEngine;
     sim::takeEvents(e.events);
     for (const auto& ev : e.events) {
@@ -333,36 +310,36 @@ void lf_handleEvents() {
             LiveAc* ac = findByHexid(ev.hexid);
             if (!ac) {
                 // Its record went while the simulator was creating it: the object goes too.
-                gf_log(
+                core::log(
                     fmt::format("hexid {} created as object {} but no longer wanted", ev.hexid, ev.objectId));
                 e.removeQueue.push_back(ev.objectId);
                 break;
             }
-            if (lf_onCreated(*ac, ev)) e.pending.push_back({ev.objectId, ev.hexid, false, 0});
+            if (onCreated(*ac, ev)) e.pending.push_back({ev.objectId, ev.hexid, false, 0});
             break;
         }
         case sim::SimEventKind::StaticCreated:
             e.pending.push_back({ev.objectId, ev.hexid, true, 0});
             break;
         case sim::SimEventKind::Removed:
-            lf_onRemoved(ev.objectId);
+            onRemoved(ev.objectId);
             break;
         case sim::SimEventKind::ForeignInRange:
             if (LiveAc* ac = findByObjectId(ev.objectId))
-                lf_inRangeReport(*ac, ev.hexid != 0, ev.value, ev.value2);
+                inRangeReport(*ac, ev.hexid != 0, ev.value, ev.value2);
             break;
         case sim::SimEventKind::StaticData:
-            if (LiveAc* ac = findByObjectId(ev.objectId)) gf_takeStaticData(*ac, ev.value, ev.value2);
+            if (LiveAc* ac = findByObjectId(ev.objectId)) takeStaticData(*ac, ev.value, ev.value2);
             break;
         case sim::SimEventKind::Blocked:
-            lf_onBlocked(ev.hexid);
+            onBlocked(ev.hexid);
             break;
         case sim::SimEventKind::CreationFailed:
             if (LiveAc* ac = findByHexid(ev.hexid)) {
                 if (!ac->liveryTitle.empty()) {
-                    gf_log(fmt::format("{} '{}' could not be created by your Sim!", lf_describeAc(*ac),
-                                       ac->liveryTitle));
-                    liveries::gf_refuseTitle(ac->liveryTitle);
+                    core::log(fmt::format("{} '{}' could not be created by your Sim!", describeAc(*ac),
+                                          ac->liveryTitle));
+                    liveries::refuseTitle(ac->liveryTitle);
                 }
                 auto& r = e.rememberedLiveries;
                 std::erase_if(r, [&](const auto& p) { return p.first == ev.hexid; });
@@ -374,10 +351,10 @@ void lf_handleEvents() {
     }
     if (std::any_of(e.liveTable.begin(), e.liveTable.end(), [](const LiveAc& a) { return a.dropSilently; }))
         compactTable();
-    lf_handlePending();
+    handlePending();
 }
 
-void lf_handlePending() {
+void handlePending() {
     auto& e = gEngine;
     for (auto& p : e.pending) {
         ++p.count;
@@ -392,26 +369,27 @@ void lf_handlePending() {
             continue;
         }
         if (p.count < 200) {
-            lf_command(ac->objectId, sim::kAllLightsToggle, 0);
+            command(ac->objectId, sim::kAllLightsToggle, 0);
             continue;
         }
         const auto id = ac->objectId;
         const bool airborne = !ac->onGround;
         if (airborne) {
-            lf_command(id, sim::kEngineAutoStart, 0);
-            lf_setSpoilers(*ac, false);
+            command(id, sim::kEngineAutoStart, 0);
+            setSpoilers(*ac, false);
             const bool low = ac->alt <= 10000.0;
-            lf_setLights(id, true, true, low, false, true, low, ac->heightAgl >= 2000.0);
+            setLights(id, true, true, low, false, true, low, ac->heightAgl >= 2000.0);
         } else {
-            lf_setSpoilers(*ac, false);
+            setSpoilers(*ac, false);
             const bool parked = ac->phase == Phase::Parked;
-            const bool nav = parked ? gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed) : true;
-            lf_command(id, parked ? sim::kEngineAutoShutdown : sim::kEngineAutoStart, 0);
-            lf_setLights(id, nav, !parked, false, ac->phase == Phase::Taxi, false, true, true);
-            lf_setThrottle(*ac, ac->category == Category::Rotorcraft ? 4 : 0);
-            gf_setFlaps(*ac, ac->phase == Phase::Taxi ? 1 : 0);
+            const bool nav =
+                parked ? params::gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed) : true;
+            command(id, parked ? sim::kEngineAutoShutdown : sim::kEngineAutoStart, 0);
+            setLights(id, nav, !parked, false, ac->phase == Phase::Taxi, false, true, true);
+            setThrottle(*ac, ac->category == refdata::Category::Rotorcraft ? 4 : 0);
+            setFlaps(*ac, ac->phase == Phase::Taxi ? 1 : 0);
         }
-        gf_setSimState(*ac, SimState::Active);
+        setSimState(*ac, SimState::Active);
         p.count = -1;
         if (ac->removeWhenCreated) removeAircraftFromSim(*ac);
     }
@@ -420,12 +398,12 @@ void lf_handlePending() {
 
 Update updateLiveAc(LiveAc& ac) {
     try {
-        if (ac.simState == SimState::Buffer) return lf_handleBuffer(ac);
+        if (ac.simState == SimState::Buffer) return handleBuffer(ac);
         if (ac.simState != SimState::Active) return Update::Keep;
         if (ac.stream.empty()) {
-            gf_log(
+            core::log(
                 fmt::format("{} stream empty ? {}, hexid:{}, objectid:{}, alt:{:.0f} ft, lalo:{}, TAS:{:.0f}",
-                            gf_timeText(), lf_describeAc(ac), ac.hexid, ac.objectId, ac.alt,
+                            core::timeText(), describeAc(ac), ac.hexid, ac.objectId, ac.alt,
                             fmt::format("{:.5f},{:.5f}", ac.lat, ac.lon), ac.tas));
             removeAircraftFromSim(ac);
             return Update::Keep;
@@ -436,14 +414,14 @@ Update updateLiveAc(LiveAc& ac) {
             ac.vsFps = ac.vsTarget / 60.0;
             ac.tas = ac.stream.empty() || ac.stream[0].stationary ? 0.0 : ac.tasTarget;
         }
-        if (ac.simState == SimState::Active && !ac.stream.empty() && !ac.stream[0].stationary) lf_advance(ac);
+        if (ac.simState == SimState::Active && !ac.stream.empty() && !ac.stream[0].stationary) advance(ac);
         if (ac.simState != SimState::Active) return Update::Keep;
         if (ac.objectId == 0) {
-            gf_log(
-                fmt::format("{} objectid=0? hexid: {},cs:{}, reg:{}, aimo:{} sz:{}", gf_timeText(), ac.hexid,
-                            ac.callsign, ac.registration,
-                            fmt::format("{} {}", gf_airlineCode(ac.airlineCode), gf_modelCode(ac.modelCode)),
-                            ac.stream.size()));
+            core::log(fmt::format(
+                "{} objectid=0? hexid: {},cs:{}, reg:{}, aimo:{} sz:{}", core::timeText(), ac.hexid,
+                ac.callsign, ac.registration,
+                fmt::format("{} {}", refdata::airlineCode(ac.airlineCode), refdata::modelCode(ac.modelCode)),
+                ac.stream.size()));
             removeAircraftFromSim(ac);
             return Update::Keep;
         }
@@ -455,7 +433,7 @@ Update updateLiveAc(LiveAc& ac) {
     return (ac.dropNow || ac.dropSilently) ? Update::Drop : Update::Keep;
 }
 
-void lf_pace() {
+void pace() {
     auto& e = gEngine;
     if (e.tick % 10 == 0 && !e.removeQueue.empty()) {
         e.out.removes.push_back(e.removeQueue.front());
@@ -480,7 +458,7 @@ void lf_pace() {
 
 // ---- Samples in ------------------------------------------------------------------------------
 
-void lf_decode(const TrafficSample& r) {
+void decode(const feed::TrafficSample& r) {
     LiveAc* ac = findByHexid(r.hexid);
     if (!ac) {
         const bool twin =
@@ -488,7 +466,7 @@ void lf_decode(const TrafficSample& r) {
             std::any_of(gEngine.liveTable.begin(), gEngine.liveTable.end(), [&](const LiveAc& a) {
                 return a.callsign == r.callsign && a.modelCode == r.modelCode;
             });
-        if (!twin) lf_addNewAc(r);
+        if (!twin) addNewAc(r);
         return;
     }
     if (ac->simState == SimState::LiveryRespawn || ac->simState == SimState::RemovingFromSim) return;
@@ -504,7 +482,9 @@ void lf_decode(const TrafficSample& r) {
             (v <= 5 && lv >= 80))
             return;
         if (ac->extrapolateCount < 1) {
-            const double dHdg = std::fabs(gf_angleDiff(last.track * kDeg, r.track * kDeg)) / kDeg;
+            const double dHdg =
+                std::fabs(core::angleDiff(last.track * core::kRadPerDeg, r.track * core::kRadPerDeg)) /
+                core::kRadPerDeg;
             if (r.airborne && v > 120 && dHdg <= 1.0 && t - prev <= 0.24298 / (v / 3600.0)) return;
             if (!r.airborne && v <= 30 && dHdg <= 2.0 &&
                 t - prev <= (v > 0 ? std::min(0.0107991 / (v / 3600.0), 15.0) : 15.0))
@@ -512,13 +492,13 @@ void lf_decode(const TrafficSample& r) {
         }
     }
     if (ac->simState == SimState::Buffer && !altitudeAcceptable(r.altitude)) return;
-    if (!lf_checkRespawn(*ac, r)) return;
+    if (!checkRespawn(*ac, r)) return;
     Sample sample = toSample(r);
     // On the ground the feed's speed is often stale: a speed the positions contradict by more than
     // half is replaced by theirs, so that a taxiing aircraft neither races, stops nor "takes off".
     if (!r.airborne && ac->lastTimestamp > 0 && t - ac->lastTimestamp >= 2.0) {
         const double measured =
-            gf_distanceNmOf(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) /
+            core::distanceNm(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) /
             (t - ac->lastTimestamp) * 3600.0;
         if (measured < 1.0 ? r.groundSpeed > 5.0
                            : (r.groundSpeed > 2 * measured || r.groundSpeed < measured / 2))
@@ -528,46 +508,46 @@ void lf_decode(const TrafficSample& r) {
     ac->lastFeedSpeed = r.groundSpeed;
     ac->lastFeedPos = {r.latitude, r.longitude};
     try {
-        lf_addSample(*ac, sample);
+        addSample(*ac, sample);
     } catch (const std::exception& e) {
-        gf_log(fmt::format("{} exception {}", "decodeExisting", e.what()));
+        core::log(fmt::format("{} exception {}", "decodeExisting", e.what()));
     }
 }
 
-void lf_addNewAc(const TrafficSample& r) {
+void addNewAc(const feed::TrafficSample& r) {
     AcIdentity id;
     id.modelCode = r.modelCode;
     id.registration = r.registration;
     if (!r.registration.empty())
-        if (const auto rec = gf_dbaseRecordOf(r.registration)) {
+        if (const auto rec = refdata::dbaseRecordOf(r.registration)) {
             if (rec->model) id.modelCode = rec->model;
             id.airlineCode = rec->airline;
         }
-    if (!id.modelCode || gf_modelCode(id.modelCode).empty()) return;
-    if (!categoryEnabled(gf_category(id.modelCode))) return;
+    if (!id.modelCode || refdata::modelCode(id.modelCode).empty()) return;
+    if (!categoryEnabled(refdata::category(id.modelCode))) return;
     if (!altitudeAcceptable(r.altitude)) return;
-    if (const AirlineId a = airlineOfCallsign(r.callsign)) id.airlineCode = a;
+    if (const refdata::AirlineId a = airlineOfCallsign(r.callsign)) id.airlineCode = a;
     id.origin = r.origin, id.destination = r.destination;
     id.callsign = r.callsign;
     id.flightA = r.callsign;
     auto& t = gEngine.liveTable;
-    t.push_back(gf_makeLiveAc(id, r.hexid, gEngine.rng));
+    t.push_back(makeLiveAc(id, r.hexid, gEngine.rng));
     LiveAc& ac = t.back();
     ac.lastTimestamp = r.timestamp;
     ac.lastFeedSpeed = r.groundSpeed;
     ac.lastFeedPos = {r.latitude, r.longitude};
-    lf_addSample(ac, toSample(r));
+    addSample(ac, toSample(r));
 }
 
-void lf_addSample(LiveAc& ac, Sample s) {
+void addSample(LiveAc& ac, Sample s) {
     auto& st = ac.stream;
     if (st.size() > 200) {
         removeAircraftFromSim(ac);
         return;
     }
     if (ac.holding && !st.empty() &&
-        gf_distanceNmOf(s.lat, s.lon, st[0].lat, st[0].lon) * 1852.0 >
-            gParams.HOLDING_THRESHOLD_METERS.load(std::memory_order_relaxed)) {
+        core::distanceNm(s.lat, s.lon, st[0].lat, st[0].lon) * 1852.0 >
+            params::gParams.HOLDING_THRESHOLD_METERS.load(std::memory_order_relaxed)) {
         ac.holding = false;
         removeAircraftFromSim(ac);
         return;
@@ -576,7 +556,7 @@ void lf_addSample(LiveAc& ac, Sample s) {
         if (!st.empty() && s.tick <= st.back().tick) s.tick = st.back().tick + 1;
     };
     if (ac.phase == Phase::Birth) {
-        if (!lf_filterSample(ac, s)) return;
+        if (!filterSample(ac, s)) return;
         keepGrowing();
         st.push_back(s);
         return;
@@ -597,12 +577,12 @@ void lf_addSample(LiveAc& ac, Sample s) {
                 }
             if (q < st.size() && q > 0 &&
                 (st.back().tick - st[q].tick < 1500 ||
-                 gf_distanceNmOf(s.lat, s.lon, st[q].lat, st[q].lon) <= 0.011879))
+                 core::distanceNm(s.lat, s.lon, st[q].lat, st[q].lon) <= 0.011879))
                 st.truncate(q + 1);
         }
     }
     keepGrowing();
-    lf_takeOffChecks(ac, s);
+    takeOffChecks(ac, s);
     st.push_back(s);
     if (st.size() == 2 && st[0].stationary && st[1].stationary) {
         st[0].tick = gEngine.tick + 1;
@@ -610,7 +590,7 @@ void lf_addSample(LiveAc& ac, Sample s) {
     }
 }
 
-void lf_handleAddingStack() {
+void handleAddingStack() {
     auto& e = gEngine;
     if (e.addingStack.empty()) return;
     const std::uint32_t hexid = e.addingStack.back();
@@ -618,16 +598,16 @@ void lf_handleAddingStack() {
     LiveAc* ac = findByHexid(hexid);
     if (!ac) return;
     if (ac->callsign.empty()) {
-        gf_log(fmt::format("{} {} objectid = 0?", "lf_handleAddingStack", lf_describeAc(*ac)));
+        core::log(fmt::format("{} {} objectid = 0?", "handleAddingStack", describeAc(*ac)));
         return;
     }
     SpawnRequest r;
     r.init.Latitude = ac->lat;
     r.init.Longitude = ac->lon;
     r.init.Altitude = ac->alt;
-    r.init.Pitch = ac->pitch / kDeg;
-    r.init.Bank = ac->bank / kDeg;
-    r.init.Heading = ac->heading / kDeg;
+    r.init.Pitch = ac->pitch / core::kRadPerDeg;
+    r.init.Bank = ac->bank / core::kRadPerDeg;
+    r.init.Heading = ac->heading / core::kRadPerDeg;
     r.init.OnGround = ac->onGround ? 1 : 0;
     r.init.Airspeed = static_cast<std::int32_t>(std::lround(ac->tas));
     r.callsign = ac->callsign;
@@ -636,9 +616,9 @@ void lf_handleAddingStack() {
     e.spawnQueue.push_back(std::move(r));
 }
 
-void lf_poll() {
+void poll() {
     auto& e = gEngine;
-    if (e.tick % 20 == 0) sim::requestInRange(gParams.RANGE.load(std::memory_order_relaxed));
+    if (e.tick % 20 == 0) sim::requestInRange(params::gParams.RANGE.load(std::memory_order_relaxed));
     if (e.tick % 100 == 0) {
         e.user = sim::requestUserPosition();
         e.userKnown = std::fabs(e.user.latitude) > 0.0001 || std::fabs(e.user.longitude) > 0.0001;
@@ -647,7 +627,7 @@ void lf_poll() {
 
 // ---- The buffer and spawning -----------------------------------------------------------------
 
-Update lf_handleBuffer(LiveAc& ac) {
+Update handleBuffer(LiveAc& ac) {
     auto& e = gEngine;
     auto& st = ac.stream;
     const auto drop = [&] {
@@ -664,12 +644,12 @@ Update lf_handleBuffer(LiveAc& ac) {
         st.pop_front();
         return Update::Keep;
     }
-    if (lf_userProximity(ac)) return Update::Keep;
+    if (userProximity(ac)) return Update::Keep;
     if (e.spawnQueue.size() > 10 && ac.phase == Phase::Birth) {
         st.pop_front();
         return Update::Keep;
     }
-    const int maxLive = gParams.MAX_LIVE_SEL.load(std::memory_order_relaxed);
+    const int maxLive = params::gParams.MAX_LIVE_SEL.load(std::memory_order_relaxed);
     if (maxLive == 0) return drop();
     if (e.spawnQueue.size() + e.addingStack.size() + activeCount() >= static_cast<std::size_t>(maxLive)) {
         // Room is made by the aircraft farthest from the user, when this one is nearer.
@@ -680,15 +660,18 @@ Update lf_handleBuffer(LiveAc& ac) {
             if (a.simState == SimState::Active && distanceToUser(a) > far)
                 far = distanceToUser(a), farthest = &a;
         if (!farthest) return drop();
-        gf_log(fmt::format("{} makes room for {}", lf_describeAc(*farthest), lf_describeAc(ac)));
+        core::log(fmt::format("{} makes room for {}", describeAc(*farthest), describeAc(ac)));
         removeAircraftFromSim(*farthest);
     }
-    if (!gParams.BLOCK_CALLSIGN.empty() && ac.callsign == gParams.BLOCK_CALLSIGN) return drop();
-    // lf_fixModel: the registration knows the type best.
+    if (!params::gParams.BLOCK_CALLSIGN.empty() && ac.callsign == params::gParams.BLOCK_CALLSIGN)
+        return drop();
+    // fixModel: the registration knows the type best.
     if (!ac.registration.empty())
-        if (const auto rec = gf_dbaseRecordOf(ac.registration); rec && rec->model) ac.modelCode = rec->model;
-    if (!ac.airlineCode && gf_modelCode(ac.modelCode).empty()) ac.airlineCode = gf_airlineId("PVT");
-    if (!gf_callsignOk(ac)) return drop();
+        if (const auto rec = refdata::dbaseRecordOf(ac.registration); rec && rec->model)
+            ac.modelCode = rec->model;
+    if (!ac.airlineCode && refdata::modelCode(ac.modelCode).empty())
+        ac.airlineCode = refdata::airlineId("PVT");
+    if (!callsignOk(ac)) return drop();
     if (!ac.registration.empty() && e.failedLiveries.contains(failedKey(ac))) return drop();
     return spawnLiveAc(ac);
 }
@@ -697,7 +680,7 @@ Update spawnLiveAc(LiveAc& ac) {
     auto& e = gEngine;
     auto& st = ac.stream;
     if (st.size() < 2) {
-        gf_log(fmt::format("{} sz:{}", lf_describeAc(ac), st.size()));
+        core::log(fmt::format("{} sz:{}", describeAc(ac), st.size()));
         return Update::Keep;
     }
     if (st[1].stationary) {
@@ -725,25 +708,25 @@ Update spawnLiveAc(LiveAc& ac) {
     }
     const Sample& head = st[0];
     if (head.airborne) {
-        gf_setPhase(ac, Phase::Flying);
+        setPhase(ac, Phase::Flying);
         ac.onGround = false;
-    } else if (lf_parkAtSpawn(ac)) {
-        gf_setPhase(ac, Phase::Parked);
+    } else if (parkAtSpawn(ac)) {
+        setPhase(ac, Phase::Parked);
         ac.onGround = true;
     } else if (st[1].stationary) {
         st.pop_front();
         return Update::Keep;
     } else {
-        gf_setPhase(ac, Phase::Taxi);
+        setPhase(ac, Phase::Taxi);
         ac.onGround = true;
     }
     const Sample& h = st[0];
     ac.lat = h.lat, ac.lon = h.lon;
-    ac.alt = h.airborne ? h.alt : lf_groundAltitude(ac);
+    ac.alt = h.airborne ? h.alt : groundAltitude(ac);
     ac.tas = h.tas;
     if (h.airborne) {
         const double vs = h.vs < 0 ? std::max(h.vs, -3000.0) / 2 : std::min(h.vs, 2400.0);
-        ac.pitch = -0.05236 - vs / 600.0 * 2.2 * kDeg;
+        ac.pitch = -0.05236 - vs / 600.0 * 2.2 * core::kRadPerDeg;
         ac.bank = h.hasBank ? h.bank : 0.0;
     } else {
         ac.pitch = 0.0104720;
@@ -754,35 +737,35 @@ Update spawnLiveAc(LiveAc& ac) {
     else if (ac.phase == Phase::Parked)
         ac.heading = ac.standHeading;
     else if (st[1].stationary)
-        ac.heading = h.track * kDeg;
+        ac.heading = h.track * core::kRadPerDeg;
     else
-        ac.heading = gf_bearingRad(h.lat, h.lon, st[1].lat, st[1].lon);
+        ac.heading = core::bearingRad(h.lat, h.lon, st[1].lat, st[1].lon);
     ac.targetHeading = ac.heading;
-    gf_setSimState(ac, SimState::Adding2Sim);
+    setSimState(ac, SimState::Adding2Sim);
     e.addingStack.push_back(ac.hexid);
     return Update::Keep;
 }
 
-bool lf_onCreated(LiveAc& ac, const sim::SimEvent& ev) {
+bool onCreated(LiveAc& ac, const sim::SimEvent& ev) {
     if (ev.objectId < 3) return false;
     ac.objectId = ev.objectId;
     ac.heightAgl = ev.value;
-    if (ac.onGround) lf_setOnGroundFlags(ac);
+    if (ac.onGround) setOnGroundFlags(ac);
     if (!ac.origin.empty() && !ac.destination.empty()) {
         // The file is written beside the frame, once a second: the frame does no file work.
         sim::PlanAircraft p;
         p.hexid = ac.hexid, p.objectId = ac.objectId;
         p.category = static_cast<int>(ac.category);
         p.origin = std::string(ac.origin.view()), p.destination = std::string(ac.destination.view());
-        p.name = lf_describeAc(ac);
+        p.name = describeAc(ac);
         gEngine.plansToWrite.push_back(std::move(p));
         ac.flightPlanCreated = true;
     }
-    if (!sim::requestStaticData(ac.objectId)) gf_log("SimConnect request StaticCG fails");
+    if (!sim::requestStaticData(ac.objectId)) core::log("SimConnect request StaticCG fails");
     return true;
 }
 
-bool lf_checkRespawn(LiveAc& ac, const TrafficSample& r) {
+bool checkRespawn(LiveAc& ac, const feed::TrafficSample& r) {
     if (ac.phase == Phase::PushingBack || ac.extrapolateCount >= 1 || ac.takingOff || ac.landing) return true;
     if (ac.simState == SimState::Buffer) {
         if (ac.origin.empty()) ac.origin = r.origin;
@@ -796,12 +779,12 @@ bool lf_checkRespawn(LiveAc& ac, const TrafficSample& r) {
         (r.origin != ac.origin || r.destination != ac.destination)) {
         const bool hadRoute = !ac.origin.empty() && !ac.destination.empty();
         ac.origin = r.origin, ac.destination = r.destination;
-        if (hadRoute && ac.onGround && ac.phase != Phase::Taxi) gf_setPhase(ac, Phase::Taxi);
+        if (hadRoute && ac.onGround && ac.phase != Phase::Taxi) setPhase(ac, Phase::Taxi);
     }
     bool newLivery = false;
     if (!r.registration.empty() && r.registration != ac.registration) {
         ac.registration = r.registration;
-        if (const auto rec = gf_dbaseRecordOf(r.registration)) {
+        if (const auto rec = refdata::dbaseRecordOf(r.registration)) {
             if (rec->model && rec->model != ac.modelCode) ac.modelCode = rec->model;
             if (rec->airline) ac.airlineCode = rec->airline;
         }
@@ -815,10 +798,10 @@ bool lf_checkRespawn(LiveAc& ac, const TrafficSample& r) {
     }
     if (!r.callsign.empty() && r.callsign != ac.callsign) {
         ac.callsign = ac.flightA = r.callsign;
-        if (const AirlineId a = airlineOfCallsign(r.callsign)) ac.airlineCode = a;
+        if (const refdata::AirlineId a = airlineOfCallsign(r.callsign)) ac.airlineCode = a;
     }
-    if (newLivery && gParams.GUID_CHANGES.load(std::memory_order_relaxed)) {
-        gf_log(fmt::format("          {} respawns", lf_describeAc(ac)));
+    if (newLivery && params::gParams.GUID_CHANGES.load(std::memory_order_relaxed)) {
+        core::log(fmt::format("          {} respawns", describeAc(ac)));
         liveryRespawn(ac);
         return false;
     }
@@ -832,14 +815,14 @@ void liveryRespawn(LiveAc& ac) {
     if (ac.phase == Phase::Parked) {
         ac.stream.clear();
         now.stationary = true;
-        now.track = ac.heading / kDeg;
+        now.track = ac.heading / core::kRadPerDeg;
     }
     ac.stream.push_front(now);
     ac.simState = SimState::LiveryRespawn;
     ac.spawnHeading = ac.heading;
     ac.hasSpawnHeading = true;
     if (ac.objectId == 0)
-        gf_log(fmt::format("{} removing act {} with objectid=0 ?", gf_timeText(), lf_describeAc(ac)));
+        core::log(fmt::format("{} removing act {} with objectid=0 ?", core::timeText(), describeAc(ac)));
     else
         gEngine.removeQueue.push_back(ac.objectId);
 }
@@ -850,50 +833,50 @@ void nextPosMain(LiveAc& ac) {
     auto& st = ac.stream;
     for (;;) {
         while (st.size() < 2) {
-            if (!lf_noNewData(ac)) {
+            if (!noNewData(ac)) {
                 removeAircraftFromSim(ac);
                 return;
             }
         }
-        if (!ac.onGround && ac.category != Category::Rotorcraft && st[1].stationary) {
+        if (!ac.onGround && ac.category != refdata::Category::Rotorcraft && st[1].stationary) {
             st.erase(1);
             continue;
         }
         break;
     }
-    lf_nextPos(ac);
+    nextPos(ac);
 }
 
-std::int32_t lf_retime(const LiveAc& ac, std::int32_t wanted) {
+std::int32_t retime(const LiveAc& ac, std::int32_t wanted) {
     if (ac.stream.size() >= 2 && ac.extrapolateCount < 1) {
         const std::int32_t t = ac.stream[1].tick;
         wanted = std::clamp(wanted, t - ac.earlyLimit, t + ac.lateLimit);
     }
-    return lf_speedCap(ac, std::max(wanted, gEngine.tick));
+    return speedCap(ac, std::max(wanted, gEngine.tick));
 }
 
-std::int32_t lf_speedCap(const LiveAc& ac, std::int32_t tick) {
+std::int32_t speedCap(const LiveAc& ac, std::int32_t tick) {
     const auto& st = ac.stream;
     if (st.size() < 2 || st[1].stationary) return tick;
     // Catching up on a late schedule is fine, but not at a speed the aircraft can't have: at most
     // a quarter faster than the faster of its two points, and 10 kt more.
     const double vmax = 1.25 * std::max({st[0].speed, st[1].speed, 10.0}) + 10.0;
-    const double d = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
+    const double d = core::distanceNm(ac.lat, ac.lon, st[1].lat, st[1].lon);
     const auto least = static_cast<std::int32_t>(std::ceil(d * 360000.0 / vmax));
     return std::max(tick, gEngine.tick + least);
 }
 
-void lf_nextPos(LiveAc& ac) {
+void nextPos(LiveAc& ac) {
     auto& st = ac.stream;
     ac.curveControlX = ac.curveControlY = std::numeric_limits<double>::quiet_NaN();
     ac.curveT = 0;
     Sample& s1 = st[1];
     if (std::fabs(s1.lat - st[0].lat) < 1e-8 && std::fabs(s1.lon - st[0].lon) < 1e-8) s1.stationary = true;
-    if (!s1.stationary) ac.targetHeading = gf_bearingRad(st[0].lat, st[0].lon, s1.lat, s1.lon);
+    if (!s1.stationary) ac.targetHeading = core::bearingRad(st[0].lat, st[0].lon, s1.lat, s1.lon);
     if (ac.onGround)
         nextPosGround(ac);
     else
-        lf_nextTimeAir(ac);
+        nextTimeAir(ac);
     if (st.size() < 2) return;
     if (st[1].stationary) {
         ac.dLat = ac.dLon = 0;
@@ -906,39 +889,39 @@ void lf_nextPos(LiveAc& ac) {
         ac.dLat = (st[1].lat - ac.lat) / dt;
         ac.dLon = (st[1].lon - ac.lon) / dt;
         if (ac.onGround)
-            lf_setGroundSegment(ac, dt);
+            setGroundSegment(ac, dt);
         else
-            lf_setAirSegment(ac, dt);
+            setAirSegment(ac, dt);
     }
     st.pop_front();
 }
 
-double lf_avgSpeed(const LiveAc& ac) {
+double avgSpeed(const LiveAc& ac) {
     const auto& st = ac.stream;
     const double v = (st[0].speed + st[1].speed) / 2.0;
     if (st[0].speed != 0 || st[1].speed != 0) return v;
-    const double d = gf_distanceNmOf(st[0].lat, st[0].lon, st[1].lat, st[1].lon);
+    const double d = core::distanceNm(st[0].lat, st[0].lon, st[1].lat, st[1].lon);
     return std::max(d * 360000.0 / std::max(st[1].tick - st[0].tick, 25), 1.0);
 }
 
-void lf_nextTimeAir(LiveAc& ac) {
+void nextTimeAir(LiveAc& ac) {
     auto& st = ac.stream;
     if (st[1].stationary) {
-        if (ac.category == Category::Rotorcraft) lf_nextTimeGround(ac);
+        if (ac.category == refdata::Category::Rotorcraft) nextTimeGround(ac);
         return;
     }
-    double speed = lf_avgSpeed(ac);
+    double speed = avgSpeed(ac);
     if (ac.landing && !st[1].airborne) speed = st[0].speed > 0 ? st[0].speed : 100.0;
-    const double d = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
+    const double d = core::distanceNm(ac.lat, ac.lon, st[1].lat, st[1].lon);
     const double dt = std::round(d * 360000.0 / speed);
     const auto ticks = gsl::narrow<std::int32_t>(std::max(dt, 25.0));
-    st[1].tick = lf_retime(ac, gEngine.tick + ticks);
+    st[1].tick = retime(ac, gEngine.tick + ticks);
 }
 
-bool lf_noNewData(LiveAc& ac) {
+bool noNewData(LiveAc& ac) {
     auto& st = ac.stream;
     if (st.empty()) return false;
-    if (ac.phase == Phase::Parking) lf_arrived(ac);
+    if (ac.phase == Phase::Parking) arrived(ac);
     const bool taxiing =
         (ac.phase == Phase::Taxi && !ac.takingOff && !ac.rollout) || ac.phase == Phase::PushedBack;
     if (taxiing) {
@@ -946,16 +929,16 @@ bool lf_noNewData(LiveAc& ac) {
             if (&other == &ac || other.simState != SimState::Active || !other.onGround ||
                 other.phase != Phase::Taxi || other.objectId == ac.objectId)
                 continue;
-            if (gf_distanceNmOf(ac.lat, ac.lon, other.lat, other.lon) <=
+            if (core::distanceNm(ac.lat, ac.lon, other.lat, other.lon) <=
                 1.2 * (ac.halfSize + other.halfSize)) {
                 ac.holding = false;
                 return false;
             }
         }
         if (ac.holding) {
-            if (gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed)) return false;
+            if (params::gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed)) return false;
             if ((gEngine.tick - ac.holdStartTick) / 6000 >
-                gParams.MAX_HOLDING_MINUTES.load(std::memory_order_relaxed))
+                params::gParams.MAX_HOLDING_MINUTES.load(std::memory_order_relaxed))
                 return false;
         } else {
             ac.holding = true;
@@ -975,15 +958,16 @@ bool lf_noNewData(LiveAc& ac) {
         return false;
     }
     if (ac.extrapolateCount > 1) {
-        lf_extrapolate(ac, ac.extrapolateCount - 1);
+        extrapolate(ac, ac.extrapolateCount - 1);
         return true;
     }
     if (!categoryEnabled(ac.category)) return false;
     std::int32_t n;
     if (!ac.onGround) {
-        if (gEngine.userKnown && distanceToUser(ac) >= gParams.RANGE.load(std::memory_order_relaxed) - 0.5)
+        if (gEngine.userKnown &&
+            distanceToUser(ac) >= params::gParams.RANGE.load(std::memory_order_relaxed) - 0.5)
             return false;
-        if (gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed))
+        if (params::gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed))
             n = std::fabs(ac.alt - (currentAirport() ? currentAirport()->elevation : 0.0)) <= 1000.0 ? 0 : 8;
         else
             n = 8;
@@ -991,11 +975,11 @@ bool lf_noNewData(LiveAc& ac) {
         n = ac.phase == Phase::Parked ? 1 : 10;
     }
     if (n == 0) return false;
-    lf_extrapolate(ac, n);
+    extrapolate(ac, n);
     return true;
 }
 
-void lf_extrapolate(LiveAc& ac, std::int32_t n) {
+void extrapolate(LiveAc& ac, std::int32_t n) {
     ac.extrapolateCount = n;
     auto& st = ac.stream;
     Sample s = st[0];
@@ -1034,7 +1018,7 @@ void lf_extrapolate(LiveAc& ac, std::int32_t n) {
         const double d = s.speed * seconds / 3600.0 / 60.0; // degrees of arc
         const double hdg = ac.heading;
         s.lat += d * std::cos(hdg);
-        s.lon += d * std::sin(hdg) / std::max(std::cos(s.lat * kDeg), 1e-6);
+        s.lon += d * std::sin(hdg) / std::max(std::cos(s.lat * core::kRadPerDeg), 1e-6);
         s.stationary = false;
     }
     if (ac.landing && ac.flareStage == 0) {
@@ -1055,16 +1039,16 @@ void lf_extrapolate(LiveAc& ac, std::int32_t n) {
     st.push_back(s);
 }
 
-void lf_advance(LiveAc& ac) {
+void advance(LiveAc& ac) {
     if (!std::isnan(ac.curveControlX)) {
         ac.curveT = std::clamp(ac.curveT + ac.curveStep, 0.0, 0.999999);
         double tangent = 0;
-        if (!lf_evaluateCurve(ac, tangent)) {
-            gf_log(fmt::format("{} error in curve at index: {:.2F}", lf_describeAc(ac), ac.curveT));
+        if (!evaluateCurve(ac, tangent)) {
+            core::log(fmt::format("{} error in curve at index: {:.2F}", describeAc(ac), ac.curveT));
         } else {
-            if (ac.phase == Phase::PushingBack) tangent += kPi;
-            const double d = gf_angleDiff(ac.heading, tangent);
-            if (std::fabs(d) > 0.5 * kDeg)
+            if (ac.phase == Phase::PushingBack) tangent += core::kPi;
+            const double d = core::angleDiff(ac.heading, tangent);
+            if (std::fabs(d) > 0.5 * core::kRadPerDeg)
                 ac.heading += std::clamp(d, -ac.currentTurnRate, ac.currentTurnRate);
         }
     } else {
@@ -1079,16 +1063,16 @@ void lf_advance(LiveAc& ac) {
             break;
         }
         if (ac.phase == Phase::Parking || ac.turningInPlace) {
-            const double d = gf_angleDiff(ac.heading, ac.targetHeading);
-            if (std::fabs(d) > 0.5 * kDeg)
+            const double d = core::angleDiff(ac.heading, ac.targetHeading);
+            if (std::fabs(d) > 0.5 * core::kRadPerDeg)
                 ac.heading += std::clamp(d, -ac.currentTurnRate, ac.currentTurnRate);
         }
         if (ac.phase != Phase::PushedBack) ac.lat += ac.dLat, ac.lon += ac.dLon;
     }
-    lf_attitude(ac);
+    attitude(ac);
     if (ac.onGround && !ac.derotating) ac.pitch = ac.groundPitch, ac.bank = 0;
-    ac.heading = std::fmod(ac.heading, 2 * kPi);
-    if (ac.heading < 0) ac.heading += 2 * kPi;
+    ac.heading = std::fmod(ac.heading, 2 * core::kPi);
+    if (ac.heading < 0) ac.heading += 2 * core::kPi;
     if (ac.lon > 180) ac.lon -= 360;
     if (ac.lon < -180) ac.lon += 360;
     if (ac.lat > 90) ac.lat = 180 - ac.lat, ac.lon += ac.lon > 0 ? -180 : 180;
@@ -1098,8 +1082,8 @@ void lf_advance(LiveAc& ac) {
 // ---- What the rest of the program asks of the engine -----------------------------------------
 
 void drainEvents() {
-    gEngine.tick = gRun.engineTick.load(std::memory_order_relaxed);
-    lf_handleEvents();
+    gEngine.tick = core::gRun.engineTick.load(std::memory_order_relaxed);
+    handleEvents();
     if (!sim::handOver(gEngine.out)) gEngine.out.positions.clear();
 }
 void writeFlightPlans() {
@@ -1108,13 +1092,13 @@ void writeFlightPlans() {
         const auto path = sim::planPath(p.hexid);
         if (!sim::writePlan(path, p) ||
             (sim::msfs2020Selected() && !sim::setFlightPlan(p.objectId, path.string())))
-            gf_log(fmt::format("{} creating a flight plan failed", p.name));
+            core::log(fmt::format("{} creating a flight plan failed", p.name));
     }
     e.plansToWrite.clear();
     for (const auto hexid : e.plansToRemove) {
         std::error_code ec;
         fs::remove(sim::planPath(hexid), ec);
-        if (ec) gf_log(fmt::format("gf_removeFlightPlan: {}", ec.message()));
+        if (ec) core::log(fmt::format("removeFlightPlan: {}", ec.message()));
     }
     e.plansToRemove.clear();
 }
@@ -1126,7 +1110,7 @@ void collisionChecks() {}
 void duplicatesSweep() {}
 void clearGhosts() {}
 void removeAllLive() {
-    lf_removeAll();
+    removeAll();
 }
 void writeObjectIdList() {}
 void reset() {

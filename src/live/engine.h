@@ -41,7 +41,7 @@ struct Engine {
     std::vector<PendingObject> pending;
     std::vector<sim::SimEvent> events;
     sim::FrameLists out; // this frame's positions and commands for the simulator
-    std::array<TrafficSample, 2> frameSamples;
+    std::array<feed::TrafficSample, 2> frameSamples;
     std::vector<std::pair<std::uint32_t, std::string_view>> rememberedLiveries; // hexid -> title
     std::unordered_set<std::string> failedLiveries; // "model airline registration" without a livery
     std::mt19937 rng{20250204};
@@ -63,50 +63,50 @@ struct Engine {
 extern Engine gEngine;
 
 // The frame's steps, in their order.
-void lf_handleEvents();
-void lf_handlePending();
+void handleEvents();
+void handlePending();
 Update updateLiveAc(LiveAc& ac);
-void lf_pace();
-void lf_decode(const TrafficSample& record);
-void lf_addNewAc(const TrafficSample& record);
-void lf_addSample(LiveAc& ac, Sample sample);
-void lf_handleAddingStack();
-void lf_poll();
+void pace();
+void decode(const feed::TrafficSample& record);
+void addNewAc(const feed::TrafficSample& record);
+void addSample(LiveAc& ac, Sample sample);
+void handleAddingStack();
+void poll();
 
-Update lf_handleBuffer(LiveAc& ac);
+Update handleBuffer(LiveAc& ac);
 Update spawnLiveAc(LiveAc& ac);
-bool lf_onCreated(LiveAc& ac, const sim::SimEvent& event);
-bool lf_checkRespawn(LiveAc& ac, const TrafficSample& record);
+bool onCreated(LiveAc& ac, const sim::SimEvent& event);
+bool checkRespawn(LiveAc& ac, const feed::TrafficSample& record);
 void liveryRespawn(LiveAc& ac);
 void nextPosMain(LiveAc& ac);
-void lf_nextPos(LiveAc& ac);
-void lf_nextTimeAir(LiveAc& ac);
-bool lf_noNewData(LiveAc& ac);
-void lf_extrapolate(LiveAc& ac, std::int32_t n);
-void lf_advance(LiveAc& ac);
-double lf_avgSpeed(const LiveAc& ac);
+void nextPos(LiveAc& ac);
+void nextTimeAir(LiveAc& ac);
+bool noNewData(LiveAc& ac);
+void extrapolate(LiveAc& ac, std::int32_t n);
+void advance(LiveAc& ac);
+double avgSpeed(const LiveAc& ac);
 // The wanted tick of element 1, kept within the clamps; at least the current tick.
-std::int32_t lf_retime(const LiveAc& ac, std::int32_t wanted);
+std::int32_t retime(const LiveAc& ac, std::int32_t wanted);
 // A tick for element 1 no sooner than the aircraft can get there.
-std::int32_t lf_speedCap(const LiveAc& ac, std::int32_t tick);
+std::int32_t speedCap(const LiveAc& ac, std::int32_t tick);
 
 // Controls: each sends only a change.
-void gf_setFlaps(LiveAc& ac, std::int32_t index);
-void lf_setThrottle(LiveAc& ac, std::int32_t index);
-void lf_setGear(LiveAc& ac, bool down);
-void lf_setSpoilers(LiveAc& ac, bool on);
-void lf_setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, bool taxi, bool strobes,
-                  bool logo, bool cabin);
-void lf_setParkedLights(LiveAc& ac);
+void setFlaps(LiveAc& ac, std::int32_t index);
+void setThrottle(LiveAc& ac, std::int32_t index);
+void setGear(LiveAc& ac, bool down);
+void setSpoilers(LiveAc& ac, bool on);
+void setLights(std::uint32_t objectId, bool nav, bool beacon, bool landing, bool taxi, bool strobes,
+               bool logo, bool cabin);
+void setParkedLights(LiveAc& ac);
 // Spoilers handle and both throttle levers as data (percent); negative throttle is reverse. Not
 // for light aircraft.
-void lf_setReverser(LiveAc& ac, double spoilers, double throttle);
+void setReverser(LiveAc& ac, double spoilers, double throttle);
 
 // Removal.
 void removeAircraftFromSim(LiveAc& ac);
-void lf_removeAll();
-void lf_onRemoved(std::uint32_t objectId);
-void lf_onBlocked(std::uint32_t hexid);
+void removeAll();
+void onRemoved(std::uint32_t objectId);
+void onBlocked(std::uint32_t hexid);
 
 // Lookups in the table (linear: a few hundred records at most).
 LiveAc* findByHexid(std::uint32_t hexid);
@@ -117,46 +117,41 @@ std::size_t activeCount(); // the aircraft in the simulator now
 // ---- Motion on the ground and around take-off and landing ------------------------------------
 // Their own file; until the ground and landing rules are in, these keep an aircraft moving from
 // sample to sample.
-void lf_command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value); // one client event
+void command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value); // one client event
 void nextPosGround(LiveAc& ac);
-void lf_nextTimeGround(LiveAc& ac);
-void lf_setGroundSegment(LiveAc& ac, std::int32_t dt);
-void lf_setAirSegment(LiveAc& ac, std::int32_t dt);
+void nextTimeGround(LiveAc& ac);
+void setGroundSegment(LiveAc& ac, std::int32_t dt);
+void setAirSegment(LiveAc& ac, std::int32_t dt);
 bool checkExtendingSituations(LiveAc& ac, Sample& sample);
 // A stand for an aircraft that stopped, or is about to; stands come with the airport files.
 bool try2Park(LiveAc& ac, bool justLanded);
 bool checkNewPosDuringLanding(LiveAc& ac, Sample& sample);
-bool lf_filterSample(LiveAc& ac, Sample& sample);
-void lf_setNextTick(LiveAc& ac, std::int32_t dt);
-void lf_prepareCurve(LiveAc& ac);
-void lf_splitSegment(LiveAc& ac);
-void lf_checkSpeedChange(LiveAc& ac);
-double lf_nextTurn(const LiveAc& ac); // degrees from the heading to the track of elements 1 to 2
+bool filterSample(LiveAc& ac, Sample& sample);
+void setNextTick(LiveAc& ac, std::int32_t dt);
+void prepareCurve(LiveAc& ac);
+void splitSegment(LiveAc& ac);
+void checkSpeedChange(LiveAc& ac);
+double nextTurn(const LiveAc& ac); // degrees from the heading to the track of elements 1 to 2
 // A point of the curve at t (0 to 1) and its tangent (0 to 2 pi); false without a curve.
-bool gf_curvePoint(const LiveAc& ac, double t, double& lat, double& lon, double& tangent);
-void lf_pullOut(LiveAc& ac);
-void lf_pushBack(LiveAc& ac);
-void lf_leaveStand(LiveAc& ac, Sample& sample);
-void lf_prepareTakeOff(LiveAc& ac);
-void lf_rotate(LiveAc& ac);
-double lf_landingVs(const LiveAc& ac);
-bool lf_dropAhead(LiveAc& ac, std::size_t k);
-void lf_lowAltitude(LiveAc& ac);
-void lf_lowApproach(LiveAc& ac);
+bool curvePoint(const LiveAc& ac, double t, double& lat, double& lon, double& tangent);
+void pullOut(LiveAc& ac);
+void pushBack(LiveAc& ac);
+void leaveStand(LiveAc& ac, Sample& sample);
+void prepareTakeOff(LiveAc& ac);
+void rotate(LiveAc& ac);
+double landingVs(const LiveAc& ac);
+bool dropAhead(LiveAc& ac, std::size_t k);
+void lowAltitude(LiveAc& ac);
+void lowApproach(LiveAc& ac);
 // The simulator's in-range report for an aircraft: its own ground flag, ground altitude, height.
-void lf_inRangeReport(LiveAc& ac, bool onGround, double groundAltitude, double heightAgl);
-void lf_takeOffChecks(LiveAc& ac, Sample& sample);
-bool lf_parkAtSpawn(LiveAc& ac);
-bool lf_arrived(LiveAc& ac);
-bool lf_userProximity(LiveAc& ac);
-void lf_setOnGroundFlags(LiveAc& ac);
-void lf_attitude(LiveAc& ac); // pitch, bank and altitude of one tick
-bool lf_evaluateCurve(LiveAc& ac, double& tangent);
-double lf_groundAltitude(const LiveAc& ac); // feet, where the wheels touch
-
-// Geometry.
-double gf_bearingRad(double lat0, double lon0, double lat1, double lon1) noexcept;
-double gf_angleDiff(double from, double to) noexcept; // radians, -pi..pi
-double gf_distanceNmOf(double lat0, double lon0, double lat1, double lon1) noexcept;
+void inRangeReport(LiveAc& ac, bool onGround, double groundAltitude, double heightAgl);
+void takeOffChecks(LiveAc& ac, Sample& sample);
+bool parkAtSpawn(LiveAc& ac);
+bool arrived(LiveAc& ac);
+bool userProximity(LiveAc& ac);
+void setOnGroundFlags(LiveAc& ac);
+void attitude(LiveAc& ac); // pitch, bank and altitude of one tick
+bool evaluateCurve(LiveAc& ac, double& tangent);
+double groundAltitude(const LiveAc& ac); // feet, where the wheels touch
 
 } // namespace orv::live

@@ -19,9 +19,9 @@ namespace orv::live {
 
 // The codes and names that decoded lines, live and static aircraft share.
 struct AcIdentity {
-    AirlineId airlineCode = 0;
-    ModelId modelCode = 0;
-    IataCode origin, destination;
+    refdata::AirlineId airlineCode = 0;
+    refdata::ModelId modelCode = 0;
+    refdata::IataCode origin, destination;
     bool routeLookedUp = false;
     std::string callsign, flightA, flightB, registration;
 };
@@ -115,7 +115,7 @@ struct CategoryData {
     std::int32_t flareTicks, derotateTicks, rotateTicks, liftoffTicks;
     double maxBank, maxBankRate, maxPitchRate; // radians, and radians per tick
 };
-const CategoryData& gf_categoryData(Category c) noexcept;
+const CategoryData& categoryData(refdata::Category c) noexcept;
 
 struct LatLonPos {
     double lat = 0, lon = 0;
@@ -126,7 +126,7 @@ struct LiveAc : AcIdentity {
     double halfSize = 0, cgHeight = 0, groundPitch = 0.0122173, rotatePitch = 0, climbPitch = 0;
     double turnRate = 0, currentTurnRate = 0, maxClimbStep = 0, standSpeed = 0;
     std::uint32_t hexid = 0;
-    Category category = Category::Light;
+    refdata::Category category = refdata::Category::Light;
     std::string_view liveryTitle;
     std::int32_t flareTicks = 0, derotateTicks = 0, rotateTicks = 0, liftoffTicks = 0;
     bool isCargo = false, reverseThrust = false;
@@ -176,20 +176,20 @@ struct LiveAc : AcIdentity {
 };
 
 // A new record with the constants of its category; pitches vary a little per aircraft.
-LiveAc gf_makeLiveAc(const AcIdentity& identity, std::uint32_t hexid, std::mt19937& rng);
+LiveAc makeLiveAc(const AcIdentity& identity, std::uint32_t hexid, std::mt19937& rng);
 // The simulator's "Static CG to Ground" and "Static Pitch", where believable.
-void gf_takeStaticData(LiveAc& ac, double cgHeightFt, double staticPitch);
-void gf_setPhase(LiveAc& ac, Phase to);
+void takeStaticData(LiveAc& ac, double cgHeightFt, double staticPitch);
+void setPhase(LiveAc& ac, Phase to);
 // The moves the state tables allow; another one is logged and refused.
-bool gf_setSimState(LiveAc& ac, SimState to);
-bool gf_simStateMoveAllowed(SimState from, SimState to) noexcept;
+bool setSimState(LiveAc& ac, SimState to);
+bool simStateMoveAllowed(SimState from, SimState to) noexcept;
 
-std::string_view lf_phaseName(Phase p) noexcept;
-std::string_view lf_simStateName(SimState s) noexcept;
-std::string_view lf_categoryName(Category c) noexcept;
-std::string lf_acHeader(const AcIdentity& ac);   // "MSP->ATL DAL1812  N899DN"
-std::string lf_describeAc(const AcIdentity& ac); // the header, then airline and type
-bool gf_callsignOk(const AcIdentity& ac) noexcept;
+std::string_view phaseName(Phase p) noexcept;
+std::string_view simStateName(SimState s) noexcept;
+std::string_view categoryName(refdata::Category c) noexcept;
+std::string acHeader(const AcIdentity& ac);   // "MSP->ATL DAL1812  N899DN"
+std::string describeAc(const AcIdentity& ac); // the header, then airline and type
+bool callsignOk(const AcIdentity& ac) noexcept;
 
 // The current airport, when one is known (degrees, feet); set and read on the worker thread.
 struct AirportPlace {

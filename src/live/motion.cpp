@@ -7,7 +7,8 @@
 #include <fmt/format.h>
 #include <gsl/narrow>
 
-#include "app/app.h"
+#include "core/core.h"
+#include "core/geo.h"
 #include "live/engine.h"
 #include "params/params.h"
 #include "platform/platform.h"
@@ -16,22 +17,20 @@ namespace orv::live {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kDeg = kPi / 180.0;
 constexpr double kMetresPerDegree = 111132.95;
 
 bool samePlace(const Sample& a, const Sample& b) {
     return std::fabs(a.lat - b.lat) < 1e-8 && std::fabs(a.lon - b.lon) < 1e-8;
 }
 
-double distanceNm(const Sample& a, const Sample& b) {
-    return gf_distanceNmOf(a.lat, a.lon, b.lat, b.lon);
+double sampleDistanceNm(const Sample& a, const Sample& b) {
+    return core::distanceNm(a.lat, a.lon, b.lat, b.lon);
 }
 
 // Metres east and north of an origin.
 void toXY(double lat0, double lon0, double lat, double lon, double& x, double& y) {
     y = (lat - lat0) * kMetresPerDegree;
-    x = (lon - lon0) * kMetresPerDegree * std::cos(lat0 * kDeg);
+    x = (lon - lon0) * kMetresPerDegree * std::cos(lat0 * core::kRadPerDeg);
 }
 
 std::int64_t wallTime100ns() {
@@ -41,7 +40,7 @@ std::int64_t wallTime100ns() {
 }
 
 bool rotorcraft(const LiveAc& ac) {
-    return ac.category == Category::Rotorcraft;
+    return ac.category == refdata::Category::Rotorcraft;
 }
 
 void clampsDecay(LiveAc& ac) {
@@ -74,33 +73,34 @@ std::int32_t roundTicks(double v) {
 
 // ---- Geometry of curves and turns ------------------------------------------------------------
 
-bool gf_curvePoint(const LiveAc& ac, double t, double& lat, double& lon, double& tangent) {
+bool curvePoint(const LiveAc& ac, double t, double& lat, double& lon, double& tangent) {
     if (std::isnan(ac.curveControlX) || !(t >= 0.0 && t <= 1.0)) return false;
     const double u = 1.0 - t;
     const double cx = ac.curveControlX, cy = ac.curveControlY, ex = ac.curveEndX, ey = ac.curveEndY;
     const double x = 2 * u * t * cx + t * t * ex;
     const double y = 2 * u * t * cy + t * t * ey;
     tangent = std::atan2(2 * t * (ex - cx) + 2 * u * cx, 2 * t * (ey - cy) + 2 * u * cy);
-    if (tangent < 0) tangent += 2 * kPi;
+    if (tangent < 0) tangent += 2 * core::kPi;
     lat = ac.curveOrigin.lat + y / kMetresPerDegree;
-    lon = ac.curveOrigin.lon + x / (kMetresPerDegree * std::cos(ac.curveOrigin.lat * kDeg));
+    lon = ac.curveOrigin.lon + x / (kMetresPerDegree * std::cos(ac.curveOrigin.lat * core::kRadPerDeg));
     return true;
 }
 
-bool lf_evaluateCurve(LiveAc& ac, double& tangent) {
+bool evaluateCurve(LiveAc& ac, double& tangent) {
     double lat = 0, lon = 0;
-    if (!gf_curvePoint(ac, ac.curveT, lat, lon, tangent)) return false;
+    if (!curvePoint(ac, ac.curveT, lat, lon, tangent)) return false;
     ac.lat = lat, ac.lon = lon;
     return true;
 }
 
-double lf_nextTurn(const LiveAc& ac) {
+double nextTurn(const LiveAc& ac) {
     const auto& st = ac.stream;
     if (st.size() < 3) return 0;
-    return gf_angleDiff(ac.heading, gf_bearingRad(st[1].lat, st[1].lon, st[2].lat, st[2].lon)) / kDeg;
+    return core::angleDiff(ac.heading, core::bearingRad(st[1].lat, st[1].lon, st[2].lat, st[2].lon)) /
+           core::kRadPerDeg;
 }
 
-void lf_prepareCurve(LiveAc& ac) {
+void prepareCurve(LiveAc& ac) {
     auto& st = ac.stream;
     if (st.size() < 3) return;
     if (st[2].speed == 0) st[2].speed = (st[0].speed + st[1].speed) / 2;
@@ -111,7 +111,7 @@ void lf_prepareCurve(LiveAc& ac) {
     st.erase(1);
 }
 
-void lf_splitSegment(LiveAc& ac) {
+void splitSegment(LiveAc& ac) {
     auto& st = ac.stream;
     if (st.size() < 2) return;
     Sample m = st[1];
@@ -129,40 +129,40 @@ void lf_splitSegment(LiveAc& ac) {
     st.push_front(head);
 }
 
-void lf_checkSpeedChange(LiveAc& ac) {
+void checkSpeedChange(LiveAc& ac) {
     const auto& st = ac.stream;
     if (st.size() < 2) return;
     const double s0 = st[0].speed, s1 = st[1].speed;
-    if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 && distanceNm(st[0], st[1]) * 1852.0 >= 100.0)
-        lf_splitSegment(ac);
+    if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 && sampleDistanceNm(st[0], st[1]) * 1852.0 >= 100.0)
+        splitSegment(ac);
 }
 
-void lf_setNextTick(LiveAc& ac, std::int32_t dt) {
+void setNextTick(LiveAc& ac, std::int32_t dt) {
     auto& st = ac.stream;
     std::int32_t w = gEngine.tick + dt;
     if (ac.extrapolateCount < 1) {
         const std::int32_t t = st[1].tick;
         w = std::clamp(w, t - ac.earlyLimit, t + ac.lateLimit);
     }
-    st[1].tick = lf_speedCap(ac, std::max(w, gEngine.tick));
+    st[1].tick = speedCap(ac, std::max(w, gEngine.tick));
 }
 
-void lf_nextTimeGround(LiveAc& ac) {
+void nextTimeGround(LiveAc& ac) {
     auto& st = ac.stream;
     if (st.size() < 2) return;
     if (st[1].stationary) {
         std::int32_t gap = st[1].tick - st[0].tick;
         gap = gap < 0 ? 25 : std::max(gap, 25);
-        lf_setNextTick(ac, std::max(st[0].tick - gEngine.tick + gap, 25));
+        setNextTick(ac, std::max(st[0].tick - gEngine.tick + gap, 25));
         return;
     }
     ac.currentTurnRate = ac.turnRate;
-    const double distance = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
-    double speed = lf_avgSpeed(ac);
+    const double distance = core::distanceNm(ac.lat, ac.lon, st[1].lat, st[1].lon);
+    double speed = avgSpeed(ac);
     // Ground speeds in the feed are often stale: when the points' own spacing says otherwise by
     // more than half, the points are believed, so the aircraft neither races nor stops.
     if (st[0].feedTime > 0 && st[1].feedTime > st[0].feedTime) {
-        const double measured = distanceNm(st[0], st[1]) / (st[1].feedTime - st[0].feedTime) * 3600.0;
+        const double measured = sampleDistanceNm(st[0], st[1]) / (st[1].feedTime - st[0].feedTime) * 3600.0;
         if (measured >= 1.0 && (speed > 2 * measured || speed < measured / 2)) speed = measured;
     }
     const std::int32_t ticks = std::max(roundTicks(distance * 360000.0 / speed), 25);
@@ -189,7 +189,7 @@ void lf_nextTimeGround(LiveAc& ac) {
             }
         }
     }
-    lf_setNextTick(ac, ticks);
+    setNextTick(ac, ticks);
 }
 
 // ---- Stands: leaving them --------------------------------------------------------------------
@@ -211,36 +211,36 @@ Sample sampleAt(const LiveAc& ac, double lat, double lon, double speed, std::int
 
 void offset(double lat, double lon, double bearing, double nm, double& outLat, double& outLon) {
     outLat = lat + nm / 60.0 * std::cos(bearing);
-    outLon = lon + nm / 60.0 * std::sin(bearing) / std::max(std::cos(lat * kDeg), 1e-6);
+    outLon = lon + nm / 60.0 * std::sin(bearing) / std::max(std::cos(lat * core::kRadPerDeg), 1e-6);
 }
 
 } // namespace
 
-void lf_pullOut(LiveAc& ac) {
+void pullOut(LiveAc& ac) {
     ac.pushRequested = false;
     ac.extrapolateCount = 0;
     double lat = 0, lon = 0;
     offset(ac.standPos.lat, ac.standPos.lon, ac.standHeading, 2 * ac.halfSize, lat, lon);
-    const double d = gf_distanceNmOf(ac.lat, ac.lon, lat, lon);
+    const double d = core::distanceNm(ac.lat, ac.lon, lat, lon);
     auto& st = ac.stream;
     st[0].speed = ac.standSpeed;
     const Sample target =
         sampleAt(ac, lat, lon, ac.standSpeed, gEngine.tick + roundTicks(d / ac.standSpeed * 360000.0));
     st.truncate(1);
     st.push_back(target);
-    gf_setPhase(ac, Phase::Taxi);
+    setPhase(ac, Phase::Taxi);
     ac.targetHeading = ac.heading;
-    lf_setLights(ac.objectId, true, true, false, true, false, true, false);
+    setLights(ac.objectId, true, true, false, true, false, true, false);
     gEngine.out.events.push_back({ac.objectId, sim::kEngineAutoStart, 0});
-    lf_setThrottle(ac, 0);
-    gf_setFlaps(ac, 1);
-    gf_log(fmt::format("{:8}: {:8} pulling out", ac.callsign, ac.registration));
+    setThrottle(ac, 0);
+    setFlaps(ac, 1);
+    core::log(fmt::format("{:8}: {:8} pulling out", ac.callsign, ac.registration));
 }
 
-void lf_pushBack(LiveAc& ac) {
+void pushBack(LiveAc& ac) {
     ac.pushRequested = false;
     ac.extrapolateCount = 0;
-    const double b = ac.standHeading + kPi;
+    const double b = ac.standHeading + core::kPi;
     const auto radius = standRadius(ac);
     if (!radius) return;
     auto& st = ac.stream;
@@ -248,37 +248,37 @@ void lf_pushBack(LiveAc& ac) {
     offset(ac.lat, ac.lon, b, 2.5 * *radius, lat1, lon1);
     st[0].speed = ac.standSpeed;
     ac.targetHeading = ac.heading;
-    const double d = gf_distanceNmOf(ac.lat, ac.lon, lat1, lon1);
+    const double d = core::distanceNm(ac.lat, ac.lon, lat1, lon1);
     const std::int32_t t = roundTicks(d / ac.standSpeed * 360000.0);
     st.truncate(1);
     st.push_back(sampleAt(ac, lat1, lon1, ac.standSpeed, gEngine.tick + t));
-    lf_splitSegment(ac);
+    splitSegment(ac);
     // The tail swings to one side at the end of the push: the two candidate points.
     double lat2 = 0, lon2 = 0, lat3 = 0, lon3 = 0;
-    offset(lat1, lon1, b + kPi / 2, ac.halfSize, lat2, lon2);
-    offset(lat1, lon1, b - kPi / 2, ac.halfSize, lat3, lon3);
+    offset(lat1, lon1, b + core::kPi / 2, ac.halfSize, lat2, lon2);
+    offset(lat1, lon1, b - core::kPi / 2, ac.halfSize, lat3, lon3);
     const auto tailTick = [&](double lat, double lon) {
-        const double dd = gf_distanceNmOf(lat1, lon1, lat, lon);
+        const double dd = core::distanceNm(lat1, lon1, lat, lon);
         return gEngine.tick + t / 2 + roundTicks(dd / ac.standSpeed * 360000.0);
     };
     ac.pushTailSample = sampleAt(ac, lat2, lon2, ac.standSpeed, tailTick(lat2, lon2));
     st.push_back(sampleAt(ac, lat3, lon3, ac.standSpeed, tailTick(lat3, lon3)));
-    lf_setLights(ac.objectId, true, true, false, true, false, true, false);
-    gf_setPhase(ac, Phase::PushingBack);
+    setLights(ac.objectId, true, true, false, true, false, true, false);
+    setPhase(ac, Phase::PushingBack);
     ac.pushCounter = 2;
 }
 
-void lf_leaveStand(LiveAc& ac, Sample& s) {
+void leaveStand(LiveAc& ac, Sample& s) {
     s.stationary = false;
     ac.pushRequested = true;
     if (ac.previousPhase == Phase::Parked) return;
     if (ac.extrapolateCount > 0 && ac.phase == Phase::Parked) {
         if (ac.justLanded) {
             const double parkedFor = static_cast<double>(wallTime100ns() - ac.parkedWallClock) / 1e7;
-            const double towLimit = ac.category == Category::Heavy     ? 3600
-                                    : ac.category == Category::Large   ? 1500
-                                    : ac.category == Category::Buzjets ? 900
-                                                                       : 0;
+            const double towLimit = ac.category == refdata::Category::Heavy     ? 3600
+                                    : ac.category == refdata::Category::Large   ? 1500
+                                    : ac.category == refdata::Category::Buzjets ? 900
+                                                                                : 0;
             ac.towed = parkedFor < towLimit;
             ac.justLanded = false;
         }
@@ -287,7 +287,7 @@ void lf_leaveStand(LiveAc& ac, Sample& s) {
         setClamps(ac, 3000, ac.takingOff ? 5000 : 3000);
     }
     ac.atStand = false;
-    gf_setPhase(ac, Phase::Parked);
+    setPhase(ac, Phase::Parked);
 }
 
 // ---- The ground ------------------------------------------------------------------------------
@@ -300,38 +300,38 @@ void nextPosGround(LiveAc& ac) {
         if (ac.pushCounter == 1) {
             if (ac.turnPlanned) {
                 if (ac.turnLeft) st.back() = ac.pushTailSample;
-                lf_prepareCurve(ac);
+                prepareCurve(ac);
                 ac.curveStep = 1.0 / std::max(std::round(90.0 / ac.currentTurnRate / 100.0), 1.0);
                 ac.curveAngle = 90;
             } else if (st.size() > 2) {
                 st.pop_back();
             }
-            lf_nextTimeGround(ac);
+            nextTimeGround(ac);
             return;
         }
         if (ac.pushCounter < 1) {
             ac.targetHeading = ac.heading;
             gEngine.out.events.push_back({ac.objectId, sim::kEngineAutoStart, 0});
-            lf_setThrottle(ac, 0);
-            gf_setFlaps(ac, 1);
-            gf_setPhase(ac, Phase::PushedBack);
+            setThrottle(ac, 0);
+            setFlaps(ac, 1);
+            setPhase(ac, Phase::PushedBack);
             ac.pushCounter = 1;
             ac.maxPushDistance = 900;
             ac.extrapolateCount = 0;
             ac.pushRequested = false;
         }
-        lf_nextTimeGround(ac);
+        nextTimeGround(ac);
         return;
     case Phase::Parked:
         setClamps(ac, 3000, ac.takingOff ? 5000 : 3000);
         if (ac.pushRequested) {
             const double toLast =
-                gf_bearingRad(ac.standPos.lat, ac.standPos.lon, st.back().lat, st.back().lon);
-            const double d = std::round(gf_angleDiff(ac.standHeading, toLast) / kDeg);
+                core::bearingRad(ac.standPos.lat, ac.standPos.lon, st.back().lat, st.back().lon);
+            const double d = std::round(core::angleDiff(ac.standHeading, toLast) / core::kRadPerDeg);
             if (std::fabs(d) < 90)
-                lf_pullOut(ac);
+                pullOut(ac);
             else
-                lf_pushBack(ac);
+                pushBack(ac);
             return;
         }
         break;
@@ -340,31 +340,32 @@ void nextPosGround(LiveAc& ac) {
     }
     if (st.size() >= 2 && !st[1].stationary) {
         if (st.size() >= 3 && !st[2].stationary) {
-            const double a = std::fabs(lf_nextTurn(ac));
+            const double a = std::fabs(nextTurn(ac));
             if (a <= 3) {
-                lf_checkSpeedChange(ac);
-            } else if (a > 45 && distanceNm(st[0], st[1]) > 0.026998 && st[0].speed <= 43 &&
+                checkSpeedChange(ac);
+            } else if (a > 45 && sampleDistanceNm(st[0], st[1]) > 0.026998 && st[0].speed <= 43 &&
                        st[1].tick - st[0].tick >= 600) {
-                lf_splitSegment(ac);
+                splitSegment(ac);
             } else if (a <= 160) {
                 if (!samePlace(st[0], st[2])) {
-                    lf_prepareCurve(ac);
+                    prepareCurve(ac);
                     ac.curveAngle = a;
                 } else {
-                    lf_checkSpeedChange(ac);
+                    checkSpeedChange(ac);
                 }
             } else {
-                lf_checkSpeedChange(ac);
+                checkSpeedChange(ac);
             }
         } else if (st.size() >= 3) {
-            lf_checkSpeedChange(ac);
+            checkSpeedChange(ac);
         } else if (ac.extrapolateCount < 1) {
             const double s0 = st[0].speed, s1 = st[1].speed;
-            if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 && distanceNm(st[0], st[1]) * 1852.0 >= 100.0)
-                lf_splitSegment(ac);
+            if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 &&
+                sampleDistanceNm(st[0], st[1]) * 1852.0 >= 100.0)
+                splitSegment(ac);
         }
         if (std::isnan(ac.curveControlX)) {
-            ac.turnAngle = std::fabs(gf_angleDiff(ac.heading, ac.targetHeading)) / kDeg;
+            ac.turnAngle = std::fabs(core::angleDiff(ac.heading, ac.targetHeading)) / core::kRadPerDeg;
             ac.turningInPlace = ac.turnAngle > 3;
         }
     }
@@ -377,49 +378,49 @@ void nextPosGround(LiveAc& ac) {
             if (ac.extrapolateCount >= 1)
                 try2Park(ac, ac.justLanded);
             else if (st.size() > 1 && st[1].speed <= 5 &&
-                     gf_distanceNmOf(ac.lat, ac.lon, st.back().lat, st.back().lon) <= 0.018898)
+                     core::distanceNm(ac.lat, ac.lon, st.back().lat, st.back().lon) <= 0.018898)
                 try2Park(ac, false);
         }
     }
-    lf_nextTimeGround(ac);
+    nextTimeGround(ac);
 }
 
 bool try2Park(LiveAc& ac, bool) {
-    if (ac.stream.empty()) gf_log(fmt::format("{} empty sz?", "try2Park"));
+    if (ac.stream.empty()) core::log(fmt::format("{} empty sz?", "try2Park"));
     return false;
 }
 
-void lf_setGroundSegment(LiveAc& ac, std::int32_t) {
+void setGroundSegment(LiveAc& ac, std::int32_t) {
     auto& st = ac.stream;
-    if (ac.phase == Phase::Flying || ac.phase == Phase::Parked) gf_setPhase(ac, Phase::Taxi);
+    if (ac.phase == Phase::Flying || ac.phase == Phase::Parked) setPhase(ac, Phase::Taxi);
     const double s0 = st[0].speed, s1 = st.size() > 1 ? st[1].speed : 0;
     if (ac.takingOff) {
         if (rotorcraft(ac))
-            lf_setThrottle(ac, 4);
+            setThrottle(ac, 4);
         else if (s0 >= 25 || s1 >= 30)
-            lf_setThrottle(ac, 4);
+            setThrottle(ac, 4);
         else if (s0 >= 20 || s1 >= 25)
-            lf_setThrottle(ac, 2);
+            setThrottle(ac, 2);
         else if (s0 >= 15 || s1 >= 20)
-            lf_setThrottle(ac, 1);
+            setThrottle(ac, 1);
         else
-            lf_setThrottle(ac, 0);
+            setThrottle(ac, 0);
     } else if (ac.rollout) {
-        if (std::fabs(gf_angleDiff(ac.rolloutHeading, ac.heading)) >= 15 * kDeg) {
+        if (std::fabs(core::angleDiff(ac.rolloutHeading, ac.heading)) >= 15 * core::kRadPerDeg) {
             // Off the runway: the landing is over.
-            gf_setFlaps(ac, 0);
+            setFlaps(ac, 0);
             ac.rollout = false;
-            lf_setThrottle(ac, rotorcraft(ac) ? 4 : 0);
-            lf_setSpoilers(ac, false);
-            lf_setReverser(ac, 0, 0);
-            lf_setLights(ac.objectId, true, true, false, true, false, true, true);
+            setThrottle(ac, rotorcraft(ac) ? 4 : 0);
+            setSpoilers(ac, false);
+            setReverser(ac, 0, 0);
+            setLights(ac.objectId, true, true, false, true, false, true, true);
         } else if (std::max(s0, s1) <= 90) {
-            lf_setSpoilers(ac, false);
-            if (ac.spoilersState != 0 || ac.flapsIndex != 1) lf_setReverser(ac, 0, 0);
-            gf_setFlaps(ac, 1);
+            setSpoilers(ac, false);
+            if (ac.spoilersState != 0 || ac.flapsIndex != 1) setReverser(ac, 0, 0);
+            setFlaps(ac, 1);
         }
     } else {
-        lf_setThrottle(ac, rotorcraft(ac) ? 4 : 0);
+        setThrottle(ac, rotorcraft(ac) ? 4 : 0);
     }
     if (!ac.rollout && !ac.takingOff) clampsDecay(ac);
     if (ac.flareStage == 0 && ac.phase != Phase::TakeOff) {
@@ -434,7 +435,7 @@ void lf_setGroundSegment(LiveAc& ac, std::int32_t) {
     ac.tasTarget = ac.phase == Phase::PushingBack ? -s1 : s1;
     // The rotation test.
     if (ac.takingOff && ac.phase != Phase::TakeOff && s0 >= 43 && st.size() > 1) {
-        const double rotateSpeed = gf_categoryData(ac.category).rotateSpeed;
+        const double rotateSpeed = categoryData(ac.category).rotateSpeed;
         bool someLow = false, allReady = true, anyGround = false;
         for (std::size_t i = 1; i < st.size(); ++i) {
             someLow = someLow || st[i].vs <= 256;
@@ -445,69 +446,69 @@ void lf_setGroundSegment(LiveAc& ac, std::int32_t) {
         if (someLow) {
             if (allReady) {
                 ac.dAlt = ac.maxClimbStep;
-                lf_rotate(ac);
+                rotate(ac);
             }
         } else {
             ac.dAlt = anyGround ? ac.maxClimbStep : std::max(st[1].alt - ac.alt, 0.1) / dt;
-            lf_rotate(ac);
+            rotate(ac);
         }
     }
 }
 
 // ---- Take-off --------------------------------------------------------------------------------
 
-void lf_prepareTakeOff(LiveAc& ac) {
-    if (ac.towed) gf_log(fmt::format("towed aircraft takes-off? {}", lf_describeAc(ac)));
+void prepareTakeOff(LiveAc& ac) {
+    if (ac.towed) core::log(fmt::format("towed aircraft takes-off? {}", describeAc(ac)));
     ac.takingOff = true;
-    lf_setThrottle(ac, 0);
-    lf_setSpoilers(ac, false);
-    gf_setFlaps(ac, 1);
+    setThrottle(ac, 0);
+    setSpoilers(ac, false);
+    setFlaps(ac, 1);
     ac.landing = ac.justLanded = ac.goAround = false;
-    lf_setLights(ac.objectId, true, true, true, true, true, true, false);
+    setLights(ac.objectId, true, true, true, true, true, true, false);
     ac.lateLimit = 5000;
     ac.earlyLimit = 3000;
 }
 
-void lf_rotate(LiveAc& ac) {
+void rotate(LiveAc& ac) {
     ac.rotateCounter = std::max(ac.rotateTicks, 1);
     ac.dPitch = (ac.rotatePitch - ac.pitch) / ac.rotateCounter;
     ac.bank = 0;
     const bool touchAndGo = ac.rollout;
-    if (!ac.takingOff) lf_prepareTakeOff(ac);
-    gf_setPhase(ac, Phase::TakeOff);
+    if (!ac.takingOff) prepareTakeOff(ac);
+    setPhase(ac, Phase::TakeOff);
     ac.dHeading = 0;
     ac.curveControlX = ac.curveControlY = std::numeric_limits<double>::quiet_NaN();
     ac.turningInPlace = false;
     if (touchAndGo) {
         ac.rollout = false;
-        lf_setThrottle(ac, 4);
-        lf_setSpoilers(ac, true);
-        gf_setFlaps(ac, 1);
+        setThrottle(ac, 4);
+        setSpoilers(ac, true);
+        setFlaps(ac, 1);
     }
 }
 
-void lf_takeOffChecks(LiveAc& ac, Sample& s) {
+void takeOffChecks(LiveAc& ac, Sample& s) {
     if (!ac.onGround || ac.simState != SimState::Active || ac.takingOff || ac.stream.empty()) return;
     const Sample& last = ac.stream.back();
     if (ac.rollout) {
         if (last.airborne && s.airborne) {
-            gf_setPhase(ac, Phase::Taxi);
+            setPhase(ac, Phase::Taxi);
             ac.takingOff = true;
-            lf_setThrottle(ac, 3);
-            lf_setSpoilers(ac, true);
-            gf_setFlaps(ac, 1);
+            setThrottle(ac, 3);
+            setSpoilers(ac, true);
+            setFlaps(ac, 1);
             ac.landing = ac.justLanded = ac.goAround = false;
-            lf_setLights(ac.objectId, true, true, true, true, true, true, false);
+            setLights(ac.objectId, true, true, true, true, true, true, false);
             setClamps(ac, 3000, 5000);
         }
         return;
     }
-    if (ac.phase == Phase::Taxi && (s.airborne || (last.speed >= 43 && s.speed >= 43))) lf_prepareTakeOff(ac);
+    if (ac.phase == Phase::Taxi && (s.airborne || (last.speed >= 43 && s.speed >= 43))) prepareTakeOff(ac);
 }
 
 // ---- Samples in ------------------------------------------------------------------------------
 
-bool lf_filterSample(LiveAc& ac, Sample& s) {
+bool filterSample(LiveAc& ac, Sample& s) {
     if (ac.stream.empty()) return true;
     const Sample& last = ac.stream.back();
     s.stationary = samePlace(s, last);
@@ -540,12 +541,13 @@ bool lf_filterSample(LiveAc& ac, Sample& s) {
 bool checkNewPosDuringLanding(LiveAc& ac, Sample& s) {
     auto& st = ac.stream;
     if (st.empty()) {
-        gf_log(fmt::format("{} empty sz?", "checkNewPosDuringLanding"));
+        core::log(fmt::format("{} empty sz?", "checkNewPosDuringLanding"));
         return true;
     }
     if (samePlace(s, st.back())) return false;
     const auto off = [&](const Sample& from) {
-        return std::fabs(gf_angleDiff(ac.heading, gf_bearingRad(from.lat, from.lon, s.lat, s.lon))) / kDeg;
+        return std::fabs(core::angleDiff(ac.heading, core::bearingRad(from.lat, from.lon, s.lat, s.lon))) /
+               core::kRadPerDeg;
     };
     if (st.size() >= 2) {
         const std::size_t size = st.size();
@@ -575,7 +577,7 @@ bool checkNewPosDuringLanding(LiveAc& ac, Sample& s) {
 bool checkExtendingSituations(LiveAc& ac, Sample& s) {
     auto& st = ac.stream;
     if (st.empty()) {
-        gf_log(fmt::format("{} empty sz?", "checkExtendingSituations"));
+        core::log(fmt::format("{} empty sz?", "checkExtendingSituations"));
         return true;
     }
     switch (ac.phase) {
@@ -583,7 +585,7 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
     case Phase::Parking: {
         if (ac.simState != SimState::Active) break;
         ac.atStand = true;
-        const double d = gf_distanceNmOf(s.lat, s.lon, ac.standPos.lat, ac.standPos.lon);
+        const double d = core::distanceNm(s.lat, s.lon, ac.standPos.lat, ac.standPos.lon);
         const double limit = ac.previousPhase == Phase::Parking ? 2 * 0.0458963 : 0.0458963;
         if (d <= limit) {
             ac.parkedWallClock = wallTime100ns();
@@ -598,7 +600,7 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
                 ++ac.standDistanceCount;
                 if ((ac.standDistanceCount >= 3 && d - ac.firstStandDistance >= ac.halfSize * 0.5) ||
                     d - ac.firstStandDistance > ac.halfSize) {
-                    lf_leaveStand(ac, s);
+                    leaveStand(ac, s);
                     return true;
                 }
             } else if (d <= ac.lastStandDistance - 0.00161987) {
@@ -608,24 +610,24 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
             return false;
         }
         if (ac.phase == Phase::Parking) {
-            gf_setPhase(ac, Phase::Taxi);
+            setPhase(ac, Phase::Taxi);
             s.stationary = false;
             return true;
         }
         if (d <= 0.107991) {
-            lf_leaveStand(ac, s);
+            leaveStand(ac, s);
             return true;
         }
         removeAircraftFromSim(ac);
         return false;
     }
     case Phase::PushingBack:
-        if (ac.pushCounter == 2 && !gParams.STRAIGHT_PBS_ONLY.load(std::memory_order_relaxed)) {
+        if (ac.pushCounter == 2 && !params::gParams.STRAIGHT_PBS_ONLY.load(std::memory_order_relaxed)) {
             double angle = 0;
             if (s.hasTrueHeading)
-                angle = gf_angleDiff(ac.heading, s.trueHeading);
+                angle = core::angleDiff(ac.heading, s.trueHeading);
             else if (s.track != 0)
-                angle = gf_angleDiff(ac.heading, s.track * kDeg);
+                angle = core::angleDiff(ac.heading, s.track * core::kRadPerDeg);
             if (s.hasTrueHeading || s.track != 0) {
                 ac.turnLeft = angle > 0;
                 ac.turnPlanned = true;
@@ -633,7 +635,7 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
         }
         return false;
     case Phase::PushedBack: {
-        const double d = gf_distanceNmOf(ac.lat, ac.lon, s.lat, s.lon);
+        const double d = core::distanceNm(ac.lat, ac.lon, s.lat, s.lon);
         if (!(d > 2.75 * ac.halfSize && d > ac.maxPushDistance) && !(d > 6 * ac.halfSize)) {
             if (!ac.holding) ac.holdStartTick = gEngine.tick;
             ac.holding = true;
@@ -645,7 +647,7 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
         setClamps(ac, 1000, 1000);
         ac.turnPlanned = false;
         ac.pushCounter = 0;
-        gf_setPhase(ac, Phase::Taxi);
+        setPhase(ac, Phase::Taxi);
         ac.standPos = {};
         ac.standId = 0;
         ac.cargoStand = false;
@@ -656,11 +658,12 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
         break;
     }
     if (ac.landing || ac.rollout) return checkNewPosDuringLanding(ac, s);
-    if (!lf_filterSample(ac, s)) return false;
+    if (!filterSample(ac, s)) return false;
     if (ac.extrapolateCount > 0) {
         // Real data again. A point behind a flying aircraft is a stale echo, not a resumption.
         if (!ac.onGround &&
-            std::fabs(gf_angleDiff(ac.heading, gf_bearingRad(ac.lat, ac.lon, s.lat, s.lon))) >= 100 * kDeg)
+            std::fabs(core::angleDiff(ac.heading, core::bearingRad(ac.lat, ac.lon, s.lat, s.lon))) >=
+                100 * core::kRadPerDeg)
             return false;
         ac.extrapolateCount = 0;
         setClamps(ac, 3000, 3000);
@@ -673,36 +676,36 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
 
 // ---- The air ---------------------------------------------------------------------------------
 
-double lf_landingVs(const LiveAc& ac) {
+double landingVs(const LiveAc& ac) {
     const auto& st = ac.stream;
     if (agl(ac) > 100 && st.size() >= 2)
-        return std::min((st[0].vs + st[1].vs) / 2 - (gQnh.load(std::memory_order_relaxed) - 1013.25) * 6,
-                        -601.0);
+        return std::min(
+            (st[0].vs + st[1].vs) / 2 - (feed::gQnh.load(std::memory_order_relaxed) - 1013.25) * 6, -601.0);
     return -600;
 }
 
-bool lf_dropAhead(LiveAc& ac, std::size_t k) {
+bool dropAhead(LiveAc& ac, std::size_t k) {
     auto& st = ac.stream;
     if (k - 1 >= st.size() || !st[k - 1].airborne) return false;
     for (std::size_t n = 0; n < k - 2 && st.size() >= 3; ++n) st.erase(1);
-    const double d = gf_distanceNmOf(ac.lat, ac.lon, st[1].lat, st[1].lon);
-    st[1].tick = lf_retime(ac, gEngine.tick + std::max(roundTicks(d * 360000.0 / lf_avgSpeed(ac)), 25));
+    const double d = core::distanceNm(ac.lat, ac.lon, st[1].lat, st[1].lon);
+    st[1].tick = retime(ac, gEngine.tick + std::max(roundTicks(d * 360000.0 / avgSpeed(ac)), 25));
     const std::int32_t dt = std::max(st[1].tick - gEngine.tick, 25);
     const double r = (st[1].alt - ac.alt) / dt;
     ac.dAlt = r > 0 ? std::min(r, ac.maxClimbStep) : 0;
     return true;
 }
 
-void lf_lowApproach(LiveAc& ac) {
-    lf_command(ac.objectId, sim::kCabinLights, 0);
+void lowApproach(LiveAc& ac) {
+    command(ac.objectId, sim::kCabinLights, 0);
     const auto airport = currentAirport();
     const bool near =
-        airport && gf_distanceNmOf(ac.lat, ac.lon, airport->latitude, airport->longitude) <= 10.0;
+        airport && core::distanceNm(ac.lat, ac.lon, airport->latitude, airport->longitude) <= 10.0;
     const double vs = ac.vsTarget;
     if (vs <= -250 && !ac.landing && near) {
-        lf_setThrottle(ac, rotorcraft(ac) ? 4 : 1);
-        gf_setFlaps(ac, 3);
-        lf_setGear(ac, true);
+        setThrottle(ac, rotorcraft(ac) ? 4 : 1);
+        setFlaps(ac, 3);
+        setGear(ac, true);
         ac.landing = true;
         ac.goAround = false;
         ac.standId = 0;
@@ -711,9 +714,9 @@ void lf_lowApproach(LiveAc& ac) {
     } else if (vs > -250 && (vs > 600 || (ac.landing && !near))) {
         if (!ac.goAround) {
             clampsDecay(ac);
-            lf_setThrottle(ac, 4);
-            lf_setGear(ac, false);
-            gf_setFlaps(ac, 0);
+            setThrottle(ac, 4);
+            setGear(ac, false);
+            setFlaps(ac, 0);
             ac.goAround = true;
             ac.flareStage = 0;
             ac.landing = false;
@@ -721,63 +724,63 @@ void lf_lowApproach(LiveAc& ac) {
     }
 }
 
-void lf_lowAltitude(LiveAc& ac) {
+void lowAltitude(LiveAc& ac) {
     if (!ac.below10000) {
         ac.below10000 = true;
         ac.above10000 = false;
-        lf_setLights(ac.objectId, true, true, true, true, true, true, true);
+        setLights(ac.objectId, true, true, true, true, true, true, true);
     }
-    const bool big =
-        ac.category == Category::Buzjets || ac.category == Category::Large || ac.category == Category::Heavy;
+    const bool big = ac.category == refdata::Category::Buzjets || ac.category == refdata::Category::Large ||
+                     ac.category == refdata::Category::Heavy;
     const double limit = big ? 2050 : 625;
     const double vs = ac.vsTarget;
     if (agl(ac) > limit) {
         clampsDecay(ac);
-        lf_command(ac.objectId, sim::kCabinLights, 1);
+        command(ac.objectId, sim::kCabinLights, 1);
         ac.takingOff = ac.landing = false;
-        if (vs <= -250 && ac.throttleIndex == 3) lf_setThrottle(ac, rotorcraft(ac) ? 4 : 2);
-        if (vs > 400 && ac.throttleIndex == 4) lf_setThrottle(ac, rotorcraft(ac) ? 4 : 3);
+        if (vs <= -250 && ac.throttleIndex == 3) setThrottle(ac, rotorcraft(ac) ? 4 : 2);
+        if (vs > 400 && ac.throttleIndex == 4) setThrottle(ac, rotorcraft(ac) ? 4 : 3);
         if (agl(ac) >= 2400) {
-            lf_setGear(ac, false);
-            gf_setFlaps(ac, 0);
+            setGear(ac, false);
+            setFlaps(ac, 0);
         } else if (vs <= 100) {
             if (ac.alt < 2000) {
                 if (ac.flapsIndex == 0 || ac.flapsIndex == 4)
-                    gf_setFlaps(ac, 1);
+                    setFlaps(ac, 1);
                 else if (ac.flapsIndex == 1)
-                    gf_setFlaps(ac, 2);
+                    setFlaps(ac, 2);
             } else if (ac.flapsIndex == 0 || ac.flapsIndex == 4) {
-                gf_setFlaps(ac, 1);
+                setFlaps(ac, 1);
             }
         }
         return;
     }
-    lf_lowApproach(ac);
+    lowApproach(ac);
 }
 
-void lf_setAirSegment(LiveAc& ac, std::int32_t dt) {
+void setAirSegment(LiveAc& ac, std::int32_t dt) {
     auto& st = ac.stream;
-    if (ac.phase != Phase::TakeOff && ac.phase != Phase::Flying) gf_setPhase(ac, Phase::Flying);
+    if (ac.phase != Phase::TakeOff && ac.phase != Phase::Flying) setPhase(ac, Phase::Flying);
     ac.tasTarget = st[1].tas;
     ac.vsTarget = st[1].vs;
     const bool a0 = st[0].airborne, a1 = st[1].airborne;
     const double alt1 = st[1].alt;
     const auto descend = [&] {
         const auto airport = currentAirport();
-        if (airport && gQnh.load(std::memory_order_relaxed) <= 1013) {
+        if (airport && feed::gQnh.load(std::memory_order_relaxed) <= 1013) {
             ac.dAlt = (airport->elevation + ac.cgHeight - ac.alt) / dt;
         } else {
-            const double v = gQnh.load(std::memory_order_relaxed) > 1013 ? lf_landingVs(ac) : -601.0;
+            const double v = feed::gQnh.load(std::memory_order_relaxed) > 1013 ? landingVs(ac) : -601.0;
             st[1].vs = ac.vsTarget = v;
             ac.dAlt = v / 6000.0;
         }
-        lf_setGear(ac, true);
+        setGear(ac, true);
     };
     if (ac.flareStage == 0) {
         if (a0 && a1) {
             if (ac.landing) {
                 if (alt1 == ac.alt && agl(ac) <= 1000 && st[0].vs + st[1].vs <= 100) {
-                    const double v = lf_landingVs(ac);
+                    const double v = landingVs(ac);
                     st[1].vs = v;
                     ac.dAlt = v / 6000.0;
                 } else {
@@ -795,35 +798,35 @@ void lf_setAirSegment(LiveAc& ac, std::int32_t dt) {
             ac.dAlt = r > 0 ? std::min(r, ac.maxClimbStep) : 0;
         } else {
             if (ac.landing || vsSum(ac) <= 100) {
-                const double v = lf_landingVs(ac);
+                const double v = landingVs(ac);
                 st[1].vs = ac.vsTarget = v;
                 ac.dAlt = v / 6000.0;
             } else {
                 bool dropped = false;
                 for (std::size_t k = 3; k <= std::min<std::size_t>(st.size() - 1, 10) && !dropped; ++k)
-                    dropped = lf_dropAhead(ac, k);
+                    dropped = dropAhead(ac, k);
                 if (!dropped) {
                     st[1].vs = std::max(st[1].vs, 601.0);
                     ac.dAlt = st[1].vs / 6000.0;
                 }
             }
-            lf_setGear(ac, true);
+            setGear(ac, true);
         }
         // Pitch follows the vertical speed.
         const double v = st[1].vs > 0 ? std::min(st[1].vs, 2400.0) : std::max(st[1].vs, -3000.0) * 0.5;
-        const double target = -3 * kDeg - v / 600.0 * 2.2 * kDeg;
-        const double rate = gf_categoryData(ac.category).maxPitchRate;
+        const double target = -3 * core::kRadPerDeg - v / 600.0 * 2.2 * core::kRadPerDeg;
+        const double rate = categoryData(ac.category).maxPitchRate;
         ac.dPitch = std::clamp((target - ac.pitch) / dt, -rate, rate);
     }
     // Heading and bank.
-    const auto& c = gf_categoryData(ac.category);
+    const auto& c = categoryData(ac.category);
     double diff;
     if (st[1].hasTrueHeading && st[1].hasBank && agl(ac) < (ac.landing ? 2000 : 1000))
-        diff = gf_angleDiff(ac.heading, st[1].trueHeading);
+        diff = core::angleDiff(ac.heading, st[1].trueHeading);
     else if (st.size() >= 3)
-        diff = lf_nextTurn(ac) * kDeg;
+        diff = nextTurn(ac) * core::kRadPerDeg;
     else
-        diff = gf_angleDiff(ac.heading, ac.targetHeading);
+        diff = core::angleDiff(ac.heading, ac.targetHeading);
     ac.dHeading = diff / dt;
     if (st[1].hasBank) {
         ac.dBank = (st[1].bank - ac.bank) / dt;
@@ -836,20 +839,20 @@ void lf_setAirSegment(LiveAc& ac, std::int32_t dt) {
         if (!ac.above10000) {
             ac.above10000 = true;
             ac.below10000 = false;
-            lf_setLights(ac.objectId, true, true, false, false, false, false, true);
-            lf_setThrottle(ac, rotorcraft(ac) ? 4 : 3);
-            lf_setGear(ac, false);
-            gf_setFlaps(ac, 0);
+            setLights(ac.objectId, true, true, false, false, false, false, true);
+            setThrottle(ac, rotorcraft(ac) ? 4 : 3);
+            setGear(ac, false);
+            setFlaps(ac, 0);
         }
     } else {
-        lf_lowAltitude(ac);
+        lowAltitude(ac);
     }
 }
 
 // ---- Each tick -------------------------------------------------------------------------------
 
-void lf_attitude(LiveAc& ac) {
-    const auto& c = gf_categoryData(ac.category);
+void attitude(LiveAc& ac) {
+    const auto& c = categoryData(ac.category);
     if (ac.phase == Phase::TakeOff) {
         // The take-off run: rotate, lift off, and climb away with a gradually growing step.
         if (ac.rotateCounter > -1000) --ac.rotateCounter;
@@ -869,11 +872,11 @@ void lf_attitude(LiveAc& ac) {
             step /= 5;
         else if (n > -300)
             step *= 0.5;
-        if (n == -300) lf_setGear(ac, false);
+        if (n == -300) setGear(ac, false);
         ac.alt += step;
         if (ac.pitch <= ac.climbPitch && agl(ac) >= 800) {
-            lf_setThrottle(ac, rotorcraft(ac) ? 4 : 3);
-            gf_setPhase(ac, Phase::Flying);
+            setThrottle(ac, rotorcraft(ac) ? 4 : 3);
+            setPhase(ac, Phase::Flying);
             ac.rotateCounter = 1;
         }
         return;
@@ -906,8 +909,9 @@ void lf_attitude(LiveAc& ac) {
             {30, -0.1, -601}, {20, -0.075, -450}, {10, -0.05, -300}, {3, -0.025, -150}};
         if (ac.flareStage < 4 && height <= h + kStages[ac.flareStage].above) {
             const auto& stage = kStages[ac.flareStage];
-            if (ac.flareStage == 0) ac.dPitch = (-4 * kDeg - ac.pitch) / std::max(ac.flareTicks, 1);
-            if (ac.flareStage == 2) lf_setThrottle(ac, 0);
+            if (ac.flareStage == 0)
+                ac.dPitch = (-4 * core::kRadPerDeg - ac.pitch) / std::max(ac.flareTicks, 1);
+            if (ac.flareStage == 2) setThrottle(ac, 0);
             ac.dAlt = stage.step;
             if (!ac.stream.empty()) ac.stream[0].vs = stage.vs;
             ac.vsTarget = stage.vs;
@@ -915,19 +919,19 @@ void lf_attitude(LiveAc& ac) {
         }
     }
     if (ac.flareStage > 0) {
-        ac.pitch = std::max(ac.pitch + ac.dPitch, -4 * kDeg);
+        ac.pitch = std::max(ac.pitch + ac.dPitch, -4 * core::kRadPerDeg);
         ac.alt += ac.dAlt;
     } else {
         ac.pitch += ac.dPitch;
         ac.alt += ac.dAlt;
     }
     ac.bank = std::clamp(ac.bank + ac.dBank, -c.maxBank, c.maxBank);
-    ac.pitch = std::clamp(ac.pitch, -30 * kDeg, 15 * kDeg);
+    ac.pitch = std::clamp(ac.pitch, -30 * core::kRadPerDeg, 15 * core::kRadPerDeg);
     // Never below the ground while coming down to it.
-    if (ac.landing && ac.groundAltitude) ac.alt = std::max(ac.alt, lf_groundAltitude(ac));
+    if (ac.landing && ac.groundAltitude) ac.alt = std::max(ac.alt, groundAltitude(ac));
 }
 
-void lf_inRangeReport(LiveAc& ac, bool simOnGround, double groundAlt, double heightAgl) {
+void inRangeReport(LiveAc& ac, bool simOnGround, double groundAlt, double heightAgl) {
     ac.groundAltitude = groundAlt;
     if (simOnGround && !ac.onGround && ac.rotateCounter <= 1 && ac.simState != SimState::RemovingFromSim &&
         ac.phase != Phase::TakeOff) {
@@ -936,14 +940,14 @@ void lf_inRangeReport(LiveAc& ac, bool simOnGround, double groundAlt, double hei
             ac.rolloutHeading = ac.heading;
             ac.landing = false;
             ac.justLanded = true;
-            lf_setSpoilers(ac, true);
-            lf_setReverser(ac, 100, ac.reverseThrust ? -100 : 100);
+            setSpoilers(ac, true);
+            setReverser(ac, 100, ac.reverseThrust ? -100 : 100);
             const std::int32_t n = ac.derotateTicks;
             if (n > 0) {
                 ac.dBank = -ac.bank / n;
                 ac.dPitch = (ac.groundPitch - ac.pitch) / n;
             } else {
-                gf_log(fmt::format("{} ! onGround slots {:.1f}", lf_describeAc(ac), ac.heightAgl));
+                core::log(fmt::format("{} ! onGround slots {:.1f}", describeAc(ac), ac.heightAgl));
                 ac.dBank = 0;
             }
         }
@@ -955,7 +959,7 @@ void lf_inRangeReport(LiveAc& ac, bool simOnGround, double groundAlt, double hei
     if (ac.onGround || ac.rotateCounter >= 2) ac.alt = groundAlt + ac.cgHeight;
 }
 
-double lf_groundAltitude(const LiveAc& ac) {
+double groundAltitude(const LiveAc& ac) {
     const auto airport = currentAirport();
     const double ground = ac.groundAltitude ? *ac.groundAltitude : airport ? airport->elevation : 0.0;
     return ground + ac.cgHeight;
@@ -963,21 +967,21 @@ double lf_groundAltitude(const LiveAc& ac) {
 
 // ---- Stands (they come with the airport files) -------------------------------------------------
 
-bool lf_parkAtSpawn(LiveAc&) {
+bool parkAtSpawn(LiveAc&) {
     return false;
 }
 
-bool lf_arrived(LiveAc&) {
+bool arrived(LiveAc&) {
     return false;
 }
 
-bool lf_userProximity(LiveAc&) {
+bool userProximity(LiveAc&) {
     return false;
 }
 
-void lf_setOnGroundFlags(LiveAc& ac) {
+void setOnGroundFlags(LiveAc& ac) {
     ac.onGround = true;
-    lf_setGear(ac, true);
+    setGear(ac, true);
 }
 
 } // namespace orv::live

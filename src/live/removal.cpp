@@ -3,7 +3,7 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "live/engine.h"
 
 namespace orv::live {
@@ -41,11 +41,11 @@ void removeAircraftFromSim(LiveAc& ac) {
     if (ac.objectId != 0)
         e.removeQueue.push_back(ac.objectId);
     else
-        gf_log(
-            fmt::format("{} removing act {}, with objectid=0 ?", "removeAircraftFromSim", lf_describeAc(ac)));
+        core::log(
+            fmt::format("{} removing act {}, with objectid=0 ?", "removeAircraftFromSim", describeAc(ac)));
 }
 
-void lf_removeAll() {
+void removeAll() {
     auto& e = gEngine;
     for (auto& ac : e.liveTable) {
         if (ac.simState == SimState::Active || ac.simState == SimState::LiveryRespawn) {
@@ -59,7 +59,7 @@ void lf_removeAll() {
     std::erase_if(e.liveTable, [](const LiveAc& ac) { return ac.dropNow || ac.dropSilently; });
 }
 
-void lf_onRemoved(std::uint32_t objectId) {
+void onRemoved(std::uint32_t objectId) {
     auto& t = gEngine.liveTable;
     const auto it =
         std::find_if(t.begin(), t.end(), [&](const LiveAc& ac) { return ac.objectId == objectId; });
@@ -78,14 +78,14 @@ void lf_onRemoved(std::uint32_t objectId) {
     t.erase(it);
 }
 
-void lf_onBlocked(std::uint32_t hexid) {
+void onBlocked(std::uint32_t hexid) {
     LiveAc* ac = findByHexid(hexid);
     if (!ac) return;
     if (ac->simState == SimState::Active) {
-        gf_log(fmt::format("{} removed from simulator immediately while blocked", lf_describeAc(*ac)));
+        core::log(fmt::format("{} removed from simulator immediately while blocked", describeAc(*ac)));
         removeAircraftFromSim(*ac);
     } else if (ac->simState == SimState::Buffer) {
-        gf_log(fmt::format("{} will be removed from buffer while blocked", lf_describeAc(*ac)));
+        core::log(fmt::format("{} will be removed from buffer while blocked", describeAc(*ac)));
         ac->dropNow = true;
     }
 }

@@ -1,20 +1,20 @@
 #include "liveries/liveries.h"
 
-#include "app/app.h"
+#include "core/core.h"
 
 namespace orv::liveries {
 
 bool liveriesFileExists() {
     std::error_code ec;
-    return fs::exists(gf_liveriesFile(), ec);
+    return fs::exists(liveriesFile(), ec);
 }
 
 void scan() {
-    gf_scanLiveries();
+    scanLiveries();
 }
 
 bool read() {
-    gf_processLiveries();
+    processLiveries();
     return true;
 }
 
@@ -26,12 +26,12 @@ std::size_t count() {
 }
 
 void saveFailedList() {
-    gf_logMatchingSummary();
+    logMatchingSummary();
 }
 
 // The store outlives a restart: it is built once per process.
 void reset() {
-    gf_clearReports();
+    clearReports();
     gScanProgress.filesFound = 0;
     gScanProgress.filesDone = 0;
 }

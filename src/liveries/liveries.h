@@ -26,8 +26,8 @@ namespace fs = std::filesystem;
 struct LiveryData {
     std::string title;
     std::string regcode;
-    AirlineId airline = 0;
-    ModelId model = 0;
+    refdata::AirlineId airline = 0;
+    refdata::ModelId model = 0;
     std::uint16_t folder = 0; // rank of the scanned folder, 1..10; 0 when read back from the file
     bool cargo = false;
     bool operator==(const LiveryData&) const = default;
@@ -42,12 +42,12 @@ struct RegcodeRecord {
 
 // ---- Registration lists ----------------------------------------------------------------------
 
-bool gf_readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records);
-bool gf_readRegcodeFiles(const fs::path& folder, std::vector<RegcodeRecord>& records);
+bool readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records);
+bool readRegcodeFiles(const fs::path& folder, std::vector<RegcodeRecord>& records);
 // One line of a my_regcodes file; false when it is not a record (wrongLength: a bad registration).
-bool gf_parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string& wrongLength);
-void gf_readDontUseTitles();
-bool gf_dontUse(const std::string& title);
+bool parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string& wrongLength);
+void readDontUseTitles();
+bool dontUse(const std::string& title);
 
 // ---- Reports of a scan and of the processing -------------------------------------------------
 
@@ -63,12 +63,12 @@ enum class Report {
     OfflineRegcodes,
     Count
 };
-void gf_report(Report which, std::string line);
-std::vector<std::string> gf_reportLines(Report which);
-void gf_clearReports();
-fs::path gf_reportPath(Report which);
+void report(Report which, std::string line);
+std::vector<std::string> reportLines(Report which);
+void clearReports();
+fs::path reportPath(Report which);
 // The report files and the summary lines in the log.
-void gf_writeScanReports();
+void writeScanReports();
 
 // ---- The store -------------------------------------------------------------------------------
 
@@ -87,55 +87,59 @@ struct TitleEntry {
 // Built at start from LiveriesScanned.xml; read without locks afterwards.
 struct Store {
     std::vector<LiveryData> list;
-    std::unordered_map<AirlineId, std::unordered_map<ModelId, std::vector<TitleEntry>>> index;
-    std::array<std::unordered_map<AirlineId, std::unordered_map<ModelId, TitleViews>>, 2> airlineTitles;
-    std::array<std::unordered_map<ModelId, TitleViews>, 2> genericTitles;
+    std::unordered_map<refdata::AirlineId, std::unordered_map<refdata::ModelId, std::vector<TitleEntry>>>
+        index;
+    std::array<std::unordered_map<refdata::AirlineId, std::unordered_map<refdata::ModelId, TitleViews>>, 2>
+        airlineTitles;
+    std::array<std::unordered_map<refdata::ModelId, TitleViews>, 2> genericTitles;
     std::unordered_map<std::string_view, std::string_view> titles; // every installed title, by itself
     std::unordered_map<std::string, std::string_view, StringHash, std::equal_to<>> regcodeTitles;
     std::set<std::string, std::less<>> specialRegcodes, uniqueRegcodes;
     TitleViews specialTitles;
-    std::array<std::vector<ModelId>, 3> categoryModels; // Light, Buzjets, Rotorcraft
-    std::unordered_map<ModelId, std::vector<ModelId>> similarInstalled;
-    std::unordered_map<AirlineId, std::unordered_map<ModelId, std::vector<ModelId>>> similarByAirline;
+    std::array<std::vector<refdata::ModelId>, 3> categoryModels; // Light, Buzjets, Rotorcraft
+    std::unordered_map<refdata::ModelId, std::vector<refdata::ModelId>> similarInstalled;
+    std::unordered_map<refdata::AirlineId,
+                       std::unordered_map<refdata::ModelId, std::vector<refdata::ModelId>>>
+        similarByAirline;
     bool processed = false;
     void reset();
 };
 extern Store gStore;
 
-fs::path gf_liveriesFile(); // output/LiveriesScanned.xml
-void gf_writeLiveries();
-void gf_readLiveries(); // throws UserErrorException 51, 52, 533, 999
-void gf_updateLiveriesFromDbase();
+fs::path liveriesFile(); // output/LiveriesScanned.xml
+void writeLiveries();
+void readLiveries(); // throws UserErrorException 51, 52, 533, 999
+void updateLiveriesFromDbase();
 // The work after a scan: update, prioritise, sort, write, reports. `folders` scanned.
-void gf_afterScan(std::size_t folders);
-void gf_processLiveries();
-std::string_view gf_titleInstalled(std::string_view title);
-bool gf_applyAigRegcodes(); // false when the shipped list can't be opened
-void gf_applyRegcodeFiles();
+void afterScan(std::size_t folders);
+void processLiveries();
+std::string_view titleInstalled(std::string_view title);
+bool applyAigRegcodes(); // false when the shipped list can't be opened
+void applyRegcodeFiles();
 
 // ---- Matching --------------------------------------------------------------------------------
 
 // What matching needs of an aircraft; the live and static records carry these.
 struct MatchAircraft {
-    AirlineModelKey key = 0;
+    refdata::AirlineModelKey key = 0;
     std::string_view regcode;
-    Category category = Category::Light;
+    refdata::Category category = refdata::Category::Light;
     bool cargo = false;
     std::string_view title; // a view into the store; empty until matched
     bool fsltl = false;
     std::string description; // for the log
 };
-AirlineId gf_keyAirline(AirlineModelKey key) noexcept;
-ModelId gf_keyModel(AirlineModelKey key) noexcept;
+refdata::AirlineId keyAirline(refdata::AirlineModelKey key) noexcept;
+refdata::ModelId keyModel(refdata::AirlineModelKey key) noexcept;
 
-void gf_matchLiveLivery(MatchAircraft& aircraft);
-bool gf_matchStaticLivery(MatchAircraft& aircraft, std::string_view standName, bool standCargo);
-std::vector<ModelId> gf_similarOfAirline(AirlineModelKey key);
-void gf_logMatchingSummary();
-void gf_refuseTitle(std::string_view title); // the simulator could not create it
+void matchLiveLivery(MatchAircraft& aircraft);
+bool matchStaticLivery(MatchAircraft& aircraft, std::string_view standName, bool standCargo);
+std::vector<refdata::ModelId> similarOfAirline(refdata::AirlineModelKey key);
+void logMatchingSummary();
+void refuseTitle(std::string_view title); // the simulator could not create it
 extern std::array<std::int32_t, 7> gMatchStepCount;
-void gf_resetMatching();
-void gf_seedMatching(std::uint32_t seed); // the random choices, for tests
+void resetMatching();
+void seedMatching(std::uint32_t seed); // the random choices, for tests
 
 // ---- The scan --------------------------------------------------------------------------------
 
@@ -143,17 +147,17 @@ struct ScanProgress {
     std::atomic<std::uint64_t> filesFound{0}, filesDone{0};
 };
 extern ScanProgress gScanProgress;
-void gf_scanLiveries();
-std::vector<fs::path> lf_collectAutomaticFolders(const fs::path& community);
-std::vector<fs::path> lf_collectManualFolders();
-bool lf_scanFolders(const std::vector<fs::path>& folders);
+void scanLiveries();
+std::vector<fs::path> collectAutomaticFolders(const fs::path& community);
+std::vector<fs::path> collectManualFolders();
+bool scanFolders(const std::vector<fs::path>& folders);
 // The parsers of one file, run as tasks; `rank` is the folder's.
-std::vector<LiveryData> lf_searchLiveriesinFile(std::uint16_t rank, const fs::path& path);
-std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs::path& path);
+std::vector<LiveryData> searchLiveriesinFile(std::uint16_t rank, const fs::path& path);
+std::vector<LiveryData> searchLiveriesinIVAOFile(std::uint16_t rank, const fs::path& path);
 // The parser of one file's lines, for tests and fuzzing.
-std::vector<LiveryData> lf_parseAircraftCfg(std::uint16_t rank, const std::string& path,
-                                            const std::vector<std::string>& lines);
-void gf_clearTitleSet();
+std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& path,
+                                         const std::vector<std::string>& lines);
+void clearTitleSet();
 
 // ---- The start sequence's view ---------------------------------------------------------------
 

@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
 #include "refdata/refdata.h"
@@ -21,7 +21,7 @@ std::vector<std::string> splitCommas(std::string_view text) {
     std::vector<std::string> out;
     while (!text.empty()) {
         const auto cut = text.find(',');
-        std::string piece = gf_trim(text.substr(0, cut));
+        std::string piece = core::trim(text.substr(0, cut));
         if (!piece.empty()) out.push_back(std::move(piece));
         if (cut == std::string_view::npos) break;
         text.remove_prefix(cut + 1);
@@ -30,13 +30,13 @@ std::vector<std::string> splitCommas(std::string_view text) {
 }
 
 fs::path aigEncrypted() {
-    return gPaths.programFolder / "input" / names::kRegcodesEnc;
+    return core::gPaths.programFolder / "input" / params::names::kRegcodesEnc;
 }
 fs::path aigPlain() {
-    return gPaths.programFolder / "input" / names::kRegcodesXml;
+    return core::gPaths.programFolder / "input" / params::names::kRegcodesXml;
 }
 fs::path userFolder() {
-    return gPaths.programFolder / "my_regcodes";
+    return core::gPaths.programFolder / "my_regcodes";
 }
 bool userFolderHasFiles() {
     std::error_code ec;
@@ -45,18 +45,18 @@ bool userFolderHasFiles() {
 
 } // namespace
 
-bool gf_readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records) {
+bool readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records) {
     pugi::xml_document doc;
     if (!doc.load_file(xml.c_str())) {
-        gf_log(fmt::format("Failed to load {}", xml.string()));
-        gf_removeFile(xml);
+        core::log(fmt::format("Failed to load {}", xml.string()));
+        refdata::removeFile(xml);
         return false;
     }
     const auto root = doc.child("root");
-    if (!gf_metaValid(root, false)) return false;
+    if (!params::metaValid(root, false)) return false;
     const auto aig = root.child("aig");
     if (!aig) {
-        gf_log("No <aig> node found in XML.");
+        core::log("No <aig> node found in XML.");
         return false;
     }
     records.reserve(records.size() + 7000);
@@ -67,7 +67,7 @@ bool gf_readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records
         const std::string title = l.attribute("t").value();
         if (title.empty()) continue;
         if (title == previous) {
-            gf_log(fmt::format("Duplicate title '{}' (same as previous)", title));
+            core::log(fmt::format("Duplicate title '{}' (same as previous)", title));
             ok = false;
             continue;
         }
@@ -75,12 +75,12 @@ bool gf_readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records
         records.push_back({title, splitCommas(l.attribute("r").value()), l.attribute("s").as_bool(false)});
         ++count;
     }
-    gf_log(fmt::format("{:5} {} read from {}", count, count == 1 ? "livery" : "liveries",
-                       xml.filename().string()));
+    core::log(fmt::format("{:5} {} read from {}", count, count == 1 ? "livery" : "liveries",
+                          xml.filename().string()));
     return ok;
 }
 
-bool gf_parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string& wrongLength) {
+bool parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string& wrongLength) {
     wrongLength.clear();
     if (line.size() < 6) return false;
     std::vector<std::string_view> fields;
@@ -91,7 +91,7 @@ bool gf_parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string&
         start = cut + 1;
     }
     if (fields.size() < 2 || fields.size() > 3) return false;
-    out.title = gf_trim(fields[0]);
+    out.title = core::trim(fields[0]);
     out.regcodes.clear();
     for (auto& r : splitCommas(fields[1])) {
         if (r.size() < 3 || r.size() > 12) {
@@ -105,17 +105,17 @@ bool gf_parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string&
     return !out.title.empty();
 }
 
-bool gf_readRegcodeFiles(const fs::path& folder, std::vector<RegcodeRecord>& records) {
+bool readRegcodeFiles(const fs::path& folder, std::vector<RegcodeRecord>& records) {
     bool ok = true;
     try {
         std::vector<fs::path> files;
         for (const auto& e : fs::directory_iterator(folder))
-            if (e.is_regular_file() && gf_iequals(e.path().extension().string(), ".txt"))
+            if (e.is_regular_file() && core::iequals(e.path().extension().string(), ".txt"))
                 files.push_back(e.path());
         for (const auto& file : files) {
             std::vector<std::string> lines;
             lines.reserve(1024);
-            if (!gf_readLines(gf_detectEncoding(file), file, lines)) {
+            if (!core::readLines(core::detectEncoding(file), file, lines)) {
                 ok = false;
                 continue;
             }
@@ -123,45 +123,45 @@ bool gf_readRegcodeFiles(const fs::path& folder, std::vector<RegcodeRecord>& rec
             for (const auto& line : lines) {
                 RegcodeRecord r;
                 std::string wrong;
-                const bool parsed = gf_parseRegcodeLine(line, r, wrong);
+                const bool parsed = parseRegcodeLine(line, r, wrong);
                 if (!wrong.empty()) {
-                    gf_log(fmt::format("wrong regcode length '{}' in {}", wrong, file.string()));
+                    core::log(fmt::format("wrong regcode length '{}' in {}", wrong, file.string()));
                     ok = false;
                 }
                 if (!parsed) continue;
                 records.push_back(std::move(r));
                 ++count;
             }
-            gf_log(fmt::format("{:5} {} read from {}", count, count == 1 ? "livery" : "liveries",
-                               file.string()));
+            core::log(fmt::format("{:5} {} read from {}", count, count == 1 ? "livery" : "liveries",
+                                  file.string()));
         }
     } catch (const std::exception& e) {
-        gf_log(fmt::format("Error reading regcode files in {}, what: {}", folder.string(), e.what()));
+        core::log(fmt::format("Error reading regcode files in {}, what: {}", folder.string(), e.what()));
         ok = false;
     }
     return ok;
 }
 
-void gf_readDontUseTitles() {
+void readDontUseTitles() {
     std::lock_guard lock(dontUseMutex);
     dontUseTitles.clear();
     try {
-        if (gf_streamDecrypt(aigEncrypted(), aigPlain())) {
+        if (refdata::streamDecrypt(aigEncrypted(), aigPlain())) {
             std::vector<RegcodeRecord> records;
-            if (!gf_readAigRegcodes(aigPlain(), records))
-                gf_report(Report::OfflineRegcodes,
-                          fmt::format("There were errors in processing the file '{}', see the Log.txt",
-                                      aigPlain().filename().string()));
+            if (!readAigRegcodes(aigPlain(), records))
+                report(Report::OfflineRegcodes,
+                       fmt::format("There were errors in processing the file '{}', see the Log.txt",
+                                   aigPlain().filename().string()));
             std::size_t n = 0;
             for (const auto& r : records)
                 if (r.regcodes.empty()) n += dontUseTitles.insert(r.title).second;
-            gf_log(fmt::format("{:5} don't use title{} read", n, n == 1 ? "" : "s"));
-            gf_removeFile(aigPlain());
+            core::log(fmt::format("{:5} don't use title{} read", n, n == 1 ? "" : "s"));
+            refdata::removeFile(aigPlain());
         }
         if (userFolderHasFiles()) {
             std::vector<RegcodeRecord> records;
-            if (!gf_readRegcodeFiles(userFolder(), records))
-                gf_report(
+            if (!readRegcodeFiles(userFolder(), records))
+                report(
                     Report::OfflineRegcodes,
                     fmt::format(
                         "There were errors in processing the regcode files in folder '{}', see the Log.txt",
@@ -169,15 +169,15 @@ void gf_readDontUseTitles() {
             std::size_t n = 0;
             for (const auto& r : records)
                 if (r.regcodes.empty()) n += dontUseTitles.insert(r.title).second;
-            gf_log(fmt::format("{:5} don't use title{} read from files in {}", n, n == 1 ? "" : "s",
-                               userFolder().string()));
+            core::log(fmt::format("{:5} don't use title{} read from files in {}", n, n == 1 ? "" : "s",
+                                  userFolder().string()));
         }
     } catch (const std::exception& e) {
-        gf_log(fmt::format("exception: {}", e.what()));
+        core::log(fmt::format("exception: {}", e.what()));
     }
 }
 
-bool gf_dontUse(const std::string& title) {
+bool dontUse(const std::string& title) {
     std::lock_guard lock(dontUseMutex);
     return dontUseTitles.contains(title);
 }
@@ -189,7 +189,7 @@ void applyRecords(const std::vector<RegcodeRecord>& records) {
     auto& s = gStore;
     std::size_t added = 0, replaced = 0, special = 0;
     for (const auto& r : records) {
-        const std::string_view title = gf_titleInstalled(r.title);
+        const std::string_view title = titleInstalled(r.title);
         if (title.empty()) continue;
         for (const auto& reg : r.regcodes) {
             const auto it = s.regcodeTitles.find(reg);
@@ -197,9 +197,9 @@ void applyRecords(const std::vector<RegcodeRecord>& records) {
                 s.regcodeTitles.emplace(reg, title);
                 ++added;
             } else if (it->second != title) {
-                gf_report(Report::OfflineRegcodes,
-                          fmt::format("   regcode {} for '{}', instead of the same for '{}'", reg, title,
-                                      it->second));
+                report(Report::OfflineRegcodes,
+                       fmt::format("   regcode {} for '{}', instead of the same for '{}'", reg, title,
+                                   it->second));
                 it->second = title;
                 ++replaced;
             }
@@ -214,32 +214,32 @@ void applyRecords(const std::vector<RegcodeRecord>& records) {
     std::string line = fmt::format("{} new regcode{} added", added, added == 1 ? "" : "s");
     if (replaced) line += fmt::format(", {} regcode{} replaced", replaced, replaced == 1 ? "" : "s");
     if (special) line += fmt::format(", {} regcode{} defined as special", special, special == 1 ? "" : "s");
-    gf_report(Report::OfflineRegcodes, line);
+    report(Report::OfflineRegcodes, line);
 }
 
 } // namespace
 
-bool gf_applyAigRegcodes() {
-    if (!gf_streamDecrypt(aigEncrypted(), aigPlain())) return false;
-    gf_report(Report::OfflineRegcodes, fmt::format("Processing file {}", aigEncrypted().filename().string()));
+bool applyAigRegcodes() {
+    if (!refdata::streamDecrypt(aigEncrypted(), aigPlain())) return false;
+    report(Report::OfflineRegcodes, fmt::format("Processing file {}", aigEncrypted().filename().string()));
     std::vector<RegcodeRecord> records;
-    if (!gf_readAigRegcodes(aigPlain(), records))
-        gf_report(Report::OfflineRegcodes,
-                  fmt::format("There were errors processing the AIG-regcode file '{}', see Log.txt",
-                              aigPlain().filename().string()));
-    gf_removeFile(aigPlain());
+    if (!readAigRegcodes(aigPlain(), records))
+        report(Report::OfflineRegcodes,
+               fmt::format("There were errors processing the AIG-regcode file '{}', see Log.txt",
+                           aigPlain().filename().string()));
+    refdata::removeFile(aigPlain());
     applyRecords(records);
     return true;
 }
 
-void gf_applyRegcodeFiles() {
+void applyRegcodeFiles() {
     if (!userFolderHasFiles()) return;
-    gf_report(Report::OfflineRegcodes, fmt::format("Processing files in {}", userFolder().string()));
+    report(Report::OfflineRegcodes, fmt::format("Processing files in {}", userFolder().string()));
     std::vector<RegcodeRecord> records;
-    if (!gf_readRegcodeFiles(userFolder(), records))
-        gf_report(Report::OfflineRegcodes,
-                  fmt::format("There were errors processing the regcode files in folder '{}', see Log.txt",
-                              userFolder().string()));
+    if (!readRegcodeFiles(userFolder(), records))
+        report(Report::OfflineRegcodes,
+               fmt::format("There were errors processing the regcode files in folder '{}', see Log.txt",
+                           userFolder().string()));
     applyRecords(records);
 }
 

@@ -10,7 +10,7 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
 #include "refdata/refdata.h"
@@ -105,8 +105,8 @@ std::optional<long> headerNumber(std::string_view line, bool& bad) {
 std::optional<std::string> keyValue(const std::string& line, std::string_view key) {
     const auto eq = line.find('=');
     if (eq == std::string::npos) return std::nullopt;
-    if (gf_trim(std::string_view(line).substr(0, eq)) != key) return std::nullopt;
-    std::string value = gf_trim(std::string_view(line).substr(eq + 1));
+    if (core::trim(std::string_view(line).substr(0, eq)) != key) return std::nullopt;
+    std::string value = core::trim(std::string_view(line).substr(eq + 1));
     if (value.empty()) return std::nullopt; // the key's pattern wants a value
     if (const auto q = value.find('"'); q != std::string::npos) {
         const auto q2 = value.find('"', q + 1);
@@ -119,20 +119,20 @@ std::optional<std::string> keyValue(const std::string& line, std::string_view ke
 std::string withoutComment(std::string v) {
     if (const auto c = v.find(';'); c != std::string::npos) v.resize(c);
     if (const auto c = v.find("//"); c != std::string::npos) v.resize(c);
-    return gf_trim(v);
+    return core::trim(v);
 }
 
 // A type code: valid as it is, or through the database's fixes; empty when neither.
 std::string validModel(std::string code, const std::string& path) {
     if (code.empty()) return code;
-    if (gf_isModel(code)) return code;
-    const auto& fixes = gf_dbase().modelFixes;
+    if (refdata::isModel(code)) return code;
+    const auto& fixes = refdata::dbase().modelFixes;
     if (const auto it = fixes.find(code); it != fixes.end()) {
-        gf_report(Report::Fixes,
-                  fmt::format("Model fix: {} found in {} changed into {}", code, path, it->second));
+        report(Report::Fixes,
+               fmt::format("Model fix: {} found in {} changed into {}", code, path, it->second));
         return it->second;
     }
-    gf_report(Report::InvalidAircraftCodes, fmt::format("{:16} in {}", code, path));
+    report(Report::InvalidAircraftCodes, fmt::format("{:16} in {}", code, path));
     return {};
 }
 
@@ -140,7 +140,7 @@ std::string modelOfFile(const std::vector<std::string>& lines, const std::string
     std::string code;
     for (const auto& l : lines)
         if (auto v = keyValue(l, "icao_type_designator"); v && !withoutComment(*v).empty()) {
-            code = gf_toUpper(withoutComment(*v).substr(0, 4));
+            code = core::toUpper(withoutComment(*v).substr(0, 4));
             break;
         }
     if (code.empty()) {
@@ -157,28 +157,28 @@ std::string modelOfFile(const std::vector<std::string>& lines, const std::string
                 }
                 break;
             }
-        code = gf_toUpper(code);
+        code = core::toUpper(code);
     }
     if (code.empty()) {
         if (path.find("pmdg-aircraft-7") == std::string::npos &&
             path.find("fnx-aircraft-3") == std::string::npos)
-            gf_report(Report::InvalidAircraftCfgFiles,
-                      "Line icao_type_designator= is missing in [General] section of " + path);
+            report(Report::InvalidAircraftCfgFiles,
+                   "Line icao_type_designator= is missing in [General] section of " + path);
         return {};
     }
     return validModel(code, path);
 }
 
 // One section of a normal file: the livery, if the section makes one.
-std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::string& path, ModelId model,
-                                                 std::vector<std::string> section) {
+std::optional<LiveryData> procesFltSimSection(std::uint16_t rank, const std::string& path,
+                                              refdata::ModelId model, std::vector<std::string> section) {
     while (!section.empty() && startsComment(section.back())) section.pop_back();
     if (section.empty()) return std::nullopt;
     const std::string& first = section.front();
     std::string title, parking, regcode;
     std::optional<std::string> airline;
     bool haveTitle = false, haveAtcId = false, dropped = false;
-    const auto incomplete = [&](std::string text) { gf_report(Report::IncompleteSections, std::move(text)); };
+    const auto incomplete = [&](std::string text) { report(Report::IncompleteSections, std::move(text)); };
     for (std::size_t i = 1; i < section.size() && !dropped; ++i) {
         const auto& line = section[i];
         if (startsComment(line)) continue;
@@ -188,7 +188,7 @@ std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::
                 break;
             }
             haveTitle = true;
-            title = gf_trim(withoutComment(*v));
+            title = core::trim(withoutComment(*v));
             if (title.find("FenixA320") != std::string::npos || title.find("PMDG 737") != std::string::npos)
                 dropped = true;
         } else if (line.find("icao_airline") != std::string::npos) {
@@ -198,14 +198,14 @@ std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::
             }
             auto v = keyValue(line, "icao_airline");
             std::string code = v ? withoutComment(*v) : std::string();
-            code = (code.empty() || code == "ZZZZ") ? std::string("ZZZ") : gf_toUpper(code);
-            code = gf_trimList(code);
+            code = (code.empty() || code == "ZZZZ") ? std::string("ZZZ") : core::toUpper(code);
+            code = core::trimList(code);
             if (code.size() == 4 && (code.back() == 'X' || code.back() == 'C')) code.pop_back();
-            if (!gf_isAirline(code)) {
+            if (!refdata::isAirline(code)) {
                 if (code == "RFO")
                     dropped = true;
                 else
-                    gf_report(Report::InvalidAirlineCodes, fmt::format("{:12} in {} {}", code, path, first));
+                    report(Report::InvalidAirlineCodes, fmt::format("{:12} in {} {}", code, path, first));
                 code.clear();
             }
             airline = code;
@@ -215,7 +215,7 @@ std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::
                 break;
             }
             if (auto v = keyValue(line, "atc_parking_types"))
-                parking = gf_toUpper(gf_trim(withoutComment(*v)));
+                parking = core::toUpper(core::trim(withoutComment(*v)));
         } else if (auto v = keyValue(line, "atc_id"); v || line.find("atc_id=") != std::string::npos) {
             if (haveAtcId) {
                 incomplete(fmt::format("{}, {}, has more than one atc_id key", path, first));
@@ -225,7 +225,7 @@ std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::
             haveAtcId = true;
             std::string value = v ? *v : std::string();
             if (const auto c = value.find(';'); c != std::string::npos) value.resize(c);
-            value = gf_trim(value);
+            value = core::trim(value);
             std::vector<std::string> pieces;
             bool ok = !value.empty();
             for (std::size_t start = 0; ok;) {
@@ -235,7 +235,7 @@ std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::
                     piece == " ")
                     ok = false;
                 else
-                    pieces.push_back(gf_trim(piece));
+                    pieces.push_back(core::trim(piece));
                 if (cut == std::string::npos) break;
                 start = cut + 1;
             }
@@ -254,22 +254,22 @@ std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::
     }
     std::string code = airline.value_or("");
     if (title.ends_with("-STUB")) code = "ZZZ";
-    if (gf_dontUse(title)) return std::nullopt;
+    if (dontUse(title)) return std::nullopt;
     if (code == "ZZZ") regcode.clear();
-    const bool heavy = gf_category(model) == Category::Heavy;
+    const bool heavy = refdata::category(model) == refdata::Category::Heavy;
     if (code.empty() && regcode.empty()) {
         if (heavy) {
-            gf_log(fmt::format("'{}' '{}' has no airline and no regcode info", path, title));
+            core::log(fmt::format("'{}' '{}' has no airline and no regcode info", path, title));
             return std::nullopt;
         }
         code = "PVT";
-        const std::string inTitle = gf_regcodeInTitle(title);
+        const std::string inTitle = refdata::regcodeInTitle(title);
         if (inTitle.size() < 6) regcode = inTitle;
     } else if (code.empty()) {
-        if (const auto rec = gf_dbaseRecordOf(regcode)) {
-            code = std::string(gf_airlineCode(rec->airline));
+        if (const auto rec = refdata::dbaseRecordOf(regcode)) {
+            code = std::string(refdata::airlineCode(rec->airline));
         } else if (heavy) {
-            gf_log(fmt::format("'{}' '{}' has no airline and regcode not in dbase", path, title));
+            core::log(fmt::format("'{}' '{}' has no airline and regcode not in dbase", path, title));
             return std::nullopt;
         } else {
             code = "PVT";
@@ -281,7 +281,7 @@ std::optional<LiveryData> lf_procesFltSimSection(std::uint16_t rank, const std::
         incomplete(fmt::format("{} {} title '{}' already exists", path, first, title));
         return std::nullopt;
     }
-    return LiveryData{title, regcode, gf_airlineId(code), model, rank, cargo};
+    return LiveryData{title, regcode, refdata::airlineId(code), model, rank, cargo};
 }
 
 // A line that ends a section: a header, or a '[' within its first 6 bytes.
@@ -295,13 +295,13 @@ const char* kIvaoSpecials[] = {"IVAO_B738WLfa", "IVAO_B739WLfa", "IVAO_A320wCFM"
 
 } // namespace
 
-void gf_clearTitleSet() {
+void clearTitleSet() {
     std::lock_guard lock(titleSetMutex);
     titleSet.clear();
 }
 
-std::vector<LiveryData> lf_parseAircraftCfg(std::uint16_t rank, const std::string& path,
-                                            const std::vector<std::string>& lines) {
+std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& path,
+                                         const std::vector<std::string>& lines) {
     std::vector<LiveryData> out;
     bool anyHeader = false;
     for (const auto& l : lines) {
@@ -309,28 +309,28 @@ std::vector<LiveryData> lf_parseAircraftCfg(std::uint16_t rank, const std::strin
         const auto n = headerNumber(l, bad);
         if (!n) continue;
         if (bad) {
-            gf_log(fmt::format("fltsim num {} incorrect", l));
+            core::log(fmt::format("fltsim num {} incorrect", l));
             return out;
         }
         if (*n > 10000) {
-            gf_report(Report::InvalidAircraftCfgFiles,
-                      fmt::format("{} contains a [fltsim.x] section with a number < 0 or > {}", path, 10000));
+            report(Report::InvalidAircraftCfgFiles,
+                   fmt::format("{} contains a [fltsim.x] section with a number < 0 or > {}", path, 10000));
             return out;
         }
         anyHeader = true;
     }
     if (!anyHeader) {
-        gf_report(Report::NoFltsimSection, path);
+        report(Report::NoFltsimSection, path);
         return out;
     }
     const std::string modelCode = modelOfFile(lines, path);
     if (modelCode.empty()) return out;
-    const ModelId model = gf_modelId(modelCode);
+    const refdata::ModelId model = refdata::modelId(modelCode);
     std::vector<std::string> section;
     bool inSection = false;
     const auto finish = [&] {
         if (inSection)
-            if (auto l = lf_procesFltSimSection(rank, path, model, std::move(section)))
+            if (auto l = procesFltSimSection(rank, path, model, std::move(section)))
                 out.push_back(std::move(*l));
         section.clear();
         inSection = false;
@@ -354,30 +354,30 @@ std::vector<LiveryData> lf_parseAircraftCfg(std::uint16_t rank, const std::strin
     return out;
 }
 
-std::vector<LiveryData> lf_searchLiveriesinFile(std::uint16_t rank, const fs::path& path) {
+std::vector<LiveryData> searchLiveriesinFile(std::uint16_t rank, const fs::path& path) {
     std::vector<LiveryData> out;
     try {
         std::error_code ec;
         if (!fs::exists(path, ec)) return out;
-        const auto encoding = gf_detectEncoding(path);
-        if (encoding == Encoding::NoneFound) {
-            gf_log(fmt::format("! No text encoding detected for {}", path.string()));
+        const auto encoding = core::detectEncoding(path);
+        if (encoding == core::Encoding::NoneFound) {
+            core::log(fmt::format("! No text encoding detected for {}", path.string()));
             return out;
         }
         std::vector<std::string> lines;
         lines.reserve(4096);
-        if (!gf_readLines(encoding, path, lines)) {
-            gf_log(fmt::format("! Failed reading {}", path.string()));
+        if (!core::readLines(encoding, path, lines)) {
+            core::log(fmt::format("! Failed reading {}", path.string()));
             return out;
         }
-        out = lf_parseAircraftCfg(rank, path.string(), lines);
+        out = parseAircraftCfg(rank, path.string(), lines);
     } catch (const std::exception& e) {
-        gf_log(fmt::format("! Exception in lf_searchLiveriesinFile {}: {}", path.string(), e.what()));
+        core::log(fmt::format("! Exception in searchLiveriesinFile {}: {}", path.string(), e.what()));
     }
     return out;
 }
 
-std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs::path& file) {
+std::vector<LiveryData> searchLiveriesinIVAOFile(std::uint16_t rank, const fs::path& file) {
     std::vector<LiveryData> out;
     const std::string path = file.string();
     try {
@@ -395,20 +395,20 @@ std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs
                 break;
             }
         if (folderModel.empty()) return out;
-        const std::string modelCode = validModel(gf_toUpper(folderModel.substr(0, 4)), path);
+        const std::string modelCode = validModel(core::toUpper(folderModel.substr(0, 4)), path);
         if (modelCode.empty()) return out;
-        const ModelId model = gf_modelId(modelCode);
+        const refdata::ModelId model = refdata::modelId(modelCode);
         std::vector<std::string> lines;
         lines.reserve(4096);
-        if (!gf_readLines(gf_detectEncoding(file), file, lines)) {
-            gf_log(fmt::format("! Failed reading {}", path));
+        if (!core::readLines(core::detectEncoding(file), file, lines)) {
+            core::log(fmt::format("! Failed reading {}", path));
             return out;
         }
         const bool special = std::any_of(std::begin(kIvaoSpecials), std::end(kIvaoSpecials),
                                          [&](const char* s) { return path.find(s) != std::string::npos; });
         const std::regex airlineOf(modelCode + (special ? "W" : "") + R"(\s*(\w\w\w).*$)");
         const auto incomplete = [&](const std::string& first, std::string text) {
-            gf_report(Report::IncompleteSections, path + " " + first + text);
+            report(Report::IncompleteSections, path + " " + first + text);
         };
         std::vector<std::string> section;
         const auto finish = [&] {
@@ -425,9 +425,9 @@ std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs
                         break;
                     }
                     haveTitle = true;
-                    title = gf_trim(*v);
+                    title = core::trim(*v);
                     if (title != *v)
-                        gf_log(fmt::format("removed spaces around title '{}' --> '{}'", *v, title));
+                        core::log(fmt::format("removed spaces around title '{}' --> '{}'", *v, title));
                 } else if (keyValue(line, "atc_parking_types")) {
                     if (haveParking) {
                         incomplete(first, " has more than one atc_parking_types key");
@@ -443,11 +443,10 @@ std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs
                     haveAtcId = true;
                     std::string v = *a;
                     if (const auto c = v.find(';'); c != std::string::npos) v.resize(c);
-                    v = gf_trim(v);
+                    v = core::trim(v);
                     if (v.empty() || v.size() > 12 || v.find('*') != std::string::npos ||
                         v.find(',') != std::string::npos)
-                        gf_report(Report::IncompleteSections,
-                                  fmt::format("invalid atc_id={} in {}", v, path));
+                        report(Report::IncompleteSections, fmt::format("invalid atc_id={} in {}", v, path));
                     else
                         regcode = v;
                 } else if (auto t = keyValue(line, "texture")) {
@@ -465,18 +464,17 @@ std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs
                 incomplete(first, " misses title");
                 return;
             }
-            if (gf_dontUse(title)) return;
+            if (dontUse(title)) return;
             std::smatch am;
             std::string airline;
             if (std::regex_search(title, am, airlineOf)) {
-                airline = gf_toUpper(am[1].str());
-                if (!gf_isAirline(airline)) {
-                    gf_report(Report::InvalidAirlineCodes,
-                              fmt::format("{:12} in {} {}", airline, path, first));
+                airline = core::toUpper(am[1].str());
+                if (!refdata::isAirline(airline)) {
+                    report(Report::InvalidAirlineCodes, fmt::format("{:12} in {} {}", airline, path, first));
                     return;
                 }
-            } else if (const auto rec = regcode.empty() ? std::nullopt : gf_dbaseRecordOf(regcode)) {
-                airline = std::string(gf_airlineCode(rec->airline));
+            } else if (const auto rec = regcode.empty() ? std::nullopt : refdata::dbaseRecordOf(regcode)) {
+                airline = std::string(refdata::airlineCode(rec->airline));
             } else {
                 incomplete(first,
                            " misses airlinecode in title: " + title +
@@ -488,7 +486,7 @@ std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs
                 incomplete(first, " title already exists: " + title);
                 return;
             }
-            out.push_back({title, regcode, gf_airlineId(airline), model, rank, false});
+            out.push_back({title, regcode, refdata::airlineId(airline), model, rank, false});
         };
         for (const auto& l : lines) {
             bool badNumber = false;
@@ -503,25 +501,25 @@ std::vector<LiveryData> lf_searchLiveriesinIVAOFile(std::uint16_t rank, const fs
         }
         finish();
     } catch (const std::exception& e) {
-        gf_log(fmt::format("! Exception in lf_searchLiveriesinIVAOFile {}: {}", path, e.what()));
+        core::log(fmt::format("! Exception in searchLiveriesinIVAOFile {}: {}", path, e.what()));
     } catch (...) {
-        gf_log(fmt::format("! Unknown exception in lf_searchLiveriesinIVAOFile {}", path));
+        core::log(fmt::format("! Unknown exception in searchLiveriesinIVAOFile {}", path));
     }
     return out;
 }
 
 // ---- Folders ---------------------------------------------------------------------------------
 
-std::vector<fs::path> lf_collectManualFolders() {
+std::vector<fs::path> collectManualFolders() {
     std::vector<fs::path> list;
     for (int i = 0; i < 10; ++i) {
         const auto name = fmt::format("lfolder{}", i);
-        const auto* p = dynamic_cast<const StringParameter*>(gf_findParameter(name));
+        const auto* p = dynamic_cast<const params::StringParameter*>(params::findParameter(name));
         if (!p || p->value.empty()) continue;
         std::error_code ec;
         if (!fs::exists(p->value, ec)) {
-            gf_log(fmt::format("{}: '{}' does not exist", name, p->value));
-            throw UserErrorException(
+            core::log(fmt::format("{}: '{}' does not exist", name, p->value));
+            throw core::UserErrorException(
                 243, fmt::format("the path pointed to by parameter '{}' does not exist, see Log.txt!", name));
         }
         list.emplace_back(p->value);
@@ -529,7 +527,7 @@ std::vector<fs::path> lf_collectManualFolders() {
     return list;
 }
 
-std::vector<fs::path> lf_collectAutomaticFolders(const fs::path& community) {
+std::vector<fs::path> collectAutomaticFolders(const fs::path& community) {
     struct Finder {
         const char* word;
         std::vector<const char*> names;
@@ -546,10 +544,11 @@ std::vector<fs::path> lf_collectAutomaticFolders(const fs::path& community) {
          "Automatic JF scan found folder: '{}'"},
         {"MTL", {"IVAO_MTL"}, "Automatic IVAO_MTL scan found folder: '{}'"},
     };
-    const auto* selector = dynamic_cast<const StringParameter*>(gf_findParameter("AI_PACKAGE_SELECTOR"));
+    const auto* selector =
+        dynamic_cast<const params::StringParameter*>(params::findParameter("AI_PACKAGE_SELECTOR"));
     std::vector<std::string> words;
     if (selector)
-        for (auto& w : gf_splitList(selector->value)) words.push_back(gf_trim(w));
+        for (auto& w : core::splitList(selector->value)) words.push_back(core::trim(w));
     const bool valid = !words.empty() && std::all_of(words.begin(), words.end(), [&](const std::string& w) {
         return std::any_of(std::begin(finders), std::end(finders),
                            [&](const Finder& f) { return w == f.word; });
@@ -566,7 +565,7 @@ std::vector<fs::path> lf_collectAutomaticFolders(const fs::path& community) {
             if (std::any_of(names.begin(), names.end(),
                             [&](const char* n) { return name.find(n) != std::string::npos; })) {
                 list.push_back(e);
-                gf_log(fmt::format(fmt::runtime(log), e.string()));
+                core::log(fmt::format(fmt::runtime(log), e.string()));
                 return;
             }
         }
@@ -586,7 +585,7 @@ constexpr const char* kSkipped[] = {"airport",   "lvfr",     "mkstudios", "simwi
                                     "navigraph", "flytampa", "inibuilds", "_CVT_"};
 
 // A pool of the hardware's size: never more tasks in flight than threads.
-std::size_t lf_searchLiveries(std::uint16_t rank, const fs::path& folder, std::vector<LiveryData>& into) {
+std::size_t searchLiveries(std::uint16_t rank, const fs::path& folder, std::vector<LiveryData>& into) {
     const std::size_t maxTasks = std::max<std::size_t>(2, std::thread::hardware_concurrency());
     std::deque<std::future<std::vector<LiveryData>>> tasks;
     const std::size_t before = into.size();
@@ -612,21 +611,22 @@ std::size_t lf_searchLiveries(std::uint16_t rank, const fs::path& folder, std::v
             }
             if (!it->is_regular_file(ec)) continue;
             const auto& p = it->path();
-            if (!gf_iequals(p.stem().string(), "aircraft") || !gf_iequals(p.extension().string(), ".cfg"))
+            if (!core::iequals(p.stem().string(), "aircraft") ||
+                !core::iequals(p.extension().string(), ".cfg"))
                 continue;
             const bool ivao =
                 path.find("ivao_x-csl") != std::string::npos || path.find("IVAO_MTL") != std::string::npos;
             ++gScanProgress.filesFound;
             while (tasks.size() >= maxTasks) drainOldest();
             tasks.push_back(std::async(std::launch::async, [rank, p, ivao] {
-                auto r = ivao ? lf_searchLiveriesinIVAOFile(rank, p) : lf_searchLiveriesinFile(rank, p);
+                auto r = ivao ? searchLiveriesinIVAOFile(rank, p) : searchLiveriesinFile(rank, p);
                 ++gScanProgress.filesDone;
                 return r;
             }));
         }
         while (!tasks.empty()) drainOldest();
     } catch (const std::exception& e) {
-        gf_log(fmt::format("liveries search in {} aborted, cause: {}", folder.string(), e.what()));
+        core::log(fmt::format("liveries search in {} aborted, cause: {}", folder.string(), e.what()));
         for (auto& t : tasks) t.wait(); // running tasks are waited for, not cancelled
     }
     return into.size() - before;
@@ -635,88 +635,90 @@ std::size_t lf_searchLiveries(std::uint16_t rank, const fs::path& folder, std::v
 void removeOldReports() {
     for (std::size_t i = 0; i < static_cast<std::size_t>(Report::Count); ++i) {
         std::error_code ec;
-        fs::remove(gf_reportPath(static_cast<Report>(i)), ec);
+        fs::remove(reportPath(static_cast<Report>(i)), ec);
     }
 }
 
 } // namespace
 
-bool lf_scanFolders(const std::vector<fs::path>& folders) {
+bool scanFolders(const std::vector<fs::path>& folders) {
     auto& list = gStore.list;
     list.clear();
-    gf_clearReports();
-    gf_clearTitleSet();
+    clearReports();
+    clearTitleSet();
     removeOldReports();
-    gf_readDontUseTitles();
+    readDontUseTitles();
     std::uint16_t rank = 0;
     std::size_t scanned = 0;
     for (const auto& folder : folders) {
         if (folder.empty()) continue;
-        if (gRun.stopRequested) return false;
+        if (core::gRun.stopRequested) return false;
         std::error_code ec;
         if (!fs::exists(folder, ec)) {
-            gf_log(folder.string() + " does not exist, skipped!");
+            core::log(folder.string() + " does not exist, skipped!");
             continue;
         }
         if (!fs::is_directory(folder, ec)) {
-            gf_log(folder.string() + " is not a folder name, skipped!");
+            core::log(folder.string() + " is not a folder name, skipped!");
             continue;
         }
         rank = std::min<std::uint16_t>(10, static_cast<std::uint16_t>(rank + 1));
         ++scanned;
-        const auto n = lf_searchLiveries(rank, folder, list);
+        const auto n = searchLiveries(rank, folder, list);
         const auto where = fmt::format("found in {}", folder.string());
         if (n)
-            gf_log(fmt::format("{} liverie{} {}", n, n == 1 ? "" : "s", where));
+            core::log(fmt::format("{} liverie{} {}", n, n == 1 ? "" : "s", where));
         else
-            gf_log(fmt::format("No liveries {}", where));
+            core::log(fmt::format("No liveries {}", where));
     }
     if (list.empty()) return false;
-    gf_afterScan(scanned);
+    afterScan(scanned);
     return true;
 }
 
-void gf_scanLiveries() {
-    auto* prioritize = dynamic_cast<const BoolParameter*>(gf_findParameter("LIG_PRIORITIZE"));
-    auto* automatic = dynamic_cast<const BoolParameter*>(gf_findParameter("LIG_AUTOMATIC"));
+void scanLiveries() {
+    auto* prioritize = dynamic_cast<const params::BoolParameter*>(params::findParameter("LIG_PRIORITIZE"));
+    auto* automatic = dynamic_cast<const params::BoolParameter*>(params::findParameter("LIG_AUTOMATIC"));
     const bool isAutomatic = !automatic || automatic->value;
     const auto text =
         fmt::format("Scanning {}for liveries ...", prioritize && prioritize->value ? "prioritized " : "");
-    gf_message(text, true);
-    gf_log(fmt::format("\n++++++++++++++++++++++++ liveries scan {} starts ++++++++++++++++++++++++++++++++",
-                       isAutomatic ? "automatic" : "manual"));
+    core::message(text, true);
+    core::log(
+        fmt::format("\n++++++++++++++++++++++++ liveries scan {} starts ++++++++++++++++++++++++++++++++",
+                    isAutomatic ? "automatic" : "manual"));
     std::vector<fs::path> folders;
     if (isAutomatic) {
-        const auto community = sim::gf_communityPath();
+        const auto community = sim::communityPath();
         std::error_code ec;
-        if (fs::is_directory(community, ec)) folders = lf_collectAutomaticFolders(community);
+        if (fs::is_directory(community, ec)) folders = collectAutomaticFolders(community);
     } else {
-        folders = lf_collectManualFolders();
+        folders = collectManualFolders();
     }
     if (folders.empty()) {
         if (isAutomatic)
-            throw UserErrorException(
+            throw core::UserErrorException(
                 43, "Automatic scan has not found any AI packages, choose a different selection (or "
                     "go to Manual mode, see Manual 5.2)");
-        throw UserErrorException(
+        throw core::UserErrorException(
             48,
             fmt::format(
                 "Exit {} first!   Then set one or more lfolder parameters to your liveries, see Manual 5.2",
-                kAppName));
+                core::kAppName));
     }
-    if (!lf_scanFolders(folders)) {
-        if (gRun.stopRequested) return;
-        if (!isAutomatic) throw UserErrorException(53, "no liveries found");
-        throw UserErrorException(
+    if (!scanFolders(folders)) {
+        if (core::gRun.stopRequested) return;
+        if (!isAutomatic) throw core::UserErrorException(53, "no liveries found");
+        throw core::UserErrorException(
             143, "Automatic scan has not found any liveries, choose a different selection, or switch "
                  "off automatic and set lfolder parameter(-s)");
     }
-    if (auto* scan = dynamic_cast<BoolParameter*>(gf_findParameter("SCAN_LIVERIES"))) {
+    if (auto* scan = dynamic_cast<params::BoolParameter*>(params::findParameter("SCAN_LIVERIES"))) {
         scan->value = false;
-        updateParameter(gPaths.dataFolder / names::kParameters, gf_parameterLists(), *scan);
+        params::updateParameter(core::gPaths.dataFolder / params::names::kParameters,
+                                params::parameterLists(), *scan);
     }
-    gParams.SCAN_LIVERIES = false;
-    gf_log("\n++++++++++++++++++++++++ liveries scan ends ++++++++++++++++++++++++++++++++\n");
+    params::gParams.SCAN_LIVERIES = false;
+    core::log("\n++++++++++++++++++++++++ liveries scan ends ++++++++++++++++++++++++++++++++\n");
 }
 
 } // namespace orv::liveries

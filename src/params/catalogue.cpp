@@ -5,7 +5,7 @@
 
 #include "params/params.h"
 
-namespace orv {
+namespace orv::params {
 
 struct Catalogue {
     BoolParameter RANDOM{"RANDOM", true};
@@ -174,20 +174,20 @@ struct Catalogue {
     }
 };
 
-Catalogue& gf_catalogue() {
+Catalogue& catalogue() {
     static Catalogue c;
     return c;
 }
 
-const ParameterLists& gf_parameterLists() {
-    return gf_catalogue().lists;
+const ParameterLists& parameterLists() {
+    return catalogue().lists;
 }
-const std::vector<ButtonControl*>& gf_buttons() {
-    return gf_catalogue().buttons;
+const std::vector<ButtonControl*>& buttons() {
+    return catalogue().buttons;
 }
 
-Parameter* gf_findParameter(std::string_view name) {
-    auto& c = gf_catalogue();
+Parameter* findParameter(std::string_view name) {
+    auto& c = catalogue();
     Parameter* found = nullptr;
     const auto look = [&](auto& list) {
         for (auto* p : list)
@@ -206,7 +206,7 @@ Parameter* gf_findParameter(std::string_view name) {
 }
 
 void Parameters::takeFromCatalogue() {
-    auto& c = gf_catalogue();
+    auto& c = catalogue();
     RANGE = c.RANGE.value;
     AUTO_RANGE = c.AUTO_RANGE.value;
     AIRBORNE_ONLY = c.AIRBORNE_ONLY.value;
@@ -237,4 +237,4 @@ void Parameters::takeFromCatalogue() {
     MSFS_PATH = c.MSFS_INSTALL_PATH.value;
 }
 
-} // namespace orv
+} // namespace orv::params

@@ -1,10 +1,10 @@
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "params/params.h"
 
-namespace orv {
+namespace orv::params {
 
 namespace {
 
@@ -18,7 +18,7 @@ pugi::xml_node findParameter(pugi::xml_node parameters, const std::string& name)
 }
 
 void logValue(const std::string& name, const std::string& shown) {
-    if (!gRun.stopRequested) gf_log(fmt::format("{}={}", name, shown));
+    if (!core::gRun.stopRequested) core::log(fmt::format("{}={}", name, shown));
 }
 void logValue(const BoolParameter& p) {
     logValue(p.name, p.value ? "true" : "false");
@@ -44,7 +44,7 @@ bool appendValue(pugi::xml_node parameters, const std::string& name, const std::
     auto e = parameters.append_child("parameter");
     const bool ok = e && e.append_attribute("name").set_value(name.c_str()) &&
                     e.append_attribute("value").set_value(value.c_str());
-    if (!ok) gf_log(fmt::format("{}adding xml parameter {} with {} failed!", "===> ", name, value));
+    if (!ok) core::log(fmt::format("{}adding xml parameter {} with {} failed!", "===> ", name, value));
     return ok;
 }
 
@@ -91,7 +91,7 @@ void updateOne(const fs::path& file, const ParameterLists& lists, const P& p) {
     if (!doc.load_file(file.c_str())) {
         pugi::xml_document fresh;
         appendValue(fresh.append_child("root").append_child("parameters"), p.name, value);
-        if (!fresh.save_file(file.c_str())) gf_log(fmt::format("saving: {} failed", file.string()));
+        if (!fresh.save_file(file.c_str())) core::log(fmt::format("saving: {} failed", file.string()));
         logValue(p);
         return;
     }
@@ -109,10 +109,10 @@ void updateOne(const fs::path& file, const ParameterLists& lists, const P& p) {
     if (!matched) appendValue(parameters, p.name, value);
     logValue(p);
     if (hasRoot) {
-        if (!doc.save_file(file.c_str())) gf_log(fmt::format("saving: {} failed", file.string()));
+        if (!doc.save_file(file.c_str())) core::log(fmt::format("saving: {} failed", file.string()));
         return;
     }
-    gf_log("\nPlacing a root level around a new parameters.xml to make it 100% xml compliance\n");
+    core::log("\nPlacing a root level around a new parameters.xml to make it 100% xml compliance\n");
     std::error_code ec;
     fs::remove(file, ec);
     saveParameters(file, lists, false);
@@ -138,7 +138,7 @@ std::optional<std::string> readStringParameter(const pugi::xml_document& doc, co
     return std::string(e.attribute("value").as_string());
 }
 
-std::optional<WindowPosition> gf_readWindowPosition(const fs::path& file) {
+std::optional<WindowPosition> readWindowPosition(const fs::path& file) {
     pugi::xml_document doc;
     if (!doc.load_file(file.c_str())) return std::nullopt;
     const auto x = readIntParameter(doc, "MAIN_WINDOW_X"), y = readIntParameter(doc, "MAIN_WINDOW_Y");
@@ -154,7 +154,8 @@ std::optional<std::size_t> selectedIndex(const ChoiceIntParameter& p) {
 
 void saveParameters(const fs::path& file, const ParameterLists& lists, bool writeDefaults) {
     if (writeDefaults && lists.programVersion) {
-        lists.programVersion->value = fmt::format("{}.{}.{}", kVersion.major, kVersion.minor, kVersion.patch);
+        lists.programVersion->value =
+            fmt::format("{}.{}.{}", core::kVersion.major, core::kVersion.minor, core::kVersion.patch);
         lists.programVersion->defaultValue = lists.programVersion->value;
     }
     pugi::xml_document doc;
@@ -164,17 +165,17 @@ void saveParameters(const fs::path& file, const ParameterLists& lists, bool writ
         appendValue(parameters, p.name, text(p.value));
         showIfControl(p);
     });
-    if (!doc.save_file(file.c_str())) gf_log(fmt::format("saving: {} failed", file.string()));
+    if (!doc.save_file(file.c_str())) core::log(fmt::format("saving: {} failed", file.string()));
 }
 
 bool loadParameters(const fs::path& file, const ParameterLists& lists) {
-    gf_log("--- parameters ---");
+    core::log("--- parameters ---");
     pugi::xml_document doc;
     const bool loaded = static_cast<bool>(doc.load_file(file.c_str()));
-    if (loaded) gf_log(fmt::format("from '{}'", file.string()));
+    if (loaded) core::log(fmt::format("from '{}'", file.string()));
     auto parameters = loaded ? parametersNode(doc) : pugi::xml_node();
     if (!parameters) {
-        gf_log(fmt::format("{} not found, creating new with default values:", file.string()));
+        core::log(fmt::format("{} not found, creating new with default values:", file.string()));
         saveParameters(file, lists, true);
         forEachListed(lists, [](auto& p) { logValue(p); });
         return true;
@@ -189,7 +190,7 @@ bool loadParameters(const fs::path& file, const ParameterLists& lists) {
         }
         showIfControl(p);
     });
-    if (!doc.save_file(file.c_str())) gf_log(fmt::format("saving: {} failed", file.string()));
+    if (!doc.save_file(file.c_str())) core::log(fmt::format("saving: {} failed", file.string()));
     forEachListed(lists, [](auto& p) { logValue(p); });
     return false;
 }
@@ -204,12 +205,12 @@ void updateParameter(const fs::path& file, const ParameterLists& lists, const St
     updateOne(file, lists, p);
 }
 
-void gf_checkParameterFile(const fs::path& file) {
+void checkParameterFile(const fs::path& file) {
     if (!fs::exists(file)) return;
     pugi::xml_document doc;
     const auto r = doc.load_file(file.c_str());
     if (r) return;
-    gf_log(
+    core::log(
         fmt::format("{} failed to load ({}). Saved as 0.xml and removed.", file.string(), r.description()));
     fs::path keep = file;
     keep.replace_extension(".0" + file.extension().string());
@@ -218,19 +219,20 @@ void gf_checkParameterFile(const fs::path& file) {
     fs::remove(file, ec);
 }
 
-} // namespace orv
+} // namespace orv::params
 
-namespace orv {
+namespace orv::params {
 
-void gf_appendMeta(pugi::xml_node root) {
+void appendMeta(pugi::xml_node root) {
     auto meta = root.append_child("meta");
-    const auto* choice = dynamic_cast<const StringParameter*>(gf_findParameter("SIM_CHOICE"));
+    const auto* choice = dynamic_cast<const StringParameter*>(findParameter("SIM_CHOICE"));
     const bool sim2024 = choice && choice->value == "MSFS 2024";
     const std::pair<const char*, std::string> rows[] = {
-        {"author", std::string(kAppName)},
-        {"version", fmt::format("{}.{}.{}", kVersion.major, kVersion.minor, kVersion.patch)},
-        {"date", gf_timeText()},
-        {"copyright", fmt::format("{} data, free to use with the program", kAppName)},
+        {"author", std::string(core::kAppName)},
+        {"version",
+         fmt::format("{}.{}.{}", core::kVersion.major, core::kVersion.minor, core::kVersion.patch)},
+        {"date", core::timeText()},
+        {"copyright", fmt::format("{} data, free to use with the program", core::kAppName)},
         {"sim", sim2024 ? "2" : "1"},
     };
     for (const auto& [name, value] : rows) {
@@ -240,7 +242,7 @@ void gf_appendMeta(pugi::xml_node root) {
     }
 }
 
-bool gf_metaValid(pugi::xml_node root, bool strict) {
+bool metaValid(pugi::xml_node root, bool strict) {
     const auto meta = root.child("meta");
     if (!meta) return false;
     bool copyright = false, sim = false;
@@ -249,8 +251,8 @@ bool gf_metaValid(pugi::xml_node root, bool strict) {
         if (name == "copyright" && *info.attribute("value").value()) copyright = true;
         if (name == "P3D" || name == "MSFS" || name == "sim") sim = true;
     }
-    if (!copyright) gf_log("no copyright info in the file?");
+    if (!copyright) core::log("no copyright info in the file?");
     return copyright && (sim || !strict);
 }
 
-} // namespace orv
+} // namespace orv::params

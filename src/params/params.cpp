@@ -1,6 +1,6 @@
 #include "params/params.h"
 
-namespace orv {
+namespace orv::params {
 
 Parameters gParams;
 
@@ -29,4 +29,4 @@ void Parameters::reset() {
     MSFS_PATH.clear();
 }
 
-} // namespace orv
+} // namespace orv::params

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace orv {
+namespace orv::params {
 
 struct Parameters {
     std::atomic<int> RANGE{40};         // traffic radius, nautical miles
@@ -43,7 +43,7 @@ struct Parameters {
 
 extern Parameters gParams;
 
-} // namespace orv
+} // namespace orv::params
 
 // ---- The parameter model and parameters.xml -------------------------------------------------
 
@@ -52,7 +52,7 @@ class xml_document;
 class xml_node;
 } // namespace pugi
 
-namespace orv {
+namespace orv::params {
 
 // What a window control needs from a parameter; the null window has none.
 class ControlSink {
@@ -153,21 +153,21 @@ void updateParameter(const std::filesystem::path& file, const ParameterLists& li
 void updateParameter(const std::filesystem::path& file, const ParameterLists& lists,
                      const StringParameter& p);
 // A file that exists but does not parse is kept as parameters.0.xml and removed.
-void gf_checkParameterFile(const std::filesystem::path& file);
+void checkParameterFile(const std::filesystem::path& file);
 
 // The catalogue: every parameter of the program with its default, range and control.
 struct Catalogue;
-Catalogue& gf_catalogue();
-const ParameterLists& gf_parameterLists();
-const std::vector<ButtonControl*>& gf_buttons();
+Catalogue& catalogue();
+const ParameterLists& parameterLists();
+const std::vector<ButtonControl*>& buttons();
 // A parameter of the catalogue by its stored name (lists and the objects in no list).
-Parameter* gf_findParameter(std::string_view name);
+Parameter* findParameter(std::string_view name);
 
 // The window position, read before the window exists and before the rest of the model.
 struct WindowPosition {
     std::int32_t x, y;
 };
-std::optional<WindowPosition> gf_readWindowPosition(const std::filesystem::path& file);
+std::optional<WindowPosition> readWindowPosition(const std::filesystem::path& file);
 
 // File and folder names the program fixes at start (relative to the program folder).
 namespace names {
@@ -192,13 +192,13 @@ inline constexpr const char* kTbloZip = "tblo.zip";
 } // namespace names
 
 // The common `meta` block of the program's XML files: author, version, date, copyright, sim.
-void gf_appendMeta(pugi::xml_node root);
+void appendMeta(pugi::xml_node root);
 // Accepted when it holds a non-empty copyright row; strict also wants a P3D, MSFS or sim row.
-bool gf_metaValid(pugi::xml_node root, bool strict);
+bool metaValid(pugi::xml_node root, bool strict);
 
 std::optional<std::int32_t> readIntParameter(const pugi::xml_document& doc, const std::string& name);
 std::optional<bool> readBoolParameter(const pugi::xml_document& doc, const std::string& name);
 std::optional<std::string> readStringParameter(const pugi::xml_document& doc, const std::string& name);
 std::optional<std::size_t> selectedIndex(const ChoiceIntParameter& p);
 
-} // namespace orv
+} // namespace orv::params

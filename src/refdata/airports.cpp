@@ -5,11 +5,11 @@
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
-#include "app/app.h"
-#include "feed/feed.h"
+#include "core/core.h"
+#include "core/geo.h"
 #include "refdata/refdata.h"
 
-namespace orv {
+namespace orv::refdata {
 
 namespace {
 
@@ -19,46 +19,46 @@ StandDistanceFn standDistance;
 
 } // namespace
 
-void gf_clearAirports() {
+void clearAirports() {
     store.clear();
     known.clear();
 }
 
-const std::vector<AirportRecord>& gf_airports() {
+const std::vector<AirportRecord>& airports() {
     return store;
 }
-void gf_setStandDistance(StandDistanceFn fn) {
+void setStandDistance(StandDistanceFn fn) {
     standDistance = std::move(fn);
 }
 
-std::size_t gf_loadAirports(const fs::path& encrypted) {
+std::size_t loadAirports(const fs::path& encrypted) {
     const fs::path plain = fs::path(encrypted).replace_extension(".xml");
-    if (!gf_streamDecrypt(encrypted, plain))
-        gf_log(fmt::format("{} exception : {}", "gf_readAirports", "decryption of " + encrypted.string()));
-    return gf_parseAirportsXml(plain);
+    if (!streamDecrypt(encrypted, plain))
+        core::log(fmt::format("{} exception : {}", "readAirports", "decryption of " + encrypted.string()));
+    return parseAirportsXml(plain);
 }
 
-std::size_t gf_parseAirportsXml(const fs::path& plain) {
+std::size_t parseAirportsXml(const fs::path& plain) {
     try {
         pugi::xml_document doc;
         const auto loaded = doc.load_file(plain.c_str());
         if (!loaded) {
-            gf_removeFile(plain);
+            removeFile(plain);
             throw std::runtime_error(fmt::format("{} not loaded: {}", plain.string(), loaded.description()));
         }
         const auto section = doc.child("root").child("airports");
         if (!section) throw std::runtime_error("Missing <airports> root in: " + plain.string());
-        gf_clearAirports();
+        clearAirports();
         store.reserve(15000);
         for (const auto ap : section.children("ap")) {
             const AirportCode code(ap.attribute("c").as_string()); // a bad code ends the reading
             const auto la = ap.attribute("la"), lo = ap.attribute("lo"), a = ap.attribute("a");
             if (!la || !lo) {
-                gf_log(fmt::format("Missing latLons for airport '{}'", code.view()));
+                core::log(fmt::format("Missing latLons for airport '{}'", code.view()));
                 continue;
             }
             if (!a) {
-                gf_log(fmt::format("Missing alt for airport '{}'", code.view()));
+                core::log(fmt::format("Missing alt for airport '{}'", code.view()));
                 continue;
             }
             AirportRecord r;
@@ -69,14 +69,14 @@ std::size_t gf_parseAirportsXml(const fs::path& plain) {
             if (const auto i = ap.attribute("i")) {
                 r.stands = i.as_int();
             } else {
-                gf_log(fmt::format("Missing stands for airport '{}'", code.view()));
+                core::log(fmt::format("Missing stands for airport '{}'", code.view()));
             }
             if (const auto s = ap.attribute("s")) {
                 try {
                     r.iata = IataCode(s.as_string());
                 } catch (const std::exception& e) {
-                    gf_log(fmt::format("Error storing airport '{}' '{}': {}", code.view(), s.as_string(),
-                                       e.what()));
+                    core::log(fmt::format("Error storing airport '{}' '{}': {}", code.view(), s.as_string(),
+                                          e.what()));
                     continue;
                 }
             }
@@ -86,33 +86,33 @@ std::size_t gf_parseAirportsXml(const fs::path& plain) {
         std::sort(store.begin(), store.end(), [](const AirportRecord& x, const AirportRecord& y) {
             return x.code.bytes() < y.code.bytes();
         });
-        gf_log(fmt::format("{:5} airports read", store.size()));
-        gf_removeFile(plain);
+        core::log(fmt::format("{:5} airports read", store.size()));
+        removeFile(plain);
         return store.size();
     } catch (const std::exception& e) {
-        gf_removeFile(plain);
-        throw UserErrorException(88, e.what());
+        removeFile(plain);
+        throw core::UserErrorException(88, e.what());
     }
 }
 
-bool gf_readAirports() {
+bool readAirports() {
     static std::optional<bool> done; // once per process; a restart keeps the directory
-    if (!done) done = gf_loadAirports(gPaths.programFolder / "input" / "airports.enc") > 0;
+    if (!done) done = loadAirports(core::gPaths.programFolder / "input" / "airports.enc") > 0;
     return *done;
 }
 
-bool gf_airportKnown(const AirportCode& code) {
+bool airportKnown(const AirportCode& code) {
     return known.contains(code);
 }
 
-const AirportRecord* gf_airportByName(std::string_view text) {
-    const std::string prefix = gf_toUpper(text.substr(0, 4));
+const AirportRecord* airportByName(std::string_view text) {
+    const std::string prefix = core::toUpper(text.substr(0, 4));
     for (const auto& r : store)
         if (r.code.view().starts_with(prefix)) return &r;
     return nullptr;
 }
 
-const AirportRecord* gf_airportInText(std::string_view text) {
+const AirportRecord* airportInText(std::string_view text) {
     for (const auto& r : store) {
         const std::string code(r.code.view());
         if (text.find(code + "-") != std::string_view::npos ||
@@ -122,12 +122,12 @@ const AirportRecord* gf_airportInText(std::string_view text) {
     return nullptr;
 }
 
-std::optional<AirportRecord> gf_closestAirport(double latitude, double longitude) {
+std::optional<AirportRecord> closestAirport(double latitude, double longitude) {
     double best = 100.0;
     const AirportRecord* closest = nullptr;
     const AirportRecord* neighbour = nullptr;
     for (const auto& r : store) {
-        const double d = gf_distanceNm({latitude, longitude}, {r.latitude, r.longitude});
+        const double d = core::distanceNm({latitude, longitude}, {r.latitude, r.longitude});
         if (d <= 5.0 && d < best) {
             neighbour = closest ? closest : neighbour;
             closest = &r;
@@ -136,13 +136,13 @@ std::optional<AirportRecord> gf_closestAirport(double latitude, double longitude
     }
     if (!closest) return std::nullopt;
     if (!neighbour) return *closest;
-    gf_log(
+    core::log(
         fmt::format("Airport {} is closest, neighbour is {}", closest->code.view(), neighbour->code.view()));
     if (standDistance) {
         const auto mine = standDistance(*closest, latitude, longitude);
         const auto theirs = standDistance(*neighbour, latitude, longitude);
         if (theirs && (!mine || theirs->nm < mine->nm)) {
-            gf_log(fmt::format(
+            core::log(fmt::format(
                 "Airport {} is closest, but stand {} at neighbouring airport {} is closer at {:.0F} "
                 "meters ...",
                 closest->code.view(), theirs->stand, neighbour->code.view(), theirs->nm * 1852));
@@ -152,4 +152,4 @@ std::optional<AirportRecord> gf_closestAirport(double latitude, double longitude
     return *closest;
 }
 
-} // namespace orv
+} // namespace orv::refdata

@@ -7,9 +7,9 @@
 
 #include <fmt/format.h>
 
-namespace orv {
+namespace orv::refdata {
 
-bool gf_foldCode(std::string_view text, std::size_t n, char* out) noexcept {
+bool foldCode(std::string_view text, std::size_t n, char* out) noexcept {
     if (text.size() != n) return false;
     char folded[8];
     if (n > sizeof folded) return false;
@@ -23,7 +23,7 @@ bool gf_foldCode(std::string_view text, std::size_t n, char* out) noexcept {
     return true;
 }
 
-std::uint64_t gf_fnv1a(std::string_view text) noexcept {
+std::uint64_t fnv1a(std::string_view text) noexcept {
     std::uint64_t h = 14695981039346656037ull;
     for (const char c : text) {
         h ^= static_cast<unsigned char>(c);
@@ -36,9 +36,7 @@ namespace {
 
 struct Fnv1aHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view s) const noexcept {
-        return static_cast<std::size_t>(gf_fnv1a(s));
-    }
+    std::size_t operator()(std::string_view s) const noexcept { return static_cast<std::size_t>(fnv1a(s)); }
 };
 
 // Handles are 16 bits, so the table never holds more than 65536 texts: the slots are allocated
@@ -89,38 +87,34 @@ constexpr std::string_view kCategoryWords[kCategoryCount] = {"Light", "Buzjets",
                                                              "Heavy", "HighPerf", "Rotorcraft"};
 } // namespace
 
-AirlineId gf_airlineId(std::string_view code) {
+AirlineId airlineId(std::string_view code) {
     return airlines().idOf(code);
 }
-ModelId gf_modelId(std::string_view code) {
+ModelId modelId(std::string_view code) {
     return models().idOf(code);
 }
-std::string_view gf_airlineCode(AirlineId id) noexcept {
+std::string_view airlineCode(AirlineId id) noexcept {
     return airlines().textOf(id);
 }
-std::string_view gf_modelCode(ModelId id) noexcept {
+std::string_view modelCode(ModelId id) noexcept {
     return models().textOf(id);
 }
-std::size_t gf_airlineCount() noexcept {
+std::size_t airlineCount() noexcept {
     return airlines().size();
 }
-std::size_t gf_modelCount() noexcept {
+std::size_t modelCount() noexcept {
     return models().size();
 }
 
-std::string_view gf_categoryWord(Category c) noexcept {
+std::string_view categoryWord(Category c) noexcept {
     const auto i = static_cast<std::size_t>(c);
     return i < kCategoryCount ? kCategoryWords[i] : std::string_view{};
 }
 
-std::optional<Category> gf_categoryFromWord(std::string_view word) noexcept {
+std::optional<Category> categoryFromWord(std::string_view word) noexcept {
     for (int i = 0; i < kCategoryCount; ++i)
         if (kCategoryWords[i] == word) return static_cast<Category>(i);
     return std::nullopt;
 }
 
-UserErrorException::UserErrorException(std::int32_t number, const std::string& text)
-    : std::runtime_error(number == 99 ? text : fmt::format("{}: {}", number, text)), number_(number),
-      text_(text) {}
-
-} // namespace orv
+} // namespace orv::refdata

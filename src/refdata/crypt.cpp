@@ -7,10 +7,10 @@
 #include <fmt/format.h>
 #include <sodium.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "refdata/refdata.h"
 
-namespace orv {
+namespace orv::refdata {
 
 namespace {
 
@@ -42,13 +42,13 @@ std::size_t readUpTo(std::ifstream& in, unsigned char* buf, std::size_t n) {
 
 } // namespace
 
-void gf_removeFile(const fs::path& path) {
+void removeFile(const fs::path& path) {
     std::error_code ec;
     fs::remove(path, ec);
-    if (ec) gf_log(fmt::format("Warning: could not remove {}, errorcode: {}", path.string(), ec.value()));
+    if (ec) core::log(fmt::format("Warning: could not remove {}, errorcode: {}", path.string(), ec.value()));
 }
 
-bool gf_streamDecrypt(const fs::path& input, const fs::path& output) {
+bool streamDecrypt(const fs::path& input, const fs::path& output) {
     const fs::path temp = tempBeside(output);
     try {
         ensureSodium();
@@ -82,7 +82,7 @@ bool gf_streamDecrypt(const fs::path& input, const fs::path& output) {
         fs::rename(temp, output);
         return true;
     } catch (const std::exception& e) {
-        gf_log(fmt::format("{} exception: {}", "gf_streamDecrypt", e.what()));
+        core::log(fmt::format("{} exception: {}", "streamDecrypt", e.what()));
         std::error_code ec;
         fs::remove(temp, ec);
         fs::remove(output, ec);
@@ -90,7 +90,7 @@ bool gf_streamDecrypt(const fs::path& input, const fs::path& output) {
     }
 }
 
-std::string gf_streamEncrypt(const fs::path& input, const fs::path& output) {
+std::string streamEncrypt(const fs::path& input, const fs::path& output) {
     const fs::path temp = tempBeside(output);
     try {
         ensureSodium();
@@ -131,4 +131,4 @@ std::string gf_streamEncrypt(const fs::path& input, const fs::path& output) {
     }
 }
 
-} // namespace orv
+} // namespace orv::refdata

@@ -1,13 +1,13 @@
 #include "refdata/refdata.h"
 
-namespace orv {
+namespace orv::refdata {
 
-bool gf_versionStep() {
+bool versionStep() {
     return true;
 }
-bool gf_readDataFiles() {
-    return gf_readDbase();
+bool readDataFiles() {
+    return readDbase();
 }
-void gf_writeUnknownLists() {}
+void writeUnknownLists() {}
 
-} // namespace orv
+} // namespace orv::refdata

@@ -3,28 +3,28 @@
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "refdata/refdata.h"
 
-namespace orv {
+namespace orv::refdata {
 
 namespace {
 
 ReferenceDatabase db;
 std::array<double, kHalfSpanTableSize> halfSpanTable{};
-double largestHalfSpan = 0.0;
+double largestHalfSpanNm = 0.0;
 
 // Items of a list attribute: blanks around an item dropped, empty items ignored.
 std::vector<std::string> items(std::string_view list) {
     std::vector<std::string> out;
-    for (auto& s : gf_splitList(list))
+    for (auto& s : core::splitList(list))
         if (!s.empty()) out.push_back(std::move(s));
     return out;
 }
 
 pugi::xml_node section(const pugi::xml_node& root, const char* name, bool required) {
     const auto s = root.child(name);
-    if (!s && required) throw UserErrorException(61, std::string("Missing section: ") + name);
+    if (!s && required) throw core::UserErrorException(61, std::string("Missing section: ") + name);
     return s;
 }
 
@@ -35,7 +35,7 @@ std::set<std::string> readList(const pugi::xml_node& root, const char* sec, cons
     for (const auto e : section(root, sec, true).children(element))
         for (auto& i : items(e.attribute(attr).as_string())) out.insert(std::move(i));
     if (out.empty())
-        throw UserErrorException(
+        throw core::UserErrorException(
             61, fmt::format("In XML file section [{}], element [{}], attribute [{}] is empty.", sec, element,
                             attr));
     return out;
@@ -50,10 +50,10 @@ std::vector<Thirdparty> readThirdparties(const pugi::xml_node& root, const char*
 
 void readAll(const pugi::xml_node& root) {
     db.models = readList(root, "aircrafts", "aircraft", "types");
-    gf_log(fmt::format("\n{:5} ICAO model codes", db.models.size()));
+    core::log(fmt::format("\n{:5} ICAO model codes", db.models.size()));
     db.cargoTypes = readList(root, "cargo_types", "cargo_type", "types");
-    gf_modelId("");
-    for (const auto& m : db.models) gf_modelId(m); // handles follow the sorted code order
+    modelId("");
+    for (const auto& m : db.models) modelId(m); // handles follow the sorted code order
 
     const std::pair<const char*, const char*> sections[] = {{"buzjet", "bzj"},
                                                             {"large", "lar"},
@@ -64,7 +64,7 @@ void readAll(const pugi::xml_node& root) {
                              Category::Rotorcraft};
     for (int i = 0; i < 5; ++i)
         for (const auto& t : readList(root, sections[i].first, sections[i].second, "types"))
-            db.categories[static_cast<std::size_t>(cats[i])].insert(gf_modelId(t));
+            db.categories[static_cast<std::size_t>(cats[i])].insert(modelId(t));
 
     db.similarGroups.reserve(64);
     for (const auto e : root.child("similar_types").children("similar")) {
@@ -74,47 +74,47 @@ void readAll(const pugi::xml_node& root) {
     }
 
     db.airlines = readList(root, "ICAO_airlines", "ICAO", "codes");
-    gf_log(fmt::format("{:5} ICAO airline codes", db.airlines.size()));
+    core::log(fmt::format("{:5} ICAO airline codes", db.airlines.size()));
     db.cargoOperators = readList(root, "cargo_operators", "ICAO", "codes");
-    gf_log(fmt::format("{:5} cargo operators", db.cargoOperators.size()));
-    gf_airlineId("");
-    for (const auto& a : db.airlines) gf_airlineId(a);
-    for (const auto& a : db.cargoOperators) gf_airlineId(a);
+    core::log(fmt::format("{:5} cargo operators", db.cargoOperators.size()));
+    airlineId("");
+    for (const auto& a : db.airlines) airlineId(a);
+    for (const auto& a : db.cargoOperators) airlineId(a);
 
     std::set<std::string> pubs;
     for (const auto e : root.child("publishers").children("pub"))
         pubs.insert(e.attribute("names").as_string());
     db.publisherSpellings.reserve(640);
     for (const auto& p : pubs) db.publisherSpellings.push_back(items(p));
-    gf_log(fmt::format("{:5} publishers", db.publisherSpellings.size()));
+    core::log(fmt::format("{:5} publishers", db.publisherSpellings.size()));
 
     for (const auto e : root.child("wingspans").children("wingspan")) {
         const std::string type = e.attribute("type").as_string();
         if (type.empty() || !db.models.contains(type)) {
-            gf_log(fmt::format("wingspan model {} is not valid, skipped", type));
+            core::log(fmt::format("wingspan model {} is not valid, skipped", type));
             continue;
         }
         db.wingSpans.emplace(type, e.attribute("meters").as_double() * 0.5 * 0.0005399568034557236);
     }
     for (const auto& [type, half] : db.wingSpans) {
         try {
-            const ModelId id = gf_modelId(type);
+            const ModelId id = modelId(type);
             if (id < kHalfSpanTableSize) halfSpanTable[id] = half;
-            largestHalfSpan = std::max(largestHalfSpan, half);
+            largestHalfSpanNm = std::max(largestHalfSpanNm, half);
         } catch (const std::exception& ex) {
-            gf_log(fmt::format("wsp fill what: {}", ex.what()));
+            core::log(fmt::format("wsp fill what: {}", ex.what()));
         }
     }
 
     for (const auto e : root.child("fixes").children("fx")) {
         const std::string wrong = e.attribute("wro").as_string(), right = e.attribute("cor").as_string();
         if (right.empty() || !db.models.contains(right)) {
-            gf_log(fmt::format("wrong fix {} -> {}, the latter is not valid", wrong, right));
+            core::log(fmt::format("wrong fix {} -> {}, the latter is not valid", wrong, right));
         } else if (!db.modelFixes.emplace(wrong, right).second) {
-            gf_log(fmt::format("wrong part of fix: '{}', already exists, skipped", wrong));
+            core::log(fmt::format("wrong part of fix: '{}', already exists, skipped", wrong));
         }
     }
-    gf_log(fmt::format("{:5} fixes", db.modelFixes.size()));
+    core::log(fmt::format("{:5} fixes", db.modelFixes.size()));
 
     db.simaddons20 = readList(root, "simaddons20", "simaddon20", "arpts");
     db.thirdparties20 = readThirdparties(root, "thirdparties20", "thirdpartie20");
@@ -122,9 +122,9 @@ void readAll(const pugi::xml_node& root) {
 
     db.records.reserve(60000);
     for (const auto d : root.child("dbase").children("d")) {
-        db.records.push_back({d.attribute("r").as_string(), gf_airlineId(d.attribute("a").as_string()),
-                              gf_modelId(d.attribute("m").as_string()),
-                              gf_airlineId(d.attribute("o").as_string()), d.attribute("c").as_bool(false)});
+        db.records.push_back({d.attribute("r").as_string(), airlineId(d.attribute("a").as_string()),
+                              modelId(d.attribute("m").as_string()), airlineId(d.attribute("o").as_string()),
+                              d.attribute("c").as_bool(false)});
     }
     std::stable_sort(db.records.begin(), db.records.end(),
                      [](const DbaseRecord& a, const DbaseRecord& b) { return a.regcode < b.regcode; });
@@ -133,57 +133,57 @@ void readAll(const pugi::xml_node& root) {
                     [](const DbaseRecord& a, const DbaseRecord& b) { return a.regcode == b.regcode; }),
         db.records.end());
     db.records.shrink_to_fit();
-    gf_log(fmt::format("{:5} dbase records read", db.records.size()));
+    core::log(fmt::format("{:5} dbase records read", db.records.size()));
 }
 
 } // namespace
 
-const ReferenceDatabase& gf_dbase() {
+const ReferenceDatabase& dbase() {
     return db;
 }
 
-void gf_clearDbase() {
+void clearDbase() {
     db = ReferenceDatabase{};
     halfSpanTable.fill(0.0);
-    largestHalfSpan = 0.0;
+    largestHalfSpanNm = 0.0;
 }
 
-bool gf_loadDbase(const fs::path& encrypted) {
+bool loadDbase(const fs::path& encrypted) {
     if (!fs::exists(encrypted)) throw std::runtime_error(fmt::format("{} not available", encrypted.string()));
     const fs::path plain = fs::path(encrypted).replace_extension(".xml");
-    if (!gf_streamDecrypt(encrypted, plain))
+    if (!streamDecrypt(encrypted, plain))
         throw std::runtime_error(fmt::format("{} stream decrypt failed", encrypted.string()));
-    return gf_parseDbaseXml(plain);
+    return parseDbaseXml(plain);
 }
 
-bool gf_parseDbaseXml(const fs::path& plain) {
+bool parseDbaseXml(const fs::path& plain) {
     pugi::xml_document doc;
     const auto r = doc.load_file(plain.c_str(), 116, pugi::encoding_auto);
     if (!r) {
-        gf_log(fmt::format("'{}' not read because of {}", plain.string(), r.description()));
-        gf_removeFile(plain);
+        core::log(fmt::format("'{}' not read because of {}", plain.string(), r.description()));
+        removeFile(plain);
         return false;
     }
     try {
         const auto root = doc.child("root");
-        if (!root) throw UserErrorException(61, "XML root missing: root");
-        gf_clearDbase();
+        if (!root) throw core::UserErrorException(61, "XML root missing: root");
+        clearDbase();
         readAll(root);
     } catch (...) {
-        gf_removeFile(plain);
+        removeFile(plain);
         throw;
     }
-    gf_removeFile(plain);
+    removeFile(plain);
     return true;
 }
 
-bool gf_readDbase() {
+bool readDbase() {
     static std::optional<bool> done; // once per process
-    if (!done) done = gf_loadDbase(gPaths.programFolder / "input" / "dbase.enc");
+    if (!done) done = loadDbase(core::gPaths.programFolder / "input" / "dbase.enc");
     return *done;
 }
 
-Category gf_category(ModelId model) {
+Category category(ModelId model) {
     const auto in = [&](Category c) { return db.categories[static_cast<std::size_t>(c)].contains(model); };
     for (const Category c :
          {Category::Large, Category::Heavy, Category::Buzjets, Category::Rotorcraft, Category::HighPerf})
@@ -191,26 +191,26 @@ Category gf_category(ModelId model) {
     return Category::Light;
 }
 
-bool gf_isModel(std::string_view text) {
+bool isModel(std::string_view text) {
     return !text.empty() && db.models.contains(std::string(text));
 }
-bool gf_isAirline(std::string_view text) {
+bool isAirline(std::string_view text) {
     return !text.empty() && db.airlines.contains(std::string(text));
 }
 
-double gf_halfSpan(ModelId model) {
+double halfSpan(ModelId model) {
     if (model >= kHalfSpanTableSize) {
-        gf_log(fmt::format("hwsp: {} what: {}", model, "handle beyond the span table"));
+        core::log(fmt::format("hwsp: {} what: {}", model, "handle beyond the span table"));
         return 35.0;
     }
     return halfSpanTable[model];
 }
 
-double gf_largestHalfSpan() {
-    return largestHalfSpan;
+double largestHalfSpan() {
+    return largestHalfSpanNm;
 }
 
-std::vector<std::string> gf_regcodeVariants(std::string_view r) {
+std::vector<std::string> regcodeVariants(std::string_view r) {
     std::vector<std::string> out;
     if (r.size() >= 5 && r[0] != 'N' && r.find('-') == std::string_view::npos) {
         out.push_back(fmt::format("{}-{}", r.substr(0, 2), r.substr(2)));
@@ -220,9 +220,9 @@ std::vector<std::string> gf_regcodeVariants(std::string_view r) {
     return out;
 }
 
-std::optional<DbaseRecord> gf_dbaseRecordOf(std::string_view regcode) {
+std::optional<DbaseRecord> dbaseRecordOf(std::string_view regcode) {
     if (regcode.empty()) return std::nullopt;
-    for (const auto& v : gf_regcodeVariants(regcode)) {
+    for (const auto& v : regcodeVariants(regcode)) {
         const auto it = std::lower_bound(
             db.records.begin(), db.records.end(), v,
             [](const DbaseRecord& rec, const std::string& key) { return rec.regcode < key; });
@@ -231,19 +231,19 @@ std::optional<DbaseRecord> gf_dbaseRecordOf(std::string_view regcode) {
     return std::nullopt;
 }
 
-std::string gf_airlineOfRegcode(std::string_view regcode) {
-    const auto r = gf_dbaseRecordOf(regcode);
-    return r ? std::string(gf_airlineCode(r->airline)) : std::string();
+std::string airlineOfRegcode(std::string_view regcode) {
+    const auto r = dbaseRecordOf(regcode);
+    return r ? std::string(airlineCode(r->airline)) : std::string();
 }
 
-std::string gf_regcodeInTitle(std::string_view title) {
+std::string regcodeInTitle(std::string_view title) {
     for (const auto& r : db.records)
         if (!r.regcode.empty() && r.regcode.size() < 6 && title.find(r.regcode) != std::string_view::npos)
             return r.regcode;
     return {};
 }
 
-bool gf_isUsableAircraft(std::string_view type, std::string_view cat) {
+bool isUsableAircraft(std::string_view type, std::string_view cat) {
     if (type.empty() || type == "null") return false;
     if (cat == "B1" || cat == "B2" || cat == "B4" || cat == "C1" || cat == "C2") return false;
     if (type.size() > 4) return false;
@@ -253,4 +253,4 @@ bool gf_isUsableAircraft(std::string_view type, std::string_view cat) {
     return true;
 }
 
-} // namespace orv
+} // namespace orv::refdata

@@ -7,14 +7,12 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "feed/feed.h"
 #include "params/params.h"
-#include "parking/parking.h"
 #include "platform/platform.h"
 #include "refdata/refdata.h"
 #include "sim/sim.h"
-#include "ui/ui.h"
 
 namespace orv::sim {
 
@@ -114,7 +112,7 @@ std::mutex textLock; // the status texts below
 std::string titleText, modelText, simText, areaText;
 
 std::atomic<bool> titleKnown{false}, onGroundKnown{false}, userOnGround{true}, positionKnown{false};
-std::atomic<bool> failed{false}, epochWanted{false}, isConnected{false};
+std::atomic<bool> failed{false}, isConnected{false};
 std::atomic<std::int64_t> epoch{0};
 std::atomic<bool> positionWanted{false};
 std::atomic<std::uint32_t> userId{0};
@@ -137,9 +135,11 @@ struct RetryWith2020Protocol {};
 ApiFactory apiFactory;
 std::thread clientThread;
 std::atomic<bool> stopToken{false};
+// Set by the run sequence before the client thread starts; called on that thread.
+std::function<void()> onUserLeaving;
 
 bool stopUnderWay() {
-    return gRun.stopRequested.load(std::memory_order_acquire);
+    return core::gRun.stopRequested.load(std::memory_order_acquire);
 }
 
 void post(const SimEvent& e) {
@@ -148,21 +148,22 @@ void post(const SimEvent& e) {
 }
 
 void requestFailure() {
-    gf_message("SimConnect request error", true);
+    core::message("SimConnect request error", true);
     failed = true;
-    gf_requestStop(ExitReason::SimconnectError, 9);
+    core::requestStop(core::ExitReason::SimconnectError, 9);
 }
 
 void newFlight(std::string_view text) {
-    gf_log(text);
-    parking::saveUserStand();
-    gf_requestStop(ExitReason::NewFlight, 45);
+    core::log(text);
+    if (onUserLeaving) onUserLeaving();
+    core::requestStop(core::ExitReason::NewFlight, 45);
 }
 
 void lostSimulator() {
-    gRun.simRunning = false;
-    gf_log(fmt::format("{} Flight Simulator no longer connected, {} will stop ...", gf_timeText(), kAppName));
-    gf_requestStop(ExitReason::SimWasClosed, 0);
+    core::gRun.simRunning = false;
+    core::log(fmt::format("{} Flight Simulator no longer connected, {} will stop ...", core::timeText(),
+                          core::kAppName));
+    core::requestStop(core::ExitReason::SimWasClosed, 0);
 }
 
 std::string keepPrintable(std::string_view s) {
@@ -177,7 +178,7 @@ std::string keepPrintable(std::string_view s) {
 void onException(const RecvException& e) {
     switch (e.exception) {
     case SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID:
-        if (positionKnown && !stopUnderWay()) gf_log("SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID");
+        if (positionKnown && !stopUnderWay()) core::log("SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID");
         break;
     case SIMCONNECT_EXCEPTION_VERSION_MISMATCH:
         // MSFS 2020 doesn't know the 2024 protocol; reopen with the 2020 one, which both accept,
@@ -186,12 +187,12 @@ void onException(const RecvException& e) {
             ts.protocol2020 = true;
             throw RetryWith2020Protocol{};
         }
-        throw UserErrorException(95, fmt::format("SimConnect Version Mismatch, dwIndex: {}", e.index));
+        throw core::UserErrorException(95, fmt::format("SimConnect Version Mismatch, dwIndex: {}", e.index));
     case SIMCONNECT_EXCEPTION_TOO_MANY_OBJECTS:
-        gf_message("SimConnect: too many objects (max 1000)", true);
+        core::message("SimConnect: too many objects (max 1000)", true);
         break;
     case SIMCONNECT_EXCEPTION_INVALID_DATA_SIZE:
-        gf_log("SIMCONNECT_EXCEPTION_INVALID_DATA_SIZE");
+        core::log("SIMCONNECT_EXCEPTION_INVALID_DATA_SIZE");
         break;
     case SIMCONNECT_EXCEPTION_CREATE_OBJECT_FAILED: {
         auto& p = ts.pendingCreations;
@@ -202,20 +203,20 @@ void onException(const RecvException& e) {
         break;
     }
     case SIMCONNECT_EXCEPTION_LOAD_FLIGHTPLAN_FAILED:
-        gf_log("SimConnect exception: load flight plan failed");
+        core::log("SimConnect exception: load flight plan failed");
         break;
     case SIMCONNECT_EXCEPTION_OPERATION_INVALID_FOR_OBJECT_TYPE:
-        gf_log("SIMCONNECT_EXCEPTION_OPERATION_INVALID_FOR_OBJECT_TYPE");
+        core::log("SIMCONNECT_EXCEPTION_OPERATION_INVALID_FOR_OBJECT_TYPE");
         break;
     default:
-        gf_log(fmt::format("SIMCONNECT_EXCEPTION #{}", e.exception));
+        core::log(fmt::format("SIMCONNECT_EXCEPTION #{}", e.exception));
     }
 }
 
 void onOpen(const RecvOpen& o) {
     const std::string name = keepPrintable(o.applicationName);
     if (name.empty()) {
-        gf_log("! Simulator name empty?");
+        core::log("! Simulator name empty?");
         return;
     }
     bool is2020;
@@ -224,11 +225,11 @@ void onOpen(const RecvOpen& o) {
     else if (name == "SunRise")
         is2020 = false;
     else
-        throw UserErrorException(77,
-                                 fmt::format("'{}' not being MSFS 2020 or MSFS 2024 connects ... ?", name));
+        throw core::UserErrorException(
+            77, fmt::format("'{}' not being MSFS 2020 or MSFS 2024 connects ... ?", name));
     if (is2020 != msfs2020Selected())
-        throw UserErrorException(2024, fmt::format("2024: {} answered, but {} is selected", name,
-                                                   msfs2020Selected() ? "MSFS 2020" : "MSFS 2024"));
+        throw core::UserErrorException(2024, fmt::format("2024: {} answered, but {} is selected", name,
+                                                         msfs2020Selected() ? "MSFS 2020" : "MSFS 2024"));
     const auto text =
         fmt::format("{} connected",
                     fmt::format("{} ({}.{}.{}.{})", name, o.applicationVersionMajor,
@@ -237,13 +238,13 @@ void onOpen(const RecvOpen& o) {
         std::lock_guard lock(textLock);
         simText = text;
     }
-    gf_message(text, true);
-    ui::setIndicator(ui::Indicator::Simulator, 1);
+    core::message(text, true);
+    core::setIndicator(core::Indicator::Simulator, 1);
 }
 
 void onTitle(DataReader in) {
     std::string title(in.stringV().value_or(""));
-    if (title.empty()) gf_log("! Title of your aircraft is empty?");
+    if (title.empty()) core::log("! Title of your aircraft is empty?");
     if (title.size() > 48) title.resize(48);
     bool changed;
     {
@@ -252,60 +253,64 @@ void onTitle(DataReader in) {
         titleText = title;
     }
     if (changed) {
-        ui::repaint(ui::Region::All);
-        gf_log("SimConnect: User aircraft title: " + title);
+        core::repaint(core::Region::All);
+        core::log("SimConnect: User aircraft title: " + title);
     }
     titleKnown = true;
 }
 
 void onModel(DataReader in) {
     std::string raw(in.fixed(32).value_or(""));
-    gf_log(fmt::format("model raw: {}", raw));
+    core::log(fmt::format("model raw: {}", raw));
     std::string title;
     {
         std::lock_guard lock(textLock);
         title = titleText;
     }
-    std::string model = gf_normaliseModel(raw, title);
+    std::string model = normaliseModel(raw, title);
     if (model.empty()) {
         {
             std::lock_guard lock(textLock);
             simText = "Unknown (encrypted?) aircraft";
         }
-        gf_message("171: No model info from your user aircraft received in SimConnect, CRJ7 is taken instead",
-                   true);
+        core::message(
+            "171: No model info from your user aircraft received in SimConnect, CRJ7 is taken instead", true);
         model = "CRJ7";
     }
-    const auto spanOf = [](const std::string& m) { return m.size() <= 4 ? gf_halfSpan(gf_modelId(m)) : 0.0; };
+    const auto spanOf = [](const std::string& m) {
+        return m.size() <= 4 ? refdata::halfSpan(refdata::modelId(m)) : 0.0;
+    };
     double span = 0;
     if (model.find("camerapod") != std::string::npos || model.find("Crew Vessel") != std::string::npos) {
-        gf_log("SimConnect: your vehicle is not an aircraft");
-        span = gf_halfSpan(gf_modelId("E190"));
+        core::log("SimConnect: your vehicle is not an aircraft");
+        span = refdata::halfSpan(refdata::modelId("E190"));
     } else {
         span = spanOf(model);
     }
     bool largest = false;
     if (span <= 0) {
-        span = gf_largestHalfSpan();
+        span = refdata::largestHalfSpan();
         largest = true;
         for (const char* t : {"A319", "A320", "A321"})
             if (title.starts_with(fmt::format("Aerosoft {}", t))) {
                 model = t;
-                gf_log("SimConnect: User aircraft model deduced from title: " + title);
+                core::log("SimConnect: User aircraft model deduced from title: " + title);
                 if (const double s = spanOf(model); s > 0) span = s, largest = false;
             }
     }
     if (span <= 0)
-        throw UserErrorException(73, "It looks like you have not selected an aircraft as user vehicle");
+        throw core::UserErrorException(73, "It looks like you have not selected an aircraft as user vehicle");
     if (largest)
-        gf_message("User aircraft wing span unknown, max is taken instead, please report in my Forum!", true);
+        core::message("User aircraft wing span unknown, max is taken instead, please report in my Forum!",
+                      true);
     halfSpanNm = span;
     {
         std::lock_guard lock(textLock);
         modelText = model;
     }
-    gf_log(fmt::format("SimConnect: User aircraft model: {}, half wing span: {:.1F} meter, category: {}",
-                       model, span * 1852.0, gf_categoryWord(gf_category(gf_modelId(model)))));
+    core::log(fmt::format("SimConnect: User aircraft model: {}, half wing span: {:.1F} meter, category: {}",
+                          model, span * 1852.0,
+                          refdata::categoryWord(refdata::category(refdata::modelId(model)))));
 }
 
 void onUserPosition(DWORD objectId, DataReader in) {
@@ -323,14 +328,15 @@ void onUserPosition(DWORD objectId, DataReader in) {
     const bool nonZero = std::fabs(u.latitude) > 0.0001 || std::fabs(u.longitude) > 0.0001;
     const bool previousNonZero = std::fabs(ts.previousLat) > 0.0001 || std::fabs(ts.previousLon) > 0.0001;
     if (nonZero && previousNonZero &&
-        gf_distanceNm(LatLon{ts.previousLat, ts.previousLon}, LatLon{u.latitude, u.longitude}) > 10.0) {
-        gf_log("Teleport");
-        gf_requestStop(ExitReason::NewFlight, 45);
+        core::distanceNm(core::LatLon{ts.previousLat, ts.previousLon},
+                         core::LatLon{u.latitude, u.longitude}) > 10.0) {
+        core::log("Teleport");
+        core::requestStop(core::ExitReason::NewFlight, 45);
     }
     ts.previousLat = u.latitude;
     ts.previousLon = u.longitude;
     if (nonZero) positionKnown = true;
-    if (const auto near = gf_closestAirport(u.latitude, u.longitude)) {
+    if (const auto near = refdata::closestAirport(u.latitude, u.longitude)) {
         const std::string area(near->code.view());
         bool changed;
         {
@@ -338,9 +344,9 @@ void onUserPosition(DWORD objectId, DataReader in) {
             changed = area != areaText;
             areaText = area;
         }
-        if (changed) ui::repaint(ui::Region::All);
+        if (changed) core::repaint(core::Region::All);
     }
-    if (epochWanted) epoch = gf_epochFromZulu(u.zuluYear, u.zuluDayOfYear, u.zuluTime);
+    if (feed::realTrafficProfessional()) epoch = epochFromZulu(u.zuluYear, u.zuluDayOfYear, u.zuluTime);
     userId = objectId;
 }
 
@@ -363,15 +369,16 @@ void onInRange(const RecvSimObjectData& m) {
     if (mine == p.end()) {
         if (atcId == "AS-GEN") {
             if (!ts.asGenLogged)
-                gf_log(fmt::format(
+                core::log(fmt::format(
                     "\nSpawned by Asobo, oid: {}, callsign AS-GEN, altaboveGnd:{:.0f} ft, onground:{}, "
                     "gnd_alt:{:.0f} ft\nThis message will be logged only once...\n",
                     m.objectId, above, onGround, ground));
             ts.asGenLogged = true;
         } else {
-            gf_log(fmt::format("just spawned, but not by {}, oid: {}, callsign '{}', altaboveGnd:{:.0f} ft, "
-                               "onground:{}, gnd_alt:{:.0f} ft",
-                               kAppName, m.objectId, atcId, above, onGround, ground));
+            core::log(
+                fmt::format("just spawned, but not by {}, oid: {}, callsign '{}', altaboveGnd:{:.0f} ft, "
+                            "onground:{}, gnd_alt:{:.0f} ft",
+                            core::kAppName, m.objectId, atcId, above, onGround, ground));
         }
         return;
     }
@@ -408,7 +415,7 @@ void onObjectData(const RecvSimObjectData& m) {
             userOnGround = in.i64().value_or(1) != 0;
             onGroundKnown = true;
         }
-        gRun.secondElapsed.store(true, std::memory_order_release);
+        core::gRun.secondElapsed.store(true, std::memory_order_release);
         break;
     case kReqUserPosition:
         onUserPosition(m.objectId, in);
@@ -448,7 +455,7 @@ void runWorkLists() {
     for (const auto& e : shared.eventList) {
         if (e.eventId == kFlapsSet) api.AIReleaseControl(e.objectId, kReqRelease);
         if (api.TransmitClientEvent(e.objectId, e.eventId, e.data, kGroup, 0) < 0)
-            gf_message(fmt::format("SimConnect TransmitClientEvent: {} fails", e.eventId));
+            core::message(fmt::format("SimConnect TransmitClientEvent: {} fails", e.eventId));
         else if (e.eventId == kFlapsSet)
             api.AIReleaseControl(e.objectId, kReqRelease);
     }
@@ -456,25 +463,26 @@ void runWorkLists() {
     for (const auto& c : shared.createList) {
         DWORD sendId = 0;
         if (api.AICreateNonATCAircraft(c.title, c.tailNumber, c.init, kReqCreate) < 0) {
-            gf_log(fmt::format("! Simcon call to create ac in sim failed, hexid:{}, liv: '{}', callsign: {})",
-                               c.hexid, c.title, c.tailNumber));
+            core::log(
+                fmt::format("! Simcon call to create ac in sim failed, hexid:{}, liv: '{}', callsign: {})",
+                            c.hexid, c.title, c.tailNumber));
             requestFailure();
             break;
         }
-        if (api.GetLastSentPacketID(&sendId) < 0) gf_log("GetLastSentPacketID");
+        if (api.GetLastSentPacketID(&sendId) < 0) core::log("GetLastSentPacketID");
         ts.pendingCreations.push_back({sendId, c.hexid, c.tailNumber});
     }
     shared.createList.clear();
     for (const DWORD id : shared.removeList) {
         if (id > user) {
             if (api.AIRemoveObject(id, kReqRemove) < 0) {
-                gf_log(fmt::format("{} !SimConnect call to remove AI ac from sim failed, id {}?",
-                                   gf_timeText(), id));
+                core::log(fmt::format("{} !SimConnect call to remove AI ac from sim failed, id {}?",
+                                      core::timeText(), id));
                 requestFailure();
                 break;
             }
         } else {
-            gf_log(fmt::format("SimConnect call to remove ac with objectid {}", id));
+            core::log(fmt::format("SimConnect call to remove ac with objectid {}", id));
         }
     }
     shared.removeList.clear();
@@ -489,14 +497,14 @@ void dispatch(const Received& m, void*) {
         onOpen(std::get<RecvOpen>(m.body));
         break;
     case SIMCONNECT_RECV_ID_QUIT:
-        gRun.simRunning = false;
+        core::gRun.simRunning = false;
         ts.quitReceived = true;
         break;
     case SIMCONNECT_RECV_ID_EVENT: {
         const auto& e = std::get<RecvEvent>(m.body);
         if (e.eventId == kEvSim) {
-            gRun.simRunning = e.data == 1;
-            ui::repaint(ui::Region::Indicators);
+            core::gRun.simRunning = e.data == 1;
+            core::repaint(core::Region::Indicators);
         } else if (e.eventId == kEvFlightLoaded && !stopUnderWay()) {
             newFlight("SimConnect: flight loaded event");
         }
@@ -529,7 +537,7 @@ void dispatch(const Received& m, void*) {
     case SIMCONNECT_RECV_ID_EVENT_EX1:
         break;
     default:
-        gf_log(fmt::format("! Unknown Dispatch dwID {}", m.id));
+        core::log(fmt::format("! Unknown Dispatch dwID {}", m.id));
     }
 }
 
@@ -546,19 +554,19 @@ void definitions(Api& api) {
 // Ends the connection: the thread stops here, or waits for a new simulator.
 void closeConnection() {
     if (isConnected.exchange(false)) {
-        parking::saveUserStand();
+        if (onUserLeaving) onUserLeaving();
         {
             std::lock_guard lock(textLock);
             simText.clear();
         }
         // No simulator means no frames: the engine loop sees a stop through its paused step.
-        gRun.simRunning = false;
-        ui::setIndicator(ui::Indicator::Simulator, 0);
+        core::gRun.simRunning = false;
+        core::setIndicator(core::Indicator::Simulator, 0);
         platform::timeEndPeriod(1);
     }
     if (ts.api) {
         std::lock_guard lock(shared.simLock);
-        gf_log(ts.api->Close() >= 0 ? "SimConnect closed ok" : "Closing SimConnect failed?!");
+        core::log(ts.api->Close() >= 0 ? "SimConnect closed ok" : "Closing SimConnect failed?!");
         ts.api.reset();
     }
 }
@@ -566,7 +574,7 @@ void closeConnection() {
 std::unique_ptr<Api> makeApi() {
     const bool protocol2024 = !msfs2020Selected() && !ts.protocol2020;
     if (apiFactory) return apiFactory(protocol2024);
-    return makeNetworkClient([host = gOptions.simHost, port = gOptions.simPort](
+    return makeNetworkClient([host = core::gOptions.simHost, port = core::gOptions.simPort](
                                  std::string& error) { return connectTcp(host, port, error); },
                              protocol2024 ? kProtocolMsfs2024 : kProtocolMsfs2020);
 }
@@ -585,7 +593,7 @@ void request(const char* failText, DWORD requestId, DWORD define, DWORD period) 
     underSimLock([&] {
         if (!ts.api || !isConnected) return;
         if (ts.api->RequestDataOnSimObject(requestId, define, SIMCONNECT_OBJECT_ID_USER, period) < 0) {
-            gf_log(failText);
+            core::log(failText);
             requestFailure();
         }
     });
@@ -598,7 +606,7 @@ void setApiFactory(ApiFactory factory) {
 }
 
 bool msfs2020Selected() {
-    const auto* p = dynamic_cast<const StringParameter*>(gf_findParameter("SIM_CHOICE"));
+    const auto* p = dynamic_cast<const params::StringParameter*>(params::findParameter("SIM_CHOICE"));
     return !p || p->value != "MSFS 2024";
 }
 
@@ -610,11 +618,11 @@ Pass pollOnce() {
     if (!isConnected) {
         if (ts.firstPass) {
             ts.firstPass = false;
-            gf_message(fmt::format("Waiting for MSFS 20{} ...", msfs2020Selected() ? "20" : "24"), true);
+            core::message(fmt::format("Waiting for MSFS 20{} ...", msfs2020Selected() ? "20" : "24"), true);
         }
         if (ts.api) ts.api->Close();
         auto api = makeApi();
-        if (api->Open(kAppName) < 0) return Pass::Waiting;
+        if (api->Open(core::kAppName) < 0) return Pass::Waiting;
         {
             std::lock_guard lock(shared.simLock);
             ts.api = std::move(api);
@@ -629,7 +637,7 @@ Pass pollOnce() {
         std::lock_guard lock(shared.simLock);
         if (ts.api->RequestDataOnSimObject(kReqUserPosition, kDefUserPosition, SIMCONNECT_OBJECT_ID_USER,
                                            SIMCONNECT_PERIOD_ONCE) < 0) {
-            gf_log("SimConnect request user ac position fails");
+            core::log("SimConnect request user ac position fails");
             requestFailure();
         }
     }
@@ -642,15 +650,15 @@ Pass pollOnce() {
             return Pass::End;
         }
     } catch (const RetryWith2020Protocol&) {
-        gf_log("SimConnect: the simulator refused protocol 6, opening again with protocol 5");
+        core::log("SimConnect: the simulator refused protocol 6, opening again with protocol 5");
         closeConnection();
         return Pass::Waiting;
-    } catch (const UserErrorException& e) {
+    } catch (const core::UserErrorException& e) {
         if (e.number() == 2024) {
-            gf_log(fmt::format("MSFS and {} do not match, restarting ...", kAppName));
-            lf_switchSimulator();
+            core::log(fmt::format("MSFS and {} do not match, restarting ...", core::kAppName));
+            switchSimulator();
         } else {
-            gf_error(e.what());
+            core::error(e.what());
             if (e.text().starts_with("791")) {
                 platform::clock().sleepFor(std::chrono::seconds(10));
                 lostSimulator();
@@ -659,7 +667,7 @@ Pass pollOnce() {
         closeConnection();
         return Pass::End;
     } catch (const std::exception& e) {
-        gf_error(*e.what() ? std::string(e.what()) : fmt::format("Exception in {}", "SimClient"));
+        core::error(*e.what() ? std::string(e.what()) : fmt::format("Exception in {}", "SimClient"));
         lostSimulator();
         closeConnection();
         return Pass::End;
@@ -678,7 +686,7 @@ void startClient() {
                 platform::clock().sleepFor(std::chrono::milliseconds(p == Pass::Waiting ? 100 : 1));
             }
         } catch (const std::exception& e) {
-            gf_error(fmt::format("Exception in {}: {}", "SimClient", e.what()));
+            core::error(fmt::format("Exception in {}: {}", "SimClient", e.what()));
             closeConnection();
         }
     });
@@ -724,7 +732,7 @@ void requestInRange(int rangeNm) {
         const auto radius = static_cast<DWORD>(std::max(0, rangeNm) * 1852);
         if (ts.api->RequestDataOnSimObjectType(kReqInRange, kDefInRange, radius,
                                                SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) < 0) {
-            gf_log("SimConnect request ac within range fails");
+            core::log("SimConnect request ac within range fails");
             requestFailure();
         }
     });
@@ -797,7 +805,7 @@ bool requestStaticData(std::uint32_t objectId) {
     if (!ts.api || !isConnected) return false;
     if (ts.api->RequestDataOnSimObject(kReqStatic, kDefStatic, objectId, SIMCONNECT_PERIOD_ONCE) >= 0)
         return true;
-    gf_log(fmt::format("SimConnect request error: {}", ts.api->lastError()));
+    core::log(fmt::format("SimConnect request error: {}", ts.api->lastError()));
     requestFailure();
     return false;
 }
@@ -843,21 +851,21 @@ std::uint32_t userObjectId() {
 bool simFailed() {
     return failed;
 }
-void setEpochWanted(bool wanted) {
-    epochWanted = wanted;
+void setOnUserLeaving(std::function<void()> action) {
+    onUserLeaving = std::move(action);
 }
 std::int64_t epochTime() {
     return epoch;
 }
 
-std::int64_t gf_epochFromZulu(std::int64_t year, std::int64_t dayOfYear, std::int64_t zuluSeconds) {
+std::int64_t epochFromZulu(std::int64_t year, std::int64_t dayOfYear, std::int64_t zuluSeconds) {
     const std::int64_t y = year - 1;
     const auto days = static_cast<std::int64_t>(std::floor(365.25 * static_cast<double>(y))) + y / 400 -
                       y / 100 + dayOfYear - 719163;
     return days * 86400 + zuluSeconds;
 }
 
-std::string gf_normaliseModel(const std::string& model, const std::string& title) {
+std::string normaliseModel(const std::string& model, const std::string& title) {
     static const std::pair<const char*, const char*> exact[] = {
         {"A350-900", "A359"}, {"N738B", "B38M"}, {"777", "772"}, {"A330-200 (RR)", "A332"}};
     for (const auto& [from, to] : exact)
@@ -888,7 +896,7 @@ void clearLists() {
 }
 
 void reset() {
-    gRun.simRunning = false;
+    core::gRun.simRunning = false;
     clearLists();
     {
         std::lock_guard lock(eventLock);

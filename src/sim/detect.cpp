@@ -3,7 +3,7 @@
 // Proton prefix that Steam made for the simulator, unless --appdata/--localappdata say otherwise.
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "params/params.h"
 #include "platform/platform.h"
 #include "sim/sim.h"
@@ -29,14 +29,15 @@ SimNames simNames() {
             "MSFS_2024_INSTALL_PATH"};
 }
 
-StringParameter& stringParameter(const char* name) {
-    auto* p = dynamic_cast<StringParameter*>(gf_findParameter(name));
+params::StringParameter& stringParameter(const char* name) {
+    auto* p = dynamic_cast<params::StringParameter*>(params::findParameter(name));
     if (!p) throw std::logic_error(fmt::format("no parameter {}", name));
     return *p;
 }
 
 void saveAll() {
-    saveParameters(gPaths.dataFolder / names::kParameters, gf_parameterLists(), false);
+    params::saveParameters(core::gPaths.dataFolder / params::names::kParameters, params::parameterLists(),
+                           false);
 }
 
 // A Windows path from UserCfg.opt ("D:\MSFS\Packages") as this machine sees it: drive C is the
@@ -68,8 +69,8 @@ bool isDirectory(const fs::path& p) {
 KnownFolders knownFolders() {
     if (configured) return *configured;
     KnownFolders k;
-    if (!gOptions.appData.empty()) k.appData = gOptions.appData;
-    if (!gOptions.localAppData.empty()) k.localAppData = gOptions.localAppData;
+    if (!core::gOptions.appData.empty()) k.appData = core::gOptions.appData;
+    if (!core::gOptions.localAppData.empty()) k.localAppData = core::gOptions.localAppData;
     const fs::path user = platform::localDataFolder() / "Steam" / "steamapps" / "compatdata" /
                           simNames().steamAppId / "pfx" / "drive_c" / "users" / "steamuser" / "AppData";
     if (k.appData.empty()) k.appData = user / "Roaming";
@@ -81,7 +82,7 @@ void setKnownFolders(std::optional<KnownFolders> folders) {
     configured = std::move(folders);
 }
 
-fs::path gf_findUserCfg() {
+fs::path findUserCfg() {
     const auto k = knownFolders();
     const auto n = simNames();
     const fs::path places[] = {
@@ -94,27 +95,27 @@ fs::path gf_findUserCfg() {
     for (const auto& p : places) {
         std::error_code ec;
         if (fs::exists(p, ec)) return p;
-        gf_log(fmt::format("MSFS detection, not found: {}", p.string()));
+        core::log(fmt::format("MSFS detection, not found: {}", p.string()));
     }
     return {};
 }
 
-fs::path gf_steamPackagesPath() {
+fs::path steamPackagesPath() {
     const fs::path p = knownFolders().appData / simNames().steamFolder / "Packages";
     if (!isDirectory(p)) return {};
-    gf_log(fmt::format("Steam packages: {}", p.string()));
+    core::log(fmt::format("Steam packages: {}", p.string()));
     return p;
 }
 
-fs::path gf_installedPackagesPath() {
-    const fs::path cfg = gf_findUserCfg();
+fs::path installedPackagesPath() {
+    const fs::path cfg = findUserCfg();
     if (cfg.empty()) {
-        gf_log("No UserCfg.opt found?");
+        core::log("No UserCfg.opt found?");
         return {};
     }
     std::vector<std::string> lines;
     lines.reserve(32);
-    if (!gf_readLines(gf_detectEncoding(cfg), cfg, lines)) return {};
+    if (!core::readLines(core::detectEncoding(cfg), cfg, lines)) return {};
     std::string value;
     for (const auto& line : lines) {
         if (line.find("InstalledPackagesPath") == std::string::npos) continue;
@@ -126,49 +127,49 @@ fs::path gf_installedPackagesPath() {
     const fs::path path = value.empty() ? fs::path() : fromWindowsPath(value);
     std::error_code ec;
     if (!path.empty() && fs::exists(path, ec)) {
-        gf_log(fmt::format("UserCfg.opt: InstalledPackagesPath={}", path.string()));
+        core::log(fmt::format("UserCfg.opt: InstalledPackagesPath={}", path.string()));
         return path;
     }
-    gf_log("UserCfg.opt: InstalledPackagesPath=???");
+    core::log("UserCfg.opt: InstalledPackagesPath=???");
     return {};
 }
 
-bool gf_isPackagesFolder(const fs::path& path) {
+bool isPackagesFolder(const fs::path& path) {
     if (path.empty()) return false;
     return isDirectory(path) && isDirectory(path / "Community") && isDirectory(path / simNames().official);
 }
 
-fs::path gf_detectInstallPath() {
-    fs::path found = gf_steamPackagesPath();
-    if (!gf_isPackagesFolder(found)) {
-        found = gf_installedPackagesPath();
-        if (!gf_isPackagesFolder(found)) return {};
+fs::path detectInstallPath() {
+    fs::path found = steamPackagesPath();
+    if (!isPackagesFolder(found)) {
+        found = installedPackagesPath();
+        if (!isPackagesFolder(found)) return {};
     }
     stringParameter(simNames().pathParameter).value = found.string();
     stringParameter("ALL_INSTALL_PATH").value = found.string();
-    gParams.MSFS_PATH = found.string();
+    params::gParams.MSFS_PATH = found.string();
     saveAll();
     return found;
 }
 
-fs::path gf_communityPath() {
+fs::path communityPath() {
     return fs::path(stringParameter(simNames().pathParameter).value) / "Community";
 }
 
-fs::path gf_officialPath() {
+fs::path officialPath() {
     return fs::path(stringParameter(simNames().pathParameter).value) / simNames().official;
 }
 
 std::string installPath() {
     auto& stored = stringParameter(simNames().pathParameter);
-    if (!stored.value.empty() && gf_isPackagesFolder(stored.value)) {
-        gParams.MSFS_PATH = stored.value;
+    if (!stored.value.empty() && isPackagesFolder(stored.value)) {
+        params::gParams.MSFS_PATH = stored.value;
         return stored.value;
     }
-    return gf_detectInstallPath().string();
+    return detectInstallPath().string();
 }
 
-std::string gf_typedInstallPath(const std::string& typed) {
+std::string typedInstallPath(const std::string& typed) {
     std::string text = typed;
     for (const char* community : {"\\Community", "/Community"})
         if (const auto at = text.find(community); at != std::string::npos) text.resize(at);
@@ -177,36 +178,35 @@ std::string gf_typedInstallPath(const std::string& typed) {
     const bool exists = fs::exists(path, ec);
     if (ec) {
         const auto why = fmt::format("Cannot access install path '{}': {}", text, ec.message());
-        gf_log(why);
+        core::log(why);
         return why;
     }
     if (!exists) return fmt::format("This install path does not exist: {}", text);
     if (!isDirectory(path / "Community")) return "This path exists but is not a path to Community ...";
-    if (!gf_isPackagesFolder(path))
-        return "This path does not contain a valid Community folder (unexpected).";
+    if (!isPackagesFolder(path)) return "This path does not contain a valid Community folder (unexpected).";
     stringParameter(simNames().pathParameter).value = path.string();
     stringParameter("ALL_INSTALL_PATH").value = path.string();
-    gParams.MSFS_PATH = path.string();
+    params::gParams.MSFS_PATH = path.string();
     saveAll();
-    gf_log(fmt::format("Community path found, {} will restart ...", kAppName));
-    gf_requestStop(ExitReason::NewSettings, 3);
+    core::log(fmt::format("Community path found, {} will restart ...", core::kAppName));
+    core::requestStop(core::ExitReason::NewSettings, 3);
     return {};
 }
 
-void lf_switchSimulator() {
+void switchSimulator() {
     auto& choice = stringParameter("SIM_CHOICE");
     choice.value = msfs2020Selected() ? "MSFS 2024" : "MSFS 2020";
     std::error_code ec;
-    fs::remove(gPaths.programFolder / "output" / names::kLiveriesScanned, ec);
+    fs::remove(core::gPaths.programFolder / "output" / params::names::kLiveriesScanned, ec);
     for (const char* name : {"SCAN_AIRPORTS", "SCAN_LIVERIES"})
-        if (auto* p = dynamic_cast<BoolParameter*>(gf_findParameter(name))) p->value = true;
-    gParams.SCAN_AIRPORTS = true;
-    gParams.SCAN_LIVERIES = true;
-    gf_message(fmt::format("Switching MSFS version in {}", kAppName), true);
+        if (auto* p = dynamic_cast<params::BoolParameter*>(params::findParameter(name))) p->value = true;
+    params::gParams.SCAN_AIRPORTS = true;
+    params::gParams.SCAN_LIVERIES = true;
+    core::message(fmt::format("Switching MSFS version in {}", core::kAppName), true);
     stringParameter("ALL_INSTALL_PATH").value.clear();
     if (!msfs2020Selected()) stringParameter("MYSIMADDON24_VERSION").value.clear();
     saveAll();
-    gf_requestStop(ExitReason::NewSettings, 3);
+    core::requestStop(core::ExitReason::NewSettings, 3);
 }
 
 } // namespace orv::sim

@@ -2,22 +2,22 @@
 // simulator by path, so that it shows where the aircraft comes from and goes.
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "sim/sim.h"
 
 namespace orv::sim {
 
 namespace {
 fs::path planFolder() {
-    return gPaths.dataFolder / "orig_dest";
+    return core::gPaths.dataFolder / "orig_dest";
 }
 } // namespace
 
-bool gf_createFlightPlanFolder() {
+bool createFlightPlanFolder() {
     const fs::path folder = planFolder();
     std::error_code ec;
     fs::create_directories(folder, ec);
-    if (ec) gf_log(fmt::format("gf_createFlightPlanFolder: {}", ec.message()));
+    if (ec) core::log(fmt::format("createFlightPlanFolder: {}", ec.message()));
     const bool exists = fs::exists(folder, ec);
     if (ec) throw fs::filesystem_error("exists", folder, ec);
     return exists;
@@ -38,7 +38,7 @@ bool writePlan(const fs::path& path, const PlanAircraft& a) {
                                   "</FlightPlan.FlightPlan>\n"
                                   "</SimBase.Document>\n\n",
                                   ifr ? "IFR" : "VFR", a.origin, a.destination);
-    return gf_writeText(text, path, false);
+    return core::writeText(text, path, false);
 }
 
 void loadPlan(const PlanAircraft& a) {
@@ -46,13 +46,13 @@ void loadPlan(const PlanAircraft& a) {
     fs::path path = planPath(a.hexid);
     if (!writePlan(path, a)) path.clear();
     if (path.empty()) {
-        gf_log(fmt::format("{} creating a flight plan failed", a.name));
+        core::log(fmt::format("{} creating a flight plan failed", a.name));
         return;
     }
     if (!msfs2020Selected()) return; // MSFS 2024 gets the file but no plan on the aircraft
     // Paths are UTF-8 on this platform, which is the narrow text the simulator takes.
     if (!setFlightPlan(a.objectId, path.string()))
-        gf_log(fmt::format("{} setting the flight plan failed", a.name));
+        core::log(fmt::format("{} setting the flight plan failed", a.name));
 }
 
 std::string removeFlightPlanFolder() {

@@ -186,12 +186,14 @@ std::string simulatorText(); // "KittyHawk (11.0.282174.999) connected"
 std::string nearestArea();
 std::uint32_t userObjectId();
 bool simFailed();
+// What happens when the user leaves the flight or the simulator (the user's stand is kept); set
+// before the client starts.
+void setOnUserLeaving(std::function<void()> action);
 // The epoch from the user's zulu time, computed while a professional RealTraffic is connected.
-void setEpochWanted(bool wanted);
 std::int64_t epochTime();
-std::int64_t gf_epochFromZulu(std::int64_t year, std::int64_t dayOfYear, std::int64_t zuluSeconds);
+std::int64_t epochFromZulu(std::int64_t year, std::int64_t dayOfYear, std::int64_t zuluSeconds);
 // The ICAO type of a model text as the simulator reports it.
-std::string gf_normaliseModel(const std::string& model, const std::string& title);
+std::string normaliseModel(const std::string& model, const std::string& title);
 
 void clearLists(); // positions and commands waiting for the simulator
 void reset();
@@ -206,18 +208,18 @@ struct KnownFolders {
 KnownFolders knownFolders();
 void setKnownFolders(std::optional<KnownFolders> folders); // nullopt: the defaults
 
-std::filesystem::path gf_findUserCfg();
-std::filesystem::path gf_steamPackagesPath();
-std::filesystem::path gf_installedPackagesPath();
-bool gf_isPackagesFolder(const std::filesystem::path& path);
-std::filesystem::path gf_detectInstallPath(); // stores a result in the parameters
-std::filesystem::path gf_communityPath();
-std::filesystem::path gf_officialPath();
+std::filesystem::path findUserCfg();
+std::filesystem::path steamPackagesPath();
+std::filesystem::path installedPackagesPath();
+bool isPackagesFolder(const std::filesystem::path& path);
+std::filesystem::path detectInstallPath(); // stores a result in the parameters
+std::filesystem::path communityPath();
+std::filesystem::path officialPath();
 // At start: the stored path of the selected simulator, else the detected one; empty if none.
 std::string installPath();
 // A path the user typed; empty when it was taken (the program restarts), else the reason.
-std::string gf_typedInstallPath(const std::string& text);
-void lf_switchSimulator();
+std::string typedInstallPath(const std::string& text);
+void switchSimulator();
 
 // ---- Flight plans ----------------------------------------------------------------------------
 
@@ -227,7 +229,7 @@ struct PlanAircraft {
     std::string origin, destination; // three-letter codes
     std::string name;                // for the log
 };
-bool gf_createFlightPlanFolder();
+bool createFlightPlanFolder();
 std::filesystem::path planPath(std::uint32_t hexid);
 bool writePlan(const std::filesystem::path& path, const PlanAircraft& aircraft);
 void loadPlan(const PlanAircraft& aircraft);

@@ -1,20 +1,8 @@
-// The window seam: logic writes status fields and asks for repaints; a front end (the null
-// window now, the web front end later) reads the fields and posts commands.
+// The user interface: what the front end (the null window now, the web page later) does with the
+// status fields that logic fills, and the commands it posts.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
-
 namespace orv::ui {
-
-// Connection lights: 0 off, 1 connected, 2 receiving, 3 stopped.
-enum class Indicator : std::uint8_t { Traffic, Weather, Simulator, RealTraffic, Count };
-void setIndicator(Indicator which, int value) noexcept;
-int indicator(Indicator which) noexcept;
-
-enum class Region : std::uint8_t { MessageLine, Counters, Indicators, All };
-void repaint(Region region) noexcept;
-std::uint64_t repaintCount(Region region) noexcept;
 
 void refreshCounters() noexcept;
 void enableControls() noexcept;

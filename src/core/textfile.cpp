@@ -1,126 +1,13 @@
-#include "app/app.h"
-
 #include <algorithm>
-#include <chrono>
 #include <fstream>
-#include <mutex>
+#include <optional>
 
-#include <fmt/chrono.h>
+#include "core/core.h"
 #include <fmt/format.h>
 
 #include "platform/platform.h"
-#include "refdata/refdata.h"
-#include "ui/ui.h"
 
-namespace orv {
-
-namespace {
-std::mutex logLock;
-std::ofstream logStream;
-
-std::mutex messageLock;
-std::string gMessageLine;
-std::string gErrorLine;
-int gMessageSecond = 0;
-int gSecondCount = 0;
-
-std::time_t utcSeconds() {
-    return std::chrono::system_clock::to_time_t(platform::clock().utcNow());
-}
-} // namespace
-
-void gf_openLog(const fs::path& file) {
-    std::lock_guard lock(logLock);
-    if (logStream.is_open()) logStream.close();
-    logStream.open(file, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!logStream.is_open()) throw std::runtime_error("Failed to write file " + file.string());
-    logStream << fmt::format("{:%Y-%m-%d %H:%M:%S} (utc) {} version {}.{}.{} for {}\n",
-                             fmt::gmtime(utcSeconds()), kAppName, kVersion.major, kVersion.minor,
-                             kVersion.patch, kSimName);
-    logStream.flush();
-}
-
-void gf_closeLog() {
-    std::lock_guard lock(logLock);
-    if (logStream.is_open()) logStream.close();
-}
-
-void gf_log(std::string_view text) {
-    std::lock_guard lock(logLock);
-    if (!logStream.is_open()) return;
-    logStream << text << '\n';
-}
-
-void gf_logFlush(std::string_view text) {
-    std::lock_guard lock(logLock);
-    if (!logStream.is_open()) return;
-    logStream << "==> " << text << '\n';
-    logStream.flush();
-}
-
-std::string gf_timeText() {
-    return fmt::format("{:%H:%M:%S}", fmt::gmtime(utcSeconds()));
-}
-
-// ---- Message and error lines ----------------------------------------------------------------
-
-void gf_message(std::string_view text, bool alsoLog) {
-    {
-        std::lock_guard lock(messageLock);
-        if (!gErrorLine.empty()) return;
-        gMessageLine = text;
-        gMessageSecond = text.empty() ? 0 : std::max(gSecondCount, 1);
-    }
-    if (alsoLog && !text.empty()) gf_log(text);
-    ui::repaint(ui::Region::MessageLine);
-}
-
-void gf_clearMessage() {
-    gf_message({}, false);
-}
-
-void gf_error(std::string_view text) {
-    {
-        std::lock_guard lock(messageLock);
-        gMessageLine.clear();
-        gMessageSecond = 0;
-        gErrorLine = text;
-    }
-    gf_log(fmt::format("Error {}", text));
-    ui::repaint(ui::Region::MessageLine);
-}
-
-std::string gf_messageLine() {
-    std::lock_guard lock(messageLock);
-    return gMessageLine;
-}
-
-std::string gf_errorLine() {
-    std::lock_guard lock(messageLock);
-    return gErrorLine;
-}
-
-void gf_messageSecond() {
-    bool cleared = false;
-    {
-        std::lock_guard lock(messageLock);
-        ++gSecondCount;
-        if (gMessageSecond > 0 && gSecondCount - gMessageSecond >= 25) {
-            gMessageLine.clear();
-            gMessageSecond = 0;
-            cleared = true;
-        }
-    }
-    if (cleared) ui::repaint(ui::Region::MessageLine);
-}
-
-void gf_resetMessages() {
-    std::lock_guard lock(messageLock);
-    gMessageLine.clear();
-    gErrorLine.clear();
-    gMessageSecond = 0;
-    gSecondCount = 0;
-}
+namespace orv::core {
 
 // ---- Text files -----------------------------------------------------------------------------
 
@@ -187,7 +74,7 @@ std::u16string utf16Units(std::string_view bytes, bool bigEndian) {
 }
 } // namespace
 
-Encoding gf_detectEncoding(const fs::path& path) {
+Encoding detectEncoding(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return Encoding::NoneFound;
     unsigned char buf[4096];
@@ -205,7 +92,7 @@ Encoding gf_detectEncoding(const fs::path& path) {
     return checkUtf8(buf, n);
 }
 
-bool gf_readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out) {
+bool readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out) {
     out.clear();
     try {
         const int e = static_cast<int>(encoding);
@@ -232,18 +119,18 @@ bool gf_readLines(Encoding encoding, const fs::path& path, std::vector<std::stri
             forEachLine(*data, [&](std::string_view l) { out.emplace_back(l); });
             break;
         default:
-            forEachLine(*data, [&](std::string_view l) { out.push_back(gf_ansiToUtf8(l)); });
+            forEachLine(*data, [&](std::string_view l) { out.push_back(ansiToUtf8(l)); });
             break;
         }
         return true;
     } catch (const std::exception& e) {
-        gf_message(fmt::format("Read failed for '{}': {}", path.string(), e.what()));
+        message(fmt::format("Read failed for '{}': {}", path.string(), e.what()));
         return false;
     }
 }
 
-std::variant<std::size_t, std::string> gf_readAllLines(const fs::path& path, std::vector<std::string>& out,
-                                                       std::size_t reserve) {
+std::variant<std::size_t, std::string> readAllLines(const fs::path& path, std::vector<std::string>& out,
+                                                    std::size_t reserve) {
     const auto data = readWhole(path);
     if (!data) return std::string("open_failed");
     out.clear();
@@ -252,7 +139,7 @@ std::variant<std::size_t, std::string> gf_readAllLines(const fs::path& path, std
     return out.size();
 }
 
-bool gf_writeText(std::string_view text, const fs::path& path, bool withNewline) {
+bool writeText(std::string_view text, const fs::path& path, bool withNewline) {
     fs::path tmp = path;
     tmp += ".tmp";
     {
@@ -270,4 +157,4 @@ bool gf_writeText(std::string_view text, const fs::path& path, bool withNewline)
     return false;
 }
 
-} // namespace orv
+} // namespace orv::core

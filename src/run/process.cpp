@@ -7,18 +7,17 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "feed/feed.h"
 #include "live/live.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
 #include "platform/platform.h"
 #include "refdata/refdata.h"
+#include "run/run.h"
 #include "sim/sim.h"
 
-namespace orv {
-
-Options gOptions;
+namespace orv::run {
 
 namespace {
 
@@ -57,16 +56,16 @@ Fills a running flight simulator with real-world air traffic.
                                     with --report also the motion figures; see data/scenarios
   --help                            this text
 
-Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).
+params::Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).
 )";
 
 void printStatus() {
-    const auto& c = gTrafficReader.counts;
+    const auto& c = feed::gTrafficReader.counts;
     const auto user = sim::userPosition();
     const auto simText = sim::simulatorText();
     const auto& scan = liveries::gScanProgress;
     if (scan.filesDone < scan.filesFound || (scan.filesFound > 0 && liveries::count() == 0)) {
-        std::cout << fmt::format("[{}] scanning liveries: {} of {} aircraft.cfg files", gf_timeText(),
+        std::cout << fmt::format("[{}] scanning liveries: {} of {} aircraft.cfg files", core::timeText(),
                                  scan.filesDone.load(), scan.filesFound.load())
                   << std::endl;
         return;
@@ -76,22 +75,23 @@ void printStatus() {
                      "[{}] simulator: {}{}; {} liveries; RealTraffic: {}; traffic lines {} (queued {}, "
                      "dropped {}, ignored {}, failed {}), engine took {}; live aircraft: {} active, {} "
                      "waiting, {} being created, {} leaving; weather: {}",
-                     gf_timeText(), simText.empty() ? "waiting" : simText,
+                     core::timeText(), simText.empty() ? "waiting" : simText,
                      user ? fmt::format(", user at {:.4f},{:.4f} near {}", user->latitude, user->longitude,
                                         sim::nearestArea())
                           : std::string(),
                      liveries::count(),
-                     gf_realTrafficConnected() ? gf_realTrafficStatus() : std::string("not connected"),
-                     gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(), c.ignored.load(),
-                     c.failed.load(), live::samplesTaken(), live.active, live.buffered, live.creating,
-                     live.leaving,
-                     gQnhReader.received ? fmt::format("QNH {} hPa", gQnh.load()) : std::string("none yet"))
+                     feed::realTrafficConnected() ? feed::realTrafficStatus() : std::string("not connected"),
+                     feed::gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(),
+                     c.ignored.load(), c.failed.load(), live::samplesTaken(), live.active, live.buffered,
+                     live.creating, live.leaving,
+                     feed::gQnhReader.received ? fmt::format("QNH {} hPa", feed::gQnh.load())
+                                               : std::string("none yet"))
               << std::endl;
 }
 
 } // namespace
 
-void gf_postWindowMessage(WindowMessage message) {
+void postWindowMessage(WindowMessage message) {
     {
         std::lock_guard lock(queueMutex);
         queue.push_back(message);
@@ -99,7 +99,7 @@ void gf_postWindowMessage(WindowMessage message) {
     queueSignal.notify_one();
 }
 
-std::optional<WindowMessage> gf_nextWindowMessage(std::chrono::milliseconds wait) {
+std::optional<WindowMessage> nextWindowMessage(std::chrono::milliseconds wait) {
     std::unique_lock lock(queueMutex);
     queueSignal.wait_for(lock, wait, [] { return !queue.empty(); });
     if (queue.empty()) return std::nullopt;
@@ -108,7 +108,7 @@ std::optional<WindowMessage> gf_nextWindowMessage(std::chrono::milliseconds wait
     return msg;
 }
 
-std::string gf_parseOptions(const std::vector<std::string>& args, Options& out, bool& help) {
+std::string parseOptions(const std::vector<std::string>& args, core::Options& out, bool& help) {
     help = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
@@ -117,10 +117,10 @@ std::string gf_parseOptions(const std::vector<std::string>& args, Options& out, 
             into = args[++i];
             return true;
         };
-        if (gf_iequals(a, "--production") || gf_iequals(a, "/production")) {
+        if (core::iequals(a, "--production") || core::iequals(a, "/production")) {
             out.production = true;
             out.productionGiven = true;
-        } else if (gf_iequals(a, "--no-production") || gf_iequals(a, "/no-production")) {
+        } else if (core::iequals(a, "--no-production") || core::iequals(a, "/no-production")) {
             out.production = false;
             out.productionGiven = true;
         } else if (a == "--help" || a == "-h") {
@@ -175,10 +175,10 @@ std::string gf_parseOptions(const std::vector<std::string>& args, Options& out, 
     return {};
 }
 
-int gf_runProcess(int argc, char** argv) {
+int runProcess(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     bool help = false;
-    if (auto err = gf_parseOptions(args, gOptions, help); !err.empty()) {
+    if (auto err = parseOptions(args, core::gOptions, help); !err.empty()) {
         std::cerr << "orvelline: " << err << '\n';
         return 2;
     }
@@ -191,28 +191,29 @@ int gf_runProcess(int argc, char** argv) {
     platform::InstanceLock instance;
     if (!instance.acquire("orvelline")) return -1;
 
-    gPaths.dataFolder = platform::configFolder() / kAppName;
-    gPaths.programFolder = gOptions.home.empty() ? platform::executableFolder() : fs::absolute(gOptions.home);
+    core::gPaths.dataFolder = platform::configFolder() / core::kAppName;
+    core::gPaths.programFolder =
+        core::gOptions.home.empty() ? platform::executableFolder() : fs::absolute(core::gOptions.home);
     std::error_code ec;
-    fs::create_directories(gPaths.dataFolder, ec);
+    fs::create_directories(core::gPaths.dataFolder, ec);
     if (ec) {
-        std::cerr << fmt::format("Failed to create directory: {}", gPaths.dataFolder.string()) << '\n';
+        std::cerr << fmt::format("Failed to create directory: {}", core::gPaths.dataFolder.string()) << '\n';
         return 1;
     }
     try {
-        gf_openLog(gPaths.dataFolder / names::kLog);
+        core::openLog(core::gPaths.dataFolder / params::names::kLog);
     } catch (const std::exception& e) {
         std::cerr << e.what() << '\n';
         return 1;
     }
-    gf_log(fmt::format("program folder {}, data folder {}", gPaths.programFolder.string(),
-                       gPaths.dataFolder.string()));
+    core::log(fmt::format("program folder {}, data folder {}", core::gPaths.programFolder.string(),
+                          core::gPaths.dataFolder.string()));
 
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
 
     // The null window: the message loop of a window without one.
-    gf_postWindowMessage(WindowMessage::StartWorker);
+    postWindowMessage(WindowMessage::StartWorker);
     std::thread worker;
     auto& clock = platform::clock();
     const auto started = clock.steadyNow();
@@ -222,19 +223,19 @@ int gf_runProcess(int argc, char** argv) {
     int exitCode = 0;
     bool running = true;
     while (running) {
-        const auto msg = gf_nextWindowMessage(std::chrono::milliseconds(100));
+        const auto msg = nextWindowMessage(std::chrono::milliseconds(100));
         const auto now = clock.steadyNow();
-        const bool timeUp =
-            gOptions.stopAfterSeconds > 0 && now - started >= std::chrono::seconds(gOptions.stopAfterSeconds);
+        const bool timeUp = core::gOptions.stopAfterSeconds > 0 &&
+                            now - started >= std::chrono::seconds(core::gOptions.stopAfterSeconds);
         if ((closeSignal || timeUp) && !closeSent) {
             closeSent = true;
-            gf_postWindowMessage(WindowMessage::Close);
+            postWindowMessage(WindowMessage::Close);
         }
-        if (gOptions.status && now >= nextStatus) {
+        if (core::gOptions.status && now >= nextStatus) {
             nextStatus += std::chrono::seconds(5);
             printStatus();
         }
-        if (auto err = gf_errorLine(); err != shownError) {
+        if (auto err = core::errorLine(); err != shownError) {
             shownError = err;
             if (!err.empty()) std::cerr << "Error: " << err << " (Ctrl-C closes)\n";
         }
@@ -243,32 +244,32 @@ int gf_runProcess(int argc, char** argv) {
         case WindowMessage::StartWorker:
             if (worker.joinable()) worker.join();
             if (closeSent) { // the user closed the window while a restart was pending
-                gf_log(fmt::format("{} window closed", gf_timeText()));
+                core::log(fmt::format("{} window closed", core::timeText()));
                 running = false;
                 break;
             }
-            worker = std::thread(lf_startUpORVL);
+            worker = std::thread(startUpORVL);
             break;
         case WindowMessage::End:
-            gf_log(fmt::format("{} window closed", gf_timeText()));
-            exitCode = gRun.processExitCode;
+            core::log(fmt::format("{} window closed", core::timeText()));
+            exitCode = core::gRun.processExitCode;
             running = false;
             break;
         case WindowMessage::Close:
-            gf_log(fmt::format("Close window button clicked, closing {} ...", kAppName));
-            gf_userStop();
+            core::log(fmt::format("Close window button clicked, closing {} ...", core::kAppName));
+            userStop();
             break;
         case WindowMessage::Repaint:
             break;
         }
     }
     if (worker.joinable()) worker.join();
-    gf_stopReaders();
-    gf_waitReadersStopped(std::chrono::milliseconds(2000));
-    if (gOptions.status) printStatus();
-    gf_logFlush("process ends");
-    gf_closeLog();
+    feed::stopReaders();
+    feed::waitReadersStopped(std::chrono::milliseconds(2000));
+    if (core::gOptions.status) printStatus();
+    core::logFlush("process ends");
+    core::closeLog();
     return exitCode;
 }
 
-} // namespace orv
+} // namespace orv::run

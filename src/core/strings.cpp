@@ -1,8 +1,10 @@
-#include "refdata/refdata.h"
+#include "core/core.h"
+
+#include <fmt/format.h>
 
 #include "platform/platform.h"
 
-namespace orv {
+namespace orv::core {
 
 namespace {
 constexpr std::string_view kSpace = " \t\n\r";
@@ -11,31 +13,31 @@ bool hasSpace(std::string_view s) {
 }
 } // namespace
 
-std::string gf_trim(std::string_view text) {
+std::string trim(std::string_view text) {
     const auto b = text.find_first_not_of(kSpace);
     if (b == std::string_view::npos) return {};
     const auto e = text.find_last_not_of(kSpace);
     return std::string(text.substr(b, e - b + 1));
 }
 
-std::vector<std::string> gf_splitList(std::string_view text) {
+std::vector<std::string> splitList(std::string_view text) {
     std::vector<std::string> out;
     if (text.empty()) return out;
     std::size_t start = 0;
     while (true) {
         const auto comma = text.find(',', start);
-        out.push_back(gf_trim(text.substr(start, comma == std::string_view::npos ? comma : comma - start)));
+        out.push_back(trim(text.substr(start, comma == std::string_view::npos ? comma : comma - start)));
         if (comma == std::string_view::npos) break;
         start = comma + 1;
     }
     return out;
 }
 
-std::string gf_trimList(std::string_view text) {
+std::string trimList(std::string_view text) {
     if (!hasSpace(text)) return std::string(text);
     std::string out;
     bool first = true;
-    for (const auto& piece : gf_splitList(text)) {
+    for (const auto& piece : splitList(text)) {
         if (!first) out += ',';
         out += piece;
         first = false;
@@ -43,14 +45,14 @@ std::string gf_trimList(std::string_view text) {
     return out;
 }
 
-std::string gf_toUpper(std::string_view text) {
+std::string toUpper(std::string_view text) {
     std::string out(text);
     for (auto& c : out)
         if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
     return out;
 }
 
-bool gf_iequals(std::string_view a, std::string_view b) noexcept {
+bool iequals(std::string_view a, std::string_view b) noexcept {
     if (a.size() != b.size()) return false;
     for (std::size_t i = 0; i < a.size(); ++i) {
         char x = a[i], y = b[i];
@@ -134,7 +136,7 @@ std::string wide_to_utf8(std::u16string_view text) {
     return out;
 }
 
-std::string gf_ansiToUtf8(std::string_view line) {
+std::string ansiToUtf8(std::string_view line) {
     if (line.empty()) return {};
     auto wide = platform::ansiToUtf16(line, true);
     if (!wide) wide = platform::ansiToUtf16(line, false);
@@ -142,4 +144,8 @@ std::string gf_ansiToUtf8(std::string_view line) {
     return wide_to_utf8(*wide);
 }
 
-} // namespace orv
+UserErrorException::UserErrorException(std::int32_t number, const std::string& text)
+    : std::runtime_error(number == 99 ? text : fmt::format("{}: {}", number, text)), number_(number),
+      text_(text) {}
+
+} // namespace orv::core

@@ -4,20 +4,21 @@
 
 #include <fmt/format.h>
 
-#include "app/app.h"
+#include "core/core.h"
 #include "params/params.h"
+#include "run/run.h"
 
-namespace orv {
+namespace orv::run {
 
 namespace {
 
-std::string versionText(const VersionData& v) {
+std::string versionText(const core::VersionData& v) {
     return fmt::format("{}.{}.{}", v.major, v.minor, v.patch);
 }
 
 // "a.b.c"; anything else reads as 0.0.0, which is older than every version that can be converted.
-VersionData parseVersion(std::string_view text) {
-    VersionData v{0, 0, 0};
+core::VersionData parseVersion(std::string_view text) {
+    core::VersionData v{0, 0, 0};
     int* parts[] = {&v.major, &v.minor, &v.patch};
     const char* p = text.data();
     const char* end = text.data() + text.size();
@@ -29,23 +30,23 @@ VersionData parseVersion(std::string_view text) {
     return v;
 }
 
-bool older(const VersionData& a, const VersionData& b) {
+bool older(const core::VersionData& a, const core::VersionData& b) {
     return std::tie(a.major, a.minor, a.patch) < std::tie(b.major, b.minor, b.patch);
 }
 
-StringParameter& programVersion() {
-    return *gf_parameterLists().programVersion;
+params::StringParameter& programVersion() {
+    return *params::parameterLists().programVersion;
 }
 
 template <typename P>
 P& param(std::string_view name) {
-    return *dynamic_cast<P*>(gf_findParameter(name));
+    return *dynamic_cast<P*>(params::findParameter(name));
 }
 
 void forceScan(const fs::path& file, std::string_view name) {
-    auto& p = param<CheckBoxParameter>(name);
+    auto& p = param<params::CheckBoxParameter>(name);
     p.value = true;
-    updateParameter(file, gf_parameterLists(), p);
+    params::updateParameter(file, params::parameterLists(), p);
     if (p.windowHandle) p.windowHandle->setChecked(p.controlId, true);
 }
 
@@ -55,26 +56,26 @@ void removeIfThere(const fs::path& p) {
 
 } // namespace
 
-bool lf_versionUpdate(const fs::path& file) {
+bool versionUpdate(const fs::path& file) {
     auto& stored = programVersion();
-    const std::string running = versionText(kVersion);
+    const std::string running = versionText(core::kVersion);
     if (stored.value == stored.defaultValue) {
         stored.value = running;
-        updateParameter(file, gf_parameterLists(), stored);
+        params::updateParameter(file, params::parameterLists(), stored);
         return false;
     }
-    const VersionData old = parseVersion(stored.value);
+    const core::VersionData old = parseVersion(stored.value);
     const std::string oldText = stored.value;
     if (oldText != running) {
         stored.value = running;
-        updateParameter(file, gf_parameterLists(), stored);
+        params::updateParameter(file, params::parameterLists(), stored);
     }
-    if (!older(old, kVersion)) return false; // the same version, or a downgrade
-    gf_log(fmt::format("This is a version update from {} -> {}", oldText, running));
-    if (older(old, VersionData{11, 0, 2})) return true;
+    if (!older(old, core::kVersion)) return false; // the same version, or a downgrade
+    core::log(fmt::format("This is a version update from {} -> {}", oldText, running));
+    if (older(old, core::VersionData{11, 0, 2})) return true;
 
     forceScan(file, "SCAN_LIVERIES");
-    const fs::path& home = gPaths.programFolder;
+    const fs::path& home = core::gPaths.programFolder;
     removeIfThere(home / "output" / "LiveriesScanned.xml");
     removeIfThere(home / "Callsign2ObjectId.txt");
     try {
@@ -82,7 +83,7 @@ bool lf_versionUpdate(const fs::path& file) {
         for (const auto& e : fs::directory_iterator(home))
             if (e.is_regular_file() && e.path().extension() == ".xml") fs::remove(e.path());
     } catch (const std::exception& e) {
-        gf_log(fmt::format("{} exception: {}", "lf_versionUpdate", e.what()));
+        core::log(fmt::format("{} exception: {}", "versionUpdate", e.what()));
     }
     removeIfThere(home / "input" / "airports_msfs.xml");
     removeIfThere(home / "input" / "airports_msfs_names.xml");
@@ -90,20 +91,20 @@ bool lf_versionUpdate(const fs::path& file) {
     return false;
 }
 
-void lf_versionStep(const fs::path& file) {
-    gf_checkParameterFile(file);
-    if (loadParameters(file, gf_parameterLists())) {
+void versionStep(const fs::path& file) {
+    params::checkParameterFile(file);
+    if (params::loadParameters(file, params::parameterLists())) {
         forceScan(file, "SCAN_LIVERIES");
         forceScan(file, "SCAN_AIRPORTS");
         return;
     }
-    if (!lf_versionUpdate(file)) return;
-    gf_log("\nYour previous version was too old to convert the old text box parameters to the newdropbox "
-           "values.");
-    gf_log(fmt::format("{} re-starts with default parameter values ...\n", kAppName));
+    if (!versionUpdate(file)) return;
+    core::log("\nYour previous version was too old to convert the old text box parameters to the newdropbox "
+              "values.");
+    core::log(fmt::format("{} re-starts with default parameter values ...\n", core::kAppName));
     std::error_code ec;
     fs::remove(file, ec);
-    saveParameters(file, gf_parameterLists(), true);
+    params::saveParameters(file, params::parameterLists(), true);
 }
 
-} // namespace orv
+} // namespace orv::run
