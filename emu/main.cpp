@@ -3,10 +3,12 @@
 #include <csignal>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "core/core.h"
@@ -16,39 +18,6 @@
 namespace {
 
 using namespace orv;
-
-constexpr std::string_view kHelp = R"(Usage: orvelline-simemu [options]
-
-An emulated Microsoft Flight Simulator for tests and demonstrations. It serves SimConnect's
-network protocol on TCP, so Orvelline (orvelline --sim HOST:PORT) or any SimConnect network
-client can connect to it.
-
-  --bind ADDR            listen address (127.0.0.1)
-  --port N               TCP port (50500; 0 picks a free one, printed at start)
-  --sim 2020|2024        answer as MSFS 2020 "KittyHawk" (default) or MSFS 2024 "SunRise"
-  --frame-rate HZ        "Frame" events per second (30)
-  --max-objects N        AI objects at once before exception 11 (1000)
-  --title TEXT           a container title that can be created (repeatable)
-  --titles FILE          container titles, one per line
-  --community DIR        the titles of every aircraft.cfg under DIR
-  --added-first          send ObjectAdded before ASSIGNED_OBJECT_ID (default: after)
-  --user-at LAT,LON[,HDG]        the user aircraft parked there
-  --user-path LAT,LON,ALT;...    the user aircraft flying these waypoints
-  --user-speed KTS       speed along the path (250)
-  --user-title TEXT      the user aircraft's TITLE ("Airbus A320 Neo Asobo")
-  --user-model TEXT      its ATC MODEL ("TT:ATCCOM.AC_MODEL_A20N.0.text")
-  --user-lights MASK     its LIGHT STATES (0)
-  --airport ID,LAT,LON,ELEV_FT   an airport whose elevation is the ground near it (repeatable;
-                         default KMSP, LSZH and EHAM)
-  --zulu SECONDS         UTC time at start, in seconds since 1970 (default: now)
-  --paused               start with "Sim" not running
-  --record FILE          write every object's positions and events as JSON lines at exit
-  --quit-after SECONDS   send QUIT to the clients and exit after this long
-  --help                 this text
-
-Lines on standard input: "quit", "run", "pause", "flight PATH" (a FlightLoaded event),
-"teleport LAT,LON". Ctrl-C quits as the simulator closing would.
-)";
 
 std::atomic<bool> stopSignal{false};
 void onSignal(int) {
@@ -69,105 +38,119 @@ bool numbers(std::string_view text, std::vector<double>& out, char sep = ',') {
     return true;
 }
 
-int run(const std::vector<std::string>& args) {
+// "LAT,LON[,...]" with `lo` to `hi` numbers.
+std::vector<double> numberList(const std::string& text, std::size_t lo, std::size_t hi, const char* shape) {
+    std::vector<double> n;
+    if (!numbers(text, n) || n.size() < lo || n.size() > hi) throw CLI::ValidationError(shape);
+    return n;
+}
+
+struct Command {
     emu::Config config;
-    config.zuluStart = std::time(nullptr);
-    config.airports = {
-        {"KMSP", 44.8820, -93.2218, 841}, {"LSZH", 47.4581, 8.5481, 1417}, {"EHAM", 52.3086, 4.7639, -11}};
-    bool airportsGiven = false;
     std::string bind = "127.0.0.1", record;
     int port = 50500;
     double quitAfter = 0;
+};
+
+// The command line into the emulator's configuration; nullopt when the program should end with `exitCode`.
+std::optional<Command> parse(int argc, char** argv, int& exitCode) {
+    Command c;
+    auto& config = c.config;
+    config.zuluStart = std::time(nullptr);
+    config.airports = {
+        {"KMSP", 44.8820, -93.2218, 841}, {"LSZH", 47.4581, 8.5481, 1417}, {"EHAM", 52.3086, 4.7639, -11}};
     config.user.speedKts = 250;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        const auto value = [&]() -> std::string {
-            if (i + 1 >= args.size()) throw std::invalid_argument(fmt::format("{} needs a value", a));
-            return args[++i];
-        };
-        std::vector<double> n;
-        const auto number = [&](double& out) {
-            const auto v = value();
-            if (!numbers(v, n) || n.size() != 1)
-                throw std::invalid_argument(fmt::format("{}: '{}' is not a number", a, v));
-            out = n[0];
-        };
-        double d = 0;
-        // A number that must lie in a range, as the option's type needs it.
-        const auto ranged = [&](double lo, double hi) {
-            number(d);
-            if (!(d >= lo && d <= hi)) throw std::invalid_argument(fmt::format("{} is {} to {}", a, lo, hi));
-            return d;
-        };
-        if (a == "--help") {
-            std::cout << kHelp;
-            return 0;
-        } else if (a == "--bind")
-            bind = value();
-        else if (a == "--port")
-            port = static_cast<int>(ranged(0, 65535));
-        else if (a == "--sim") {
-            const auto v = value();
-            if (v != "2020" && v != "2024") throw std::invalid_argument("--sim is 2020 or 2024");
-            config.msfs2024 = v == "2024";
-        } else if (a == "--frame-rate")
-            number(config.frameRate);
-        else if (a == "--max-objects")
-            config.maxObjects = static_cast<std::size_t>(ranged(0, 1e6));
-        else if (a == "--title")
-            config.titles.push_back(value());
-        else if (a == "--titles") {
-            std::ifstream in(value());
+    std::string sim = "2020";
+    std::vector<std::string> titleFiles, communities, airports;
+    std::string userAt, userPath;
+    CLI::App app{
+        "An emulated Microsoft Flight Simulator for tests and demonstrations. It serves SimConnect's "
+        "network protocol on TCP, so Orvelline (orvelline --sim HOST:PORT) or any SimConnect network "
+        "client can connect to it.",
+        "orvelline-simemu"};
+    app.footer(
+        "Lines on standard input: \"quit\", \"run\", \"pause\", \"flight PATH\" (a FlightLoaded event), "
+        "\"teleport LAT,LON\". Ctrl-C quits as the simulator closing would.");
+    app.add_option("--bind", c.bind, "listen address (127.0.0.1)");
+    app.add_option("--port", c.port, "TCP port (50500; 0 picks a free one, printed at start)")
+        ->check(CLI::Range(0, 65535));
+    app.add_option("--sim", sim, "answer as MSFS 2020 \"KittyHawk\" (default) or MSFS 2024 \"SunRise\"")
+        ->check(CLI::IsMember({"2020", "2024"}));
+    app.add_option("--frame-rate", config.frameRate, "\"Frame\" events per second (30)");
+    app.add_option("--max-objects", config.maxObjects, "AI objects at once before exception 11 (1000)")
+        ->check(CLI::Range(0, 1000000));
+    app.add_option("--title", config.titles, "a container title that can be created (repeatable)");
+    app.add_option("--titles", titleFiles, "a file of container titles, one per line");
+    app.add_option("--community", communities, "the titles of every aircraft.cfg under this folder");
+    app.add_flag("--added-first", config.addedBeforeAssigned,
+                 "send ObjectAdded before ASSIGNED_OBJECT_ID (default: after)");
+    app.add_option("--user-at", userAt, "LAT,LON[,HDG]: the user aircraft parked there");
+    app.add_option("--user-path", userPath, "LAT,LON,ALT;...: the user aircraft flying these waypoints");
+    app.add_option("--user-speed", config.user.speedKts, "speed along the path in knots (250)");
+    app.add_option("--user-title", config.user.title,
+                   "the user aircraft's TITLE (\"Airbus A320 Neo Asobo\")");
+    app.add_option("--user-model", config.user.atcModel,
+                   "its ATC MODEL (\"TT:ATCCOM.AC_MODEL_A20N.0.text\")");
+    app.add_option("--user-lights", config.user.lightStates, "its LIGHT STATES (0)")
+        ->check(CLI::Range(std::int64_t{0}, std::int64_t{4294967295}));
+    app.add_option(
+        "--airport", airports,
+        "ID,LAT,LON,ELEV_FT: an airport whose elevation is the ground near it (repeatable; default "
+        "KMSP, LSZH and EHAM)");
+    app.add_option("--zulu", config.zuluStart, "UTC time at start, in seconds since 1970 (default: now)")
+        ->check(CLI::Range(std::int64_t{0}, std::int64_t{4102444800})); // to 2100
+    bool paused = false;
+    app.add_flag("--paused", paused, "start with \"Sim\" not running");
+    app.add_option("--record", c.record, "write every object's positions and events as JSON lines at exit");
+    app.add_option("--quit-after", c.quitAfter, "send QUIT to the clients and exit after this many seconds");
+    try {
+        app.parse(argc, argv);
+        config.msfs2024 = sim == "2024";
+        config.running = !paused;
+        for (const auto& file : titleFiles) {
+            std::ifstream in(file);
             for (std::string line; std::getline(in, line);)
                 if (!core::trim(line).empty()) config.titles.push_back(core::trim(line));
-        } else if (a == "--community") {
-            const auto t = emu::titlesUnder(value());
+        }
+        for (const auto& dir : communities) {
+            const auto t = emu::titlesUnder(dir);
             config.titles.insert(config.titles.end(), t.begin(), t.end());
-        } else if (a == "--added-first")
-            config.addedBeforeAssigned = true;
-        else if (a == "--user-at") {
-            const auto v = value();
-            if (!numbers(v, n) || n.size() < 2 || n.size() > 3)
-                throw std::invalid_argument("--user-at needs LAT,LON[,HDG]");
-            config.user.latitude = n[0], config.user.longitude = n[1],
+        }
+        if (!userAt.empty()) {
+            const auto n = numberList(userAt, 2, 3, "--user-at needs LAT,LON[,HDG]");
+            config.user.latitude = n[0], config.user.longitude = n[1];
             config.user.headingDeg = n.size() > 2 ? n[2] : 0;
-        } else if (a == "--user-path") {
-            std::string v = value();
-            for (std::size_t start = 0; start <= v.size();) {
-                const auto end = std::min(v.find(';', start), v.size());
-                if (!numbers(std::string_view(v).substr(start, end - start), n) || n.size() != 3)
-                    throw std::invalid_argument("--user-path needs LAT,LON,ALT;LAT,LON,ALT...");
-                config.user.path.push_back({n[0], n[1], n[2]});
-                start = end + 1;
-            }
-        } else if (a == "--user-speed")
-            number(config.user.speedKts);
-        else if (a == "--user-title")
-            config.user.title = value();
-        else if (a == "--user-model")
-            config.user.atcModel = value();
-        else if (a == "--user-lights")
-            config.user.lightStates = static_cast<std::int64_t>(ranged(0, 4294967295.0));
-        else if (a == "--airport") {
-            const auto v = value();
-            const auto comma = v.find(',');
-            if (comma == std::string::npos || !numbers(std::string_view(v).substr(comma + 1), n) ||
-                n.size() != 3)
-                throw std::invalid_argument("--airport needs ID,LAT,LON,ELEV_FT");
-            if (!airportsGiven) config.airports.clear(), airportsGiven = true;
-            config.airports.push_back({v.substr(0, comma), n[0], n[1], n[2]});
-        } else if (a == "--zulu")
-            config.zuluStart = static_cast<std::int64_t>(ranged(0, 4102444800.0)); // to 2100
-        else if (a == "--paused")
-            config.running = false;
-        else if (a == "--record")
-            record = value();
-        else if (a == "--quit-after")
-            number(quitAfter);
-        else
-            throw std::invalid_argument(fmt::format("unknown option '{}' (see --help)", a));
+        }
+        for (std::size_t start = 0; !userPath.empty() && start <= userPath.size();) {
+            const auto end = std::min(userPath.find(';', start), userPath.size());
+            const auto n = numberList(userPath.substr(start, end - start), 3, 3,
+                                      "--user-path needs LAT,LON,ALT;LAT,LON,ALT...");
+            config.user.path.push_back({n[0], n[1], n[2]});
+            start = end + 1;
+        }
+        if (!airports.empty()) config.airports.clear();
+        for (const auto& a : airports) {
+            const auto comma = a.find(',');
+            if (comma == std::string::npos) throw CLI::ValidationError("--airport needs ID,LAT,LON,ELEV_FT");
+            const auto n = numberList(a.substr(comma + 1), 3, 3, "--airport needs ID,LAT,LON,ELEV_FT");
+            config.airports.push_back({a.substr(0, comma), n[0], n[1], n[2]});
+        }
+    } catch (const CLI::ParseError& e) {
+        exitCode = app.exit(e);
+        return std::nullopt;
     }
+    return c;
+}
 
+int run(int argc, char** argv) {
+    int exitCode = 0;
+    auto command = parse(argc, argv, exitCode);
+    if (!command) return exitCode;
+    const auto& config = command->config;
+    const auto& bind = command->bind;
+    const auto port = command->port;
+    const auto quitAfter = command->quitAfter;
+    const auto& record = command->record;
     emu::Emulator emulator(config);
     emu::Server server(emulator);
     if (auto err = server.start(bind, static_cast<std::uint16_t>(port)); !err.empty()) {
@@ -233,7 +216,7 @@ int run(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
     try {
-        return run(std::vector<std::string>(argv + 1, argv + argc));
+        return run(argc, argv);
     } catch (const std::exception& e) {
         std::cerr << "orvelline-simemu: " << e.what() << "\n";
         return 2;

@@ -444,8 +444,12 @@ TEST(Options, CommandLine) {
         {{"/No-Production", "--PRODUCTION"}, true, true, ""},
         {{"--production", "/no-production"}, false, true, ""},
         {{"--stop-after", "x"}, true, false, "--stop-after: 'x' is not a number of seconds"},
-        {{"--home"}, true, false, "--home needs a folder"},
-        {{"--bogus"}, true, false, "unknown option '--bogus' (see --help)"},
+        {{"--home"}, true, false, "--home: 1 required TEXT missing (see --help)"},
+        {{"--bogus"}, true, false, "The following argument was not expected: --bogus (see --help)"},
+        {{"--traffic-port", "70000"},
+         true,
+         false,
+         "--traffic-port: Value 70000 not in range 0 to 65535 (see --help)"},
         {{"--sim", "localhost"}, true, false, "--sim: 'localhost' is not HOST:PORT"},
         {{"--sim", ":500"}, true, false, "--sim: ':500' is not HOST:PORT"},
         {{"--sim", "msfs-pc:70000"}, true, false, "--sim: 'msfs-pc:70000' is not HOST:PORT"},
@@ -453,12 +457,14 @@ TEST(Options, CommandLine) {
     };
     for (const auto& c : cases) {
         core::Options o;
-        bool help = false;
-        EXPECT_EQ(parseOptions(c.args, o, help), c.error);
+        EXPECT_EQ(parseOptions(c.args, o).error, c.error);
         if (!c.error.empty()) continue;
         EXPECT_EQ(o.production, c.production);
         EXPECT_EQ(o.productionGiven, c.given);
     }
+    core::Options o;
+    const auto help = parseOptions({"--help"}, o).help;
+    EXPECT_NE(help.find("--realtraffic-bind"), std::string::npos) << help;
 }
 
 } // namespace

@@ -311,15 +311,15 @@ std::string runCommand(const std::string& command, int& status) {
 // The same runs from the command line, for diagnosis of a recording.
 TEST(ScenarioCommand, RunsAFileAndReports) {
     int status = -1;
-    const std::string program = ORV_PROGRAM;
+    const std::string program = ORV_SCENARIO;
     const std::string file = std::string(ORV_SOURCE_DIR) + "/data/scenarios/lszh-together.json";
-    const auto out = runCommand(program + " --scenario " + file + " --report 2>&1", status);
+    const auto out = runCommand(program + " " + file + " --report 2>&1", status);
     EXPECT_EQ(status, 0) << out;
     EXPECT_NE(out.find("3 objects created"), std::string::npos) << out;
     EXPECT_NE(out.find("CAI3208 'AIG Boeing 737-800 Corendon Airlines' created at"), std::string::npos)
         << out;
     EXPECT_NE(out.find("path past the recorded points"), std::string::npos) << out;
-    const auto missing = runCommand(program + " --scenario /nonexistent/scenario.json 2>&1", status);
+    const auto missing = runCommand(program + " /nonexistent/scenario.json 2>&1", status);
     EXPECT_NE(status, 0);
     EXPECT_NE(missing.find("cannot be opened"), std::string::npos) << missing;
 }

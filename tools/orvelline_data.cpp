@@ -3,58 +3,65 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "recording.h"
 #include "refdata/refdata.h"
 
 namespace {
-constexpr const char* kUsage = R"(Usage: orvelline-data COMMAND ...
 
-  convert --readsb FILE -o OUT
-      a readsb "globe history" trace (JSON) into a traffic recording
-  convert --opensky FILE [--flights CS1,CS2] [--type TYPE] [--type CALLSIGN=TYPE] -o OUT
-      OpenSky state rows (a JSON array; gunzip first) into a traffic recording. OpenSky rows
-      carry no aircraft type, so --type gives one (a default, or per callsign)
-
-  refdata SOURCE_FOLDER INPUT_FOLDER
-      builds the encrypted reference files (dbase.enc, airports.enc, AIG-regcodes.enc) from
-      data/refdata into INPUT_FOLDER; the build runs it for the program folder of each preset
-  liveries OUT_FOLDER [--files N]
-      writes a Community folder of AI livery packages shaped like the real ones (AIG, FSLTL,
-      JF, IVAO MTL, user-aitraffic) with their quirks: the fixed set in data/liveries, or with
-      --files a corpus of N aircraft.cfg files of five sections each, for benchmarks
-  encrypt IN OUT, decrypt IN OUT
-      turn a plain reference file into the program's encrypted form and back
-
-A traffic recording holds one traffic line per point, in time order, in the wire format of
-RealTraffic's UDP feed; points on the ground have altitude 0.
-)";
+// A command whose own arguments its tool function reads; CLI11 only picks the command.
+void addCommand(CLI::App& app, const char* name, const char* usage, std::vector<std::string>& rest) {
+    auto* c = app.add_subcommand(name, usage);
+    c->allow_extras();
+    c->prefix_command();
+    c->callback([c, &rest] { rest = c->remaining(); });
 }
 
-int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
-    if (args.empty() || args[0] == "--help" || args[0] == "-h") {
-        std::cout << kUsage;
-        return args.empty() ? 2 : 0;
+int crypt(const std::string& command, const std::vector<std::string>& args) {
+    if (args.size() != 2) throw std::runtime_error(command + " needs IN and OUT");
+    if (command == "decrypt") {
+        if (!orv::refdata::streamDecrypt(args[0], args[1]))
+            throw std::runtime_error("cannot decrypt " + args[0] + " (wrong file, key or a damaged chunk)");
+    } else if (auto err = orv::refdata::streamEncrypt(args[0], args[1]); !err.empty()) {
+        throw std::runtime_error(err);
     }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"The project's data chores: recordings, reference files, livery packages.",
+                 "orvelline-data"};
+    app.footer("A traffic recording holds one traffic line per point, in time order, in the wire format of "
+               "RealTraffic's UDP feed; points on the ground have altitude 0.");
+    app.require_subcommand(1);
+    std::vector<std::string> rest;
+    addCommand(
+        app, "convert",
+        "--readsb FILE -o OUT: a readsb \"globe history\" trace (JSON) into a traffic recording; "
+        "--opensky FILE [--flights CS1,CS2] [--type TYPE] [--type CALLSIGN=TYPE] -o OUT: OpenSky state "
+        "rows (a JSON array; gunzip first), which carry no aircraft type, so --type gives one",
+        rest);
+    addCommand(app, "refdata",
+               "SOURCE_FOLDER INPUT_FOLDER: the encrypted reference files (dbase.enc, airports.enc, "
+               "AIG-regcodes.enc) from data/refdata; the build runs it for the program folder of each preset",
+               rest);
+    addCommand(
+        app, "liveries",
+        "OUT_FOLDER [--files N]: a Community folder of AI livery packages shaped like the real ones, "
+        "the fixed set in data/liveries, or with --files a corpus of N aircraft.cfg files for benchmarks",
+        rest);
+    addCommand(app, "encrypt", "IN OUT: a plain reference file into the program's encrypted form", rest);
+    addCommand(app, "decrypt", "IN OUT: an encrypted reference file back into plain text", rest);
+    CLI11_PARSE(app, argc, argv);
+    const std::string command = app.get_subcommands().front()->get_name();
     try {
-        const std::string cmd = args[0];
-        args.erase(args.begin());
-        if (cmd == "convert") return orv::tools::convertMain(args);
-        if (cmd == "refdata") return orv::tools::refdataMain(args);
-        if (cmd == "liveries") return orv::tools::liveriesMain(args);
-        if (cmd == "encrypt" || cmd == "decrypt") {
-            if (args.size() != 2) throw std::runtime_error(cmd + " needs IN and OUT");
-            if (cmd == "decrypt") {
-                if (!orv::refdata::streamDecrypt(args[0], args[1]))
-                    throw std::runtime_error("cannot decrypt " + args[0] +
-                                             " (wrong file, key or a damaged chunk)");
-            } else if (auto err = orv::refdata::streamEncrypt(args[0], args[1]); !err.empty()) {
-                throw std::runtime_error(err);
-            }
-            return 0;
-        }
-        std::cerr << "orvelline-data: unknown command '" << cmd << "'\n" << kUsage;
-        return 2;
+        if (command == "convert") return orv::tools::convertMain(rest);
+        if (command == "refdata") return orv::tools::refdataMain(rest);
+        if (command == "liveries") return orv::tools::liveriesMain(rest);
+        return crypt(command, rest);
     } catch (const std::exception& e) {
         std::cerr << "orvelline-data: " << e.what() << '\n';
         return 1;

@@ -9,6 +9,7 @@
 #include <iostream>
 #include <thread>
 
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "core/core.h"
@@ -18,29 +19,6 @@ namespace {
 
 using namespace orv;
 using namespace std::chrono_literals;
-
-constexpr std::string_view kHelp = R"(Usage: orvelline-replay RECORDING [options]
-
-Stands in for RealTraffic: connects to Orvelline's control port, answers its version query,
-prints the user positions it receives, and sends the recording's traffic lines as UDP datagrams
-at their recorded pace, each line's time moved to the moment it is sent, plus a weather
-datagram with a QNH every 5 seconds.
-
-  --host HOST            where Orvelline runs (127.0.0.1)
-  --control-port N       Orvelline's control port (10747); 0: no control link
-  --edition prof|stnd    the edition the version answer gives (prof)
-  --version TEXT         the version the answer gives (9.0.0)
-  --port N               UDP port of the traffic lines (49005)
-  --weather-port N       UDP port of the weather datagrams (49004)
-  --qnh HPA              the QNH of the weather datagrams (1013)
-  --speed X              play X times faster than recorded (1)
-  --max-gap SECONDS      cut longer gaps between lines to this, before the speed-up (none)
-  --skip N               start at line N of the recording (0)
-  --help                 this text
-
-A recording holds one traffic line per point in RealTraffic's format (orvelline-data convert
-makes them). The program's "exit" ends the link; the replay then waits for it to come back.
-)";
 
 std::atomic<bool> stopSignal{false};
 void onSignal(int) {
@@ -156,48 +134,36 @@ int run(const ReplayOptions& o) {
 
 int main(int argc, char** argv) {
     ReplayOptions o;
+    CLI::App app{
+        "Stands in for RealTraffic: connects to Orvelline's control port, answers its version query, "
+        "prints the user positions it receives, and sends the recording's traffic lines as UDP "
+        "datagrams at their recorded pace, each line's time moved to the moment it is sent, plus a "
+        "weather datagram with a QNH every 5 seconds.",
+        "orvelline-replay"};
+    app.footer(
+        "A recording holds one traffic line per point in RealTraffic's format (orvelline-data convert makes "
+        "them). The program's \"exit\" ends the link; the replay then waits for it to come back.");
+    const auto port = CLI::Range(0, 65535);
+    app.add_option("RECORDING", o.file, "the traffic recording to play")->required();
+    app.add_option("--host", o.host, "where Orvelline runs (127.0.0.1)");
+    app.add_option("--control-port", o.controlPort, "Orvelline's control port (10747); 0: no control link")
+        ->check(port);
+    app.add_option("--edition", o.edition, "the edition the version answer gives (prof)")
+        ->check(CLI::IsMember({"prof", "stnd"}));
+    app.add_option("--version", o.version, "the version the answer gives (9.0.0)");
+    app.add_option("--port", o.port, "UDP port of the traffic lines (49005)")->check(port);
+    app.add_option("--weather-port", o.weatherPort, "UDP port of the weather datagrams (49004)")->check(port);
+    app.add_option("--qnh", o.qnh, "the QNH of the weather datagrams in hPa (1013)");
+    app.add_option("--speed", o.speed, "play X times faster than recorded (1)")
+        ->check(CLI::Validator(
+            [](const std::string& v) { return std::stod(v) > 0 ? std::string() : "must be above 0"; },
+            "X>0"));
+    app.add_option("--max-gap", o.maxGap,
+                   "cut longer gaps between lines to this many seconds, before the "
+                   "speed-up (none)");
+    app.add_option("--skip", o.skip, "start at line N of the recording (0)");
+    CLI11_PARSE(app, argc, argv);
     try {
-        const std::vector<std::string> args(argv + 1, argv + argc);
-        for (std::size_t i = 0; i < args.size(); ++i) {
-            const auto& a = args[i];
-            const auto next = [&]() -> std::string {
-                if (i + 1 >= args.size()) throw std::invalid_argument(a + " needs a value");
-                return args[++i];
-            };
-            if (a == "--help") {
-                std::cout << kHelp;
-                return 0;
-            } else if (a == "--host")
-                o.host = next();
-            else if (a == "--control-port")
-                o.controlPort = std::stoi(next());
-            else if (a == "--edition") {
-                o.edition = next();
-                if (o.edition != "prof" && o.edition != "stnd")
-                    throw std::invalid_argument("--edition is prof or stnd");
-            } else if (a == "--version")
-                o.version = next();
-            else if (a == "--port")
-                o.port = std::stoi(next());
-            else if (a == "--weather-port")
-                o.weatherPort = std::stoi(next());
-            else if (a == "--qnh")
-                o.qnh = std::stoi(next());
-            else if (a == "--speed")
-                o.speed = std::stod(next());
-            else if (a == "--max-gap")
-                o.maxGap = std::stod(next());
-            else if (a == "--skip")
-                o.skip = static_cast<std::size_t>(std::stoul(next()));
-            else if (o.file.empty() && !a.starts_with("--"))
-                o.file = a;
-            else
-                throw std::invalid_argument(fmt::format("unknown option '{}' (see --help)", a));
-        }
-        if (o.file.empty()) throw std::invalid_argument("a recording is needed (see --help)");
-        if (!(o.speed > 0)) throw std::invalid_argument("--speed must be above 0");
-        for (const int p : {o.port, o.weatherPort, o.controlPort})
-            if (p < 0 || p > 65535) throw std::invalid_argument("ports are 0 to 65535");
         return run(o);
     } catch (const std::exception& e) {
         std::cerr << "orvelline-replay: " << e.what() << "\n";

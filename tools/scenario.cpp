@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -363,20 +364,16 @@ int scenarioMain(const std::vector<std::string>& args, const std::filesystem::pa
     namespace fs = std::filesystem;
     fs::path file;
     bool report = false;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--scenario" && i + 1 < args.size())
-            file = args[++i];
-        else if (args[i] == "--report")
-            report = true;
-        else {
-            std::cerr << fmt::format("unknown option '{}'; usage: orvelline --scenario FILE [--report]\n",
-                                     args[i]);
-            return 2;
-        }
-    }
-    if (file.empty()) {
-        std::cerr << "usage: orvelline --scenario FILE [--report]\n";
-        return 2;
+    CLI::App app{
+        "Runs a recording against the emulated simulator on virtual time and prints what was created.",
+        "orvelline-scenario"};
+    app.add_option("FILE", file, "the scenario file (see data/scenarios)")->required();
+    app.add_flag("--report", report, "also the motion report of every aircraft");
+    try {
+        std::vector<std::string> reversed(args.rbegin(), args.rend());
+        app.parse(reversed);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e);
     }
     const fs::path work = fs::temp_directory_path() / fmt::format("orvelline-scenario-{}", ::getpid());
     try {

@@ -1,3 +1,4 @@
+#include <charconv>
 #include <condition_variable>
 #include <csignal>
 #include <deque>
@@ -5,6 +6,7 @@
 #include <mutex>
 #include <thread>
 
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "core/core.h"
@@ -29,35 +31,6 @@ std::atomic<bool> closeSignal{false};
 void onSignal(int) {
     closeSignal = true;
 }
-
-constexpr std::string_view kHelp = R"(Usage: orvelline [options]
-
-Fills a running flight simulator with real-world air traffic.
-
-  --production, /production         run everything (the default)
-  --no-production, /no-production   run the start sequence, then stop
-  --home DIR                        the program folder (data files, airports, output);
-                                    default: the folder of the executable
-  --sim HOST:PORT                    where the simulator's SimConnect listens on TCP
-                                    (127.0.0.1:50500, where orvelline-simemu listens)
-  --appdata DIR, --localappdata DIR  the folders that stand for Windows' %APPDATA% and
-                                    %LOCALAPPDATA% when looking for the simulator's UserCfg.opt
-                                    (default: inside Steam's Proton prefix of the simulator,
-                                    ~/.local/share/Steam/steamapps/compatdata/1250410/pfx/
-                                    drive_c/users/steamuser/AppData/Roaming and .../Local;
-                                    2537590 for MSFS 2024)
-  --stop-after SECONDS              close as the user would, after this many seconds
-  --status                          print a status line every 5 seconds
-  --traffic-port N, --weather-port N  UDP ports of the feed (49005 and 49004)
-  --realtraffic-bind ADDR           where the server for RealTraffic's control link listens
-                                    (127.0.0.1; its port is the parameter PORT_NUMBER, 10747)
-  --scenario FILE [--report]        run a scenario file (a recording against the emulated
-                                    simulator, on virtual time) and print what was created,
-                                    with --report also the motion figures; see data/scenarios
-  --help                            this text
-
-params::Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).
-)";
 
 void printStatus() {
     const auto& c = feed::gTrafficReader.counts;
@@ -108,82 +81,77 @@ std::optional<WindowMessage> nextWindowMessage(std::chrono::milliseconds wait) {
     return msg;
 }
 
-std::string parseOptions(const std::vector<std::string>& args, core::Options& out, bool& help) {
-    help = false;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        const auto value = [&](std::string& into) -> bool {
-            if (i + 1 >= args.size()) return false;
-            into = args[++i];
-            return true;
-        };
-        if (core::iequals(a, "--production") || core::iequals(a, "/production")) {
-            out.production = true;
-            out.productionGiven = true;
-        } else if (core::iequals(a, "--no-production") || core::iequals(a, "/no-production")) {
-            out.production = false;
-            out.productionGiven = true;
-        } else if (a == "--help" || a == "-h") {
-            help = true;
-        } else if (a == "--status") {
-            out.status = true;
-        } else if (a == "--home") {
-            std::string v;
-            if (!value(v)) return "--home needs a folder";
-            out.home = v;
-        } else if (a == "--sim") {
-            std::string v;
-            if (!value(v)) return "--sim needs HOST:PORT";
-            const auto colon = v.rfind(':');
-            int port = -1;
-            try {
-                if (colon != std::string::npos) port = std::stoi(v.substr(colon + 1));
-            } catch (const std::exception&) {
-            }
-            if (colon == std::string::npos || colon == 0 || port < 1 || port > 65535)
-                return fmt::format("--sim: '{}' is not HOST:PORT", v);
-            out.simHost = v.substr(0, colon);
-            out.simPort = static_cast<std::uint16_t>(port);
-        } else if (a == "--realtraffic-bind") {
-            if (!value(out.realTrafficBind)) return "--realtraffic-bind needs an address";
-        } else if (a == "--appdata" || a == "--localappdata") {
-            std::string v;
-            if (!value(v)) return fmt::format("{} needs a folder", a);
-            (a == "--appdata" ? out.appData : out.localAppData) = v;
-        } else if (a == "--traffic-port" || a == "--weather-port") {
-            std::string v;
-            if (!value(v)) return fmt::format("{} needs a port number", a);
-            int port = -1;
-            try {
-                port = std::stoi(v);
-            } catch (const std::exception&) {
-            }
-            if (port < 0 || port > 65535) return fmt::format("{}: '{}' is not a port number", a, v);
-            (a == "--traffic-port" ? out.trafficPort : out.weatherPort) = static_cast<std::uint16_t>(port);
-        } else if (a == "--stop-after") {
-            std::string v;
-            if (!value(v)) return "--stop-after needs a number of seconds";
-            try {
-                out.stopAfterSeconds = std::stoi(v);
-            } catch (const std::exception&) {
-                return fmt::format("--stop-after: '{}' is not a number of seconds", v);
-            }
-        } else {
-            return fmt::format("unknown option '{}' (see --help)", a);
-        }
+CommandLine parseOptions(const std::vector<std::string>& args, core::Options& out) {
+    CLI::App app{"Fills a running flight simulator with real-world air traffic.", "orvelline"};
+    app.footer("Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).");
+    app.allow_windows_style_options(); // "/production", as on Windows
+    app.option_defaults()->ignore_case();
+    bool production = true;
+    std::string sim, stopAfter;
+    int trafficPort = out.trafficPort, weatherPort = out.weatherPort;
+    app.add_flag("--production,!--no-production", production,
+                 "run everything (the default), or only the start sequence and then stop");
+    app.add_option("--home", out.home,
+                   "the program folder (data files, airports, output); default: the folder "
+                   "of the executable");
+    app.add_option("--sim", sim,
+                   "HOST:PORT where the simulator's SimConnect listens on TCP (127.0.0.1:50500, "
+                   "where orvelline-simemu listens)");
+    app.add_option("--appdata", out.appData,
+                   "the folder that stands for Windows' %APPDATA% when looking for the "
+                   "simulator's UserCfg.opt (default: in Steam's Proton prefix)");
+    app.add_option("--localappdata", out.localAppData, "the folder that stands for Windows' %LOCALAPPDATA%");
+    app.add_option("--stop-after", stopAfter, "close as the user would, after this many SECONDS");
+    app.add_flag("--status", out.status, "print a status line every 5 seconds");
+    app.add_option("--traffic-port", trafficPort, "UDP port of the traffic lines (49005)")
+        ->check(CLI::Range(0, 65535));
+    app.add_option("--weather-port", weatherPort, "UDP port of the weather datagrams (49004)")
+        ->check(CLI::Range(0, 65535));
+    app.add_option("--realtraffic-bind", out.realTrafficBind,
+                   "where the server for RealTraffic's control link listens (127.0.0.1; its port is the "
+                   "parameter PORT_NUMBER, 10747)");
+    try {
+        std::vector<std::string> reversed(args.rbegin(), args.rend()); // CLI11 takes them last first
+        app.parse(reversed);
+    } catch (const CLI::CallForHelp&) {
+        return {{}, app.help()};
+    } catch (const CLI::ParseError& e) {
+        return {fmt::format("{} (see --help)", e.what()), {}};
+    }
+    if (app.count_all() > 0 && (app.get_option("--production")->count() > 0)) {
+        out.production = production;
+        out.productionGiven = true;
+    }
+    out.trafficPort = static_cast<std::uint16_t>(trafficPort);
+    out.weatherPort = static_cast<std::uint16_t>(weatherPort);
+    if (!sim.empty()) {
+        const auto colon = sim.rfind(':');
+        int port = -1;
+        if (colon != std::string::npos)
+            std::from_chars(sim.data() + colon + 1, sim.data() + sim.size(), port);
+        if (colon == std::string::npos || colon == 0 || port < 1 || port > 65535)
+            return {fmt::format("--sim: '{}' is not HOST:PORT", sim), {}};
+        out.simHost = sim.substr(0, colon);
+        out.simPort = static_cast<std::uint16_t>(port);
+    }
+    if (!stopAfter.empty()) {
+        const auto* end = stopAfter.data() + stopAfter.size();
+        if (auto r = std::from_chars(stopAfter.data(), end, out.stopAfterSeconds);
+            r.ec != std::errc{} || r.ptr != end)
+            return {fmt::format("--stop-after: '{}' is not a number of seconds", stopAfter), {}};
     }
     return {};
 }
 
 int runProcess(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
-    bool help = false;
-    if (auto err = parseOptions(args, core::gOptions, help); !err.empty()) {
-        std::cerr << "orvelline: " << err << '\n';
+    const auto line = parseOptions(args, core::gOptions);
+    if (!line.error.empty()) {
+        std::cerr << "orvelline: " << line.error << '\n';
         return 2;
     }
-    if (help) {
-        std::cout << kHelp;
+    if (!line.help.empty()) {
+        std::cout << line.help;
         return 0;
     }
 

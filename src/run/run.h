@@ -68,8 +68,12 @@ extern LoopProbe gLoopProbe;
 
 // ---- Process --------------------------------------------------------------------------------
 
-// Parses the command line; returns an error text, empty on success. Sets `help` for --help.
-std::string parseOptions(const std::vector<std::string>& args, core::Options& out, bool& help);
+// The command line read into the options: an error text, or the help text for --help; both empty
+// when the program runs.
+struct CommandLine {
+    std::string error, help;
+};
+[[nodiscard]] CommandLine parseOptions(const std::vector<std::string>& args, core::Options& out);
 int runProcess(int argc, char** argv);
 
 } // namespace orv::run
