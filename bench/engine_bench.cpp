@@ -15,7 +15,7 @@
 
 #include "core/core.h"
 #include "feed/feed.h"
-#include "live/engine.h"
+#include "live/internal.h"
 #include "refdata/refdata.h"
 #include "sim/sim.h"
 

@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 
 #include "core/core.h"
-#include "liveries/liveries.h"
+#include "liveries/internal.h"
 #include "params/params.h"
 #include "recording.h"
 #include "refdata/refdata.h"

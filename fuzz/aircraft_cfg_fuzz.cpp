@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/core.h"
-#include "liveries/liveries.h"
+#include "liveries/internal.h"
 #include "refdata/refdata.h"
 
 namespace {

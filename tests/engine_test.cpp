@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "core/core.h"
-#include "live/engine.h"
+#include "live/internal.h"
 #include "program_home.h"
 #include "sim/sim.h"
 

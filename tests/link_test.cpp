@@ -8,7 +8,7 @@
 
 #include "emulator.h"
 #include "feed/feed.h"
-#include "live/engine.h"
+#include "live/internal.h"
 #include "platform/platform.h"
 #include "refdata/refdata.h"
 #include "run/run.h"

@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "liveries/liveries.h"
+#include "liveries/internal.h"
 #include "params/params.h"
 #include "recording.h"
 #include "refdata/refdata.h"
@@ -174,7 +174,7 @@ TEST_F(LiveriesTest, TheFixedSetIsWhatTheGeneratorWrites) {
 }
 
 TEST_F(LiveriesTest, TheRealAircraftCfg) {
-    const auto got = searchLiveriesinFile(3, fs::path(ORV_SOURCE_DIR) /
+    const auto got = searchLiveriesInFile(3, fs::path(ORV_SOURCE_DIR) /
                                                  "data/liveries/real/flybywire-a320neo.aircraft.cfg");
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(refdata::modelCode(got[0].model), "A20N");
@@ -295,7 +295,7 @@ TEST_F(LiveriesTest, IvaoFiles) {
         clearReports();
         clearTitleSet();
         test::writeBytes(folder / "aircraft.cfg", "[fltsim.0]\n" + c.section);
-        const auto got = searchLiveriesinIVAOFile(2, folder / "aircraft.cfg");
+        const auto got = searchLiveriesInIvaoFile(2, folder / "aircraft.cfg");
         std::string livery;
         for (const auto& l : got)
             livery = fmt::format("{}|{}|{}", l.title, refdata::airlineCode(l.airline), l.regcode);

@@ -5,7 +5,7 @@
 
 #include "core/core.h"
 #include "core/geo.h"
-#include "live/engine.h"
+#include "live/internal.h"
 #include "program_home.h"
 #include "sim/sim.h"
 

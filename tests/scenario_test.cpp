@@ -10,7 +10,7 @@
 
 #include "emulator.h"
 #include "feed/feed.h"
-#include "live/engine.h"
+#include "live/internal.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
 #include "program_home.h"

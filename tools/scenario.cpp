@@ -17,7 +17,7 @@
 #include "core/geo.h"
 #include "feed/feed.h"
 #include "live/live.h"
-#include "liveries/liveries.h"
+#include "liveries/internal.h"
 #include "params/params.h"
 #include "refdata/refdata.h"
 #include "sim/sim.h"

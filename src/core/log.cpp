@@ -13,14 +13,17 @@
 namespace orv::core {
 
 namespace {
-std::mutex logLock;
+std::mutex logLock; // guards logStream: any thread logs
 std::ofstream logStream;
 
-std::mutex messageLock;
-std::string gMessageLine;
-std::string gErrorLine;
-int gMessageSecond = 0;
-int gSecondCount = 0;
+// The window's message and error lines: any thread sets them, the front end reads them.
+struct MessageLines {
+    std::string message, error;
+    int messageSecond = 0; // when the message was set, in seconds of the run
+    int secondCount = 0;
+};
+std::mutex messageLock; // guards messages
+MessageLines messages;
 
 std::time_t utcSeconds() {
     return std::chrono::system_clock::to_time_t(platform::clock().utcNow());
@@ -65,9 +68,9 @@ std::string timeText() {
 void message(std::string_view text, bool alsoLog) {
     {
         std::lock_guard lock(messageLock);
-        if (!gErrorLine.empty()) return;
-        gMessageLine = text;
-        gMessageSecond = text.empty() ? 0 : std::max(gSecondCount, 1);
+        if (!messages.error.empty()) return;
+        messages.message = text;
+        messages.messageSecond = text.empty() ? 0 : std::max(messages.secondCount, 1);
     }
     if (alsoLog && !text.empty()) log(text);
     core::repaint(core::Region::MessageLine);
@@ -80,9 +83,9 @@ void clearMessage() {
 void error(std::string_view text) {
     {
         std::lock_guard lock(messageLock);
-        gMessageLine.clear();
-        gMessageSecond = 0;
-        gErrorLine = text;
+        messages.message.clear();
+        messages.messageSecond = 0;
+        messages.error = text;
     }
     log(fmt::format("Error {}", text));
     core::repaint(core::Region::MessageLine);
@@ -90,22 +93,22 @@ void error(std::string_view text) {
 
 std::string messageLine() {
     std::lock_guard lock(messageLock);
-    return gMessageLine;
+    return messages.message;
 }
 
 std::string errorLine() {
     std::lock_guard lock(messageLock);
-    return gErrorLine;
+    return messages.error;
 }
 
 void messageSecond() {
     bool cleared = false;
     {
         std::lock_guard lock(messageLock);
-        ++gSecondCount;
-        if (gMessageSecond > 0 && gSecondCount - gMessageSecond >= 25) {
-            gMessageLine.clear();
-            gMessageSecond = 0;
+        ++messages.secondCount;
+        if (messages.messageSecond > 0 && messages.secondCount - messages.messageSecond >= 25) {
+            messages.message.clear();
+            messages.messageSecond = 0;
             cleared = true;
         }
     }
@@ -114,10 +117,7 @@ void messageSecond() {
 
 void resetMessages() {
     std::lock_guard lock(messageLock);
-    gMessageLine.clear();
-    gErrorLine.clear();
-    gMessageSecond = 0;
-    gSecondCount = 0;
+    messages = {};
 }
 
 } // namespace orv::core

@@ -58,6 +58,8 @@ struct TrafficQueue {
 };
 extern TrafficQueue gTraffic;
 void setAcceptTraffic(bool accept);
+// The queue, the readers' counts and flags as a new run wants them.
+void resetForRun();
 // Moves up to `max` samples into out (which keeps its capacity); returns how many. Never waits.
 std::size_t takeTraffic(TrafficSample* out, std::size_t max);
 

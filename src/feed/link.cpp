@@ -15,15 +15,19 @@ namespace orv::feed {
 
 namespace {
 
-// The worker sends; the window thread may say farewell: one lock keeps them apart.
+// The link with one RealTraffic. The worker sends and waits; the window thread may say farewell:
+// linkMutex keeps them apart and guards all but the two flags, which any thread reads.
+struct Link {
+    platform::TcpListener listener;
+    platform::TcpStream client;
+    bool waitAnnounced = false;
+    std::string statusText;
+    std::function<void()> onLinkLost; // installed by the run sequence
+};
 std::mutex linkMutex;
-platform::TcpListener listener;
-platform::TcpStream client;
+Link link;
 std::atomic<bool> clientConnected{false};
 std::atomic<bool> rtProfessional{false};
-bool waitAnnounced = false;
-std::string statusText;
-std::function<void()> onLinkLost; // installed by the run sequence
 
 // Everything the feed learned from the last RealTraffic, forgotten for the next one.
 void resetFeed() {
@@ -35,21 +39,21 @@ void resetFeed() {
 // Under linkMutex.
 bool waitForClient() {
     if (clientConnected) return true;
-    auto accepted = listener.accept(0);
+    auto accepted = link.listener.accept(0);
     if (!accepted) return false;
     accepted->setNoDelay();
-    client = std::move(*accepted);
+    link.client = std::move(*accepted);
     clientConnected = true;
     return true;
 }
 
 // Under linkMutex. False when RealTraffic has gone.
 bool sendDataPacket(std::string_view text) {
-    if (!client.isOpen()) return false;
-    if (auto err = client.sendAll(text); !err.empty()) {
+    if (!link.client.isOpen()) return false;
+    if (auto err = link.client.sendAll(text); !err.empty()) {
         core::log(fmt::format("sendDataPacket to RealTraffic failed: {}", err));
         clientConnected = false;
-        client.close();
+        link.client.close();
         core::log("RealTraffic client socket closed");
         return false;
     }
@@ -60,7 +64,7 @@ bool sendDataPacket(std::string_view text) {
 std::string receive() {
     constexpr std::size_t kMax = 16384;
     std::string buffer(kMax, '\0');
-    const auto r = client.receive(buffer.data(), kMax, 3000);
+    const auto r = link.client.receive(buffer.data(), kMax, 3000);
     if (r.status == platform::RecvStatus::Failed && r.error != 0) {
         core::log(fmt::format("receive: {}", platform::errorText(r.error)));
         return {};
@@ -78,14 +82,14 @@ std::string receive() {
 
 void startRealTrafficServer(const std::string& address, std::uint16_t port) {
     std::lock_guard lock(linkMutex);
-    listener.close();
-    if (auto err = listener.listen(address, port); !err.empty())
+    link.listener.close();
+    if (auto err = link.listener.listen(address, port); !err.empty())
         throw std::runtime_error(fmt::format("Bind failed at port {} with error {}", port, err));
 }
 
 std::uint16_t realTrafficPort() {
     std::lock_guard lock(linkMutex);
-    return listener.localPort();
+    return link.listener.localPort();
 }
 
 void processRTVersion(std::string_view text) {
@@ -101,12 +105,12 @@ void processRTVersion(std::string_view text) {
         rtProfessional = prof;
         {
             std::lock_guard lock(linkMutex);
-            statusText = fmt::format("RT {} edition: {}", prof ? "prof" : "stnd", version);
+            link.statusText = fmt::format("RT {} edition: {}", prof ? "prof" : "stnd", version);
         }
         core::repaint(core::Region::Indicators);
     } catch (const nlohmann::json::parse_error& e) {
         std::lock_guard lock(linkMutex);
-        statusText.clear();
+        link.statusText.clear();
         core::log(fmt::format("{}: JSON parse failed: {}", "processRTVersion", e.what()));
     } catch (const std::exception&) {
         rtProfessional = false; // a value of the wrong shape: the standard edition
@@ -117,8 +121,8 @@ bool waitForRealTraffic() {
     std::string answer;
     {
         std::lock_guard lock(linkMutex);
-        if (!waitAnnounced) {
-            waitAnnounced = true;
+        if (!link.waitAnnounced) {
+            link.waitAnnounced = true;
             core::message(fmt::format("Waiting for RealTraffic to connect to {} ...", core::kAppName), true);
             resetFeed();
         }
@@ -142,7 +146,7 @@ bool realTrafficProfessional() {
 
 std::string realTrafficStatus() {
     std::lock_guard lock(linkMutex);
-    return statusText;
+    return link.statusText;
 }
 
 std::string qs121(const UserReport& u) {
@@ -163,7 +167,7 @@ void sendUserPosition(const UserReport& u) {
     if (!clientConnected || sendDataPacket(qs121(u))) return;
     // The link is gone: what RealTraffic sent belongs to it, and the next one starts afresh.
     core::setIndicator(core::Indicator::RealTraffic, 0);
-    if (!core::gRun.stopRequested && onLinkLost) onLinkLost();
+    if (!core::gRun.stopRequested && link.onLinkLost) link.onLinkLost();
     resetFeed();
     core::message(
         fmt::format("{} RealTraffic gone? Wait for RealTraffic to re-connect ...", core::timeText()), true);
@@ -171,7 +175,7 @@ void sendUserPosition(const UserReport& u) {
 
 void setOnLinkLost(std::function<void()> action) {
     std::lock_guard lock(linkMutex);
-    onLinkLost = std::move(action);
+    link.onLinkLost = std::move(action);
 }
 
 void sendTimeToRealTraffic(std::int64_t epoch) {
@@ -183,11 +187,11 @@ void sendTimeToRealTraffic(std::int64_t epoch) {
 
 void realTrafficFarewell() {
     std::lock_guard lock(linkMutex);
-    if (clientConnected) (void)client.sendAll("exit\r\n");
+    if (clientConnected) (void)link.client.sendAll("exit\r\n");
     clientConnected = false;
-    client.close();
-    listener.close();
-    waitAnnounced = false;
+    link.client.close();
+    link.listener.close();
+    link.waitAnnounced = false;
 }
 
 void qnhUpdate() {}

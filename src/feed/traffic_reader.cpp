@@ -365,4 +365,16 @@ void QnhReader::reset() {
     stop = false;
 }
 
+void resetForRun() {
+    setAcceptTraffic(false);
+    {
+        std::lock_guard lock(gTraffic.trafficLock);
+        gTraffic.trafficQueue.clear();
+    }
+    gTrafficReader.clearForRun();
+    gTrafficReader.stop = false;
+    gQnhReader.stop = false;
+    gQnhReader.received = false;
+}
+
 } // namespace orv::feed

@@ -1,5 +1,5 @@
 // The engine frame: samples in, objects created, a position for every aircraft every 10 ms.
-#include "live/engine.h"
+#include "live/internal.h"
 
 #include <algorithm>
 #include <atomic>
@@ -22,10 +22,12 @@ namespace {
 constexpr std::int32_t kDelayTicks = 3000; // everything runs 30 s behind the feed
 
 std::optional<AirportPlace> currentAirportPlace; // the worker thread's: set and read there only
-// Counts for the status display, which another thread reads.
-std::atomic<std::uint64_t> publishedTaken{0};
-std::atomic<std::uint32_t> publishedActive{0}, publishedBuffered{0}, publishedCreating{0},
-    publishedLeaving{0}, publishedQueue{0};
+// Counts for the status display: the frame publishes them once a second, any thread reads.
+struct Published {
+    std::atomic<std::uint64_t> taken{0};
+    std::atomic<std::uint32_t> active{0}, buffered{0}, creating{0}, leaving{0}, queue{0};
+};
+Published published;
 
 void publishCounts() {
     const auto& e = gEngine;
@@ -40,12 +42,12 @@ void publishCounts() {
         else
             ++leaving;
     }
-    publishedTaken.store(e.taken, std::memory_order_relaxed);
-    publishedActive.store(active, std::memory_order_relaxed);
-    publishedBuffered.store(buffered, std::memory_order_relaxed);
-    publishedCreating.store(creating, std::memory_order_relaxed);
-    publishedLeaving.store(leaving, std::memory_order_relaxed);
-    publishedQueue.store(static_cast<std::uint32_t>(e.spawnQueue.size()), std::memory_order_relaxed);
+    published.taken.store(e.taken, std::memory_order_relaxed);
+    published.active.store(active, std::memory_order_relaxed);
+    published.buffered.store(buffered, std::memory_order_relaxed);
+    published.creating.store(creating, std::memory_order_relaxed);
+    published.leaving.store(leaving, std::memory_order_relaxed);
+    published.queue.store(static_cast<std::uint32_t>(e.spawnQueue.size()), std::memory_order_relaxed);
 }
 
 Sample toSample(const feed::TrafficSample& r) {
@@ -1119,16 +1121,16 @@ void reset() {
 }
 
 std::uint64_t samplesTaken() noexcept {
-    return publishedTaken.load(std::memory_order_relaxed);
+    return published.taken.load(std::memory_order_relaxed);
 }
 
 LiveCounts liveCounts() noexcept {
     LiveCounts c;
-    c.active = publishedActive.load(std::memory_order_relaxed);
-    c.buffered = publishedBuffered.load(std::memory_order_relaxed);
-    c.creating = publishedCreating.load(std::memory_order_relaxed);
-    c.leaving = publishedLeaving.load(std::memory_order_relaxed);
-    c.spawnQueue = publishedQueue.load(std::memory_order_relaxed);
+    c.active = published.active.load(std::memory_order_relaxed);
+    c.buffered = published.buffered.load(std::memory_order_relaxed);
+    c.creating = published.creating.load(std::memory_order_relaxed);
+    c.leaving = published.leaving.load(std::memory_order_relaxed);
+    c.spawnQueue = published.queue.load(std::memory_order_relaxed);
     return c;
 }
 

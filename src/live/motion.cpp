@@ -9,7 +9,7 @@
 
 #include "core/core.h"
 #include "core/geo.h"
-#include "live/engine.h"
+#include "live/internal.h"
 #include "params/params.h"
 #include "platform/platform.h"
 

@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 
 #include "core/core.h"
-#include "live/engine.h"
+#include "live/internal.h"
 
 namespace orv::live {
 

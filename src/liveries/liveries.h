@@ -148,16 +148,6 @@ struct ScanProgress {
 };
 extern ScanProgress gScanProgress;
 void scanLiveries();
-std::vector<fs::path> collectAutomaticFolders(const fs::path& community);
-std::vector<fs::path> collectManualFolders();
-bool scanFolders(const std::vector<fs::path>& folders);
-// The parsers of one file, run as tasks; `rank` is the folder's.
-std::vector<LiveryData> searchLiveriesinFile(std::uint16_t rank, const fs::path& path);
-std::vector<LiveryData> searchLiveriesinIVAOFile(std::uint16_t rank, const fs::path& path);
-// The parser of one file's lines, for tests and fuzzing.
-std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& path,
-                                         const std::vector<std::string>& lines);
-void clearTitleSet();
 
 // ---- The start sequence's view ---------------------------------------------------------------
 

@@ -15,8 +15,13 @@ std::array<std::int32_t, 7> gMatchStepCount{};
 
 namespace {
 
-StringSet unusableTitles;
-std::vector<std::string> refusedInOrder;
+// Titles the simulator could not create, refused for the rest of the process; the engine's thread
+// alone adds and reads them.
+struct Refused {
+    StringSet titles;
+    std::vector<std::string> inOrder;
+};
+Refused refused;
 thread_local std::mt19937 rng{std::random_device{}()};
 
 bool randomOn() {
@@ -91,7 +96,7 @@ bool similarLivery(MatchAircraft& a, refdata::AirlineId airline) {
 }
 
 bool acceptLive(MatchAircraft& a, int step) {
-    if (unusableTitles.contains(a.title)) {
+    if (refused.titles.contains(a.title)) {
         a.title = {};
         return false;
     }
@@ -104,7 +109,7 @@ bool acceptLive(MatchAircraft& a, int step) {
 // A refused title counts as no title, for the static path.
 bool usable(MatchAircraft& a) {
     if (a.title.empty()) return false;
-    if (!unusableTitles.contains(a.title)) return true;
+    if (!refused.titles.contains(a.title)) return true;
     a.title = {};
     return false;
 }
@@ -228,7 +233,7 @@ bool matchStaticLivery(MatchAircraft& a, std::string_view standName, bool standC
 }
 
 void refuseTitle(std::string_view title) {
-    if (unusableTitles.emplace(title).second) refusedInOrder.emplace_back(title);
+    if (refused.titles.emplace(title).second) refused.inOrder.emplace_back(title);
 }
 
 void logMatchingSummary() {
@@ -240,9 +245,9 @@ void logMatchingSummary() {
         "\n" + std::string(side, '*') + banner + std::string(side, '*') + "\nMatches at step: ";
     for (std::size_t i = 0; i < gMatchStepCount.size(); ++i)
         text += fmt::format("\n  {}: {}", i, gMatchStepCount[i]);
-    if (!refusedInOrder.empty()) {
+    if (!refused.inOrder.empty()) {
         text += "\n\nCould not be created";
-        for (const auto& t : refusedInOrder) text += "\n  " + t;
+        for (const auto& t : refused.inOrder) text += "\n  " + t;
     }
     text += "\n" + std::string(side * 2 + banner.size(), '*') + "\n";
     core::log(text);
@@ -250,8 +255,8 @@ void logMatchingSummary() {
 
 void resetMatching() {
     gMatchStepCount.fill(0);
-    unusableTitles.clear();
-    refusedInOrder.clear();
+    refused.titles.clear();
+    refused.inOrder.clear();
 }
 
 void seedMatching(std::uint32_t seed) {

@@ -11,7 +11,7 @@
 #include <fmt/format.h>
 
 #include "core/core.h"
-#include "liveries/liveries.h"
+#include "liveries/internal.h"
 #include "params/params.h"
 #include "refdata/refdata.h"
 #include "sim/sim.h"
@@ -170,8 +170,8 @@ std::string modelOfFile(const std::vector<std::string>& lines, const std::string
 }
 
 // One section of a normal file: the livery, if the section makes one.
-std::optional<LiveryData> procesFltSimSection(std::uint16_t rank, const std::string& path,
-                                              refdata::ModelId model, std::vector<std::string> section) {
+std::optional<LiveryData> processFltSimSection(std::uint16_t rank, const std::string& path,
+                                               refdata::ModelId model, std::vector<std::string> section) {
     while (!section.empty() && startsComment(section.back())) section.pop_back();
     if (section.empty()) return std::nullopt;
     const std::string& first = section.front();
@@ -330,7 +330,7 @@ std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& 
     bool inSection = false;
     const auto finish = [&] {
         if (inSection)
-            if (auto l = procesFltSimSection(rank, path, model, std::move(section)))
+            if (auto l = processFltSimSection(rank, path, model, std::move(section)))
                 out.push_back(std::move(*l));
         section.clear();
         inSection = false;
@@ -354,7 +354,7 @@ std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& 
     return out;
 }
 
-std::vector<LiveryData> searchLiveriesinFile(std::uint16_t rank, const fs::path& path) {
+std::vector<LiveryData> searchLiveriesInFile(std::uint16_t rank, const fs::path& path) {
     std::vector<LiveryData> out;
     try {
         std::error_code ec;
@@ -372,12 +372,12 @@ std::vector<LiveryData> searchLiveriesinFile(std::uint16_t rank, const fs::path&
         }
         out = parseAircraftCfg(rank, path.string(), lines);
     } catch (const std::exception& e) {
-        core::log(fmt::format("! Exception in searchLiveriesinFile {}: {}", path.string(), e.what()));
+        core::log(fmt::format("! Exception in searchLiveriesInFile {}: {}", path.string(), e.what()));
     }
     return out;
 }
 
-std::vector<LiveryData> searchLiveriesinIVAOFile(std::uint16_t rank, const fs::path& file) {
+std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::path& file) {
     std::vector<LiveryData> out;
     const std::string path = file.string();
     try {
@@ -501,9 +501,9 @@ std::vector<LiveryData> searchLiveriesinIVAOFile(std::uint16_t rank, const fs::p
         }
         finish();
     } catch (const std::exception& e) {
-        core::log(fmt::format("! Exception in searchLiveriesinIVAOFile {}: {}", path, e.what()));
+        core::log(fmt::format("! Exception in searchLiveriesInIvaoFile {}: {}", path, e.what()));
     } catch (...) {
-        core::log(fmt::format("! Unknown exception in searchLiveriesinIVAOFile {}", path));
+        core::log(fmt::format("! Unknown exception in searchLiveriesInIvaoFile {}", path));
     }
     return out;
 }
@@ -619,7 +619,7 @@ std::size_t searchLiveries(std::uint16_t rank, const fs::path& folder, std::vect
             ++gScanProgress.filesFound;
             while (tasks.size() >= maxTasks) drainOldest();
             tasks.push_back(std::async(std::launch::async, [rank, p, ivao] {
-                auto r = ivao ? searchLiveriesinIVAOFile(rank, p) : searchLiveriesinFile(rank, p);
+                auto r = ivao ? searchLiveriesInIvaoFile(rank, p) : searchLiveriesInFile(rank, p);
                 ++gScanProgress.filesDone;
                 return r;
             }));

@@ -13,22 +13,26 @@ namespace orv::refdata {
 
 namespace {
 
-std::vector<AirportRecord> store;
-std::unordered_set<AirportCode> known;
-StandDistanceFn standDistance;
+// The airport directory: filled on the worker at start, read without a lock afterwards.
+struct Directory {
+    std::vector<AirportRecord> store;
+    std::unordered_set<AirportCode> known;
+    StandDistanceFn standDistance;
+};
+Directory directory;
 
 } // namespace
 
 void clearAirports() {
-    store.clear();
-    known.clear();
+    directory.store.clear();
+    directory.known.clear();
 }
 
 const std::vector<AirportRecord>& airports() {
-    return store;
+    return directory.store;
 }
 void setStandDistance(StandDistanceFn fn) {
-    standDistance = std::move(fn);
+    directory.standDistance = std::move(fn);
 }
 
 std::size_t loadAirports(const fs::path& encrypted) {
@@ -49,7 +53,7 @@ std::size_t parseAirportsXml(const fs::path& plain) {
         const auto section = doc.child("root").child("airports");
         if (!section) throw std::runtime_error("Missing <airports> root in: " + plain.string());
         clearAirports();
-        store.reserve(15000);
+        directory.store.reserve(15000);
         for (const auto ap : section.children("ap")) {
             const AirportCode code(ap.attribute("c").as_string()); // a bad code ends the reading
             const auto la = ap.attribute("la"), lo = ap.attribute("lo"), a = ap.attribute("a");
@@ -80,15 +84,15 @@ std::size_t parseAirportsXml(const fs::path& plain) {
                     continue;
                 }
             }
-            store.push_back(r);
-            known.insert(code);
+            directory.store.push_back(r);
+            directory.known.insert(code);
         }
-        std::sort(store.begin(), store.end(), [](const AirportRecord& x, const AirportRecord& y) {
-            return x.code.bytes() < y.code.bytes();
-        });
-        core::log(fmt::format("{:5} airports read", store.size()));
+        std::sort(
+            directory.store.begin(), directory.store.end(),
+            [](const AirportRecord& x, const AirportRecord& y) { return x.code.bytes() < y.code.bytes(); });
+        core::log(fmt::format("{:5} airports read", directory.store.size()));
         removeFile(plain);
-        return store.size();
+        return directory.store.size();
     } catch (const std::exception& e) {
         removeFile(plain);
         throw core::UserErrorException(88, e.what());
@@ -102,18 +106,18 @@ bool readAirports() {
 }
 
 bool airportKnown(const AirportCode& code) {
-    return known.contains(code);
+    return directory.known.contains(code);
 }
 
 const AirportRecord* airportByName(std::string_view text) {
     const std::string prefix = core::toUpper(text.substr(0, 4));
-    for (const auto& r : store)
+    for (const auto& r : directory.store)
         if (r.code.view().starts_with(prefix)) return &r;
     return nullptr;
 }
 
 const AirportRecord* airportInText(std::string_view text) {
-    for (const auto& r : store) {
+    for (const auto& r : directory.store) {
         const std::string code(r.code.view());
         if (text.find(code + "-") != std::string_view::npos ||
             text.find("-" + code) != std::string_view::npos)
@@ -126,7 +130,7 @@ std::optional<AirportRecord> closestAirport(double latitude, double longitude) {
     double best = 100.0;
     const AirportRecord* closest = nullptr;
     const AirportRecord* neighbour = nullptr;
-    for (const auto& r : store) {
+    for (const auto& r : directory.store) {
         const double d = core::distanceNm({latitude, longitude}, {r.latitude, r.longitude});
         if (d <= 5.0 && d < best) {
             neighbour = closest ? closest : neighbour;
@@ -138,9 +142,9 @@ std::optional<AirportRecord> closestAirport(double latitude, double longitude) {
     if (!neighbour) return *closest;
     core::log(
         fmt::format("Airport {} is closest, neighbour is {}", closest->code.view(), neighbour->code.view()));
-    if (standDistance) {
-        const auto mine = standDistance(*closest, latitude, longitude);
-        const auto theirs = standDistance(*neighbour, latitude, longitude);
+    if (directory.standDistance) {
+        const auto mine = directory.standDistance(*closest, latitude, longitude);
+        const auto theirs = directory.standDistance(*neighbour, latitude, longitude);
         if (theirs && (!mine || theirs->nm < mine->nm)) {
             core::log(fmt::format(
                 "Airport {} is closest, but stand {} at neighbouring airport {} is closer at {:.0F} "

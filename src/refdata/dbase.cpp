@@ -10,9 +10,13 @@ namespace orv::refdata {
 
 namespace {
 
-ReferenceDatabase db;
-std::array<double, kHalfSpanTableSize> halfSpanTable{};
-double largestHalfSpanNm = 0.0;
+// The reference database: filled on the worker at start, read without a lock afterwards.
+struct Database {
+    ReferenceDatabase db;
+    std::array<double, kHalfSpanTableSize> halfSpanTable{};
+    double largestHalfSpanNm = 0.0;
+};
+Database database;
 
 // Items of a list attribute: blanks around an item dropped, empty items ignored.
 std::vector<std::string> items(std::string_view list) {
@@ -49,11 +53,11 @@ std::vector<Thirdparty> readThirdparties(const pugi::xml_node& root, const char*
 }
 
 void readAll(const pugi::xml_node& root) {
-    db.models = readList(root, "aircrafts", "aircraft", "types");
-    core::log(fmt::format("\n{:5} ICAO model codes", db.models.size()));
-    db.cargoTypes = readList(root, "cargo_types", "cargo_type", "types");
+    database.db.models = readList(root, "aircrafts", "aircraft", "types");
+    core::log(fmt::format("\n{:5} ICAO model codes", database.db.models.size()));
+    database.db.cargoTypes = readList(root, "cargo_types", "cargo_type", "types");
     modelId("");
-    for (const auto& m : db.models) modelId(m); // handles follow the sorted code order
+    for (const auto& m : database.db.models) modelId(m); // handles follow the sorted code order
 
     const std::pair<const char*, const char*> sections[] = {{"buzjet", "bzj"},
                                                             {"large", "lar"},
@@ -64,43 +68,43 @@ void readAll(const pugi::xml_node& root) {
                              Category::Rotorcraft};
     for (int i = 0; i < 5; ++i)
         for (const auto& t : readList(root, sections[i].first, sections[i].second, "types"))
-            db.categories[static_cast<std::size_t>(cats[i])].insert(modelId(t));
+            database.db.categories[static_cast<std::size_t>(cats[i])].insert(modelId(t));
 
-    db.similarGroups.reserve(64);
+    database.db.similarGroups.reserve(64);
     for (const auto e : root.child("similar_types").children("similar")) {
         auto group = items(e.attribute("types").as_string());
         std::sort(group.begin(), group.end());
-        if (!group.empty()) db.similarGroups.push_back(std::move(group));
+        if (!group.empty()) database.db.similarGroups.push_back(std::move(group));
     }
 
-    db.airlines = readList(root, "ICAO_airlines", "ICAO", "codes");
-    core::log(fmt::format("{:5} ICAO airline codes", db.airlines.size()));
-    db.cargoOperators = readList(root, "cargo_operators", "ICAO", "codes");
-    core::log(fmt::format("{:5} cargo operators", db.cargoOperators.size()));
+    database.db.airlines = readList(root, "ICAO_airlines", "ICAO", "codes");
+    core::log(fmt::format("{:5} ICAO airline codes", database.db.airlines.size()));
+    database.db.cargoOperators = readList(root, "cargo_operators", "ICAO", "codes");
+    core::log(fmt::format("{:5} cargo operators", database.db.cargoOperators.size()));
     airlineId("");
-    for (const auto& a : db.airlines) airlineId(a);
-    for (const auto& a : db.cargoOperators) airlineId(a);
+    for (const auto& a : database.db.airlines) airlineId(a);
+    for (const auto& a : database.db.cargoOperators) airlineId(a);
 
     std::set<std::string> pubs;
     for (const auto e : root.child("publishers").children("pub"))
         pubs.insert(e.attribute("names").as_string());
-    db.publisherSpellings.reserve(640);
-    for (const auto& p : pubs) db.publisherSpellings.push_back(items(p));
-    core::log(fmt::format("{:5} publishers", db.publisherSpellings.size()));
+    database.db.publisherSpellings.reserve(640);
+    for (const auto& p : pubs) database.db.publisherSpellings.push_back(items(p));
+    core::log(fmt::format("{:5} publishers", database.db.publisherSpellings.size()));
 
     for (const auto e : root.child("wingspans").children("wingspan")) {
         const std::string type = e.attribute("type").as_string();
-        if (type.empty() || !db.models.contains(type)) {
+        if (type.empty() || !database.db.models.contains(type)) {
             core::log(fmt::format("wingspan model {} is not valid, skipped", type));
             continue;
         }
-        db.wingSpans.emplace(type, e.attribute("meters").as_double() * 0.5 * 0.0005399568034557236);
+        database.db.wingSpans.emplace(type, e.attribute("meters").as_double() * 0.5 * 0.0005399568034557236);
     }
-    for (const auto& [type, half] : db.wingSpans) {
+    for (const auto& [type, half] : database.db.wingSpans) {
         try {
             const ModelId id = modelId(type);
-            if (id < kHalfSpanTableSize) halfSpanTable[id] = half;
-            largestHalfSpanNm = std::max(largestHalfSpanNm, half);
+            if (id < kHalfSpanTableSize) database.halfSpanTable[id] = half;
+            database.largestHalfSpanNm = std::max(database.largestHalfSpanNm, half);
         } catch (const std::exception& ex) {
             core::log(fmt::format("wsp fill what: {}", ex.what()));
         }
@@ -108,44 +112,43 @@ void readAll(const pugi::xml_node& root) {
 
     for (const auto e : root.child("fixes").children("fx")) {
         const std::string wrong = e.attribute("wro").as_string(), right = e.attribute("cor").as_string();
-        if (right.empty() || !db.models.contains(right)) {
+        if (right.empty() || !database.db.models.contains(right)) {
             core::log(fmt::format("wrong fix {} -> {}, the latter is not valid", wrong, right));
-        } else if (!db.modelFixes.emplace(wrong, right).second) {
+        } else if (!database.db.modelFixes.emplace(wrong, right).second) {
             core::log(fmt::format("wrong part of fix: '{}', already exists, skipped", wrong));
         }
     }
-    core::log(fmt::format("{:5} fixes", db.modelFixes.size()));
+    core::log(fmt::format("{:5} fixes", database.db.modelFixes.size()));
 
-    db.simaddons20 = readList(root, "simaddons20", "simaddon20", "arpts");
-    db.thirdparties20 = readThirdparties(root, "thirdparties20", "thirdpartie20");
-    db.thirdparties24 = readThirdparties(root, "thirdparties24", "thirdpartie24");
+    database.db.simaddons20 = readList(root, "simaddons20", "simaddon20", "arpts");
+    database.db.thirdparties20 = readThirdparties(root, "thirdparties20", "thirdpartie20");
+    database.db.thirdparties24 = readThirdparties(root, "thirdparties24", "thirdpartie24");
 
-    db.records.reserve(60000);
+    database.db.records.reserve(60000);
     for (const auto d : root.child("dbase").children("d")) {
-        db.records.push_back({d.attribute("r").as_string(), airlineId(d.attribute("a").as_string()),
-                              modelId(d.attribute("m").as_string()), airlineId(d.attribute("o").as_string()),
-                              d.attribute("c").as_bool(false)});
+        database.db.records.push_back({d.attribute("r").as_string(), airlineId(d.attribute("a").as_string()),
+                                       modelId(d.attribute("m").as_string()),
+                                       airlineId(d.attribute("o").as_string()),
+                                       d.attribute("c").as_bool(false)});
     }
-    std::stable_sort(db.records.begin(), db.records.end(),
+    std::stable_sort(database.db.records.begin(), database.db.records.end(),
                      [](const DbaseRecord& a, const DbaseRecord& b) { return a.regcode < b.regcode; });
-    db.records.erase(
-        std::unique(db.records.begin(), db.records.end(),
+    database.db.records.erase(
+        std::unique(database.db.records.begin(), database.db.records.end(),
                     [](const DbaseRecord& a, const DbaseRecord& b) { return a.regcode == b.regcode; }),
-        db.records.end());
-    db.records.shrink_to_fit();
-    core::log(fmt::format("{:5} dbase records read", db.records.size()));
+        database.db.records.end());
+    database.db.records.shrink_to_fit();
+    core::log(fmt::format("{:5} dbase records read", database.db.records.size()));
 }
 
 } // namespace
 
 const ReferenceDatabase& dbase() {
-    return db;
+    return database.db;
 }
 
 void clearDbase() {
-    db = ReferenceDatabase{};
-    halfSpanTable.fill(0.0);
-    largestHalfSpanNm = 0.0;
+    database = {};
 }
 
 bool loadDbase(const fs::path& encrypted) {
@@ -184,7 +187,9 @@ bool readDbase() {
 }
 
 Category category(ModelId model) {
-    const auto in = [&](Category c) { return db.categories[static_cast<std::size_t>(c)].contains(model); };
+    const auto in = [&](Category c) {
+        return database.db.categories[static_cast<std::size_t>(c)].contains(model);
+    };
     for (const Category c :
          {Category::Large, Category::Heavy, Category::Buzjets, Category::Rotorcraft, Category::HighPerf})
         if (in(c)) return c;
@@ -192,10 +197,10 @@ Category category(ModelId model) {
 }
 
 bool isModel(std::string_view text) {
-    return !text.empty() && db.models.contains(std::string(text));
+    return !text.empty() && database.db.models.contains(std::string(text));
 }
 bool isAirline(std::string_view text) {
-    return !text.empty() && db.airlines.contains(std::string(text));
+    return !text.empty() && database.db.airlines.contains(std::string(text));
 }
 
 double halfSpan(ModelId model) {
@@ -203,11 +208,11 @@ double halfSpan(ModelId model) {
         core::log(fmt::format("hwsp: {} what: {}", model, "handle beyond the span table"));
         return 35.0;
     }
-    return halfSpanTable[model];
+    return database.halfSpanTable[model];
 }
 
 double largestHalfSpan() {
-    return largestHalfSpanNm;
+    return database.largestHalfSpanNm;
 }
 
 std::vector<std::string> regcodeVariants(std::string_view r) {
@@ -224,9 +229,9 @@ std::optional<DbaseRecord> dbaseRecordOf(std::string_view regcode) {
     if (regcode.empty()) return std::nullopt;
     for (const auto& v : regcodeVariants(regcode)) {
         const auto it = std::lower_bound(
-            db.records.begin(), db.records.end(), v,
+            database.db.records.begin(), database.db.records.end(), v,
             [](const DbaseRecord& rec, const std::string& key) { return rec.regcode < key; });
-        if (it != db.records.end() && it->regcode == v) return *it;
+        if (it != database.db.records.end() && it->regcode == v) return *it;
     }
     return std::nullopt;
 }
@@ -237,7 +242,7 @@ std::string airlineOfRegcode(std::string_view regcode) {
 }
 
 std::string regcodeInTitle(std::string_view title) {
-    for (const auto& r : db.records)
+    for (const auto& r : database.db.records)
         if (!r.regcode.empty() && r.regcode.size() < 6 && title.find(r.regcode) != std::string_view::npos)
             return r.regcode;
     return {};

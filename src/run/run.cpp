@@ -69,15 +69,7 @@ void resetRunState() {
     core::gRun.reset();
     loop = {};
     resetHandover();
-    feed::setAcceptTraffic(false);
-    {
-        std::lock_guard lock(feed::gTraffic.trafficLock);
-        feed::gTraffic.trafficQueue.clear();
-    }
-    feed::gTrafficReader.clearForRun();
-    feed::gTrafficReader.stop = false;
-    feed::gQnhReader.stop = false;
-    feed::gQnhReader.received = false;
+    feed::resetForRun();
     sim::reset();
     live::reset();
     parking::reset();

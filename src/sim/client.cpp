@@ -105,22 +105,37 @@ struct Shared {
 };
 Shared shared;
 
+// Messages for the engine: the client thread appends, the engine takes them in one swap.
 std::mutex eventLock;
 std::vector<SimEvent> eventQueue;
 
-std::mutex textLock; // the status texts below
-std::string titleText, modelText, simText, areaText;
+// What the status display shows of the simulator; the client thread writes, any thread reads.
+struct Texts {
+    std::string title, model, sim, area;
+};
+std::mutex textLock; // guards texts
+Texts texts;
 
-std::atomic<bool> titleKnown{false}, onGroundKnown{false}, userOnGround{true}, positionKnown{false};
-std::atomic<bool> failed{false}, isConnected{false};
-std::atomic<std::int64_t> epoch{0};
-std::atomic<bool> positionWanted{false};
-std::atomic<std::uint32_t> userId{0};
-std::atomic<double> halfSpanNm{0};
+// The user and the link as the client thread last saw them; the worker and the engine read them,
+// `positionWanted` is the engine's request for a fresh position.
+struct UserStatus {
+    std::atomic<bool> titleKnown{false}, onGroundKnown{false}, userOnGround{true}, positionKnown{false};
+    std::atomic<bool> failed{false}, isConnected{false};
+    std::atomic<std::int64_t> epoch{0};
+    std::atomic<bool> positionWanted{false};
+    std::atomic<std::uint32_t> userId{0};
+    std::atomic<double> halfSpanNm{0};
+
+    void reset() {
+        titleKnown = false, onGroundKnown = false, userOnGround = true, positionKnown = false, failed = false;
+        epoch = 0, userId = 0, halfSpanNm = 0;
+        positionWanted = false;
+    }
+};
+UserStatus status;
 
 // The SimClient thread's own state.
 struct ThreadState {
-    std::unique_ptr<Api> api;
     bool firstPass = true;
     bool quitReceived = false;
     bool asGenLogged = false;
@@ -130,6 +145,7 @@ struct ThreadState {
     std::vector<DWORD> addedObjects;
 };
 ThreadState ts;
+std::unique_ptr<Api> simApi; // the SimConnect handle: made, used and dropped on the client thread
 struct RetryWith2020Protocol {};
 
 ApiFactory apiFactory;
@@ -149,7 +165,7 @@ void post(const SimEvent& e) {
 
 void requestFailure() {
     core::message("SimConnect request error", true);
-    failed = true;
+    status.failed = true;
     core::requestStop(core::ExitReason::SimconnectError, 9);
 }
 
@@ -178,7 +194,7 @@ std::string keepPrintable(std::string_view s) {
 void onException(const RecvException& e) {
     switch (e.exception) {
     case SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID:
-        if (positionKnown && !stopUnderWay()) core::log("SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID");
+        if (status.positionKnown && !stopUnderWay()) core::log("SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID");
         break;
     case SIMCONNECT_EXCEPTION_VERSION_MISMATCH:
         // MSFS 2020 doesn't know the 2024 protocol; reopen with the 2020 one, which both accept,
@@ -236,7 +252,7 @@ void onOpen(const RecvOpen& o) {
                                 o.applicationVersionMinor, o.applicationBuildMajor, o.applicationBuildMinor));
     {
         std::lock_guard lock(textLock);
-        simText = text;
+        texts.sim = text;
     }
     core::message(text, true);
     core::setIndicator(core::Indicator::Simulator, 1);
@@ -249,14 +265,14 @@ void onTitle(DataReader in) {
     bool changed;
     {
         std::lock_guard lock(textLock);
-        changed = title != titleText;
-        titleText = title;
+        changed = title != texts.title;
+        texts.title = title;
     }
     if (changed) {
         core::repaint(core::Region::All);
         core::log("SimConnect: User aircraft title: " + title);
     }
-    titleKnown = true;
+    status.titleKnown = true;
 }
 
 void onModel(DataReader in) {
@@ -265,13 +281,13 @@ void onModel(DataReader in) {
     std::string title;
     {
         std::lock_guard lock(textLock);
-        title = titleText;
+        title = texts.title;
     }
     std::string model = normaliseModel(raw, title);
     if (model.empty()) {
         {
             std::lock_guard lock(textLock);
-            simText = "Unknown (encrypted?) aircraft";
+            texts.sim = "Unknown (encrypted?) aircraft";
         }
         core::message(
             "171: No model info from your user aircraft received in SimConnect, CRJ7 is taken instead", true);
@@ -303,10 +319,10 @@ void onModel(DataReader in) {
     if (largest)
         core::message("User aircraft wing span unknown, max is taken instead, please report in my Forum!",
                       true);
-    halfSpanNm = span;
+    status.halfSpanNm = span;
     {
         std::lock_guard lock(textLock);
-        modelText = model;
+        texts.model = model;
     }
     core::log(fmt::format("SimConnect: User aircraft model: {}, half wing span: {:.1F} meter, category: {}",
                           model, span * 1852.0,
@@ -335,23 +351,24 @@ void onUserPosition(DWORD objectId, DataReader in) {
     }
     ts.previousLat = u.latitude;
     ts.previousLon = u.longitude;
-    if (nonZero) positionKnown = true;
+    if (nonZero) status.positionKnown = true;
     if (const auto near = refdata::closestAirport(u.latitude, u.longitude)) {
         const std::string area(near->code.view());
         bool changed;
         {
             std::lock_guard lock(textLock);
-            changed = area != areaText;
-            areaText = area;
+            changed = area != texts.area;
+            texts.area = area;
         }
         if (changed) core::repaint(core::Region::All);
     }
-    if (feed::realTrafficProfessional()) epoch = epochFromZulu(u.zuluYear, u.zuluDayOfYear, u.zuluTime);
-    userId = objectId;
+    if (feed::realTrafficProfessional())
+        status.epoch = epochFromZulu(u.zuluYear, u.zuluDayOfYear, u.zuluTime);
+    status.userId = objectId;
 }
 
 void onInRange(const RecvSimObjectData& m) {
-    if (m.objectId <= userId) return;
+    if (m.objectId <= status.userId) return;
     DataReader in(m.data);
     const double above = in.f64().value_or(0), ground = in.f64().value_or(0);
     const bool onGround = in.i64().value_or(0) != 0;
@@ -386,7 +403,7 @@ void onInRange(const RecvSimObjectData& m) {
     p.erase(mine);
     {
         std::lock_guard lock(shared.simLock);
-        ts.api->AIReleaseControl(m.objectId, kReqRelease);
+        simApi->AIReleaseControl(m.objectId, kReqRelease);
         for (const DWORD e : {kFreezeLatLon, kFreezeAltitude, kFreezeAttitude})
             shared.eventList.push_back({m.objectId, e, 1});
     }
@@ -411,9 +428,9 @@ void onObjectData(const RecvSimObjectData& m) {
         onModel(in);
         break;
     case kReqOnGround:
-        if (positionKnown) {
-            userOnGround = in.i64().value_or(1) != 0;
-            onGroundKnown = true;
+        if (status.positionKnown) {
+            status.userOnGround = in.i64().value_or(1) != 0;
+            status.onGroundKnown = true;
         }
         core::gRun.secondElapsed.store(true, std::memory_order_release);
         break;
@@ -428,13 +445,13 @@ void onObjectData(const RecvSimObjectData& m) {
 void runWorkLists() {
     std::unique_lock lock(shared.simLock, std::try_to_lock);
     if (!lock.owns_lock()) return; // the engine is filling the lists: next frame
-    if (failed) {
+    if (status.failed) {
         shared.positionList.clear(), shared.eventList.clear(), shared.createList.clear(),
             shared.removeList.clear(), shared.controlsList.clear();
         return;
     }
-    Api& api = *ts.api;
-    const DWORD user = userId;
+    Api& api = *simApi;
+    const DWORD user = status.userId;
     for (const auto& p : shared.positionList) {
         if (p.objectId <= user) continue;
         std::array<std::uint8_t, 64> data;
@@ -513,7 +530,7 @@ void dispatch(const Received& m, void*) {
     case SIMCONNECT_RECV_ID_EVENT_OBJECT_ADDREMOVE: {
         const auto& e = std::get<RecvEventObjectAddRemove>(m.body);
         if (e.objectType != SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) break;
-        if (e.eventId == kEvObjectAdded && e.data > userId)
+        if (e.eventId == kEvObjectAdded && e.data > status.userId)
             ts.addedObjects.push_back(e.data);
         else if (e.eventId == kEvObjectRemoved)
             post({e.data, 0, SimEventKind::Removed, 0, 0});
@@ -553,21 +570,21 @@ void definitions(Api& api) {
 
 // Ends the connection: the thread stops here, or waits for a new simulator.
 void closeConnection() {
-    if (isConnected.exchange(false)) {
+    if (status.isConnected.exchange(false)) {
         if (onUserLeaving) onUserLeaving();
         {
             std::lock_guard lock(textLock);
-            simText.clear();
+            texts.sim.clear();
         }
         // No simulator means no frames: the engine loop sees a stop through its paused step.
         core::gRun.simRunning = false;
         core::setIndicator(core::Indicator::Simulator, 0);
         platform::timeEndPeriod(1);
     }
-    if (ts.api) {
+    if (simApi) {
         std::lock_guard lock(shared.simLock);
-        core::log(ts.api->Close() >= 0 ? "SimConnect closed ok" : "Closing SimConnect failed?!");
-        ts.api.reset();
+        core::log(simApi->Close() >= 0 ? "SimConnect closed ok" : "Closing SimConnect failed?!");
+        simApi.reset();
     }
 }
 
@@ -591,8 +608,8 @@ bool underSimLock(F f) {
 // A request that other threads make; its failure is a request failure.
 void request(const char* failText, DWORD requestId, DWORD define, DWORD period) {
     underSimLock([&] {
-        if (!ts.api || !isConnected) return;
-        if (ts.api->RequestDataOnSimObject(requestId, define, SIMCONNECT_OBJECT_ID_USER, period) < 0) {
+        if (!simApi || !status.isConnected) return;
+        if (simApi->RequestDataOnSimObject(requestId, define, SIMCONNECT_OBJECT_ID_USER, period) < 0) {
             core::log(failText);
             requestFailure();
         }
@@ -615,36 +632,36 @@ Pass pollOnce() {
         closeConnection();
         return Pass::End;
     }
-    if (!isConnected) {
+    if (!status.isConnected) {
         if (ts.firstPass) {
             ts.firstPass = false;
             core::message(fmt::format("Waiting for MSFS 20{} ...", msfs2020Selected() ? "20" : "24"), true);
         }
-        if (ts.api) ts.api->Close();
+        if (simApi) simApi->Close();
         auto api = makeApi();
         if (api->Open(core::kAppName) < 0) return Pass::Waiting;
         {
             std::lock_guard lock(shared.simLock);
-            ts.api = std::move(api);
+            simApi = std::move(api);
             ts.quitReceived = false;
         }
-        definitions(*ts.api);
+        definitions(*simApi);
         platform::timeBeginPeriod(1);
-        isConnected = true;
+        status.isConnected = true;
         return Pass::Connected;
     }
-    if (positionWanted.exchange(false, std::memory_order_acq_rel)) {
+    if (status.positionWanted.exchange(false, std::memory_order_acq_rel)) {
         std::lock_guard lock(shared.simLock);
-        if (ts.api->RequestDataOnSimObject(kReqUserPosition, kDefUserPosition, SIMCONNECT_OBJECT_ID_USER,
+        if (simApi->RequestDataOnSimObject(kReqUserPosition, kDefUserPosition, SIMCONNECT_OBJECT_ID_USER,
                                            SIMCONNECT_PERIOD_ONCE) < 0) {
             core::log("SimConnect request user ac position fails");
             requestFailure();
         }
     }
     try {
-        if (ts.api->CallDispatch(dispatch, nullptr) < 0) {
+        if (simApi->CallDispatch(dispatch, nullptr) < 0) {
             if (!ts.quitReceived)
-                throw std::runtime_error(fmt::format("SimConnect connection lost: {}", ts.api->lastError()));
+                throw std::runtime_error(fmt::format("SimConnect connection lost: {}", simApi->lastError()));
             lostSimulator();
             closeConnection();
             return Pass::End;
@@ -698,13 +715,13 @@ void stopClient() {
 }
 
 bool connected() {
-    return isConnected;
+    return status.isConnected;
 }
 
 // Called from the engine frame: it only marks the request, which the client's own thread sends,
 // so the frame does no socket work. The copy is the last one when the lock is busy.
 UserData requestUserPosition() {
-    positionWanted.store(true, std::memory_order_release);
+    status.positionWanted.store(true, std::memory_order_release);
     thread_local UserData copy;
     underSimLock([&] { copy = shared.userData; });
     return copy;
@@ -728,9 +745,9 @@ void requestUserOnGround() {
 
 void requestInRange(int rangeNm) {
     underSimLock([&] {
-        if (!ts.api || !isConnected) return;
+        if (!simApi || !status.isConnected) return;
         const auto radius = static_cast<DWORD>(std::max(0, rangeNm) * 1852);
-        if (ts.api->RequestDataOnSimObjectType(kReqInRange, kDefInRange, radius,
+        if (simApi->RequestDataOnSimObjectType(kReqInRange, kDefInRange, radius,
                                                SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) < 0) {
             core::log("SimConnect request ac within range fails");
             requestFailure();
@@ -797,15 +814,16 @@ bool setLights(std::uint32_t objectId, const bool (&s)[7]) {
 
 bool setFlightPlan(std::uint32_t objectId, const std::string& path) {
     std::lock_guard lock(shared.simLock);
-    return ts.api && isConnected && ts.api->AISetAircraftFlightPlan(objectId, path, kReqFlightPlan) >= 0;
+    return simApi && status.isConnected &&
+           simApi->AISetAircraftFlightPlan(objectId, path, kReqFlightPlan) >= 0;
 }
 
 bool requestStaticData(std::uint32_t objectId) {
     std::lock_guard lock(shared.simLock);
-    if (!ts.api || !isConnected) return false;
-    if (ts.api->RequestDataOnSimObject(kReqStatic, kDefStatic, objectId, SIMCONNECT_PERIOD_ONCE) >= 0)
+    if (!simApi || !status.isConnected) return false;
+    if (simApi->RequestDataOnSimObject(kReqStatic, kDefStatic, objectId, SIMCONNECT_PERIOD_ONCE) >= 0)
         return true;
-    core::log(fmt::format("SimConnect request error: {}", ts.api->lastError()));
+    core::log(fmt::format("SimConnect request error: {}", simApi->lastError()));
     requestFailure();
     return false;
 }
@@ -817,45 +835,45 @@ void takeEvents(std::vector<SimEvent>& out) {
 }
 
 std::optional<UserPosition> userPosition() {
-    if (!positionKnown) return std::nullopt;
+    if (!status.positionKnown) return std::nullopt;
     std::lock_guard lock(shared.simLock);
     const auto& u = shared.userData;
-    return UserPosition{u.latitude, u.longitude, u.altitude, userOnGround};
+    return UserPosition{u.latitude, u.longitude, u.altitude, status.userOnGround};
 }
 
 bool userTitleKnown() {
-    return titleKnown;
+    return status.titleKnown;
 }
 std::string userTitle() {
     std::lock_guard lock(textLock);
-    return titleText;
+    return texts.title;
 }
 std::string userModel() {
     std::lock_guard lock(textLock);
-    return modelText;
+    return texts.model;
 }
 double userHalfSpanNm() {
-    return halfSpanNm;
+    return status.halfSpanNm;
 }
 std::string simulatorText() {
     std::lock_guard lock(textLock);
-    return simText;
+    return texts.sim;
 }
 std::string nearestArea() {
     std::lock_guard lock(textLock);
-    return areaText;
+    return texts.area;
 }
 std::uint32_t userObjectId() {
-    return userId;
+    return status.userId;
 }
 bool simFailed() {
-    return failed;
+    return status.failed;
 }
 void setOnUserLeaving(std::function<void()> action) {
     onUserLeaving = std::move(action);
 }
 std::int64_t epochTime() {
-    return epoch;
+    return status.epoch;
 }
 
 std::int64_t epochFromZulu(std::int64_t year, std::int64_t dayOfYear, std::int64_t zuluSeconds) {
@@ -910,19 +928,11 @@ void reset() {
     }
     {
         std::lock_guard lock(textLock);
-        titleText.clear(), modelText.clear(), simText.clear(), areaText.clear();
+        texts = {};
     }
-    titleKnown = false, onGroundKnown = false, userOnGround = true, positionKnown = false, failed = false;
-    epoch = 0, userId = 0, halfSpanNm = 0;
-    positionWanted = false;
+    status.reset();
     if (!clientThread.joinable()) stopToken = false; // a stopped client leaves no token behind
-    ts.firstPass = true;
-    ts.quitReceived = false;
-    ts.asGenLogged = false;
-    ts.protocol2020 = false;
-    ts.previousLat = ts.previousLon = 0;
-    ts.pendingCreations.clear();
-    ts.addedObjects.clear();
+    ts = {};
 }
 
 } // namespace orv::sim

@@ -1,4 +1,4 @@
-// The engine's run state and the steps of its frame, for the engine's own files and its tests.
+// Inside the engine: its run state and the steps of its frame, for its own files and its tests.
 #pragma once
 
 #include <array>
