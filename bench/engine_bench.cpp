@@ -168,7 +168,7 @@ void engineFrames(benchmark::State& state, int taxiing) {
     std::size_t active = 0, curving = 0;
     for (const auto& ac : gEngine.liveTable) {
         active += ac.simState == SimState::Active;
-        curving += !std::isnan(ac.curveControlX);
+        curving += ac.curve.has_value();
     }
     state.counters["active_at_end"] = static_cast<double>(active);
     state.counters["on_curves_at_end"] = static_cast<double>(curving);

@@ -142,8 +142,8 @@ TEST_F(EngineTest, ANewRegistrationRespawnsWithItsLivery) {
         onRemoved(200);
         EXPECT_EQ(after.simState, SimState::Buffer);
         EXPECT_EQ(after.objectId, 0u);
-        EXPECT_EQ(after.throttleIndex, 5);
-        EXPECT_EQ(after.flapsIndex, 4);
+        EXPECT_EQ(after.controls.throttleIndex, 5);
+        EXPECT_EQ(after.controls.flapsIndex, 4);
     }
     params::gParams.GUID_CHANGES = true;
 }
@@ -179,7 +179,7 @@ TEST_F(EngineTest, ExtrapolationCountsAndTheirEnd) {
         gEngine.userKnown = true;
         LiveAc& ac = active(kHex, 0, 200, c.onGround);
         ac.phase = c.phase;
-        ac.rollout = c.rollout;
+        ac.landingFlags.rollout = c.rollout;
         ac.alt = ac.stream[0].alt = c.alt;
         gEngine.user.latitude = kMspLat - c.userNm / 60.0;
         int samples = 0, lastCount = 0;

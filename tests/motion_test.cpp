@@ -88,7 +88,7 @@ TEST_F(MotionTest, BezierPointsAndTangents) {
     double lat, lon, tangent;
     EXPECT_FALSE(curvePoint(ac, 1.01, lat, lon, tangent));
     EXPECT_FALSE(curvePoint(ac, -0.01, lat, lon, tangent));
-    ac.curveControlX = std::numeric_limits<double>::quiet_NaN();
+    ac.curve.reset();
     EXPECT_FALSE(curvePoint(ac, 0.5, lat, lon, tangent)) << "no curve set";
 }
 
@@ -161,7 +161,7 @@ TEST_F(MotionTest, TimingClampsAndTheirDecay) {
     setGroundSegment(ac, 500);
     EXPECT_EQ(ac.earlyLimit, 2900);
     EXPECT_EQ(ac.lateLimit, 1000);
-    ac.rollout = true;
+    ac.landingFlags.rollout = true;
     setGroundSegment(ac, 500);
     EXPECT_EQ(ac.earlyLimit, 2900) << "not during the roll-out";
 }
@@ -171,9 +171,9 @@ TEST_F(MotionTest, PushBackGeometryAndTailSide) {
         live::reset();
         LiveAc& ac = aircraft();
         ac.phase = Phase::Parked;
-        ac.standId = 7;
-        ac.standPos = {kLat, kLon};
-        ac.standHeading = 0; // nose north
+        ac.stand.id = 7;
+        ac.stand.pos = {kLat, kLon};
+        ac.stand.heading = 0; // nose north
         ac.heading = 0;
         ac.pushRequested = true;
         ac.stream.push_back(at(0, 0, 0, 0));
@@ -242,11 +242,11 @@ TEST_F(MotionTest, RotationTest) {
         EXPECT_EQ(ac.phase == Phase::TakeOff, c.rotates) << c.name;
         if (!c.rotates) continue;
         EXPECT_EQ(ac.rotateCounter, categoryData(refdata::Category::Large).rotateTicks) << c.name;
-        EXPECT_NEAR(ac.dPitch, (ac.rotatePitch - ac.groundPitch) / ac.rotateCounter, 1e-12) << c.name;
+        EXPECT_NEAR(ac.delta.pitch, (ac.rotatePitch - ac.groundPitch) / ac.rotateCounter, 1e-12) << c.name;
         if (c.fullStep)
-            EXPECT_EQ(ac.dAlt, ac.maxClimbStep) << c.name;
+            EXPECT_EQ(ac.delta.alt, ac.maxClimbStep) << c.name;
         else
-            EXPECT_NEAR(ac.dAlt, (900 - 849) / 400.0, 1e-9) << c.name;
+            EXPECT_NEAR(ac.delta.alt, (900 - 849) / 400.0, 1e-9) << c.name;
     }
     // A rotorcraft has no rotate speed: it is never held back by one.
     EXPECT_EQ(categoryData(refdata::Category::Rotorcraft).rotateSpeed, 0);
@@ -288,7 +288,7 @@ TEST_F(MotionTest, AirSegmentCases) {
         live::reset();
         feed::gQnh = c.qnh;
         LiveAc& ac = aircraft(false);
-        ac.landing = c.landing;
+        ac.landingFlags.landing = c.landing;
         ac.alt = c.alt;
         ac.heightAgl = c.agl;
         gEngine.tick = 0;
@@ -299,7 +299,7 @@ TEST_F(MotionTest, AirSegmentCases) {
         ac.stream.push_back(s0);
         ac.stream.push_back(s1);
         setAirSegment(ac, static_cast<std::int32_t>(dt));
-        EXPECT_NEAR(ac.dAlt, c.dAlt, 1e-6) << c.name;
+        EXPECT_NEAR(ac.delta.alt, c.dAlt, 1e-6) << c.name;
         EXPECT_EQ(wasSent(sim::kGearSet, 1), c.gearDown) << c.name;
         gEngine.out.events.clear();
     }
@@ -307,10 +307,10 @@ TEST_F(MotionTest, AirSegmentCases) {
 
 TEST_F(MotionTest, FlareStagesAndTouchdown) {
     LiveAc& ac = aircraft(false);
-    ac.landing = true;
+    ac.landingFlags.landing = true;
     ac.alt = 841 + 60;
     ac.pitch = -1 * core::kRadPerDeg;
-    ac.dAlt = -0.1;
+    ac.delta.alt = -0.1;
     ac.stream.push_back(at(0, 0, 0, 130, false, 0));
     struct Step {
         double agl;
@@ -322,10 +322,10 @@ TEST_F(MotionTest, FlareStagesAndTouchdown) {
         ac.heightAgl = s.agl;
         ac.alt = 841 + s.agl;
         attitude(ac);
-        EXPECT_EQ(ac.flareStage, s.stage) << s.agl;
-        EXPECT_DOUBLE_EQ(ac.dAlt, s.dAlt) << s.agl;
+        EXPECT_EQ(ac.landingFlags.flareStage, s.stage) << s.agl;
+        EXPECT_DOUBLE_EQ(ac.delta.alt, s.dAlt) << s.agl;
     }
-    EXPECT_EQ(ac.throttleIndex, 0) << "idle from the third stage";
+    EXPECT_EQ(ac.controls.throttleIndex, 0) << "idle from the third stage";
     for (int i = 0; i < 1000; ++i) attitude(ac);
     EXPECT_NEAR(ac.pitch, -4 * core::kRadPerDeg, 1e-9) << "the nose stops at 4 degrees up";
 
@@ -335,19 +335,19 @@ TEST_F(MotionTest, FlareStagesAndTouchdown) {
     gEngine.out.events.clear();
     inRangeReport(ac, true, 841, 8);
     EXPECT_TRUE(ac.onGround);
-    EXPECT_TRUE(ac.rollout);
-    EXPECT_TRUE(ac.derotating);
-    EXPECT_TRUE(ac.justLanded);
-    EXPECT_FALSE(ac.landing);
+    EXPECT_TRUE(ac.landingFlags.rollout);
+    EXPECT_TRUE(ac.landingFlags.derotating);
+    EXPECT_TRUE(ac.landingFlags.justLanded);
+    EXPECT_FALSE(ac.landingFlags.landing);
     EXPECT_EQ(ac.alt, 841 + 8);
     EXPECT_TRUE(wasSent(sim::kSpoilersSet, 16383));
     ASSERT_EQ(gEngine.out.controls.size(), 1u);
     EXPECT_EQ(gEngine.out.controls[0].spoilers, 100);
     EXPECT_EQ(gEngine.out.controls[0].throttle1, -100) << "reverse thrust on the roll-out";
-    EXPECT_NEAR(ac.dPitch, (ac.groundPitch - ac.pitch) / ac.derotateTicks, 1e-12);
+    EXPECT_NEAR(ac.delta.pitch, (ac.groundPitch - ac.pitch) / ac.derotateTicks, 1e-12);
     for (int i = 0; i < ac.derotateTicks + 1; ++i) attitude(ac);
-    EXPECT_FALSE(ac.derotating);
-    EXPECT_EQ(ac.flareStage, 0u);
+    EXPECT_FALSE(ac.landingFlags.derotating);
+    EXPECT_EQ(ac.landingFlags.flareStage, 0u);
     EXPECT_DOUBLE_EQ(ac.pitch, ac.groundPitch);
 }
 
@@ -358,15 +358,15 @@ TEST_F(MotionTest, CleanAboveTwoThousandFourHundredFeet) {
         LiveAc& ac = aircraft(false);
         ac.alt = 4000;
         ac.heightAgl = 2500;
-        ac.flapsIndex = 2;
-        ac.gearState = 1;
+        ac.controls.flapsIndex = 2;
+        ac.controls.gearState = 1;
         ac.stream.push_back(at(0, 0, 0, 200, true, 4000));
         Sample s1 = at(0, 3000, 1000, 200, true, 4000);
         s1.vs = vs;
         ac.stream.push_back(s1);
         setAirSegment(ac, 1000);
-        EXPECT_EQ(ac.flapsIndex, 0) << vs;
-        EXPECT_EQ(ac.gearState, 0) << vs;
+        EXPECT_EQ(ac.controls.flapsIndex, 0) << vs;
+        EXPECT_EQ(ac.controls.gearState, 0) << vs;
     }
 }
 

@@ -52,8 +52,8 @@ TEST_F(RecordTest, ConstantsComeFromTheCategory) {
             EXPECT_NEAR(std::fabs(r - 1.0), 0.025, 1e-9);
             EXPECT_NEAR(k - 1.0, (r - 1.0) * 2.0, 1e-9);
             steeper.insert(r > 1.0);
-            EXPECT_EQ(ac.throttleIndex, 5) << "unset, so the first throttle set goes out";
-            EXPECT_EQ(ac.flapsIndex, 4);
+            EXPECT_EQ(ac.controls.throttleIndex, 5) << "unset, so the first throttle set goes out";
+            EXPECT_EQ(ac.controls.flapsIndex, 4);
             EXPECT_EQ(ac.phase, Phase::Birth);
             EXPECT_EQ(ac.simState, SimState::Buffer);
         }

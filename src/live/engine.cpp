@@ -129,14 +129,14 @@ void command(std::uint32_t objectId, std::uint32_t event, std::uint32_t value) {
     // Lights, like the other controls, go out only when they change; a toggle of all of them
     // leaves their states unknown until each is set again.
     if (event == sim::kAllLightsToggle) {
-        if (LiveAc* ac = findByObjectId(objectId)) ac->lightsKnown = 0;
+        if (LiveAc* ac = findByObjectId(objectId)) ac->controls.lightsKnown = 0;
     } else if (event >= sim::kBeaconLights && event <= sim::kLogoLights) {
         if (LiveAc* ac = findByObjectId(objectId)) {
             const auto bit = static_cast<std::uint16_t>(1u << (event - sim::kBeaconLights));
             const bool on = value != 0;
-            if ((ac->lightsKnown & bit) && ((ac->lightsOn & bit) != 0) == on) return;
-            ac->lightsKnown |= bit;
-            ac->lightsOn = on ? (ac->lightsOn | bit) : (ac->lightsOn & ~bit);
+            if ((ac->controls.lightsKnown & bit) && ((ac->controls.lightsOn & bit) != 0) == on) return;
+            ac->controls.lightsKnown |= bit;
+            ac->controls.lightsOn = on ? (ac->controls.lightsOn | bit) : (ac->controls.lightsOn & ~bit);
         }
     }
     gEngine.out.events.push_back({objectId, event, value});
@@ -217,32 +217,32 @@ LiveAc* findByCallsign(std::string_view callsign) {
 // ---- Controls --------------------------------------------------------------------------------
 
 void setFlaps(LiveAc& ac, std::int32_t index) {
-    if (ac.category == refdata::Category::Rotorcraft || index == ac.flapsIndex) return;
+    if (ac.category == refdata::Category::Rotorcraft || index == ac.controls.flapsIndex) return;
     constexpr std::uint32_t kValues[] = {0, 3072, 10240, 16383, 0};
     if (index < 0 || index > 4) {
         core::log("setFlaps: invalid flaps index");
         return;
     }
-    ac.flapsIndex = index;
+    ac.controls.flapsIndex = index;
     command(ac.objectId, sim::kFlapsSet, kValues[index]);
 }
 
 void setThrottle(LiveAc& ac, std::int32_t index) {
-    if (index == ac.throttleIndex || index < 0 || index > 4) return;
+    if (index == ac.controls.throttleIndex || index < 0 || index > 4) return;
     constexpr std::uint32_t kValues[] = {0, 4914, 8191, 11468, 16383};
-    ac.throttleIndex = index;
+    ac.controls.throttleIndex = index;
     command(ac.objectId, sim::kThrottleSet, kValues[index]);
 }
 
 void setGear(LiveAc& ac, bool down) {
-    if (ac.category == refdata::Category::Rotorcraft || ac.gearState == (down ? 1 : 0)) return;
-    ac.gearState = down ? 1 : 0;
+    if (ac.category == refdata::Category::Rotorcraft || ac.controls.gearState == (down ? 1 : 0)) return;
+    ac.controls.gearState = down ? 1 : 0;
     command(ac.objectId, sim::kGearSet, down ? 1 : 0);
 }
 
 void setSpoilers(LiveAc& ac, bool on) {
-    if (ac.category == refdata::Category::Rotorcraft || ac.spoilersState == (on ? 1 : 0)) return;
-    ac.spoilersState = on ? 1 : 0;
+    if (ac.category == refdata::Category::Rotorcraft || ac.controls.spoilersState == (on ? 1 : 0)) return;
+    ac.controls.spoilersState = on ? 1 : 0;
     command(ac.objectId, sim::kSpoilersSet, on ? 16383 : 0);
 }
 
@@ -266,7 +266,7 @@ void setParkedLights(LiveAc& ac) {
     command(ac.objectId, sim::kEngineAutoShutdown, 0);
     const bool nav = params::gParams.NAV_LIGHTS_WHILE_PARKED.load(std::memory_order_relaxed);
     bool cabin = false;
-    if (ac.atStand && !ac.cargoStand)
+    if (ac.atStand && !ac.stand.cargo)
         cabin = !params::gParams.RANDOM.load(std::memory_order_relaxed) ||
                 std::uniform_int_distribution<int>(0, 9)(gEngine.rng) != 0;
     setLights(ac.objectId, nav, false, false, false, false, true, cabin);
@@ -413,8 +413,8 @@ Update updateLiveAc(LiveAc& ac) {
         if (gEngine.tick >= ac.stream[0].tick) {
             nextPosMain(ac);
             if (ac.simState != SimState::Active) return Update::Keep;
-            ac.vsFps = ac.vsTarget / 60.0;
-            ac.tas = ac.stream.empty() || ac.stream[0].stationary ? 0.0 : ac.tasTarget;
+            ac.vsFps = ac.delta.vsTarget / 60.0;
+            ac.tas = ac.stream.empty() || ac.stream[0].stationary ? 0.0 : ac.delta.tasTarget;
         }
         if (ac.simState == SimState::Active && !ac.stream.empty() && !ac.stream[0].stationary) advance(ac);
         if (ac.simState != SimState::Active) return Update::Keep;
@@ -737,7 +737,7 @@ Update spawnLiveAc(LiveAc& ac) {
     if (ac.hasSpawnHeading)
         ac.heading = ac.spawnHeading;
     else if (ac.phase == Phase::Parked)
-        ac.heading = ac.standHeading;
+        ac.heading = ac.stand.heading;
     else if (st[1].stationary)
         ac.heading = h.track * core::kRadPerDeg;
     else
@@ -768,7 +768,8 @@ bool onCreated(LiveAc& ac, const sim::SimEvent& ev) {
 }
 
 bool checkRespawn(LiveAc& ac, const feed::TrafficSample& r) {
-    if (ac.phase == Phase::PushingBack || ac.extrapolateCount >= 1 || ac.takingOff || ac.landing) return true;
+    if (ac.phase == Phase::PushingBack || ac.extrapolateCount >= 1 || ac.takingOff || ac.landingFlags.landing)
+        return true;
     if (ac.simState == SimState::Buffer) {
         if (ac.origin.empty()) ac.origin = r.origin;
         if (ac.destination.empty()) ac.destination = r.destination;
@@ -870,8 +871,7 @@ std::int32_t speedCap(const LiveAc& ac, std::int32_t tick) {
 
 void nextPos(LiveAc& ac) {
     auto& st = ac.stream;
-    ac.curveControlX = ac.curveControlY = std::numeric_limits<double>::quiet_NaN();
-    ac.curveT = 0;
+    ac.curve.reset();
     Sample& s1 = st[1];
     if (std::fabs(s1.lat - st[0].lat) < 1e-8 && std::fabs(s1.lon - st[0].lon) < 1e-8) s1.stationary = true;
     if (!s1.stationary) ac.targetHeading = core::bearingRad(st[0].lat, st[0].lon, s1.lat, s1.lon);
@@ -881,15 +881,15 @@ void nextPos(LiveAc& ac) {
         nextTimeAir(ac);
     if (st.size() < 2) return;
     if (st[1].stationary) {
-        ac.dLat = ac.dLon = 0;
-        if (!ac.rollout && !ac.takingOff) {
+        ac.delta.lat = ac.delta.lon = 0;
+        if (!ac.landingFlags.rollout && !ac.takingOff) {
             ac.earlyLimit = std::max(1000, ac.earlyLimit - 100);
             ac.lateLimit = std::max(1000, ac.lateLimit - 100);
         }
     } else {
         const std::int32_t dt = std::max(st[1].tick - gEngine.tick, 25);
-        ac.dLat = (st[1].lat - ac.lat) / dt;
-        ac.dLon = (st[1].lon - ac.lon) / dt;
+        ac.delta.lat = (st[1].lat - ac.lat) / dt;
+        ac.delta.lon = (st[1].lon - ac.lon) / dt;
         if (ac.onGround)
             setGroundSegment(ac, dt);
         else
@@ -913,7 +913,7 @@ void nextTimeAir(LiveAc& ac) {
         return;
     }
     double speed = avgSpeed(ac);
-    if (ac.landing && !st[1].airborne) speed = st[0].speed > 0 ? st[0].speed : 100.0;
+    if (ac.landingFlags.landing && !st[1].airborne) speed = st[0].speed > 0 ? st[0].speed : 100.0;
     const double d = core::distanceNm(ac.lat, ac.lon, st[1].lat, st[1].lon);
     const double dt = std::round(d * 360000.0 / speed);
     const auto ticks = gsl::narrow<std::int32_t>(std::max(dt, 25.0));
@@ -924,8 +924,8 @@ bool noNewData(LiveAc& ac) {
     auto& st = ac.stream;
     if (st.empty()) return false;
     if (ac.phase == Phase::Parking) arrived(ac);
-    const bool taxiing =
-        (ac.phase == Phase::Taxi && !ac.takingOff && !ac.rollout) || ac.phase == Phase::PushedBack;
+    const bool taxiing = (ac.phase == Phase::Taxi && !ac.takingOff && !ac.landingFlags.rollout) ||
+                         ac.phase == Phase::PushedBack;
     if (taxiing) {
         for (const auto& other : gEngine.liveTable) {
             if (&other == &ac || other.simState != SimState::Active || !other.onGround ||
@@ -989,7 +989,7 @@ void extrapolate(LiveAc& ac, std::int32_t n) {
     if (s.stationary || parked) {
         s.speed = 0;
     } else if (!ac.onGround) {
-        if (!ac.landing)
+        if (!ac.landingFlags.landing)
             s.speed = std::max(s.speed * 0.95, 1.0);
         else if (n >= 4)
             s.speed = std::max(s.speed * 0.9, 1.0);
@@ -1007,7 +1007,7 @@ void extrapolate(LiveAc& ac, std::int32_t n) {
             s.speed = 170, s.vs = 1200;
         else
             s.speed = 180, s.vs = 2400;
-    } else if (ac.rollout) {
+    } else if (ac.landingFlags.rollout) {
         const double v = s.speed;
         s.speed = v >= 140 ? 100 : v >= 100 ? 80 : v >= 80 ? 60 : v >= 60 ? 30 : 20;
         s.vs = 0;
@@ -1023,7 +1023,7 @@ void extrapolate(LiveAc& ac, std::int32_t n) {
         s.lon += d * std::sin(hdg) / std::max(std::cos(s.lat * core::kRadPerDeg), 1e-6);
         s.stationary = false;
     }
-    if (ac.landing && ac.flareStage == 0) {
+    if (ac.landingFlags.landing && ac.landingFlags.flareStage == 0) {
         s.alt -= 10.005 * seconds;
         s.vs = -667;
     } else if (ac.phase == Phase::TakeOff) {
@@ -1042,11 +1042,11 @@ void extrapolate(LiveAc& ac, std::int32_t n) {
 }
 
 void advance(LiveAc& ac) {
-    if (!std::isnan(ac.curveControlX)) {
-        ac.curveT = std::clamp(ac.curveT + ac.curveStep, 0.0, 0.999999);
+    if (ac.curve.has_value()) {
+        ac.curve->t = std::clamp(ac.curve->t + ac.curveStep, 0.0, 0.999999);
         double tangent = 0;
         if (!evaluateCurve(ac, tangent)) {
-            core::log(fmt::format("{} error in curve at index: {:.2F}", describeAc(ac), ac.curveT));
+            core::log(fmt::format("{} error in curve at index: {:.2F}", describeAc(ac), ac.curve->t));
         } else {
             if (ac.phase == Phase::PushingBack) tangent += core::kPi;
             const double d = core::angleDiff(ac.heading, tangent);
@@ -1059,7 +1059,7 @@ void advance(LiveAc& ac) {
         case Phase::Flying:
         case Phase::Parked:
         case Phase::Birth:
-            ac.heading += ac.dHeading;
+            ac.heading += ac.delta.heading;
             break;
         default:
             break;
@@ -1069,10 +1069,10 @@ void advance(LiveAc& ac) {
             if (std::fabs(d) > 0.5 * core::kRadPerDeg)
                 ac.heading += std::clamp(d, -ac.currentTurnRate, ac.currentTurnRate);
         }
-        if (ac.phase != Phase::PushedBack) ac.lat += ac.dLat, ac.lon += ac.dLon;
+        if (ac.phase != Phase::PushedBack) ac.lat += ac.delta.lat, ac.lon += ac.delta.lon;
     }
     attitude(ac);
-    if (ac.onGround && !ac.derotating) ac.pitch = ac.groundPitch, ac.bank = 0;
+    if (ac.onGround && !ac.landingFlags.derotating) ac.pitch = ac.groundPitch, ac.bank = 0;
     ac.heading = std::fmod(ac.heading, 2 * core::kPi);
     if (ac.heading < 0) ac.heading += 2 * core::kPi;
     if (ac.lon > 180) ac.lon -= 360;

@@ -121,6 +121,43 @@ struct LatLonPos {
     double lat = 0, lon = 0;
 };
 
+// The curve of a ground segment: a quadratic Bezier in metres east and north of `origin`.
+struct GroundCurve {
+    LatLonPos origin;
+    double controlX = 0, controlY = 0, endX = 0, endY = 0;
+    double t = 0; // how far along, 0 to 1
+};
+
+// What was last sent to the aircraft's controls; only a change goes out.
+struct Controls {
+    std::int32_t throttleIndex = 5, flapsIndex = 4; // 5 and 4: not set yet, so the first set goes out
+    std::int8_t gearState = -1, spoilersState = -1; // -1: not set yet
+    std::uint16_t lightsKnown = 0, lightsOn = 0;    // one bit a light, in the order of the events
+};
+
+// What each tick adds to the position block, and the speeds the aircraft is heading for.
+struct MotionDeltas {
+    double lat = 0, lon = 0, pitch = 0, bank = 0, heading = 0, alt = 0; // per tick
+    double vsTarget = 0, tasTarget = 0;
+};
+
+// The stand an aircraft is led to, and how its distance to it went.
+struct StandTarget {
+    LatLonPos pos;
+    double heading = 0;
+    std::int32_t id = 0;
+    bool cargo = false;
+    double firstDistance = 0, lastDistance = 0;
+    std::int32_t distanceCount = 0;
+};
+
+// The landing and what follows it: flare, touchdown, de-rotation, roll-out, or a go-around.
+struct LandingFlags {
+    bool landing = false, justLanded = false, goAround = false, derotating = false, rollout = false;
+    std::uint32_t flareStage = 0;
+    double rolloutHeading = 0;
+};
+
 struct LiveAc : AcIdentity {
     // Type constants, fixed at creation.
     double halfSize = 0, cgHeight = 0, groundPitch = 0.0122173, rotatePitch = 0, climbPitch = 0;
@@ -130,16 +167,10 @@ struct LiveAc : AcIdentity {
     std::string_view liveryTitle;
     std::int32_t flareTicks = 0, derotateTicks = 0, rotateTicks = 0, liftoffTicks = 0;
     bool isCargo = false, reverseThrust = false;
-    // Simulator and stand.
+    // Simulator.
     std::uint32_t objectId = 0;
-    LatLonPos standPos;
-    double standHeading = 0;
-    std::int32_t parkedSinceDay = 0, parkedSinceHalfHour = 0, standId = 0;
     SimState simState = SimState::Buffer;
-    std::int32_t throttleIndex = 5, flapsIndex = 4; // 5 and 4: not set yet, so the first set goes out
-    std::int8_t gearState = -1, spoilersState = -1; // -1: not set yet
-    std::uint16_t lightsKnown = 0, lightsOn = 0;    // one bit a light, in the order of the events
-    bool cargoStand = false;
+    Controls controls;
     bool removeWhenCreated = false, dropNow = false, dropSilently = false;
     // The position block sent each frame, in this order.
     double lat = 0, lon = 0, pitch = 0, bank = 0, heading = 0, alt = 0, vsFps = 0, tas = 0;
@@ -148,30 +179,25 @@ struct LiveAc : AcIdentity {
     double lastTimestamp = 0;
     double lastFeedSpeed = 0; // the speed of the last point taken from the feed
     LatLonPos lastFeedPos;    // and where it was
-    LatLonPos lastCheckedPos;
     std::int64_t parkedWallClock = 0;
     std::int32_t extrapolateCount = 0, holdStartTick = 0;
     Phase phase = Phase::Birth, previousPhase = Phase::Birth;
-    bool atStand = false, onGround = false, flightPlanCreated = false, keepDistance = false, holding = false;
-    double dLat = 0, dLon = 0, dPitch = 0, dBank = 0, dHeading = 0, dAlt = 0, vsTarget = 0, tasTarget = 0;
-    // Curve of a ground segment; NaN control: no curve.
-    LatLonPos curveOrigin;
-    double curveT0x = 0, curveT0y = 0, curveEndX = 0, curveEndY = 0, curveT1x = 0, curveT1y = 0;
-    double curveControlX = std::numeric_limits<double>::quiet_NaN(),
-           curveControlY = std::numeric_limits<double>::quiet_NaN();
-    double curveT = 0, curveStep = 0, curveAngle = 0;
+    bool onGround = false, flightPlanCreated = false, holding = false;
+    MotionDeltas delta;
+    std::optional<GroundCurve> curve;
+    double curveStep = 0, curveAngle = 0; // the pace along the curve per tick, and its turn in degrees
     Sample pushTailSample;
-    std::int32_t earlyLimit = 1000, lateLimit = 1000, rotateCounter = 1, pushCounter = 0,
-                 standDistanceCount = 0;
-    double targetHeading = 0, heightAgl = 2500, touchdownHeight = 0, rolloutHeading = 0, maxPushDistance = 0;
-    double firstStandDistance = 0, lastStandDistance = 0, turnAngle = 0;
+    std::int32_t earlyLimit = 1000, lateLimit = 1000, rotateCounter = 1, pushCounter = 0;
+    double targetHeading = 0, heightAgl = 2500, maxPushDistance = 0, turnAngle = 0;
     double spawnHeading = 0;
     bool hasSpawnHeading = false, turnLeft = false, turnPlanned = false;
     std::optional<double> airportElevation;
     std::optional<double> groundAltitude; // feet, from the simulator's in-range report
-    std::uint32_t flareStage = 0;
-    bool landing = false, justLanded = false, towed = false, goAround = false, takingOff = false,
-         above10000 = false, below10000 = false, derotating = false, rollout = false, pushRequested = false,
+    // Stand.
+    StandTarget stand;
+    bool atStand = false;
+    LandingFlags landingFlags;
+    bool towed = false, takingOff = false, above10000 = false, below10000 = false, pushRequested = false,
          turningInPlace = false;
 };
 

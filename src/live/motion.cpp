@@ -74,21 +74,22 @@ std::int32_t roundTicks(double v) {
 // ---- Geometry of curves and turns ------------------------------------------------------------
 
 bool curvePoint(const LiveAc& ac, double t, double& lat, double& lon, double& tangent) {
-    if (std::isnan(ac.curveControlX) || !(t >= 0.0 && t <= 1.0)) return false;
+    if (!ac.curve || !(t >= 0.0 && t <= 1.0)) return false;
+    const GroundCurve& c = *ac.curve;
     const double u = 1.0 - t;
-    const double cx = ac.curveControlX, cy = ac.curveControlY, ex = ac.curveEndX, ey = ac.curveEndY;
+    const double cx = c.controlX, cy = c.controlY, ex = c.endX, ey = c.endY;
     const double x = 2 * u * t * cx + t * t * ex;
     const double y = 2 * u * t * cy + t * t * ey;
     tangent = std::atan2(2 * t * (ex - cx) + 2 * u * cx, 2 * t * (ey - cy) + 2 * u * cy);
     if (tangent < 0) tangent += 2 * core::kPi;
-    lat = ac.curveOrigin.lat + y / kMetresPerDegree;
-    lon = ac.curveOrigin.lon + x / (kMetresPerDegree * std::cos(ac.curveOrigin.lat * core::kRadPerDeg));
+    lat = c.origin.lat + y / kMetresPerDegree;
+    lon = c.origin.lon + x / (kMetresPerDegree * std::cos(c.origin.lat * core::kRadPerDeg));
     return true;
 }
 
 bool evaluateCurve(LiveAc& ac, double& tangent) {
     double lat = 0, lon = 0;
-    if (!curvePoint(ac, ac.curveT, lat, lon, tangent)) return false;
+    if (!ac.curve || !curvePoint(ac, ac.curve->t, lat, lon, tangent)) return false;
     ac.lat = lat, ac.lon = lon;
     return true;
 }
@@ -104,10 +105,11 @@ void prepareCurve(LiveAc& ac) {
     auto& st = ac.stream;
     if (st.size() < 3) return;
     if (st[2].speed == 0) st[2].speed = (st[0].speed + st[1].speed) / 2;
-    ac.curveOrigin = {ac.lat, ac.lon};
-    toXY(ac.lat, ac.lon, st[1].lat, st[1].lon, ac.curveControlX, ac.curveControlY);
-    toXY(ac.lat, ac.lon, st[2].lat, st[2].lon, ac.curveEndX, ac.curveEndY);
-    ac.curveT = 0;
+    GroundCurve c;
+    c.origin = {ac.lat, ac.lon};
+    toXY(ac.lat, ac.lon, st[1].lat, st[1].lon, c.controlX, c.controlY);
+    toXY(ac.lat, ac.lon, st[2].lat, st[2].lon, c.endX, c.endY);
+    ac.curve = c;
     st.erase(1);
 }
 
@@ -166,7 +168,7 @@ void nextTimeGround(LiveAc& ac) {
         if (measured >= 1.0 && (speed > 2 * measured || speed < measured / 2)) speed = measured;
     }
     const std::int32_t ticks = std::max(roundTicks(distance * 360000.0 / speed), 25);
-    const bool curve = !std::isnan(ac.curveControlX);
+    const bool curve = ac.curve.has_value();
     if (curve || ac.turningInPlace) {
         const double angle = ac.turningInPlace ? ac.turnAngle : ac.curveAngle;
         // The turn time in the record's units: degrees over radians a tick, as the rates were tuned.
@@ -198,7 +200,7 @@ namespace {
 
 // The radius of the aircraft's stand in nm; none without a stand.
 std::optional<double> standRadius(const LiveAc& ac) {
-    if (ac.standId == 0) return std::nullopt;
+    if (ac.stand.id == 0) return std::nullopt;
     return ac.halfSize;
 }
 
@@ -220,7 +222,7 @@ void pullOut(LiveAc& ac) {
     ac.pushRequested = false;
     ac.extrapolateCount = 0;
     double lat = 0, lon = 0;
-    offset(ac.standPos.lat, ac.standPos.lon, ac.standHeading, 2 * ac.halfSize, lat, lon);
+    offset(ac.stand.pos.lat, ac.stand.pos.lon, ac.stand.heading, 2 * ac.halfSize, lat, lon);
     const double d = core::distanceNm(ac.lat, ac.lon, lat, lon);
     auto& st = ac.stream;
     st[0].speed = ac.standSpeed;
@@ -240,7 +242,7 @@ void pullOut(LiveAc& ac) {
 void pushBack(LiveAc& ac) {
     ac.pushRequested = false;
     ac.extrapolateCount = 0;
-    const double b = ac.standHeading + core::kPi;
+    const double b = ac.stand.heading + core::kPi;
     const auto radius = standRadius(ac);
     if (!radius) return;
     auto& st = ac.stream;
@@ -273,14 +275,14 @@ void leaveStand(LiveAc& ac, Sample& s) {
     ac.pushRequested = true;
     if (ac.previousPhase == Phase::Parked) return;
     if (ac.extrapolateCount > 0 && ac.phase == Phase::Parked) {
-        if (ac.justLanded) {
+        if (ac.landingFlags.justLanded) {
             const double parkedFor = static_cast<double>(wallTime100ns() - ac.parkedWallClock) / 1e7;
             const double towLimit = ac.category == refdata::Category::Heavy     ? 3600
                                     : ac.category == refdata::Category::Large   ? 1500
                                     : ac.category == refdata::Category::Buzjets ? 900
                                                                                 : 0;
             ac.towed = parkedFor < towLimit;
-            ac.justLanded = false;
+            ac.landingFlags.justLanded = false;
         }
         ac.stream[0].tick = gEngine.tick + 1;
         ac.extrapolateCount = 0;
@@ -326,8 +328,8 @@ void nextPosGround(LiveAc& ac) {
         setClamps(ac, 3000, ac.takingOff ? 5000 : 3000);
         if (ac.pushRequested) {
             const double toLast =
-                core::bearingRad(ac.standPos.lat, ac.standPos.lon, st.back().lat, st.back().lon);
-            const double d = std::round(core::angleDiff(ac.standHeading, toLast) / core::kRadPerDeg);
+                core::bearingRad(ac.stand.pos.lat, ac.stand.pos.lon, st.back().lat, st.back().lon);
+            const double d = std::round(core::angleDiff(ac.stand.heading, toLast) / core::kRadPerDeg);
             if (std::fabs(d) < 90)
                 pullOut(ac);
             else
@@ -364,7 +366,7 @@ void nextPosGround(LiveAc& ac) {
                 sampleDistanceNm(st[0], st[1]) * 1852.0 >= 100.0)
                 splitSegment(ac);
         }
-        if (std::isnan(ac.curveControlX)) {
+        if (!ac.curve) {
             ac.turnAngle = std::fabs(core::angleDiff(ac.heading, ac.targetHeading)) / core::kRadPerDeg;
             ac.turningInPlace = ac.turnAngle > 3;
         }
@@ -376,7 +378,7 @@ void nextPosGround(LiveAc& ac) {
                           ac.previousPhase == Phase::PushedBack);
         if (!fromStand) {
             if (ac.extrapolateCount >= 1)
-                try2Park(ac, ac.justLanded);
+                try2Park(ac, ac.landingFlags.justLanded);
             else if (st.size() > 1 && st[1].speed <= 5 &&
                      core::distanceNm(ac.lat, ac.lon, st.back().lat, st.back().lon) <= 0.018898)
                 try2Park(ac, false);
@@ -405,34 +407,33 @@ void setGroundSegment(LiveAc& ac, std::int32_t) {
             setThrottle(ac, 1);
         else
             setThrottle(ac, 0);
-    } else if (ac.rollout) {
-        if (std::fabs(core::angleDiff(ac.rolloutHeading, ac.heading)) >= 15 * core::kRadPerDeg) {
+    } else if (ac.landingFlags.rollout) {
+        if (std::fabs(core::angleDiff(ac.landingFlags.rolloutHeading, ac.heading)) >= 15 * core::kRadPerDeg) {
             // Off the runway: the landing is over.
             setFlaps(ac, 0);
-            ac.rollout = false;
+            ac.landingFlags.rollout = false;
             setThrottle(ac, rotorcraft(ac) ? 4 : 0);
             setSpoilers(ac, false);
             setReverser(ac, 0, 0);
             setLights(ac.objectId, true, true, false, true, false, true, true);
         } else if (std::max(s0, s1) <= 90) {
             setSpoilers(ac, false);
-            if (ac.spoilersState != 0 || ac.flapsIndex != 1) setReverser(ac, 0, 0);
+            if (ac.controls.spoilersState != 0 || ac.controls.flapsIndex != 1) setReverser(ac, 0, 0);
             setFlaps(ac, 1);
         }
     } else {
         setThrottle(ac, rotorcraft(ac) ? 4 : 0);
     }
-    if (!ac.rollout && !ac.takingOff) clampsDecay(ac);
-    if (ac.flareStage == 0 && ac.phase != Phase::TakeOff) {
+    if (!ac.landingFlags.rollout && !ac.takingOff) clampsDecay(ac);
+    if (ac.landingFlags.flareStage == 0 && ac.phase != Phase::TakeOff) {
         ac.pitch = ac.groundPitch;
         ac.bank = 0;
-        ac.dPitch = ac.dBank = 0;
+        ac.delta.pitch = ac.delta.bank = 0;
     }
-    if (!std::isnan(ac.curveControlX) && st.size() > 1)
-        ac.curveStep = 1.0 / std::max(st[1].tick - gEngine.tick, 25);
-    ac.dAlt = 0;
-    ac.vsTarget = 0;
-    ac.tasTarget = ac.phase == Phase::PushingBack ? -s1 : s1;
+    if (ac.curve.has_value() && st.size() > 1) ac.curveStep = 1.0 / std::max(st[1].tick - gEngine.tick, 25);
+    ac.delta.alt = 0;
+    ac.delta.vsTarget = 0;
+    ac.delta.tasTarget = ac.phase == Phase::PushingBack ? -s1 : s1;
     // The rotation test.
     if (ac.takingOff && ac.phase != Phase::TakeOff && s0 >= 43 && st.size() > 1) {
         const double rotateSpeed = categoryData(ac.category).rotateSpeed;
@@ -445,11 +446,11 @@ void setGroundSegment(LiveAc& ac, std::int32_t) {
         const std::int32_t dt = std::max(st[1].tick - gEngine.tick, 25);
         if (someLow) {
             if (allReady) {
-                ac.dAlt = ac.maxClimbStep;
+                ac.delta.alt = ac.maxClimbStep;
                 rotate(ac);
             }
         } else {
-            ac.dAlt = anyGround ? ac.maxClimbStep : std::max(st[1].alt - ac.alt, 0.1) / dt;
+            ac.delta.alt = anyGround ? ac.maxClimbStep : std::max(st[1].alt - ac.alt, 0.1) / dt;
             rotate(ac);
         }
     }
@@ -463,7 +464,7 @@ void prepareTakeOff(LiveAc& ac) {
     setThrottle(ac, 0);
     setSpoilers(ac, false);
     setFlaps(ac, 1);
-    ac.landing = ac.justLanded = ac.goAround = false;
+    ac.landingFlags.landing = ac.landingFlags.justLanded = ac.landingFlags.goAround = false;
     setLights(ac.objectId, true, true, true, true, true, true, false);
     ac.lateLimit = 5000;
     ac.earlyLimit = 3000;
@@ -471,16 +472,16 @@ void prepareTakeOff(LiveAc& ac) {
 
 void rotate(LiveAc& ac) {
     ac.rotateCounter = std::max(ac.rotateTicks, 1);
-    ac.dPitch = (ac.rotatePitch - ac.pitch) / ac.rotateCounter;
+    ac.delta.pitch = (ac.rotatePitch - ac.pitch) / ac.rotateCounter;
     ac.bank = 0;
-    const bool touchAndGo = ac.rollout;
+    const bool touchAndGo = ac.landingFlags.rollout;
     if (!ac.takingOff) prepareTakeOff(ac);
     setPhase(ac, Phase::TakeOff);
-    ac.dHeading = 0;
-    ac.curveControlX = ac.curveControlY = std::numeric_limits<double>::quiet_NaN();
+    ac.delta.heading = 0;
+    ac.curve.reset();
     ac.turningInPlace = false;
     if (touchAndGo) {
-        ac.rollout = false;
+        ac.landingFlags.rollout = false;
         setThrottle(ac, 4);
         setSpoilers(ac, true);
         setFlaps(ac, 1);
@@ -490,14 +491,14 @@ void rotate(LiveAc& ac) {
 void takeOffChecks(LiveAc& ac, Sample& s) {
     if (!ac.onGround || ac.simState != SimState::Active || ac.takingOff || ac.stream.empty()) return;
     const Sample& last = ac.stream.back();
-    if (ac.rollout) {
+    if (ac.landingFlags.rollout) {
         if (last.airborne && s.airborne) {
             setPhase(ac, Phase::Taxi);
             ac.takingOff = true;
             setThrottle(ac, 3);
             setSpoilers(ac, true);
             setFlaps(ac, 1);
-            ac.landing = ac.justLanded = ac.goAround = false;
+            ac.landingFlags.landing = ac.landingFlags.justLanded = ac.landingFlags.goAround = false;
             setLights(ac.objectId, true, true, true, true, true, true, false);
             setClamps(ac, 3000, 5000);
         }
@@ -557,7 +558,7 @@ bool checkNewPosDuringLanding(LiveAc& ac, Sample& s) {
         }
     } else {
         const double d = off(st.back());
-        if (ac.landing) {
+        if (ac.landingFlags.landing) {
             if (d >= 90) return false;
         } else if (d >= 150) {
             if (ac.extrapolateCount > 0) return false;
@@ -585,26 +586,26 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
     case Phase::Parking: {
         if (ac.simState != SimState::Active) break;
         ac.atStand = true;
-        const double d = core::distanceNm(s.lat, s.lon, ac.standPos.lat, ac.standPos.lon);
+        const double d = core::distanceNm(s.lat, s.lon, ac.stand.pos.lat, ac.stand.pos.lon);
         const double limit = ac.previousPhase == Phase::Parking ? 2 * 0.0458963 : 0.0458963;
         if (d <= limit) {
             ac.parkedWallClock = wallTime100ns();
-            if (ac.standDistanceCount == 0 && ac.firstStandDistance == 0) {
-                ac.firstStandDistance = ac.lastStandDistance = std::max(d, 1e-9);
-                ac.standDistanceCount = 0;
+            if (ac.stand.distanceCount == 0 && ac.stand.firstDistance == 0) {
+                ac.stand.firstDistance = ac.stand.lastDistance = std::max(d, 1e-9);
+                ac.stand.distanceCount = 0;
                 ac.pushRequested = false;
                 return false;
             }
-            if (d >= ac.lastStandDistance + 0.00161987) {
-                ac.lastStandDistance = d;
-                ++ac.standDistanceCount;
-                if ((ac.standDistanceCount >= 3 && d - ac.firstStandDistance >= ac.halfSize * 0.5) ||
-                    d - ac.firstStandDistance > ac.halfSize) {
+            if (d >= ac.stand.lastDistance + 0.00161987) {
+                ac.stand.lastDistance = d;
+                ++ac.stand.distanceCount;
+                if ((ac.stand.distanceCount >= 3 && d - ac.stand.firstDistance >= ac.halfSize * 0.5) ||
+                    d - ac.stand.firstDistance > ac.halfSize) {
                     leaveStand(ac, s);
                     return true;
                 }
-            } else if (d <= ac.lastStandDistance - 0.00161987) {
-                ac.standDistanceCount = 0;
+            } else if (d <= ac.stand.lastDistance - 0.00161987) {
+                ac.stand.distanceCount = 0;
             }
             ac.pushRequested = false;
             return false;
@@ -648,16 +649,16 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
         ac.turnPlanned = false;
         ac.pushCounter = 0;
         setPhase(ac, Phase::Taxi);
-        ac.standPos = {};
-        ac.standId = 0;
-        ac.cargoStand = false;
+        ac.stand.pos = {};
+        ac.stand.id = 0;
+        ac.stand.cargo = false;
         ac.holding = false;
         return true;
     }
     default:
         break;
     }
-    if (ac.landing || ac.rollout) return checkNewPosDuringLanding(ac, s);
+    if (ac.landingFlags.landing || ac.landingFlags.rollout) return checkNewPosDuringLanding(ac, s);
     if (!filterSample(ac, s)) return false;
     if (ac.extrapolateCount > 0) {
         // Real data again. A point behind a flying aircraft is a stale echo, not a resumption.
@@ -692,7 +693,7 @@ bool dropAhead(LiveAc& ac, std::size_t k) {
     st[1].tick = retime(ac, gEngine.tick + std::max(roundTicks(d * 360000.0 / avgSpeed(ac)), 25));
     const std::int32_t dt = std::max(st[1].tick - gEngine.tick, 25);
     const double r = (st[1].alt - ac.alt) / dt;
-    ac.dAlt = r > 0 ? std::min(r, ac.maxClimbStep) : 0;
+    ac.delta.alt = r > 0 ? std::min(r, ac.maxClimbStep) : 0;
     return true;
 }
 
@@ -701,25 +702,25 @@ void lowApproach(LiveAc& ac) {
     const auto airport = currentAirport();
     const bool near =
         airport && core::distanceNm(ac.lat, ac.lon, airport->latitude, airport->longitude) <= 10.0;
-    const double vs = ac.vsTarget;
-    if (vs <= -250 && !ac.landing && near) {
+    const double vs = ac.delta.vsTarget;
+    if (vs <= -250 && !ac.landingFlags.landing && near) {
         setThrottle(ac, rotorcraft(ac) ? 4 : 1);
         setFlaps(ac, 3);
         setGear(ac, true);
-        ac.landing = true;
-        ac.goAround = false;
-        ac.standId = 0;
+        ac.landingFlags.landing = true;
+        ac.landingFlags.goAround = false;
+        ac.stand.id = 0;
         ac.rotateCounter = 1;
         setClamps(ac, 3000, ac.takingOff ? 5000 : 3000);
-    } else if (vs > -250 && (vs > 600 || (ac.landing && !near))) {
-        if (!ac.goAround) {
+    } else if (vs > -250 && (vs > 600 || (ac.landingFlags.landing && !near))) {
+        if (!ac.landingFlags.goAround) {
             clampsDecay(ac);
             setThrottle(ac, 4);
             setGear(ac, false);
             setFlaps(ac, 0);
-            ac.goAround = true;
-            ac.flareStage = 0;
-            ac.landing = false;
+            ac.landingFlags.goAround = true;
+            ac.landingFlags.flareStage = 0;
+            ac.landingFlags.landing = false;
         }
     }
 }
@@ -733,23 +734,23 @@ void lowAltitude(LiveAc& ac) {
     const bool big = ac.category == refdata::Category::Buzjets || ac.category == refdata::Category::Large ||
                      ac.category == refdata::Category::Heavy;
     const double limit = big ? 2050 : 625;
-    const double vs = ac.vsTarget;
+    const double vs = ac.delta.vsTarget;
     if (agl(ac) > limit) {
         clampsDecay(ac);
         command(ac.objectId, sim::kCabinLights, 1);
-        ac.takingOff = ac.landing = false;
-        if (vs <= -250 && ac.throttleIndex == 3) setThrottle(ac, rotorcraft(ac) ? 4 : 2);
-        if (vs > 400 && ac.throttleIndex == 4) setThrottle(ac, rotorcraft(ac) ? 4 : 3);
+        ac.takingOff = ac.landingFlags.landing = false;
+        if (vs <= -250 && ac.controls.throttleIndex == 3) setThrottle(ac, rotorcraft(ac) ? 4 : 2);
+        if (vs > 400 && ac.controls.throttleIndex == 4) setThrottle(ac, rotorcraft(ac) ? 4 : 3);
         if (agl(ac) >= 2400) {
             setGear(ac, false);
             setFlaps(ac, 0);
         } else if (vs <= 100) {
             if (ac.alt < 2000) {
-                if (ac.flapsIndex == 0 || ac.flapsIndex == 4)
+                if (ac.controls.flapsIndex == 0 || ac.controls.flapsIndex == 4)
                     setFlaps(ac, 1);
-                else if (ac.flapsIndex == 1)
+                else if (ac.controls.flapsIndex == 1)
                     setFlaps(ac, 2);
-            } else if (ac.flapsIndex == 0 || ac.flapsIndex == 4) {
+            } else if (ac.controls.flapsIndex == 0 || ac.controls.flapsIndex == 4) {
                 setFlaps(ac, 1);
             }
         }
@@ -761,53 +762,53 @@ void lowAltitude(LiveAc& ac) {
 void setAirSegment(LiveAc& ac, std::int32_t dt) {
     auto& st = ac.stream;
     if (ac.phase != Phase::TakeOff && ac.phase != Phase::Flying) setPhase(ac, Phase::Flying);
-    ac.tasTarget = st[1].tas;
-    ac.vsTarget = st[1].vs;
+    ac.delta.tasTarget = st[1].tas;
+    ac.delta.vsTarget = st[1].vs;
     const bool a0 = st[0].airborne, a1 = st[1].airborne;
     const double alt1 = st[1].alt;
     const auto descend = [&] {
         const auto airport = currentAirport();
         if (airport && feed::gQnh.load(std::memory_order_relaxed) <= 1013) {
-            ac.dAlt = (airport->elevation + ac.cgHeight - ac.alt) / dt;
+            ac.delta.alt = (airport->elevation + ac.cgHeight - ac.alt) / dt;
         } else {
             const double v = feed::gQnh.load(std::memory_order_relaxed) > 1013 ? landingVs(ac) : -601.0;
-            st[1].vs = ac.vsTarget = v;
-            ac.dAlt = v / 6000.0;
+            st[1].vs = ac.delta.vsTarget = v;
+            ac.delta.alt = v / 6000.0;
         }
         setGear(ac, true);
     };
-    if (ac.flareStage == 0) {
+    if (ac.landingFlags.flareStage == 0) {
         if (a0 && a1) {
-            if (ac.landing) {
+            if (ac.landingFlags.landing) {
                 if (alt1 == ac.alt && agl(ac) <= 1000 && st[0].vs + st[1].vs <= 100) {
                     const double v = landingVs(ac);
                     st[1].vs = v;
-                    ac.dAlt = v / 6000.0;
+                    ac.delta.alt = v / 6000.0;
                 } else {
-                    ac.dAlt = (alt1 - ac.alt) / dt;
+                    ac.delta.alt = (alt1 - ac.alt) / dt;
                 }
             } else {
                 const double r = (alt1 - ac.alt) / dt;
-                ac.dAlt = agl(ac) <= 1000 ? std::min(ac.maxClimbStep, std::max(r, 0.2))
-                                          : std::min(r, ac.maxClimbStep);
+                ac.delta.alt = agl(ac) <= 1000 ? std::min(ac.maxClimbStep, std::max(r, 0.2))
+                                               : std::min(r, ac.maxClimbStep);
             }
         } else if (a0 && !a1) {
             descend();
         } else if (!a0 && a1) {
             const double r = (alt1 - ac.alt) / dt;
-            ac.dAlt = r > 0 ? std::min(r, ac.maxClimbStep) : 0;
+            ac.delta.alt = r > 0 ? std::min(r, ac.maxClimbStep) : 0;
         } else {
-            if (ac.landing || vsSum(ac) <= 100) {
+            if (ac.landingFlags.landing || vsSum(ac) <= 100) {
                 const double v = landingVs(ac);
-                st[1].vs = ac.vsTarget = v;
-                ac.dAlt = v / 6000.0;
+                st[1].vs = ac.delta.vsTarget = v;
+                ac.delta.alt = v / 6000.0;
             } else {
                 bool dropped = false;
                 for (std::size_t k = 3; k <= std::min<std::size_t>(st.size() - 1, 10) && !dropped; ++k)
                     dropped = dropAhead(ac, k);
                 if (!dropped) {
                     st[1].vs = std::max(st[1].vs, 601.0);
-                    ac.dAlt = st[1].vs / 6000.0;
+                    ac.delta.alt = st[1].vs / 6000.0;
                 }
             }
             setGear(ac, true);
@@ -816,23 +817,23 @@ void setAirSegment(LiveAc& ac, std::int32_t dt) {
         const double v = st[1].vs > 0 ? std::min(st[1].vs, 2400.0) : std::max(st[1].vs, -3000.0) * 0.5;
         const double target = -3 * core::kRadPerDeg - v / 600.0 * 2.2 * core::kRadPerDeg;
         const double rate = categoryData(ac.category).maxPitchRate;
-        ac.dPitch = std::clamp((target - ac.pitch) / dt, -rate, rate);
+        ac.delta.pitch = std::clamp((target - ac.pitch) / dt, -rate, rate);
     }
     // Heading and bank.
     const auto& c = categoryData(ac.category);
     double diff;
-    if (st[1].hasTrueHeading && st[1].hasBank && agl(ac) < (ac.landing ? 2000 : 1000))
+    if (st[1].hasTrueHeading && st[1].hasBank && agl(ac) < (ac.landingFlags.landing ? 2000 : 1000))
         diff = core::angleDiff(ac.heading, st[1].trueHeading);
     else if (st.size() >= 3)
         diff = nextTurn(ac) * core::kRadPerDeg;
     else
         diff = core::angleDiff(ac.heading, ac.targetHeading);
-    ac.dHeading = diff / dt;
+    ac.delta.heading = diff / dt;
     if (st[1].hasBank) {
-        ac.dBank = (st[1].bank - ac.bank) / dt;
+        ac.delta.bank = (st[1].bank - ac.bank) / dt;
     } else {
         const double wanted = -std::clamp(diff, -c.maxBank, c.maxBank);
-        ac.dBank = std::clamp((wanted - ac.bank) / dt, -c.maxBankRate, c.maxBankRate);
+        ac.delta.bank = std::clamp((wanted - ac.bank) / dt, -c.maxBankRate, c.maxBankRate);
     }
     // The altitude bands.
     if (st[0].alt >= 10000) {
@@ -858,14 +859,14 @@ void attitude(LiveAc& ac) {
         if (ac.rotateCounter > -1000) --ac.rotateCounter;
         if (ac.rotateCounter >= 1) {
             ac.onGround = false;
-            ac.pitch = std::max(ac.pitch + ac.dPitch, ac.rotatePitch);
+            ac.pitch = std::max(ac.pitch + ac.delta.pitch, ac.rotatePitch);
             return;
         }
-        ac.bank += std::clamp(ac.dBank, -c.maxBankRate, c.maxBankRate);
+        ac.bank += std::clamp(ac.delta.bank, -c.maxBankRate, c.maxBankRate);
         const double pitchStep = (ac.climbPitch - ac.rotatePitch) / std::max(ac.liftoffTicks, 1);
         ac.pitch = std::max(ac.pitch + pitchStep, ac.climbPitch);
         const std::int32_t n = ac.rotateCounter;
-        double step = ac.dAlt;
+        double step = ac.delta.alt;
         if (n > -100)
             step /= 10;
         else if (n > -200)
@@ -881,23 +882,23 @@ void attitude(LiveAc& ac) {
         }
         return;
     }
-    if (ac.derotating) {
-        ac.pitch = std::min(ac.pitch + ac.dPitch, ac.groundPitch);
-        ac.bank += ac.dBank;
-        if (ac.pitch >= ac.groundPitch || ac.dPitch <= 0) {
+    if (ac.landingFlags.derotating) {
+        ac.pitch = std::min(ac.pitch + ac.delta.pitch, ac.groundPitch);
+        ac.bank += ac.delta.bank;
+        if (ac.pitch >= ac.groundPitch || ac.delta.pitch <= 0) {
             ac.pitch = ac.groundPitch;
             ac.bank = 0;
-            ac.derotating = false;
-            ac.flareStage = 0;
+            ac.landingFlags.derotating = false;
+            ac.landingFlags.flareStage = 0;
         }
         return;
     }
     if (ac.onGround) return;
-    if (ac.landing && agl(ac) <= 400) {
+    if (ac.landingFlags.landing && agl(ac) <= 400) {
         // The flare: four stages by height, each a gentler sink.
         const double h = ac.cgHeight;
         double height = agl(ac);
-        if (ac.flareStage == 0) {
+        if (ac.landingFlags.flareStage == 0) {
             if (!ac.airportElevation)
                 if (const auto airport = currentAirport()) ac.airportElevation = airport->elevation;
             if (ac.airportElevation) height = std::min(height, ac.alt - *ac.airportElevation);
@@ -907,52 +908,52 @@ void attitude(LiveAc& ac) {
         };
         constexpr Stage kStages[] = {
             {30, -0.1, -601}, {20, -0.075, -450}, {10, -0.05, -300}, {3, -0.025, -150}};
-        if (ac.flareStage < 4 && height <= h + kStages[ac.flareStage].above) {
-            const auto& stage = kStages[ac.flareStage];
-            if (ac.flareStage == 0)
-                ac.dPitch = (-4 * core::kRadPerDeg - ac.pitch) / std::max(ac.flareTicks, 1);
-            if (ac.flareStage == 2) setThrottle(ac, 0);
-            ac.dAlt = stage.step;
+        if (ac.landingFlags.flareStage < 4 && height <= h + kStages[ac.landingFlags.flareStage].above) {
+            const auto& stage = kStages[ac.landingFlags.flareStage];
+            if (ac.landingFlags.flareStage == 0)
+                ac.delta.pitch = (-4 * core::kRadPerDeg - ac.pitch) / std::max(ac.flareTicks, 1);
+            if (ac.landingFlags.flareStage == 2) setThrottle(ac, 0);
+            ac.delta.alt = stage.step;
             if (!ac.stream.empty()) ac.stream[0].vs = stage.vs;
-            ac.vsTarget = stage.vs;
-            ++ac.flareStage;
+            ac.delta.vsTarget = stage.vs;
+            ++ac.landingFlags.flareStage;
         }
     }
-    if (ac.flareStage > 0) {
-        ac.pitch = std::max(ac.pitch + ac.dPitch, -4 * core::kRadPerDeg);
-        ac.alt += ac.dAlt;
+    if (ac.landingFlags.flareStage > 0) {
+        ac.pitch = std::max(ac.pitch + ac.delta.pitch, -4 * core::kRadPerDeg);
+        ac.alt += ac.delta.alt;
     } else {
-        ac.pitch += ac.dPitch;
-        ac.alt += ac.dAlt;
+        ac.pitch += ac.delta.pitch;
+        ac.alt += ac.delta.alt;
     }
-    ac.bank = std::clamp(ac.bank + ac.dBank, -c.maxBank, c.maxBank);
+    ac.bank = std::clamp(ac.bank + ac.delta.bank, -c.maxBank, c.maxBank);
     ac.pitch = std::clamp(ac.pitch, -30 * core::kRadPerDeg, 15 * core::kRadPerDeg);
     // Never below the ground while coming down to it.
-    if (ac.landing && ac.groundAltitude) ac.alt = std::max(ac.alt, groundAltitude(ac));
+    if (ac.landingFlags.landing && ac.groundAltitude) ac.alt = std::max(ac.alt, groundAltitude(ac));
 }
 
 void inRangeReport(LiveAc& ac, bool simOnGround, double groundAlt, double heightAgl) {
     ac.groundAltitude = groundAlt;
     if (simOnGround && !ac.onGround && ac.rotateCounter <= 1 && ac.simState != SimState::RemovingFromSim &&
         ac.phase != Phase::TakeOff) {
-        if (ac.flareStage > 0 || ac.landing) {
-            ac.derotating = ac.rollout = true;
-            ac.rolloutHeading = ac.heading;
-            ac.landing = false;
-            ac.justLanded = true;
+        if (ac.landingFlags.flareStage > 0 || ac.landingFlags.landing) {
+            ac.landingFlags.derotating = ac.landingFlags.rollout = true;
+            ac.landingFlags.rolloutHeading = ac.heading;
+            ac.landingFlags.landing = false;
+            ac.landingFlags.justLanded = true;
             setSpoilers(ac, true);
             setReverser(ac, 100, ac.reverseThrust ? -100 : 100);
             const std::int32_t n = ac.derotateTicks;
             if (n > 0) {
-                ac.dBank = -ac.bank / n;
-                ac.dPitch = (ac.groundPitch - ac.pitch) / n;
+                ac.delta.bank = -ac.bank / n;
+                ac.delta.pitch = (ac.groundPitch - ac.pitch) / n;
             } else {
                 core::log(fmt::format("{} ! onGround slots {:.1f}", describeAc(ac), ac.heightAgl));
-                ac.dBank = 0;
+                ac.delta.bank = 0;
             }
         }
         ac.onGround = true;
-        ac.dAlt = 0;
+        ac.delta.alt = 0;
         ac.rotateCounter = 1;
     }
     ac.heightAgl = heightAgl;

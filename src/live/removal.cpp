@@ -68,10 +68,10 @@ void onRemoved(std::uint32_t objectId) {
     if (ac.simState == SimState::LiveryRespawn) {
         ac.simState = SimState::Buffer;
         ac.objectId = 0;
-        ac.throttleIndex = 5;
-        ac.flapsIndex = 4;
-        ac.gearState = ac.spoilersState = -1;
-        ac.lightsKnown = 0;
+        ac.controls.throttleIndex = 5;
+        ac.controls.flapsIndex = 4;
+        ac.controls.gearState = ac.controls.spoilersState = -1;
+        ac.controls.lightsKnown = 0;
         return;
     }
     if (ac.flightPlanCreated) gEngine.plansToRemove.push_back(ac.hexid);
