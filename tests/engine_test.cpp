@@ -359,7 +359,7 @@ TEST_F(EngineTest, RemovedWhileBeingCreated) {
     pace();
     removeAircraftFromSim(*findByHexid(kHex));
     ASSERT_TRUE(findByHexid(kHex)->removeWhenCreated);
-    sim::SimEvent created{250, kHex, sim::SimEventKind::LiveCreated, 1000, 0};
+    sim::LiveCreated created{250, kHex, 1000};
     ASSERT_TRUE(onCreated(*findByHexid(kHex), created));
     gEngine.pending.push_back({250, kHex, false, 0});
     for (int i = 0; i < 200; ++i) handlePending();
@@ -433,7 +433,7 @@ TEST_F(EngineTest, FlightPlanFilesFollowTheAircraft) {
     ac.origin = refdata::IataCode::tryMake("MSP").value();
     ac.destination = refdata::IataCode::tryMake("ATL").value();
     handleBuffer(ac);
-    ASSERT_TRUE(onCreated(*findByHexid(kHex), {250, kHex, sim::SimEventKind::LiveCreated, 3000, 0}));
+    ASSERT_TRUE(onCreated(*findByHexid(kHex), sim::LiveCreated{250, kHex, 3000}));
     const auto plan = sim::planPath(kHex);
     EXPECT_FALSE(fs::exists(plan)) << "not written inside the frame";
     writeFlightPlans();

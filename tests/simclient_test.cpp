@@ -64,13 +64,14 @@ class SimClientTest : public testing::Test {
         ASSERT_TRUE(eventually(
             [] { return sim::userPosition() && sim::userTitleKnown() && !sim::userModel().empty(); }));
     }
-    std::optional<sim::SimEvent> waitEvent(sim::SimEventKind kind) {
-        std::optional<sim::SimEvent> found;
+    template <typename Kind>
+    std::optional<Kind> waitEvent() {
+        std::optional<Kind> found;
         eventually([&] {
             std::vector<sim::SimEvent> events;
             sim::takeEvents(events);
             for (const auto& e : events)
-                if (e.kind == kind && !found) found = e;
+                if (std::holds_alternative<Kind>(e) && !found) found = std::get<Kind>(e);
             return found.has_value();
         });
         return found;
@@ -108,17 +109,17 @@ TEST_F(SimClientTest, FlowsAnAircraftThroughTheEmulator) {
     create.hexid = 0xA1B2C3;
     ASSERT_TRUE(sim::addCreate(create));
     ASSERT_TRUE(eventually([&] { return emulator->liveObjectCount() == 1; }));
-    std::optional<sim::SimEvent> created;
+    std::optional<sim::LiveCreated> created;
     ASSERT_TRUE(eventually([&] {
         sim::requestInRange(40);
         std::vector<sim::SimEvent> events;
         sim::takeEvents(events);
         for (const auto& e : events)
-            if (e.kind == sim::SimEventKind::LiveCreated) created = e;
+            if (std::holds_alternative<sim::LiveCreated>(e)) created = std::get<sim::LiveCreated>(e);
         return created.has_value();
     }));
     EXPECT_EQ(created->hexid, 0xA1B2C3u);
-    EXPECT_NEAR(created->value, 3000 - 841, 1e-6) << "height above ground";
+    EXPECT_NEAR(created->heightAgl, 3000 - 841, 1e-6) << "height above ground";
     const sc::DWORD objectId = created->objectId;
 
     // Released and frozen, then moved frame by frame.
@@ -135,7 +136,7 @@ TEST_F(SimClientTest, FlowsAnAircraftThroughTheEmulator) {
     }
     ASSERT_TRUE(eventually([&] { return emulator->objects()[0].positions.size() >= 10; }));
     ASSERT_TRUE(sim::addRemove(objectId));
-    ASSERT_TRUE(waitEvent(sim::SimEventKind::Removed).has_value());
+    ASSERT_TRUE(waitEvent<sim::ObjectRemoved>().has_value());
     const auto o = emulator->objects()[0];
     EXPECT_TRUE(o.released);
     EXPECT_GE(o.removedAt, 0);
@@ -155,7 +156,7 @@ TEST_F(SimClientTest, FlowsAnAircraftThroughTheEmulator) {
     create.title = "No Such Livery";
     create.hexid = 0x123456;
     ASSERT_TRUE(sim::addCreate(create));
-    const auto refused = waitEvent(sim::SimEventKind::CreationFailed);
+    const auto refused = waitEvent<sim::CreationFailed>();
     ASSERT_TRUE(refused.has_value());
     EXPECT_EQ(refused->hexid, 0x123456u);
 
@@ -281,8 +282,8 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
     std::vector<sim::SimEvent> events;
     sim::takeEvents(events);
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].kind, sim::SimEventKind::LiveCreated);
-    EXPECT_EQ(events[0].hexid, 0xABCDEFu);
+    ASSERT_TRUE(std::holds_alternative<sim::LiveCreated>(events[0]));
+    EXPECT_EQ(std::get<sim::LiveCreated>(events[0]).hexid, 0xABCDEFu);
     EXPECT_NEAR(e.now(), t, 1e-9) << "the emulator ran only on the test's clock";
 
     e.quit();

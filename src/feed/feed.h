@@ -137,6 +137,10 @@ class TrafficReader final : public UdpReader {
     TrafficArea pendingArea_;
     std::atomic<std::uint32_t> areaVersion_{0};
     std::uint32_t seenAreaVersion_ = 0;
+    // The steps of a line, in order; false when a filter drops it, an exception when a field is broken.
+    bool readPlace(TrafficSample& s);
+    bool readIdentity(TrafficSample& s);
+    void readMotion(TrafficSample& s);
     bool checkAltitude(TrafficSample& s);
     std::string decodeCopy_; // the text of decode() lives here while its fields are used
 };
@@ -159,7 +163,7 @@ extern QnhReader gQnhReader;
 extern std::atomic<std::int32_t> gQnh;
 
 // The reader threads: names "Traffic Reader" and "QNH Reader". They are detached; a failure is
-// shown to the user and stops the run with reason 6.
+// shown to the user and stops the run with ReaderError.
 void startTrafficReader(std::uint16_t port, bool localOnly);
 void startQnhReader(std::uint16_t port);
 void stopReaders();

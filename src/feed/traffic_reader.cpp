@@ -36,6 +36,33 @@ namespace {
 
 constexpr std::size_t kFieldCount = 29;
 
+// The fields of a traffic line that the decoder reads, by their position.
+enum Field : std::size_t {
+    kHexid = 1,
+    kLatitude = 2,
+    kLongitude = 3,
+    kAltitude = 4,
+    kVerticalSpeed = 5,
+    kTrack = 7,
+    kGroundSpeed = 8,
+    kCallsign = 9,
+    kType = 10,
+    kRegistration = 11,
+    kOrigin = 12,
+    kDestination = 13,
+    kTimestamp = 14,
+    kSource = 17,
+    kTrueAirspeed = 20,
+    kRoll = 23,
+    kTrueHeading = 25,
+    kEmitterCategory = 28
+};
+
+constexpr double kDegPerRad = 57.29577951308232;
+constexpr double kGroundRangeNm = 5.0; // aircraft on the ground count only this near the current airport
+constexpr std::size_t kMaxRegistration = 12;
+constexpr std::int32_t kDelayTicks = 3000; // the engine flies each point 30 s after it came
+
 // Plain floating point text: starts at the first character, no blank or plus sign, a minus
 // sign, "inf" and "nan" allowed, trailing text tolerated, empty is a failure.
 bool parseNumber(std::string_view field, double& out) {
@@ -139,128 +166,13 @@ void TrafficReader::processLine() {
 void TrafficReader::processLineSub() {
     pickUpArea();
     try {
-        const auto& f = fields;
-        // 1. Any line with a timestamp counts as traffic, even if a filter drops it below.
-        lastTimestamp = number(f[14], "timestamp");
-        const double timestamp = lastTimestamp;
-
-        // 2-4. Position and range.
-        const double lat = number(f[2], "lat");
-        const double lon = number(f[3], "lon");
-        if (!(lat >= -90.0 && lat <= 90.0) || !(lon >= -180.0 && lon <= 180.0) ||
-            (std::fabs(lat) <= 0.0001 && std::fabs(lon) <= 0.0001))
-            throw std::runtime_error(fmt::format("invalid lalo: {}", fmt::format("{:.6f},{:.6f}", lat, lon)));
-        const core::LatLon pos{lat, lon};
-        if (core::distanceNm(area.reference, pos) > params::gParams.RANGE.load(std::memory_order_relaxed)) {
-            ++counts.dropped;
-            return;
-        }
-
-        // 5. Registration.
-        if (f[11].size() > 12) {
-            ++counts.dropped;
-            return;
-        }
         TrafficSample s;
-        s.latitude = lat;
-        s.longitude = lon;
-        s.timestamp = timestamp;
-        if (f[11] != "null") s.registration.assign(f[11]);
-
-        // 7. Callsigns seen, for the static parking calculation.
-        if (collectCallsigns.load(std::memory_order_acquire) && !f[9].empty() && f[9] != "null" &&
-            f[9].find('@') == std::string_view::npos)
-            seenCallsigns.emplace(f[9]);
-
-        // 8-9. Type.
-        if (!refdata::isUsableAircraft(f[10], f[28])) {
+        if (!readPlace(s) || !readIdentity(s)) {
             ++counts.dropped;
             return;
         }
-        s.modelCode = refdata::modelId(f[10]);
-
-        // 10. True heading, trusted from ADS-B only.
-        if (f[17] == "adsb_icao") {
-            const double th = number(f[25], "trueheading");
-            if (th > 360.0) throw std::runtime_error(fmt::format("trueheading: {:.2f}", th));
-            if (th == 0.0) {
-                s.heading = 6.283185307179586;
-                s.hasTrueHeading = true;
-            } else if (th > 0.0) {
-                s.heading = th * core::kRadPerDeg;
-                s.hasTrueHeading = true;
-            }
-        }
-
-        // 11. Identity: live aircraft are above 10000.
-        {
-            std::uint32_t id = 0;
-            const auto r = std::from_chars(f[1].data(), f[1].data() + f[1].size(), id);
-            if (r.ec != std::errc{}) throw std::runtime_error(fmt::format("hexid incorrect{}", f[1]));
-            if (id <= 10000) {
-                ++counts.dropped;
-                return;
-            }
-            s.hexid = id;
-        }
-
-        // 12-13. Speed and the on-ground decision.
-        s.groundSpeed = number(f[8], "gs");
-        if (!checkAltitude(s)) {
-            ++counts.dropped;
-            return;
-        }
-        s.airborne = s.altitude > 0.0;
-
-        // 14-15. Callsign.
-        if (f[9] != "null" && f[9].find('@') == std::string_view::npos) {
-            if (f[9] == "ERARMTR1" || f[9] == "AIRPORT1" || f[9] == "00000000") {
-                ++counts.dropped;
-                return;
-            }
-            s.callsign.assign(f[9]);
-        }
-        if (s.callsign.empty() && s.registration.empty()) {
-            ++counts.dropped;
-            return;
-        }
-
-        // 16. On the ground only near the current airport.
-        if (!s.airborne && !(area.airport && core::distanceNm(*area.airport, pos) <= 5.0)) {
-            ++counts.dropped;
-            return;
-        }
-
-        // 17. Track, or the true heading when the track says nothing.
-        if (!f[7].empty()) {
-            double t = 0.0;
-            if (!parseNumber(f[7], t)) throw std::runtime_error(fmt::format("track incorrect {}", f[7]));
-            s.track = t;
-            if (s.track == 0.0 && s.hasTrueHeading) s.track = *s.heading * 57.29577951308232;
-        } else {
-            s.track = s.hasTrueHeading ? *s.heading * 57.29577951308232 : 0.0;
-        }
-
-        // 18-19.
-        s.verticalSpeed = number(f[5], "vs");
-        s.origin = routeCode(f[12]);
-        s.destination = routeCode(f[13]);
-
-        // 20. Bank, airborne only; RealTraffic's sign is the opposite of the simulator's.
-        if (s.airborne) {
-            const double roll = number(f[23], "roll");
-            if (roll != -1.0 && roll != 0.0) s.roll = -roll * core::kRadPerDeg;
-        }
-
-        // 21. True airspeed, estimated from the altitude when unknown.
-        {
-            double tas = 0.0;
-            if (!parseNumber(f[20], tas)) throw std::runtime_error(fmt::format("TAS incorrect{}", f[20]));
-            s.trueAirspeed = tas == -1.0 ? tasForAltitude(s.altitude) : tas;
-        }
-
-        // 22-23.
-        s.tick = core::gRun.engineTick.load(std::memory_order_relaxed) + 3000;
+        readMotion(s);
+        s.tick = core::gRun.engineTick.load(std::memory_order_relaxed) + kDelayTicks;
         std::lock_guard lock(gTraffic.trafficLock);
         if (gTraffic.acceptTraffic) {
             gTraffic.trafficQueue.push_back(std::move(s));
@@ -274,11 +186,97 @@ void TrafficReader::processLineSub() {
     }
 }
 
+bool TrafficReader::readPlace(TrafficSample& s) {
+    const auto& f = fields;
+    // Any line with a timestamp counts as traffic, even if a filter drops it below.
+    lastTimestamp = number(f[kTimestamp], "timestamp");
+    s.timestamp = lastTimestamp;
+    const double lat = number(f[kLatitude], "lat");
+    const double lon = number(f[kLongitude], "lon");
+    if (!(lat >= -90.0 && lat <= 90.0) || !(lon >= -180.0 && lon <= 180.0) ||
+        (std::fabs(lat) <= 0.0001 && std::fabs(lon) <= 0.0001))
+        throw std::runtime_error(fmt::format("invalid lalo: {}", fmt::format("{:.6f},{:.6f}", lat, lon)));
+    if (core::distanceNm(area.reference, {lat, lon}) > params::gParams.RANGE.load(std::memory_order_relaxed))
+        return false;
+    if (f[kRegistration].size() > kMaxRegistration) return false;
+    s.latitude = lat;
+    s.longitude = lon;
+    if (f[kRegistration] != "null") s.registration.assign(f[kRegistration]);
+    return true;
+}
+
+bool TrafficReader::readIdentity(TrafficSample& s) {
+    const auto& f = fields;
+    const auto callsign = f[kCallsign];
+    // Callsigns seen, for the static parking calculation.
+    if (collectCallsigns.load(std::memory_order_acquire) && !callsign.empty() && callsign != "null" &&
+        callsign.find('@') == std::string_view::npos)
+        seenCallsigns.emplace(callsign);
+    if (!refdata::isUsableAircraft(f[kType], f[kEmitterCategory])) return false;
+    s.modelCode = refdata::modelId(f[kType]);
+    // True heading, trusted from ADS-B only.
+    if (f[kSource] == "adsb_icao") {
+        const double th = number(f[kTrueHeading], "trueheading");
+        if (th > 360.0) throw std::runtime_error(fmt::format("trueheading: {:.2f}", th));
+        if (th == 0.0) {
+            s.heading = 2 * core::kPi;
+            s.hasTrueHeading = true;
+        } else if (th > 0.0) {
+            s.heading = th * core::kRadPerDeg;
+            s.hasTrueHeading = true;
+        }
+    }
+    // Live aircraft are above 10000; the ids below belong to static ones.
+    std::uint32_t id = 0;
+    const auto r = std::from_chars(f[kHexid].data(), f[kHexid].data() + f[kHexid].size(), id);
+    if (r.ec != std::errc{}) throw std::runtime_error(fmt::format("hexid incorrect{}", f[kHexid]));
+    if (id <= 10000) return false;
+    s.hexid = id;
+    // Speed and the on-ground decision.
+    s.groundSpeed = number(f[kGroundSpeed], "gs");
+    if (!checkAltitude(s)) return false;
+    s.airborne = s.altitude > 0.0;
+    if (callsign != "null" && callsign.find('@') == std::string_view::npos) {
+        if (callsign == "ERARMTR1" || callsign == "AIRPORT1" || callsign == "00000000") return false;
+        s.callsign.assign(callsign);
+    }
+    if (s.callsign.empty() && s.registration.empty()) return false;
+    return s.airborne ||
+           (area.airport && core::distanceNm(*area.airport, {s.latitude, s.longitude}) <= kGroundRangeNm);
+}
+
+void TrafficReader::readMotion(TrafficSample& s) {
+    const auto& f = fields;
+    // The track, or the true heading when the track says nothing.
+    if (!f[kTrack].empty()) {
+        double t = 0.0;
+        if (!parseNumber(f[kTrack], t))
+            throw std::runtime_error(fmt::format("track incorrect {}", f[kTrack]));
+        s.track = t;
+        if (s.track == 0.0 && s.hasTrueHeading) s.track = *s.heading * kDegPerRad;
+    } else {
+        s.track = s.hasTrueHeading ? *s.heading * kDegPerRad : 0.0;
+    }
+    s.verticalSpeed = number(f[kVerticalSpeed], "vs");
+    s.origin = routeCode(f[kOrigin]);
+    s.destination = routeCode(f[kDestination]);
+    // Bank, airborne only; RealTraffic's sign is the opposite of the simulator's.
+    if (s.airborne) {
+        const double roll = number(f[kRoll], "roll");
+        if (roll != -1.0 && roll != 0.0) s.roll = -roll * core::kRadPerDeg;
+    }
+    // True airspeed, estimated from the altitude when unknown.
+    double tas = 0.0;
+    if (!parseNumber(f[kTrueAirspeed], tas))
+        throw std::runtime_error(fmt::format("TAS incorrect{}", f[kTrueAirspeed]));
+    s.trueAirspeed = tas == -1.0 ? tasForAltitude(s.altitude) : tas;
+}
+
 bool TrafficReader::checkAltitude(TrafficSample& s) {
     double a = 0.0;
-    if (!parseNumber(fields[4], a))
-        throw std::runtime_error(
-            fmt::format("altitude {} incorrect, from: {}", fields[4], std::string_view(line, lineLength)));
+    if (!parseNumber(fields[kAltitude], a))
+        throw std::runtime_error(fmt::format("altitude {} incorrect, from: {}", fields[kAltitude],
+                                             std::string_view(line, lineLength)));
     if (a <= 0.0) {
         a = 0.0;
     } else {

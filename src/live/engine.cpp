@@ -20,6 +20,11 @@ Engine gEngine;
 namespace {
 
 constexpr std::int32_t kDelayTicks = 3000; // everything runs 30 s behind the feed
+// A point on a straight path adds nothing when it comes sooner than this distance at the speed
+// flown: 450 m in the air, 20 m on the ground (where 15 s is the most a point may wait).
+constexpr double kAirThinningNm = 0.24298;
+constexpr double kGroundThinningNm = 0.0107991;
+constexpr double kGroundThinningMaxSeconds = 15.0;
 
 std::optional<AirportPlace> currentAirportPlace; // the worker thread's: set and read there only
 // Counts for the status display: the frame publishes them once a second, any thread reads.
@@ -303,54 +308,58 @@ void engineFrame() {
     core::gRun.engineTick.fetch_add(1, std::memory_order_relaxed);
 }
 
+namespace {
+
+void onLiveCreated(const sim::LiveCreated& ev) {
+    auto& e = gEngine;
+    LiveAc* ac = findByHexid(ev.hexid);
+    if (!ac) {
+        // Its record went while the simulator was creating it: the object goes too.
+        core::log(fmt::format("hexid {} created as object {} but no longer wanted", ev.hexid, ev.objectId));
+        e.removeQueue.push_back(ev.objectId);
+        return;
+    }
+    if (onCreated(*ac, ev)) e.pending.push_back({ev.objectId, ev.hexid, false, 0});
+}
+
+void onCreationFailed(const sim::CreationFailed& ev) {
+    auto& e = gEngine;
+    LiveAc* ac = findByHexid(ev.hexid);
+    if (!ac) return;
+    if (!ac->liveryTitle.empty()) {
+        core::log(fmt::format("{} '{}' could not be created by your Sim!", describeAc(*ac), ac->liveryTitle));
+        liveries::refuseTitle(ac->liveryTitle);
+    }
+    auto& r = e.rememberedLiveries;
+    std::erase_if(r, [&](const auto& p) { return p.first == ev.hexid; });
+    ac->dropSilently = true;
+    std::erase(e.addingStack, ev.hexid);
+}
+
+// One handler a kind of message, for std::visit.
+struct EventHandler {
+    void operator()(const sim::LiveCreated& ev) const { onLiveCreated(ev); }
+    void operator()(const sim::StaticCreated& ev) const {
+        gEngine.pending.push_back({ev.objectId, ev.hexid, true, 0});
+    }
+    void operator()(const sim::ObjectRemoved& ev) const { onRemoved(ev.objectId); }
+    void operator()(const sim::ForeignInRange& ev) const {
+        if (LiveAc* ac = findByObjectId(ev.objectId))
+            inRangeReport(*ac, ev.onGround, ev.groundAltitude, ev.heightAgl);
+    }
+    void operator()(const sim::StaticData& ev) const {
+        if (LiveAc* ac = findByObjectId(ev.objectId)) takeStaticData(*ac, ev.cgHeightFt, ev.staticPitch);
+    }
+    void operator()(const sim::Blocked& ev) const { onBlocked(ev.hexid); }
+    void operator()(const sim::CreationFailed& ev) const { onCreationFailed(ev); }
+};
+
+} // namespace
+
 void handleEvents() {
     auto& e = gEngine;
     sim::takeEvents(e.events);
-    for (const auto& ev : e.events) {
-        switch (ev.kind) {
-        case sim::SimEventKind::LiveCreated: {
-            LiveAc* ac = findByHexid(ev.hexid);
-            if (!ac) {
-                // Its record went while the simulator was creating it: the object goes too.
-                core::log(
-                    fmt::format("hexid {} created as object {} but no longer wanted", ev.hexid, ev.objectId));
-                e.removeQueue.push_back(ev.objectId);
-                break;
-            }
-            if (onCreated(*ac, ev)) e.pending.push_back({ev.objectId, ev.hexid, false, 0});
-            break;
-        }
-        case sim::SimEventKind::StaticCreated:
-            e.pending.push_back({ev.objectId, ev.hexid, true, 0});
-            break;
-        case sim::SimEventKind::Removed:
-            onRemoved(ev.objectId);
-            break;
-        case sim::SimEventKind::ForeignInRange:
-            if (LiveAc* ac = findByObjectId(ev.objectId))
-                inRangeReport(*ac, ev.hexid != 0, ev.value, ev.value2);
-            break;
-        case sim::SimEventKind::StaticData:
-            if (LiveAc* ac = findByObjectId(ev.objectId)) takeStaticData(*ac, ev.value, ev.value2);
-            break;
-        case sim::SimEventKind::Blocked:
-            onBlocked(ev.hexid);
-            break;
-        case sim::SimEventKind::CreationFailed:
-            if (LiveAc* ac = findByHexid(ev.hexid)) {
-                if (!ac->liveryTitle.empty()) {
-                    core::log(fmt::format("{} '{}' could not be created by your Sim!", describeAc(*ac),
-                                          ac->liveryTitle));
-                    liveries::refuseTitle(ac->liveryTitle);
-                }
-                auto& r = e.rememberedLiveries;
-                std::erase_if(r, [&](const auto& p) { return p.first == ev.hexid; });
-                ac->dropSilently = true;
-                std::erase(e.addingStack, ev.hexid);
-            }
-            break;
-        }
-    }
+    for (const auto& ev : e.events) std::visit(EventHandler{}, ev);
     if (std::any_of(e.liveTable.begin(), e.liveTable.end(), [](const LiveAc& a) { return a.dropSilently; }))
         compactTable();
     handlePending();
@@ -487,9 +496,10 @@ void decode(const feed::TrafficSample& r) {
             const double dHdg =
                 std::fabs(core::angleDiff(last.track * core::kRadPerDeg, r.track * core::kRadPerDeg)) /
                 core::kRadPerDeg;
-            if (r.airborne && v > 120 && dHdg <= 1.0 && t - prev <= 0.24298 / (v / 3600.0)) return;
+            if (r.airborne && v > 120 && dHdg <= 1.0 && t - prev <= kAirThinningNm / (v / 3600.0)) return;
             if (!r.airborne && v <= 30 && dHdg <= 2.0 &&
-                t - prev <= (v > 0 ? std::min(0.0107991 / (v / 3600.0), 15.0) : 15.0))
+                t - prev <= (v > 0 ? std::min(kGroundThinningNm / (v / 3600.0), kGroundThinningMaxSeconds)
+                                   : kGroundThinningMaxSeconds))
                 return;
         }
     }
@@ -548,7 +558,7 @@ void addSample(LiveAc& ac, Sample s) {
         return;
     }
     if (ac.holding && !st.empty() &&
-        core::distanceNm(s.lat, s.lon, st[0].lat, st[0].lon) * 1852.0 >
+        core::distanceNm(s.lat, s.lon, st[0].lat, st[0].lon) * core::kMetresPerNm >
             params::gParams.HOLDING_THRESHOLD_METERS.load(std::memory_order_relaxed)) {
         ac.holding = false;
         removeAircraftFromSim(ac);
@@ -748,10 +758,10 @@ Update spawnLiveAc(LiveAc& ac) {
     return Update::Keep;
 }
 
-bool onCreated(LiveAc& ac, const sim::SimEvent& ev) {
+bool onCreated(LiveAc& ac, const sim::LiveCreated& ev) {
     if (ev.objectId < 3) return false;
     ac.objectId = ev.objectId;
-    ac.heightAgl = ev.value;
+    ac.heightAgl = ev.heightAgl;
     if (ac.onGround) setOnGroundFlags(ac);
     if (!ac.origin.empty() && !ac.destination.empty()) {
         // The file is written beside the frame, once a second: the frame does no file work.

@@ -18,6 +18,7 @@ namespace orv::live {
 namespace {
 
 constexpr double kMetresPerDegree = 111132.95;
+constexpr double kTicksPerMinute = 6000.0; // feet per minute over this: feet per tick
 
 bool samePlace(const Sample& a, const Sample& b) {
     return std::fabs(a.lat - b.lat) < 1e-8 && std::fabs(a.lon - b.lon) < 1e-8;
@@ -135,7 +136,8 @@ void checkSpeedChange(LiveAc& ac) {
     const auto& st = ac.stream;
     if (st.size() < 2) return;
     const double s0 = st[0].speed, s1 = st[1].speed;
-    if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 && sampleDistanceNm(st[0], st[1]) * 1852.0 >= 100.0)
+    if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 &&
+        sampleDistanceNm(st[0], st[1]) * core::kMetresPerNm >= 100.0)
         splitSegment(ac);
 }
 
@@ -177,7 +179,8 @@ void nextTimeGround(LiveAc& ac) {
         if (angle > 0 && distance > 0) {
             if (angle <= 45) {
                 if (r >= 1.2) {
-                    const double m = std::min({r, r * 10.0 / angle, r * 30.0 / (distance * 1852.0)});
+                    const double m =
+                        std::min({r, r * 10.0 / angle, r * 30.0 / (distance * core::kMetresPerNm)});
                     if (m > 0) ac.currentTurnRate *= 1.0 / m;
                 } else if (r > 0) {
                     ac.currentTurnRate *= 1.0 / r;
@@ -363,7 +366,7 @@ void nextPosGround(LiveAc& ac) {
         } else if (ac.extrapolateCount < 1) {
             const double s0 = st[0].speed, s1 = st[1].speed;
             if ((s0 > 0 || s1 > 0) && std::fabs(s0 - s1) > 5 &&
-                sampleDistanceNm(st[0], st[1]) * 1852.0 >= 100.0)
+                sampleDistanceNm(st[0], st[1]) * core::kMetresPerNm >= 100.0)
                 splitSegment(ac);
         }
         if (!ac.curve) {
@@ -773,7 +776,7 @@ void setAirSegment(LiveAc& ac, std::int32_t dt) {
         } else {
             const double v = feed::gQnh.load(std::memory_order_relaxed) > 1013 ? landingVs(ac) : -601.0;
             st[1].vs = ac.delta.vsTarget = v;
-            ac.delta.alt = v / 6000.0;
+            ac.delta.alt = v / kTicksPerMinute;
         }
         setGear(ac, true);
     };
@@ -783,7 +786,7 @@ void setAirSegment(LiveAc& ac, std::int32_t dt) {
                 if (alt1 == ac.alt && agl(ac) <= 1000 && st[0].vs + st[1].vs <= 100) {
                     const double v = landingVs(ac);
                     st[1].vs = v;
-                    ac.delta.alt = v / 6000.0;
+                    ac.delta.alt = v / kTicksPerMinute;
                 } else {
                     ac.delta.alt = (alt1 - ac.alt) / dt;
                 }
@@ -801,14 +804,14 @@ void setAirSegment(LiveAc& ac, std::int32_t dt) {
             if (ac.landingFlags.landing || vsSum(ac) <= 100) {
                 const double v = landingVs(ac);
                 st[1].vs = ac.delta.vsTarget = v;
-                ac.delta.alt = v / 6000.0;
+                ac.delta.alt = v / kTicksPerMinute;
             } else {
                 bool dropped = false;
                 for (std::size_t k = 3; k <= std::min<std::size_t>(st.size() - 1, 10) && !dropped; ++k)
                     dropped = dropAhead(ac, k);
                 if (!dropped) {
                     st[1].vs = std::max(st[1].vs, 601.0);
-                    ac.delta.alt = st[1].vs / 6000.0;
+                    ac.delta.alt = st[1].vs / kTicksPerMinute;
                 }
             }
             setGear(ac, true);

@@ -377,6 +377,62 @@ std::vector<LiveryData> searchLiveriesInFile(std::uint16_t rank, const fs::path&
     return out;
 }
 
+namespace {
+
+// The keys of one IVAO section that the scan takes; `bad` when one of them repeats.
+struct IvaoKeys {
+    std::string title, texture, regcode;
+    bool bad = false;
+};
+
+template <typename Incomplete>
+IvaoKeys readIvaoKeys(const std::vector<std::string>& section, const std::string& path,
+                      Incomplete&& incomplete) {
+    const std::string& first = section.front();
+    IvaoKeys k;
+    bool haveTitle = false, haveParking = false, haveAtcId = false;
+    for (std::size_t i = 1; i < section.size() && !k.bad; ++i) {
+        const auto& line = section[i];
+        if (auto v = keyValue(line, "title")) {
+            if (haveTitle) {
+                incomplete(first, " has more than one title key");
+                k.bad = true;
+                break;
+            }
+            haveTitle = true;
+            k.title = core::trim(*v);
+            if (k.title != *v)
+                core::log(fmt::format("removed spaces around title '{}' --> '{}'", *v, k.title));
+        } else if (keyValue(line, "atc_parking_types")) {
+            if (haveParking) {
+                incomplete(first, " has more than one atc_parking_types key");
+                k.bad = true;
+            }
+            haveParking = true;
+        } else if (auto a = keyValue(line, "atc_id")) {
+            if (haveAtcId) {
+                incomplete(first, fmt::format(", {}, has more than one atc_id key", path));
+                k.bad = true;
+                break;
+            }
+            haveAtcId = true;
+            std::string v = *a;
+            if (const auto c = v.find(';'); c != std::string::npos) v.resize(c);
+            v = core::trim(v);
+            if (v.empty() || v.size() > 12 || v.find('*') != std::string::npos ||
+                v.find(',') != std::string::npos)
+                report(Report::IncompleteSections, fmt::format("invalid atc_id={} in {}", v, path));
+            else
+                k.regcode = v;
+        } else if (auto t = keyValue(line, "texture")) {
+            k.texture = withoutComment(*t);
+        }
+    }
+    return k;
+}
+
+} // namespace
+
 std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::path& file) {
     std::vector<LiveryData> out;
     const std::string path = file.string();
@@ -414,45 +470,7 @@ std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::p
         const auto finish = [&] {
             if (section.empty()) return;
             const std::string first = section.front();
-            std::string title, texture, regcode;
-            bool haveTitle = false, haveParking = false, haveAtcId = false, bad = false;
-            for (std::size_t i = 1; i < section.size() && !bad; ++i) {
-                const auto& line = section[i];
-                if (auto v = keyValue(line, "title")) {
-                    if (haveTitle) {
-                        incomplete(first, " has more than one title key");
-                        bad = true;
-                        break;
-                    }
-                    haveTitle = true;
-                    title = core::trim(*v);
-                    if (title != *v)
-                        core::log(fmt::format("removed spaces around title '{}' --> '{}'", *v, title));
-                } else if (keyValue(line, "atc_parking_types")) {
-                    if (haveParking) {
-                        incomplete(first, " has more than one atc_parking_types key");
-                        bad = true;
-                    }
-                    haveParking = true;
-                } else if (auto a = keyValue(line, "atc_id")) {
-                    if (haveAtcId) {
-                        incomplete(first, fmt::format(", {}, has more than one atc_id key", path));
-                        bad = true;
-                        break;
-                    }
-                    haveAtcId = true;
-                    std::string v = *a;
-                    if (const auto c = v.find(';'); c != std::string::npos) v.resize(c);
-                    v = core::trim(v);
-                    if (v.empty() || v.size() > 12 || v.find('*') != std::string::npos ||
-                        v.find(',') != std::string::npos)
-                        report(Report::IncompleteSections, fmt::format("invalid atc_id={} in {}", v, path));
-                    else
-                        regcode = v;
-                } else if (auto t = keyValue(line, "texture")) {
-                    texture = withoutComment(*t);
-                }
-            }
+            auto [title, texture, regcode, bad] = readIvaoKeys(section, path, incomplete);
             section.clear();
             if (bad) return;
             std::error_code ec;

@@ -149,7 +149,8 @@ std::optional<AirportRecord> closestAirport(double latitude, double longitude) {
             core::log(fmt::format(
                 "Airport {} is closest, but stand {} at neighbouring airport {} is closer at {:.0F} "
                 "meters ...",
-                closest->code.view(), theirs->stand, neighbour->code.view(), theirs->nm * 1852));
+                closest->code.view(), theirs->stand, neighbour->code.view(),
+                theirs->nm * core::kMetresPerNm));
             return *neighbour;
         }
     }

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "core/core.h"
+#include "core/geo.h"
 #include "feed/feed.h"
 #include "params/params.h"
 #include "platform/platform.h"
@@ -214,7 +215,7 @@ void onException(const RecvException& e) {
         auto& p = ts.pendingCreations;
         const auto it = std::find_if(p.begin(), p.end(), [&](const auto& c) { return c.sendId == e.sendId; });
         if (it == p.end()) break;
-        post({0, it->hexid, SimEventKind::CreationFailed, 0, 0});
+        post(CreationFailed{it->hexid});
         p.erase(it);
         break;
     }
@@ -325,7 +326,7 @@ void onModel(DataReader in) {
         texts.model = model;
     }
     core::log(fmt::format("SimConnect: User aircraft model: {}, half wing span: {:.1F} meter, category: {}",
-                          model, span * 1852.0,
+                          model, span * core::kMetresPerNm,
                           refdata::categoryWord(refdata::category(refdata::modelId(model)))));
 }
 
@@ -377,7 +378,7 @@ void onInRange(const RecvSimObjectData& m) {
     const auto it = std::find(added.begin(), added.end(), m.objectId);
     if (it == added.end()) {
         if (above > 2500.0 || atcId.empty() || atcId.back() == '*') return;
-        post({m.objectId, onGround ? 1u : 0u, SimEventKind::ForeignInRange, ground, above});
+        post(ForeignInRange{m.objectId, onGround, ground, above});
         return;
     }
     added.erase(it);
@@ -408,9 +409,9 @@ void onInRange(const RecvSimObjectData& m) {
             shared.eventList.push_back({m.objectId, e, 1});
     }
     if (hexid <= 10000)
-        post({m.objectId, hexid, SimEventKind::StaticCreated, 0, 0});
+        post(StaticCreated{m.objectId, hexid});
     else
-        post({m.objectId, hexid, SimEventKind::LiveCreated, above, 0});
+        post(LiveCreated{m.objectId, hexid, above});
 }
 
 void onObjectData(const RecvSimObjectData& m) {
@@ -418,7 +419,7 @@ void onObjectData(const RecvSimObjectData& m) {
     switch (m.requestId) {
     case kReqStatic: {
         const double cg = in.f64().value_or(0), pitch = in.f64().value_or(0);
-        post({m.objectId, 0, SimEventKind::StaticData, cg, pitch});
+        post(StaticData{m.objectId, cg, pitch});
         break;
     }
     case kReqTitle:
@@ -533,7 +534,7 @@ void dispatch(const Received& m, void*) {
         if (e.eventId == kEvObjectAdded && e.data > status.userId)
             ts.addedObjects.push_back(e.data);
         else if (e.eventId == kEvObjectRemoved)
-            post({e.data, 0, SimEventKind::Removed, 0, 0});
+            post(ObjectRemoved{e.data});
         break;
     }
     case SIMCONNECT_RECV_ID_EVENT_FILENAME:
@@ -746,7 +747,7 @@ void requestUserOnGround() {
 void requestInRange(int rangeNm) {
     underSimLock([&] {
         if (!simApi || !status.isConnected) return;
-        const auto radius = static_cast<DWORD>(std::max(0, rangeNm) * 1852);
+        const auto radius = static_cast<DWORD>(std::max(0, rangeNm) * core::kMetresPerNm);
         if (simApi->RequestDataOnSimObjectType(kReqInRange, kDefInRange, radius,
                                                SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) < 0) {
             core::log("SimConnect request ac within range fails");

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "simconnect/simconnect.h"
@@ -70,7 +71,7 @@ inline constexpr std::uint32_t kGroup = 301;
 
 // ---- Work lists from the engine, and messages back -------------------------------------------
 
-// The eight values of definition 402, in its order, and the object they go to.
+// The eight values of kDefAiPosition, in its order, and the object they go to.
 struct PositionRecord {
     double latitude = 0, longitude = 0, pitch = 0, bank = 0, heading = 0, altitude = 0, verticalSpeed = 0,
            airspeed = 0;
@@ -79,7 +80,7 @@ struct PositionRecord {
 struct EventRecord {
     std::uint32_t objectId = 0, eventId = 0, data = 0;
 };
-// The three values of definition 401 (percent): spoilers handle and both throttle levers;
+// The three values of kDefControls (percent): spoilers handle and both throttle levers;
 // negative throttle is reverse thrust.
 struct ControlsRecord {
     std::uint32_t objectId = 0;
@@ -92,23 +93,36 @@ struct CreateRecord {
     std::uint32_t hexid = 0;
 };
 
-enum class SimEventKind : std::int32_t {
-    LiveCreated = 0,
-    StaticCreated = 1,
-    Removed = 2,
-    ForeignInRange = 3,
-    StaticData = 4,
-    Blocked = 5,
-    CreationFailed = 6
+// Messages from the SimClient to the engine, one struct a kind.
+struct LiveCreated { // a live aircraft's object exists
+    std::uint32_t objectId = 0, hexid = 0;
+    double heightAgl = 0; // feet
 };
-struct SimEvent {
+struct StaticCreated {
+    std::uint32_t objectId = 0, hexid = 0;
+};
+struct ObjectRemoved {
     std::uint32_t objectId = 0;
-    std::uint32_t hexid = 0; // kind 3: the on-ground flag
-    SimEventKind kind = SimEventKind::LiveCreated;
-    double value = 0, value2 = 0;
 };
+struct ForeignInRange { // the simulator's own report of an object near the user
+    std::uint32_t objectId = 0;
+    bool onGround = false;
+    double groundAltitude = 0, heightAgl = 0; // feet
+};
+struct StaticData { // "Static CG to Ground" and "Static Pitch" of an object
+    std::uint32_t objectId = 0;
+    double cgHeightFt = 0, staticPitch = 0;
+};
+struct Blocked {
+    std::uint32_t hexid = 0;
+};
+struct CreationFailed {
+    std::uint32_t hexid = 0;
+};
+using SimEvent = std::variant<LiveCreated, StaticCreated, ObjectRemoved, ForeignInRange, StaticData, Blocked,
+                              CreationFailed>;
 
-// The twelve fields of definition 403.
+// The twelve fields of kDefUserPosition.
 struct UserData {
     double latitude = 0, longitude = 0, pitch = 0, bank = 0, heading = 0, altitude = 0, altAboveGround = 0,
            groundVelocity = 0;
