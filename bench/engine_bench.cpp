@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 
 #include "core/core.h"
+#include "core/geo.h"
 #include "feed/feed.h"
 #include "live/internal.h"
 #include "refdata/refdata.h"
@@ -50,7 +51,6 @@ using namespace orv::live;
 
 constexpr int kAircraft = 1000;
 constexpr double kCentreLat = 44.882, kCentreLon = -93.2218;
-constexpr double kDeg = 3.14159265358979 / 180;
 
 struct Home {
     fs::path dir;
@@ -88,14 +88,14 @@ void fillTable(std::mt19937& rng, int taxiing) {
         ac.objectId = 1000 + static_cast<std::uint32_t>(i);
         ac.phase = Phase::Flying;
         ac.lat = kCentreLat + offset(rng), ac.lon = kCentreLon + offset(rng), ac.alt = 10000;
-        const double h = heading(rng) * 3.14159265358979 / 180, v = speed(rng);
+        const double h = heading(rng) * core::kRadPerDeg, v = speed(rng);
         ac.heading = h;
         for (int k = 0; k < 150; ++k) {
             Sample s;
             const double nm = v * 8.0 * k / 3600.0;
             s.lat = ac.lat + nm / 60.0 * std::cos(h);
-            s.lon = ac.lon + nm / 60.0 * std::sin(h) / std::cos(ac.lat * 3.14159265358979 / 180);
-            s.alt = 10000 + 10.0 * k, s.speed = s.tas = v, s.track = h * 180 / 3.14159265358979, s.vs = 75;
+            s.lon = ac.lon + nm / 60.0 * std::sin(h) / std::cos(ac.lat * core::kRadPerDeg);
+            s.alt = 10000 + 10.0 * k, s.speed = s.tas = v, s.track = h * core::kDegPerRad, s.vs = 75;
             s.airborne = true;
             s.tick = 800 * k;
             ac.stream.push_back(s);
@@ -109,12 +109,12 @@ void fillTable(std::mt19937& rng, int taxiing) {
             double lat = ac.lat, lon = ac.lon, hdg = h;
             for (int k = 0; k < 150; ++k) {
                 Sample s;
-                s.lat = lat, s.lon = lon, s.alt = 0, s.speed = s.tas = 15, s.track = hdg / kDeg;
+                s.lat = lat, s.lon = lon, s.alt = 0, s.speed = s.tas = 15, s.track = hdg / core::kRadPerDeg;
                 s.tick = 1300 * k;
                 ac.stream.push_back(s);
-                hdg += (k % 2 ? 1 : -1) * (30 + 10 * (k % 6)) * kDeg;
+                hdg += (k % 2 ? 1 : -1) * (30 + 10 * (k % 6)) * core::kRadPerDeg;
                 lat += 100.0 / 111132.95 * std::cos(hdg);
-                lon += 100.0 / (111132.95 * std::cos(lat * kDeg)) * std::sin(hdg);
+                lon += 100.0 / (111132.95 * std::cos(lat * core::kRadPerDeg)) * std::sin(hdg);
             }
         }
     }

@@ -71,7 +71,7 @@ BENCHMARK(BM_ScanCorpus)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealT
 
 void BM_MatchLiveLivery(benchmark::State& state) {
     liveries::gStore.reset();
-    liveries::scanFolders(corpus().folders());
+    if (!liveries::scanFolders(corpus().folders())) state.SkipWithError("the corpus did not scan");
     liveries::processLiveries();
     params::gParams.MATCHING_DEPTH = 4;
     params::gParams.RANDOM = true;

@@ -58,7 +58,7 @@ struct Files {
         const auto plain = dir / (name + ".src");
         std::ofstream(plain, std::ios::binary) << text;
         const auto enc = dir / (name + ".enc");
-        refdata::streamEncrypt(plain, enc);
+        if (auto err = refdata::streamEncrypt(plain, enc); !err.empty()) throw std::runtime_error(err);
         return enc;
     }
 };

@@ -2,6 +2,7 @@
 // into lines as the text reader gives them and parsed as a normal and as an IVAO file would be.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <unistd.h>
@@ -27,7 +28,7 @@ void loadDbase() {
            "<simaddons20><simaddon20 arpts=\"EHAM\"/></simaddons20>"
            "<fixes><fx wro=\"B73H\" cor=\"B738\"/></fixes>"
            "<dbase><d r=\"PH-BXA\" a=\"KLM\" m=\"B738\" o=\"\" c=\"false\"/></dbase></root>";
-    orv::refdata::parseDbaseXml(plain);
+    if (!orv::refdata::parseDbaseXml(plain)) std::abort(); // the fixed database must parse
 }
 } // namespace
 
@@ -45,8 +46,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             current += c;
     }
     lines.push_back(current);
-    liveries::clearTitleSet();
-    liveries::clearReports();
-    (void)liveries::parseAircraftCfg(1, "Community/pkg/SimObjects/Airplanes/X/aircraft.cfg", lines);
+    orv::liveries::clearTitleSet();
+    orv::liveries::clearReports();
+    (void)orv::liveries::parseAircraftCfg(1, "Community/pkg/SimObjects/Airplanes/X/aircraft.cfg", lines);
     return 0;
 }

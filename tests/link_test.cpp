@@ -108,7 +108,7 @@ class LinkTest : public testing::Test {
         EXPECT_EQ(rt.connect("127.0.0.1", port), "");
         std::thread side([&] {
             EXPECT_EQ(readLine(rt), "Qs999=version\r\n");
-            rt.sendAll(answer);
+            EXPECT_EQ(rt.sendAll(answer), "");
         });
         bool connected = false;
         for (int i = 0; i < 100 && !connected; ++i) {
@@ -257,8 +257,8 @@ TEST_F(LinkTest, TheReplayToolStandsInForRealTraffic) {
     ASSERT_EQ(traffic.bind(0, true), "");
     ASSERT_EQ(weather.open(), "");
     ASSERT_EQ(weather.bind(0, true), "");
-    traffic.setReceiveTimeout(5000);
-    weather.setReceiveTimeout(5000);
+    ASSERT_EQ(traffic.setReceiveTimeout(5000), "");
+    ASSERT_EQ(weather.setReceiveTimeout(5000), "");
     const auto cmd =
         fmt::format("{} {} --control-port {} --port {} --weather-port {} --edition stnd --version 8.1 "
                     "--qnh 1008 --speed 4 > {} 2>&1",

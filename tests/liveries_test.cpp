@@ -27,7 +27,7 @@ class LiveriesTest : public testing::Test {
         core::gPaths.programFolder = dir.path();
         core::gPaths.dataFolder = dir.path();
         fs::create_directories(dir / "input");
-        refdata::loadDbase(test::shippedCopy("dbase.enc", dir / "input"));
+        ASSERT_TRUE(refdata::loadDbase(test::shippedCopy("dbase.enc", dir / "input")));
         test::shippedCopy("AIG-regcodes.enc", dir / "input");
         gStore.reset();
         clearReports();

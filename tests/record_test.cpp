@@ -12,7 +12,7 @@ namespace {
 
 class RecordTest : public testing::Test {
   protected:
-    void SetUp() override { refdata::loadDbase(test::shippedCopy("dbase.enc", dir.path())); }
+    void SetUp() override { ASSERT_TRUE(refdata::loadDbase(test::shippedCopy("dbase.enc", dir.path()))); }
     static AcIdentity identity(const char* airline, const char* model, const char* callsign,
                                const char* reg) {
         AcIdentity id;

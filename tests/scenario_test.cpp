@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "core/geo.h"
 #include "emulator.h"
 #include "feed/feed.h"
 #include "live/internal.h"
@@ -214,8 +215,8 @@ TEST_F(ScenarioTest, KmspDeparture) {
     using P = live::Phase;
     EXPECT_EQ(phases, (std::vector<P>{P::Birth, P::Taxi, P::TakeOff, P::Flying}));
     // Rotation to the climb pitch of a Large (-16.5 degrees, varied by 5 %).
-    EXPECT_LT(mostNoseUp, -15.0 * 3.14159265 / 180);
-    EXPECT_GT(mostNoseUp, -18.0 * 3.14159265 / 180);
+    EXPECT_LT(mostNoseUp, -15.0 * core::kRadPerDeg);
+    EXPECT_GT(mostNoseUp, -18.0 * core::kRadPerDeg);
     EXPECT_FALSE(m.touchedDown);
     // Catching up a late take-off is allowed a quarter more than the recorded speed, and 10 kt.
     EXPECT_LE(m.maxStepKt, 1.25 * m.maxFedSpeedKt + 12);

@@ -32,7 +32,7 @@ class SimClientTest : public testing::Test {
     void SetUp() override {
         core::gPaths.dataFolder = dir.path();
         core::gPaths.programFolder = dir.path();
-        refdata::loadDbase(test::shippedCopy("dbase.enc", dir.path()));
+        ASSERT_TRUE(refdata::loadDbase(test::shippedCopy("dbase.enc", dir.path())));
         setSimChoice("MSFS 2020");
         core::gRun.reset();
         sim::reset();

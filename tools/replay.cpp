@@ -65,8 +65,10 @@ void controlLink(const ReplayOptions& o) {
                 const std::string line = pending.substr(0, nl);
                 pending.erase(0, nl + 2);
                 if (line == "Qs999=version") {
-                    link.sendAll(fmt::format(R"({{"level":{},"version":"{}"}})", o.edition == "prof" ? 2 : 1,
-                                             o.version));
+                    if (auto err = link.sendAll(fmt::format(R"({{"level":{},"version":"{}"}})",
+                                                            o.edition == "prof" ? 2 : 1, o.version));
+                        !err.empty())
+                        std::cerr << "orvelline-replay: the version answer was not sent: " << err << "\n";
                 } else if (line.starts_with("Qs121=")) {
                     double v[7] = {};
                     if (std::sscanf(line.c_str() + 6, "%lf;%lf;%lf;%lf;%lf;%lf;%lf", &v[0], &v[1], &v[2],

@@ -59,12 +59,12 @@ enum class Encoding : int {
 };
 Encoding detectEncoding(const fs::path& path);
 // Any encoding to UTF-8 lines; false (with the message line set) if the file can't be read.
-bool readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out);
+[[nodiscard]] bool readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out);
 // Bytes as they are; the number of lines, or "open_failed".
 std::variant<std::size_t, std::string> readAllLines(const fs::path& path, std::vector<std::string>& out,
                                                     std::size_t reserve);
 // Writes the whole file under a temporary name and renames it; false if it could not.
-bool writeText(std::string_view text, const fs::path& path, bool withNewline);
+[[nodiscard]] bool writeText(std::string_view text, const fs::path& path, bool withNewline);
 
 // ---- Run state ------------------------------------------------------------------------------
 

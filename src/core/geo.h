@@ -6,6 +6,7 @@ namespace orv::core {
 
 inline constexpr double kPi = 3.14159265358979323846;
 inline constexpr double kRadPerDeg = kPi / 180.0;
+inline constexpr double kDegPerRad = 180.0 / kPi;
 inline constexpr double kMetresPerNm = 1852.0;
 inline constexpr double kFeetPerNm = 6076.11549;
 inline constexpr double kMetresPerFoot = 0.3048;

@@ -168,13 +168,13 @@ void startTrafficReader(std::uint16_t port, bool localOnly);
 void startQnhReader(std::uint16_t port);
 void stopReaders();
 // Waits up to `timeout` for both reader threads to end; false if one is still running.
-bool waitReadersStopped(std::chrono::milliseconds timeout);
+[[nodiscard]] bool waitReadersStopped(std::chrono::milliseconds timeout);
 
 // The RealTraffic link: this program is the TCP server. Throws the bind failure's text.
 void startRealTrafficServer(const std::string& address, std::uint16_t port);
 std::uint16_t realTrafficPort();
 // One try: accept, ask the version, read the answer. True once RealTraffic is connected.
-bool waitForRealTraffic();
+[[nodiscard]] bool waitForRealTraffic();
 void processRTVersion(std::string_view text);
 bool realTrafficProfessional();
 std::string realTrafficStatus(); // "RT prof edition: 9.0.1"

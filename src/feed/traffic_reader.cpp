@@ -58,7 +58,6 @@ enum Field : std::size_t {
     kEmitterCategory = 28
 };
 
-constexpr double kDegPerRad = 57.29577951308232;
 constexpr double kGroundRangeNm = 5.0; // aircraft on the ground count only this near the current airport
 constexpr std::size_t kMaxRegistration = 12;
 constexpr std::int32_t kDelayTicks = 3000; // the engine flies each point 30 s after it came
@@ -253,9 +252,9 @@ void TrafficReader::readMotion(TrafficSample& s) {
         if (!parseNumber(f[kTrack], t))
             throw std::runtime_error(fmt::format("track incorrect {}", f[kTrack]));
         s.track = t;
-        if (s.track == 0.0 && s.hasTrueHeading) s.track = *s.heading * kDegPerRad;
+        if (s.track == 0.0 && s.hasTrueHeading) s.track = *s.heading * core::kDegPerRad;
     } else {
-        s.track = s.hasTrueHeading ? *s.heading * kDegPerRad : 0.0;
+        s.track = s.hasTrueHeading ? *s.heading * core::kDegPerRad : 0.0;
     }
     s.verticalSpeed = number(f[kVerticalSpeed], "vs");
     s.origin = routeCode(f[kOrigin]);

@@ -28,7 +28,8 @@ void UdpReader::run(std::uint16_t port, bool localOnly) {
 }
 
 void UdpReader::receiveLoop(bool localOnly) {
-    socket.setReceiveTimeout(1000);
+    if (auto err = socket.setReceiveTimeout(1000); !err.empty())
+        core::log(fmt::format("{}: no receive timeout: {}", threadName(), err));
     if (stop) return closeAndNotify();
     while (true) {
         const auto r = socket.receive(buffer, kBufferSize);

@@ -75,7 +75,7 @@ void poll();
 
 Update handleBuffer(LiveAc& ac);
 Update spawnLiveAc(LiveAc& ac);
-bool onCreated(LiveAc& ac, const sim::LiveCreated& event);
+[[nodiscard]] bool onCreated(LiveAc& ac, const sim::LiveCreated& event);
 bool checkRespawn(LiveAc& ac, const feed::TrafficSample& record);
 void liveryRespawn(LiveAc& ac);
 void nextPosMain(LiveAc& ac);

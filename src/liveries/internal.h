@@ -13,7 +13,7 @@ namespace orv::liveries {
 
 std::vector<fs::path> collectAutomaticFolders(const fs::path& community);
 std::vector<fs::path> collectManualFolders();
-bool scanFolders(const std::vector<fs::path>& folders);
+[[nodiscard]] bool scanFolders(const std::vector<fs::path>& folders);
 // The parsers of one file, run as tasks; `rank` is the folder's.
 std::vector<LiveryData> searchLiveriesInFile(std::uint16_t rank, const fs::path& path);
 std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::path& path);

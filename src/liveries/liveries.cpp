@@ -13,9 +13,8 @@ void scan() {
     scanLiveries();
 }
 
-bool read() {
+void read() {
     processLiveries();
-    return true;
 }
 
 std::size_t count() {

@@ -42,10 +42,10 @@ struct RegcodeRecord {
 
 // ---- Registration lists ----------------------------------------------------------------------
 
-bool readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records);
-bool readRegcodeFiles(const fs::path& folder, std::vector<RegcodeRecord>& records);
+[[nodiscard]] bool readAigRegcodes(const fs::path& xml, std::vector<RegcodeRecord>& records);
+[[nodiscard]] bool readRegcodeFiles(const fs::path& folder, std::vector<RegcodeRecord>& records);
 // One line of a my_regcodes file; false when it is not a record (wrongLength: a bad registration).
-bool parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string& wrongLength);
+[[nodiscard]] bool parseRegcodeLine(std::string_view line, RegcodeRecord& out, std::string& wrongLength);
 void readDontUseTitles();
 bool dontUse(const std::string& title);
 
@@ -114,7 +114,7 @@ void updateLiveriesFromDbase();
 void afterScan(std::size_t folders);
 void processLiveries();
 std::string_view titleInstalled(std::string_view title);
-bool applyAigRegcodes(); // false when the shipped list can't be opened
+[[nodiscard]] bool applyAigRegcodes(); // false when the shipped list can't be opened
 void applyRegcodeFiles();
 
 // ---- Matching --------------------------------------------------------------------------------
@@ -133,7 +133,7 @@ refdata::AirlineId keyAirline(refdata::AirlineModelKey key) noexcept;
 refdata::ModelId keyModel(refdata::AirlineModelKey key) noexcept;
 
 void matchLiveLivery(MatchAircraft& aircraft);
-bool matchStaticLivery(MatchAircraft& aircraft, std::string_view standName, bool standCargo);
+[[nodiscard]] bool matchStaticLivery(MatchAircraft& aircraft, std::string_view standName, bool standCargo);
 std::vector<refdata::ModelId> similarOfAirline(refdata::AirlineModelKey key);
 void logMatchingSummary();
 void refuseTitle(std::string_view title); // the simulator could not create it
@@ -153,7 +153,7 @@ void scanLiveries();
 
 bool liveriesFileExists();
 void scan();
-bool read(); // the scanned liveries into memory
+void read(); // the scanned liveries into memory
 std::size_t count();
 void saveFailedList();
 void reset();

@@ -79,9 +79,9 @@ class UdpSocket {
     ~UdpSocket() { close(); }
 
     // Each returns an empty string on success, else the system's error text.
-    std::string open();
-    std::string bind(std::uint16_t port, bool localOnly);
-    std::string setReceiveTimeout(int milliseconds);
+    [[nodiscard]] std::string open();
+    [[nodiscard]] std::string bind(std::uint16_t port, bool localOnly);
+    [[nodiscard]] std::string setReceiveTimeout(int milliseconds);
     RecvResult receive(char* buffer, std::size_t capacity);
     std::uint16_t localPort() const;
     void shutdownBoth();
@@ -105,8 +105,8 @@ class TcpStream {
     TcpStream& operator=(const TcpStream&) = delete;
     ~TcpStream() { close(); }
 
-    std::string connect(std::string_view host, std::uint16_t port);
-    std::string sendAll(std::string_view data);
+    [[nodiscard]] std::string connect(std::string_view host, std::uint16_t port);
+    [[nodiscard]] std::string sendAll(std::string_view data);
     // Waits up to timeoutMs; Transient with size 0 on time-out, Failed with error 0 on a closed peer.
     RecvResult receive(char* buffer, std::size_t capacity, int timeoutMs);
     bool isOpen() const { return fd_ >= 0; }
@@ -125,7 +125,7 @@ class TcpListener {
     TcpListener& operator=(const TcpListener&) = delete;
     ~TcpListener() { close(); }
 
-    std::string listen(std::string_view address, std::uint16_t port);
+    [[nodiscard]] std::string listen(std::string_view address, std::uint16_t port);
     // Waits up to timeoutMs for a client; nullopt on time-out or error.
     std::optional<TcpStream> accept(int timeoutMs);
     std::uint16_t localPort() const;
@@ -144,7 +144,7 @@ class InstanceLock {
     InstanceLock(const InstanceLock&) = delete;
     InstanceLock& operator=(const InstanceLock&) = delete;
     ~InstanceLock() { release(); }
-    bool acquire(std::string_view name); // false when another holder has it
+    [[nodiscard]] bool acquire(std::string_view name); // false when another holder has it
     void release();
 
   private:
@@ -168,6 +168,6 @@ std::optional<std::u16string> ansiToUtf16(std::string_view bytes, bool strict);
 // ---- Shell ----------------------------------------------------------------------------------
 
 // Opens a file or folder with the desktop's default application; false if none could start.
-bool openInShell(const std::filesystem::path& path);
+[[nodiscard]] bool openInShell(const std::filesystem::path& path);
 
 } // namespace orv::platform

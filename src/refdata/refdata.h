@@ -115,10 +115,10 @@ namespace orv::refdata {
 
 // ---- Reference data files -------------------------------------------------------------------
 
-bool versionStep();       // the check for a newer program and data; false ends the run
-bool readDataFiles();     // the reference database, once per process
-bool readAirports();      // the airport directory
-void writeUnknownLists(); // types, airlines and registrations the database did not know
+[[nodiscard]] bool versionStep();   // the check for a newer program and data; false ends the run
+[[nodiscard]] bool readDataFiles(); // the reference database, once per process
+[[nodiscard]] bool readAirports();  // the airport directory
+void writeUnknownLists();           // types, airlines and registrations the database did not know
 
 } // namespace orv::refdata
 
@@ -131,9 +131,10 @@ namespace orv::refdata {
 inline constexpr std::size_t kCryptChunk = 4096;
 
 // Decrypts input into output; false (logged, no output left behind) on any failure.
-bool streamDecrypt(const std::filesystem::path& input, const std::filesystem::path& output);
+[[nodiscard]] bool streamDecrypt(const std::filesystem::path& input, const std::filesystem::path& output);
 // Encrypts input into output with the program's key; an empty string on success, else the reason.
-std::string streamEncrypt(const std::filesystem::path& input, const std::filesystem::path& output);
+[[nodiscard]] std::string streamEncrypt(const std::filesystem::path& input,
+                                        const std::filesystem::path& output);
 // Removes a file if it exists; a failure is only a warning in the log.
 void removeFile(const std::filesystem::path& path);
 
@@ -153,7 +154,7 @@ struct AirportRecord {
 };
 
 // Reads input/airports.enc of the program folder once per process; whether any airport is known.
-bool readAirports();
+[[nodiscard]] bool readAirports();
 // The work behind it, for a given encrypted file; throws UserErrorException 88 on a broken file.
 std::size_t loadAirports(const std::filesystem::path& encrypted);
 // The plain file's reading alone; the file is removed afterwards in every case.
@@ -213,11 +214,11 @@ const ReferenceDatabase& dbase();
 inline constexpr std::size_t kHalfSpanTableSize = 2700;
 
 // Reads input/dbase.enc of the program folder once per process.
-bool readDbase();
+[[nodiscard]] bool readDbase();
 // The work behind it for one encrypted file; false when the XML does not parse.
-bool loadDbase(const std::filesystem::path& encrypted);
+[[nodiscard]] bool loadDbase(const std::filesystem::path& encrypted);
 // The plain file's reading alone; the file is removed afterwards in every case.
-bool parseDbaseXml(const std::filesystem::path& plain);
+[[nodiscard]] bool parseDbaseXml(const std::filesystem::path& plain);
 void clearDbase();
 
 Category category(ModelId model);

@@ -233,7 +233,8 @@ int runProcess(int argc, char** argv) {
     }
     if (worker.joinable()) worker.join();
     feed::stopReaders();
-    feed::waitReadersStopped(std::chrono::milliseconds(2000));
+    if (!feed::waitReadersStopped(std::chrono::milliseconds(2000)))
+        core::log("a reader did not stop within 2 s");
     if (core::gOptions.status) printStatus();
     core::logFlush("process ends");
     core::closeLog();

@@ -182,7 +182,7 @@ void startUpORVL() {
                 liveries::read();
                 core::log(fmt::format("{} liveries, {} airport files", liveries::count(),
                                       scan::airportFileCount()));
-                sim::createFlightPlanFolder();
+                if (!sim::createFlightPlanFolder()) core::log("live aircraft fly without flight plan files");
                 if (parking::checkParkAirports()) core::log("park airports and stands are okay");
                 ui::enableControls();
                 if (!params::gParams.DESTINATION.empty()) {

@@ -35,8 +35,8 @@ std::optional<WindowMessage> nextWindowMessage(std::chrono::milliseconds wait);
 // go); installed before any thread starts.
 void installHooks();
 void startUpORVL();
-bool readEverything();
-bool startThreads();
+[[nodiscard]] bool readEverything();
+[[nodiscard]] bool startThreads();
 void mainLoop();
 bool step();
 void onSecond();
@@ -49,7 +49,7 @@ void resetRunState(); // every subsystem's run state, as a restart needs it
 void userStop();
 // Reads parameters.xml and brings it and the stored data in line with the running version.
 void versionStep(const fs::path& parametersFile);
-bool versionUpdate(const fs::path& parametersFile); // true: too old to convert
+[[nodiscard]] bool versionUpdate(const fs::path& parametersFile); // true: too old to convert
 
 // The user's position and the current airport, to the Traffic Reader and the engine; the
 // position and the time to RealTraffic.

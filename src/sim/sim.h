@@ -159,7 +159,7 @@ UserData lastUserData(); // the last answer, without a new request
 void requestTitleAndModel();
 void requestUserOnGround(); // the every-second on-ground request, and the first position, title, model
 void requestInRange(int rangeNm);
-bool addCreate(const CreateRecord& record);
+[[nodiscard]] bool addCreate(const CreateRecord& record);
 // What one engine frame has for the simulator. Positions are swapped in (the frame's buffer comes
 // back empty, with its capacity); the other lists are moved in and emptied. False when the lock
 // was busy: then nothing moved.
@@ -172,21 +172,21 @@ struct FrameLists {
     void reserve(std::size_t n);
     void clear();
 };
-bool handOver(FrameLists& lists);
+[[nodiscard]] bool handOver(FrameLists& lists);
 std::mutex& simLockForTests(); // the lock of the lists, to make it busy
-bool addRemove(std::uint32_t objectId);
-bool addPosition(const PositionRecord& record);
-bool addEvent(std::uint32_t objectId, std::uint32_t eventId, std::uint32_t data);
-bool engineStart(std::uint32_t objectId);
-bool engineShutdown(std::uint32_t objectId);
-bool navLights(std::uint32_t objectId, bool on);
-bool cabinLights(std::uint32_t objectId, bool on);
+[[nodiscard]] bool addRemove(std::uint32_t objectId);
+[[nodiscard]] bool addPosition(const PositionRecord& record);
+[[nodiscard]] bool addEvent(std::uint32_t objectId, std::uint32_t eventId, std::uint32_t data);
+[[nodiscard]] bool engineStart(std::uint32_t objectId);
+[[nodiscard]] bool engineShutdown(std::uint32_t objectId);
+[[nodiscard]] bool navLights(std::uint32_t objectId, bool on);
+[[nodiscard]] bool cabinLights(std::uint32_t objectId, bool on);
 // Nav, beacon, landing, taxi, strobes, logo, cabin: one event each.
-bool setLights(std::uint32_t objectId, const bool (&states)[7]);
+[[nodiscard]] bool setLights(std::uint32_t objectId, const bool (&states)[7]);
 // Sets an AI aircraft's flight plan file; false if the call failed.
-bool setFlightPlan(std::uint32_t objectId, const std::string& path);
+[[nodiscard]] bool setFlightPlan(std::uint32_t objectId, const std::string& path);
 // "Static CG to Ground" and "Static Pitch" of an AI object, once; false if the request failed.
-bool requestStaticData(std::uint32_t objectId);
+[[nodiscard]] bool requestStaticData(std::uint32_t objectId);
 
 // Messages for the engine, taken in one swap.
 void takeEvents(std::vector<SimEvent>& out);
@@ -232,7 +232,7 @@ std::filesystem::path officialPath();
 // At start: the stored path of the selected simulator, else the detected one; empty if none.
 std::string installPath();
 // A path the user typed; empty when it was taken (the program restarts), else the reason.
-std::string typedInstallPath(const std::string& text);
+[[nodiscard]] std::string typedInstallPath(const std::string& text);
 void switchSimulator();
 
 // ---- Flight plans ----------------------------------------------------------------------------
@@ -243,10 +243,10 @@ struct PlanAircraft {
     std::string origin, destination; // three-letter codes
     std::string name;                // for the log
 };
-bool createFlightPlanFolder();
+[[nodiscard]] bool createFlightPlanFolder();
 std::filesystem::path planPath(std::uint32_t hexid);
-bool writePlan(const std::filesystem::path& path, const PlanAircraft& aircraft);
+[[nodiscard]] bool writePlan(const std::filesystem::path& path, const PlanAircraft& aircraft);
 void loadPlan(const PlanAircraft& aircraft);
-std::string removeFlightPlanFolder(); // empty on success, else the reason
+[[nodiscard]] std::string removeFlightPlanFolder(); // empty on success, else the reason
 
 } // namespace orv::sim
