@@ -14,7 +14,8 @@ namespace orv::liveries {
 
 namespace {
 
-std::mutex dontUseMutex;
+// Titles the user will not see: read on the worker, asked from the scan's tasks.
+std::mutex dontUseMutex; // guards dontUseTitles
 std::unordered_set<std::string> dontUseTitles;
 
 std::vector<std::string> splitCommas(std::string_view text) {

@@ -55,7 +55,8 @@ const std::map<std::string, std::string, std::less<>> kAsobo = {
     {"FlyByWire_A320_NEO", "A20N"},
 };
 
-std::mutex titleSetMutex;
+// The titles the scan has taken so far: its file tasks add them, so a repeat is refused.
+std::mutex titleSetMutex; // guards titleSet
 std::unordered_set<std::string> titleSet;
 
 // Accepts a title once per scan: the first task to get there wins.

@@ -23,10 +23,11 @@ namespace orv::run {
 
 namespace {
 
-std::mutex queueMutex;
+// The null window's message queue: any thread posts, the process entry's loop takes.
+std::mutex queueMutex; // guards queue
 std::condition_variable queueSignal;
 std::deque<WindowMessage> queue;
-std::atomic<bool> closeSignal{false};
+std::atomic<bool> closeSignal{false}; // set by the signal handler, read by the message loop
 
 void onSignal(int) {
     closeSignal = true;

@@ -149,9 +149,10 @@ ThreadState ts;
 std::unique_ptr<Api> simApi; // the SimConnect handle: made, used and dropped on the client thread
 struct RetryWith2020Protocol {};
 
+// The worker starts and stops the client thread; the factory is set before it starts.
 ApiFactory apiFactory;
 std::thread clientThread;
-std::atomic<bool> stopToken{false};
+std::atomic<bool> stopToken{false}; // the worker sets it, the client thread polls it
 // Set by the run sequence before the client thread starts; called on that thread.
 std::function<void()> onUserLeaving;
 

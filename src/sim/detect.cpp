@@ -12,7 +12,7 @@ namespace orv::sim {
 
 namespace {
 
-std::optional<KnownFolders> configured;
+std::optional<KnownFolders> configured; // set by the process entry before the worker starts
 
 struct SimNames {
     const char* storePackage;
