@@ -1,4 +1,5 @@
 // The engine's rules that a whole scenario does not pin down.
+#include <future>
 #include <thread>
 
 #include <fmt/format.h>
@@ -365,6 +366,27 @@ TEST_F(EngineTest, RemovedWhileBeingCreated) {
     for (int i = 0; i < 200; ++i) handlePending();
     EXPECT_EQ(findByHexid(kHex)->simState, SimState::RemovingFromSim);
     EXPECT_EQ(gEngine.removeQueue, std::vector<std::uint32_t>{250});
+}
+
+// The frame only marks the static data it wants; the SimClient may hold its lock meanwhile.
+TEST_F(EngineTest, CreationAsksForStaticDataWithoutWaiting) {
+    LiveAc& ac = ready(10);
+    std::promise<void> locked, release;
+    std::thread holder([&] {
+        std::unique_lock lock(sim::simLockForTests());
+        locked.set_value();
+        release.get_future().wait();
+    });
+    locked.get_future().wait();
+    auto created = std::async(std::launch::async, [&] {
+        return onCreated(ac, sim::LiveCreated{250, kHex, 1000});
+    });
+    const bool returned = created.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+    release.set_value();
+    holder.join();
+    EXPECT_TRUE(returned) << "the frame waited for the SimClient's lock";
+    EXPECT_TRUE(created.get());
+    EXPECT_EQ(gEngine.out.staticData, std::vector<std::uint32_t>{250});
 }
 
 TEST_F(EngineTest, ControlsSendOnlyChanges) {

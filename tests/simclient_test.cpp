@@ -1,6 +1,7 @@
 // The SimClient thread against the emulated simulator over TCP, and the simulator's folders and
 // flight plan files.
 #include <chrono>
+#include <future>
 #include <thread>
 
 #include <fmt/format.h>
@@ -238,6 +239,27 @@ TEST_F(SimClientTest, RecognitionOfTheSimulator) {
     }
 }
 
+// simLock held by another thread, as the SimClient holds it through a send loop.
+class BusyLock {
+  public:
+    BusyLock() {
+        holder_ = std::thread([this] {
+            std::unique_lock lock(sim::simLockForTests());
+            locked_.set_value();
+            release_.get_future().wait();
+        });
+        locked_.get_future().wait();
+    }
+    ~BusyLock() {
+        release_.set_value();
+        holder_.join();
+    }
+
+  private:
+    std::promise<void> locked_, release_;
+    std::thread holder_;
+};
+
 // What scenario runs do: the client's loop body and the emulator driven in turn, one thread, no
 // sockets, on simulated time.
 TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
@@ -264,7 +286,11 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
     EXPECT_EQ(pass(), sim::Pass::Connected);
     for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) pass();
     ASSERT_TRUE(core::gRun.simRunning.load());
-    sim::requestUserOnGround();
+    {
+        // Asked while the frame holds the lists' lock: the requests wait for the client, not for the lock.
+        BusyLock busy;
+        sim::requestUserOnGround();
+    }
     for (int i = 0; i < 5 && !sim::userTitleKnown(); ++i) pass();
     ASSERT_TRUE(sim::userPosition().has_value());
     EXPECT_EQ(sim::userModel(), "A20N");
@@ -277,7 +303,10 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
     ASSERT_TRUE(sim::addCreate(create));
     for (int i = 0; i < 10 && e.liveObjectCount() == 0; ++i) pass();
     ASSERT_EQ(e.liveObjectCount(), 1u);
-    sim::requestInRange(40);
+    {
+        BusyLock busy;
+        sim::requestInRange(40);
+    }
     pass(), pass();
     std::vector<sim::SimEvent> events;
     sim::takeEvents(events);

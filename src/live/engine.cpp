@@ -773,7 +773,7 @@ bool onCreated(LiveAc& ac, const sim::LiveCreated& ev) {
         gEngine.plansToWrite.push_back(std::move(p));
         ac.flightPlanCreated = true;
     }
-    if (!sim::requestStaticData(ac.objectId)) core::log("SimConnect request StaticCG fails");
+    gEngine.out.staticData.push_back(ac.objectId); // the client thread asks the simulator
     return true;
 }
 

@@ -102,6 +102,7 @@ struct Shared {
     std::vector<CreateRecord> createList;
     std::vector<DWORD> removeList;
     std::vector<ControlsRecord> controlsList;
+    std::vector<DWORD> staticDataList; // objects whose "Static CG to Ground" and pitch are wanted
     UserData userData;
 };
 Shared shared;
@@ -117,23 +118,33 @@ struct Texts {
 std::mutex textLock; // guards texts
 Texts texts;
 
-// The user and the link as the client thread last saw them; the worker and the engine read them,
-// `positionWanted` is the engine's request for a fresh position.
+// The user and the link as the client thread last saw them; the worker and the engine read them.
 struct UserStatus {
     std::atomic<bool> titleKnown{false}, onGroundKnown{false}, userOnGround{true}, positionKnown{false};
     std::atomic<bool> failed{false}, isConnected{false};
     std::atomic<std::int64_t> epoch{0};
-    std::atomic<bool> positionWanted{false};
     std::atomic<std::uint32_t> userId{0};
     std::atomic<double> halfSpanNm{0};
 
     void reset() {
         titleKnown = false, onGroundKnown = false, userOnGround = true, positionKnown = false, failed = false;
         epoch = 0, userId = 0, halfSpanNm = 0;
-        positionWanted = false;
     }
 };
 UserStatus status;
+
+// Requests that the worker and the engine ask for: they only mark them, and the client thread
+// sends them on its next pass, so none is lost to a busy lock and nobody else waits for one.
+struct Wanted {
+    std::atomic<bool> position{false}, titleAndModel{false}, onGround{false};
+    std::atomic<int> inRangeNm{-1}; // the radius of the next in-range request; -1: none
+
+    void reset() {
+        position = false, titleAndModel = false, onGround = false;
+        inRangeNm = -1;
+    }
+};
+Wanted wanted;
 
 // The SimClient thread's own state.
 struct ThreadState {
@@ -449,7 +460,7 @@ void runWorkLists() {
     if (!lock.owns_lock()) return; // the engine is filling the lists: next frame
     if (status.failed) {
         shared.positionList.clear(), shared.eventList.clear(), shared.createList.clear(),
-            shared.removeList.clear(), shared.controlsList.clear();
+            shared.removeList.clear(), shared.controlsList.clear(), shared.staticDataList.clear();
         return;
     }
     Api& api = *simApi;
@@ -479,6 +490,14 @@ void runWorkLists() {
             api.AIReleaseControl(e.objectId, kReqRelease);
     }
     shared.eventList.clear();
+    for (const DWORD id : shared.staticDataList) {
+        if (api.RequestDataOnSimObject(kReqStatic, kDefStatic, id, SIMCONNECT_PERIOD_ONCE) < 0) {
+            core::log(fmt::format("SimConnect request StaticCG fails: {}", api.lastError()));
+            requestFailure();
+            break;
+        }
+    }
+    shared.staticDataList.clear();
     for (const auto& c : shared.createList) {
         DWORD sendId = 0;
         if (api.AICreateNonATCAircraft(c.title, c.tailNumber, c.init, kReqCreate) < 0) {
@@ -607,15 +626,36 @@ bool underSimLock(F f) {
     return true;
 }
 
-// A request that other threads make; its failure is a request failure.
-void request(const char* failText, DWORD requestId, DWORD define, DWORD period) {
-    underSimLock([&] {
-        if (!simApi || !status.isConnected) return;
-        if (simApi->RequestDataOnSimObject(requestId, define, SIMCONNECT_OBJECT_ID_USER, period) < 0) {
-            core::log(failText);
+// A request about the user's aircraft, on the client thread under simLock; its failure is a
+// request failure.
+void requestUser(const char* failText, DWORD requestId, DWORD define, DWORD period) {
+    if (simApi->RequestDataOnSimObject(requestId, define, SIMCONNECT_OBJECT_ID_USER, period) < 0) {
+        core::log(failText);
+        requestFailure();
+    }
+}
+
+// What the other threads marked since the last pass.
+void sendWanted() {
+    std::lock_guard lock(shared.simLock);
+    if (wanted.position.exchange(false, std::memory_order_acq_rel))
+        requestUser("SimConnect request user ac position fails", kReqUserPosition, kDefUserPosition,
+                    SIMCONNECT_PERIOD_ONCE);
+    if (wanted.titleAndModel.exchange(false, std::memory_order_acq_rel)) {
+        requestUser("SimConnect request user ac title fails", kReqTitle, kDefTitle, SIMCONNECT_PERIOD_ONCE);
+        requestUser("SimConnect reques user ac model fails", kReqModel, kDefModel, SIMCONNECT_PERIOD_ONCE);
+    }
+    if (wanted.onGround.exchange(false, std::memory_order_acq_rel))
+        requestUser("SimConnect request ac gnd/air fails", kReqOnGround, kDefOnGround,
+                    SIMCONNECT_PERIOD_SECOND);
+    if (const int rangeNm = wanted.inRangeNm.exchange(-1, std::memory_order_acq_rel); rangeNm >= 0) {
+        const auto radius = static_cast<DWORD>(rangeNm * core::kMetresPerNm);
+        if (simApi->RequestDataOnSimObjectType(kReqInRange, kDefInRange, radius,
+                                               SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) < 0) {
+            core::log("SimConnect request ac within range fails");
             requestFailure();
         }
-    });
+    }
 }
 
 } // namespace
@@ -652,14 +692,7 @@ Pass pollOnce() {
         status.isConnected = true;
         return Pass::Connected;
     }
-    if (status.positionWanted.exchange(false, std::memory_order_acq_rel)) {
-        std::lock_guard lock(shared.simLock);
-        if (simApi->RequestDataOnSimObject(kReqUserPosition, kDefUserPosition, SIMCONNECT_OBJECT_ID_USER,
-                                           SIMCONNECT_PERIOD_ONCE) < 0) {
-            core::log("SimConnect request user ac position fails");
-            requestFailure();
-        }
-    }
+    sendWanted();
     try {
         if (simApi->CallDispatch(dispatch, nullptr) < 0) {
             if (!ts.quitReceived)
@@ -723,7 +756,7 @@ bool connected() {
 // Called from the engine frame: it only marks the request, which the client's own thread sends,
 // so the frame does no socket work. The copy is the last one when the lock is busy.
 UserData requestUserPosition() {
-    status.positionWanted.store(true, std::memory_order_release);
+    wanted.position.store(true, std::memory_order_release);
     thread_local UserData copy;
     underSimLock([&] { copy = shared.userData; });
     return copy;
@@ -735,26 +768,17 @@ UserData lastUserData() {
 }
 
 void requestTitleAndModel() {
-    request("SimConnect request user ac title fails", kReqTitle, kDefTitle, SIMCONNECT_PERIOD_ONCE);
-    request("SimConnect reques user ac model fails", kReqModel, kDefModel, SIMCONNECT_PERIOD_ONCE);
+    wanted.titleAndModel.store(true, std::memory_order_release);
 }
 
 void requestUserOnGround() {
-    request("SimConnect request ac gnd/air fails", kReqOnGround, kDefOnGround, SIMCONNECT_PERIOD_SECOND);
-    requestUserPosition();
+    wanted.onGround.store(true, std::memory_order_release);
+    wanted.position.store(true, std::memory_order_release);
     requestTitleAndModel();
 }
 
 void requestInRange(int rangeNm) {
-    underSimLock([&] {
-        if (!simApi || !status.isConnected) return;
-        const auto radius = static_cast<DWORD>(std::max(0, rangeNm) * core::kMetresPerNm);
-        if (simApi->RequestDataOnSimObjectType(kReqInRange, kDefInRange, radius,
-                                               SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) < 0) {
-            core::log("SimConnect request ac within range fails");
-            requestFailure();
-        }
-    });
+    wanted.inRangeNm.store(std::max(0, rangeNm), std::memory_order_release);
 }
 
 bool addCreate(const CreateRecord& r) {
@@ -762,9 +786,10 @@ bool addCreate(const CreateRecord& r) {
 }
 void FrameLists::reserve(std::size_t n) {
     positions.reserve(n), events.reserve(n), creates.reserve(64), removes.reserve(64), controls.reserve(64);
+    staticData.reserve(64);
 }
 void FrameLists::clear() {
-    positions.clear(), events.clear(), creates.clear(), removes.clear(), controls.clear();
+    positions.clear(), events.clear(), creates.clear(), removes.clear(), controls.clear(), staticData.clear();
 }
 
 bool handOver(FrameLists& l) {
@@ -777,7 +802,8 @@ bool handOver(FrameLists& l) {
         shared.createList.insert(shared.createList.end(), l.creates.begin(), l.creates.end());
         shared.removeList.insert(shared.removeList.end(), l.removes.begin(), l.removes.end());
         shared.controlsList.insert(shared.controlsList.end(), l.controls.begin(), l.controls.end());
-        l.events.clear(), l.creates.clear(), l.removes.clear(), l.controls.clear();
+        shared.staticDataList.insert(shared.staticDataList.end(), l.staticData.begin(), l.staticData.end());
+        l.events.clear(), l.creates.clear(), l.removes.clear(), l.controls.clear(), l.staticData.clear();
     });
 }
 
@@ -818,16 +844,6 @@ bool setFlightPlan(std::uint32_t objectId, const std::string& path) {
     std::lock_guard lock(shared.simLock);
     return simApi && status.isConnected &&
            simApi->AISetAircraftFlightPlan(objectId, path, kReqFlightPlan) >= 0;
-}
-
-bool requestStaticData(std::uint32_t objectId) {
-    std::lock_guard lock(shared.simLock);
-    if (!simApi || !status.isConnected) return false;
-    if (simApi->RequestDataOnSimObject(kReqStatic, kDefStatic, objectId, SIMCONNECT_PERIOD_ONCE) >= 0)
-        return true;
-    core::log(fmt::format("SimConnect request error: {}", simApi->lastError()));
-    requestFailure();
-    return false;
 }
 
 void takeEvents(std::vector<SimEvent>& out) {
@@ -913,6 +929,7 @@ void clearLists() {
     shared.createList.clear();
     shared.removeList.clear();
     shared.controlsList.clear();
+    shared.staticDataList.clear();
 }
 
 void reset() {
@@ -933,6 +950,7 @@ void reset() {
         texts = {};
     }
     status.reset();
+    wanted.reset();
     if (!clientThread.joinable()) stopToken = false; // a stopped client leaves no token behind
     ts = {};
 }

@@ -151,9 +151,10 @@ enum class Pass { Waiting, Connected, End };
 Pass pollOnce();
 bool connected();
 
-// Operations for the engine and the start sequence. They only try simLock: when the frame
-// handler holds it they skip (requests) or report false (lists), and the caller tries again.
-// Asks for a fresh position (sent by the client thread) and gives the last one: fit for the frame.
+// Operations for the engine and the start sequence. Requests are only marked: the client thread
+// sends them on its next pass, so none is lost and none waits. The lists only try simLock and
+// report false when the client holds it; the caller tries again.
+// Asks for a fresh position and gives the last one: fit for the frame.
 UserData requestUserPosition();
 UserData lastUserData(); // the last answer, without a new request
 void requestTitleAndModel();
@@ -169,6 +170,7 @@ struct FrameLists {
     std::vector<CreateRecord> creates;
     std::vector<std::uint32_t> removes;
     std::vector<ControlsRecord> controls;
+    std::vector<std::uint32_t> staticData; // objects whose "Static CG to Ground" and pitch are wanted
     void reserve(std::size_t n);
     void clear();
 };
@@ -185,8 +187,6 @@ std::mutex& simLockForTests(); // the lock of the lists, to make it busy
 [[nodiscard]] bool setLights(std::uint32_t objectId, const bool (&states)[7]);
 // Sets an AI aircraft's flight plan file; false if the call failed.
 [[nodiscard]] bool setFlightPlan(std::uint32_t objectId, const std::string& path);
-// "Static CG to Ground" and "Static Pitch" of an AI object, once; false if the request failed.
-[[nodiscard]] bool requestStaticData(std::uint32_t objectId);
 
 // Messages for the engine, taken in one swap.
 void takeEvents(std::vector<SimEvent>& out);
