@@ -18,6 +18,8 @@
 namespace orv::feed {
 namespace {
 
+using namespace std::chrono_literals;
+
 void weather(const std::string& datagram) {
     gQnhReader.line = datagram.data();
     gQnhReader.lineLength = datagram.size();
@@ -73,9 +75,40 @@ TEST(QnhReader, RepeatsArePublishedOnlyFor1013) {
     gQnhReader.reset();
 }
 
-// ---- The control link -------------------------------------------------------------------------
+// Only a datagram with a pressure counts as weather received, and a new run starts from 1013.
+TEST(QnhReader, ReceivedMeansAPressureAndARestartForgetsIt) {
+    resetForRun();
+    weather(R"({"wind":12})");
+    EXPECT_FALSE(gQnhReader.received.load()) << "no QNH in it";
+    weather(R"({"QNH":1002})");
+    EXPECT_TRUE(gQnhReader.received.load());
+    EXPECT_EQ(gQnh.load(), 1002);
+    resetForRun();
+    EXPECT_FALSE(gQnhReader.received.load());
+    EXPECT_EQ(gQnh.load(), 1013);
+    EXPECT_EQ(gTrafficReader.qnh.load(), 1013);
+}
 
-using namespace std::chrono_literals;
+// The weather of a RealTraffic on another PC arrives: without a local RealTraffic the reader
+// listens on every address (127.0.0.2 stands for another host's address here).
+TEST(QnhReader, ListensBeyondLoopbackWhenRealTrafficIsElsewhere) {
+    test::LogCapture log;
+    for (const bool localOnly : {true, false}) {
+        SCOPED_TRACE(localOnly ? "RealTraffic on this PC" : "RealTraffic elsewhere");
+        resetForRun();
+        startQnhReader(0, localOnly);
+        for (int i = 0; i < 300 && gQnhReader.boundPort == 0; ++i) std::this_thread::sleep_for(10ms);
+        ASSERT_NE(gQnhReader.boundPort.load(), 0);
+        (void)platform::UdpSocket::sendTo("127.0.0.2", gQnhReader.boundPort, R"({"QNH":1021})");
+        for (int i = 0; i < 100 && !gQnhReader.received; ++i) std::this_thread::sleep_for(10ms);
+        EXPECT_EQ(gQnhReader.received.load(), !localOnly);
+        stopReaders();
+        ASSERT_TRUE(waitReadersStopped(3000ms));
+    }
+    resetForRun();
+}
+
+// ---- The control link -------------------------------------------------------------------------
 
 // Reads one CR-LF line from RealTraffic's side; empty after `ms` without one.
 std::string readLine(platform::TcpStream& s, int ms = 2000) {

@@ -165,7 +165,7 @@ extern std::atomic<std::int32_t> gQnh;
 // The reader threads: names "Traffic Reader" and "QNH Reader". They are detached; a failure is
 // shown to the user and stops the run with ReaderError.
 void startTrafficReader(std::uint16_t port, bool localOnly);
-void startQnhReader(std::uint16_t port);
+void startQnhReader(std::uint16_t port, bool localOnly);
 void stopReaders();
 // Waits up to `timeout` for both reader threads to end; false if one is still running.
 [[nodiscard]] bool waitReadersStopped(std::chrono::milliseconds timeout);

@@ -299,7 +299,6 @@ bool TrafficReader::checkAltitude(TrafficSample& s) {
 std::atomic<std::int32_t> gQnh{1013};
 
 void QnhReader::processLine() {
-    received = true;
     const std::string_view text(line, lineLength);
     try {
         const auto j = nlohmann::json::parse(text);
@@ -335,6 +334,7 @@ void QnhReader::processLine() {
         // Above 1100 it is inches of mercury times 100; the clamp comes after, so 1101 ends at 900.
         if (value > 1100) value = std::llround(static_cast<double>(value) * 0.33865307);
         const auto q = static_cast<std::int32_t>(std::clamp<std::int64_t>(value, 900, 1100));
+        received = true; // only a datagram with a pressure ends the start's wait for weather
         // A repeated 1013 is published again so that the weather light stays fresh.
         if (q == lastQnh && q != 1013) return;
         lastQnh = q;
@@ -370,7 +370,8 @@ void resetForRun() {
     }
     gTrafficReader.clearForRun();
     gTrafficReader.stop = false;
-    gQnhReader.stop = false;
+    gTrafficReader.qnh = 1013;
+    gQnhReader.reset(); // a restart starts from standard pressure, as the first start did
     gQnhReader.received = false;
 }
 

@@ -91,8 +91,8 @@ void startThread(UdpReader& reader, std::uint16_t port, bool localOnly) {
 void startTrafficReader(std::uint16_t port, bool localOnly) {
     startThread(gTrafficReader, port, localOnly);
 }
-void startQnhReader(std::uint16_t port) {
-    startThread(gQnhReader, port, true);
+void startQnhReader(std::uint16_t port, bool localOnly) {
+    startThread(gQnhReader, port, localOnly);
 }
 
 void stopReaders() {

@@ -148,7 +148,8 @@ bool startThreads() {
 
     feed::setAcceptTraffic(false);
     copyUserPositionForReaders();
-    feed::startQnhReader(core::gOptions.weatherPort);
+    // Both readers listen on 127.0.0.1 when RealTraffic runs on this PC, else on every address.
+    feed::startQnhReader(core::gOptions.weatherPort, core::gRun.realTrafficInstalled);
     clk().sleepFor(2s);
     feed::startTrafficReader(core::gOptions.trafficPort, core::gRun.realTrafficInstalled);
     sendUserPositionToRealTraffic();
