@@ -189,7 +189,7 @@ std::optional<LiveryData> processFltSimSection(std::uint16_t rank, const std::st
                 break;
             }
             haveTitle = true;
-            title = core::trim(withoutComment(*v));
+            title = core::trim(*v); // as written: the simulator knows it with a ";" or "//" in it
             if (title.find("FenixA320") != std::string::npos || title.find("PMDG 737") != std::string::npos)
                 dropped = true;
         } else if (line.find("icao_airline") != std::string::npos) {
