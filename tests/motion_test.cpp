@@ -370,5 +370,27 @@ TEST_F(MotionTest, CleanAboveTwoThousandFourHundredFeet) {
     }
 }
 
+// Below 2,000 ft above the airport a descending aircraft sets a second stage of flaps, whatever
+// the airport's own elevation (KMSP: 841 ft, so 2,300 ft on the altimeter is 1,459 ft up).
+TEST_F(MotionTest, ApproachFlapsByHeightAboveTheAirport) {
+    struct Case {
+        double heightAgl;
+        std::int32_t flapsBefore, flapsAfter;
+    };
+    const Case cases[] = {{1459, 1, 2}, {1459, 0, 1}, {2200, 1, 1}, {2200, 0, 1}};
+    for (const auto& c : cases) {
+        live::reset();
+        LiveAc& ac = aircraft(false);
+        ac.category = refdata::Category::Light; // its approach starts at 625 ft
+        ac.alt = 841 + c.heightAgl;
+        ac.heightAgl = c.heightAgl;
+        ac.controls.flapsIndex = c.flapsBefore;
+        ac.stream.push_back(at(0, 0, 0, 120, true, ac.alt));
+        ac.stream.push_back(at(0, 1000, 1000, 120, true, ac.alt));
+        setAirSegment(ac, 1000);
+        EXPECT_EQ(ac.controls.flapsIndex, c.flapsAfter) << c.heightAgl << " ft, flaps " << c.flapsBefore;
+    }
+}
+
 } // namespace
 } // namespace orv::live

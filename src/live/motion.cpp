@@ -748,7 +748,7 @@ void lowAltitude(LiveAc& ac) {
             setGear(ac, false);
             setFlaps(ac, 0);
         } else if (vs <= 100) {
-            if (ac.alt < 2000) {
+            if (agl(ac) < 2000) { // the approach bands are heights above the airport, not altitudes
                 if (ac.controls.flapsIndex == 0 || ac.controls.flapsIndex == 4)
                     setFlaps(ac, 1);
                 else if (ac.controls.flapsIndex == 1)
