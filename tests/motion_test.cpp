@@ -194,6 +194,12 @@ TEST_F(MotionTest, PushBackGeometryAndTailSide) {
         };
         EXPECT_NEAR(eastOf(ac.stream[3]), ac.halfSize * 1852.0, 0.5) << "P3 east";
         EXPECT_NEAR(eastOf(ac.pushTailSample), -ac.halfSize * 1852.0, 0.5) << "P2 west";
+        // The tail points are timed from element 1, the middle of the push: they come after P1.
+        const double middleToTailNm = std::hypot(back / 2, ac.halfSize * 1852.0) / 1852.0;
+        const double tailTick = ac.stream[1].tick + middleToTailNm / ac.standSpeed * 360000.0;
+        EXPECT_NEAR(ac.stream[3].tick, tailTick, 2);
+        EXPECT_NEAR(ac.pushTailSample.tick, tailTick, 2);
+        EXPECT_GT(ac.stream[3].tick, p1.tick) << "the tail swings after the push ends";
         // The feed's first track after the push began sets the side the tail swings to.
         Sample next = at(0, -40, 900, 3);
         next.track = left ? 10 : 350;

@@ -262,8 +262,10 @@ void pushBack(LiveAc& ac) {
     double lat2 = 0, lon2 = 0, lat3 = 0, lon3 = 0;
     offset(lat1, lon1, b + core::kPi / 2, ac.halfSize, lat2, lon2);
     offset(lat1, lon1, b - core::kPi / 2, ac.halfSize, lat3, lon3);
+    // Timed from element 1 (the middle of the push after the split), so the tail swings after P1.
+    const Sample& e1 = st[1];
     const auto tailTick = [&](double lat, double lon) {
-        const double dd = core::distanceNm(lat1, lon1, lat, lon);
+        const double dd = core::distanceNm(e1.lat, e1.lon, lat, lon);
         return gEngine.tick + t / 2 + roundTicks(dd / ac.standSpeed * 360000.0);
     };
     ac.pushTailSample = sampleAt(ac, lat2, lon2, ac.standSpeed, tailTick(lat2, lon2));
