@@ -368,6 +368,21 @@ TEST_F(EngineTest, RemovedWhileBeingCreated) {
     EXPECT_EQ(gEngine.removeQueue, std::vector<std::uint32_t>{250});
 }
 
+// A record holds its whole sample ring: taking one out, by the frame's compaction or by the
+// simulator's removal, leaves every other record where it is, and its slot is used again.
+TEST_F(EngineTest, RecordsStayWhereTheyAre) {
+    std::vector<const LiveAc*> where;
+    for (std::uint32_t i = 0; i < 5; ++i) where.push_back(&active(20001 + i, 10, 300 + i));
+    onRemoved(300);                           // the simulator removed the first
+    gEngine.liveTable[1].dropSilently = true; // and the third is dropped
+    handleEvents();                           // compacts after the events
+    ASSERT_EQ(gEngine.liveTable.size(), 3u);
+    EXPECT_EQ(&gEngine.liveTable[0], where[1]);
+    EXPECT_EQ(&gEngine.liveTable[1], where[3]);
+    EXPECT_EQ(&gEngine.liveTable[2], where[4]);
+    EXPECT_EQ(&active(20010, 10, 310), where[2]) << "the last slot freed is taken first";
+}
+
 // The frame only marks the static data it wants; the SimClient may hold its lock meanwhile.
 TEST_F(EngineTest, CreationAsksForStaticDataWithoutWaiting) {
     LiveAc& ac = ready(10);

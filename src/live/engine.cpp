@@ -124,7 +124,7 @@ void logException(const char* function, const LiveAc& ac, const std::exception& 
 
 void compactTable() {
     auto& t = gEngine.liveTable;
-    std::erase_if(t, [](const LiveAc& ac) { return ac.dropNow || ac.dropSilently; });
+    t.eraseIf([](const LiveAc& ac) { return ac.dropNow || ac.dropSilently; });
 }
 
 } // namespace
@@ -152,6 +152,41 @@ void setCurrentAirport(std::optional<AirportPlace> airport) {
 }
 std::optional<AirportPlace> currentAirport() {
     return currentAirportPlace;
+}
+
+void LiveTable::reserve(std::size_t n) {
+    while (slots_.size() < n) {
+        free_.push_back(static_cast<std::uint32_t>(slots_.size()));
+        slots_.emplace_back();
+    }
+    std::reverse(free_.begin(), free_.end()); // the low slots first
+    order_.reserve(n);
+    free_.reserve(n);
+}
+
+LiveAc& LiveTable::push_back(LiveAc ac) {
+    if (free_.empty()) {
+        slots_.push_back(std::move(ac));
+        order_.push_back(static_cast<std::uint32_t>(slots_.size() - 1));
+    } else {
+        const std::uint32_t slot = free_.back();
+        free_.pop_back();
+        slots_[slot] = std::move(ac);
+        order_.push_back(slot);
+    }
+    return slots_[order_.back()];
+}
+
+LiveTable::iterator LiveTable::erase(iterator it) {
+    const std::size_t i = it.index();
+    free_.push_back(order_[i]);
+    order_.erase(order_.begin() + static_cast<std::ptrdiff_t>(i));
+    return {this, i};
+}
+
+void LiveTable::clear() {
+    for (auto it = order_.rbegin(); it != order_.rend(); ++it) free_.push_back(*it);
+    order_.clear();
 }
 
 void Engine::reserve() {

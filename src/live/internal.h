@@ -3,9 +3,12 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
+#include <iterator>
 #include <random>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -33,8 +36,78 @@ struct PendingObject {
 
 enum class Update { Keep, Drop };
 
+// The live aircraft, each in a slot that never moves: a record holds its whole sample ring, so
+// taking one out must not shift the others. Iterates in the order the records came.
+class LiveTable {
+  public:
+    template <bool Const>
+    class Iter {
+        using Table = std::conditional_t<Const, const LiveTable, LiveTable>;
+
+      public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = LiveAc;
+        using difference_type = std::ptrdiff_t;
+        using pointer = std::conditional_t<Const, const LiveAc*, LiveAc*>;
+        using reference = std::conditional_t<Const, const LiveAc&, LiveAc&>;
+        Iter() = default;
+        Iter(Table* table, std::size_t i) : table_(table), i_(i) {}
+        reference operator*() const { return table_->slots_[table_->order_[i_]]; }
+        pointer operator->() const { return &**this; }
+        Iter& operator++() {
+            ++i_;
+            return *this;
+        }
+        Iter operator++(int) {
+            Iter old = *this;
+            ++i_;
+            return old;
+        }
+        friend bool operator==(const Iter& a, const Iter& b) { return a.i_ == b.i_; }
+        std::size_t index() const { return i_; }
+
+      private:
+        Table* table_ = nullptr;
+        std::size_t i_ = 0;
+    };
+    using iterator = Iter<false>;
+    using const_iterator = Iter<true>;
+
+    // Makes the slots now, so that taking one in the frame allocates nothing.
+    void reserve(std::size_t n);
+    // The record into a free slot (one copy); a slot beyond the reserve is made then.
+    LiveAc& push_back(LiveAc ac);
+    iterator erase(iterator it);
+    template <typename Pred>
+    std::size_t eraseIf(Pred pred) {
+        std::size_t kept = 0;
+        for (const std::uint32_t slot : order_)
+            if (pred(static_cast<const LiveAc&>(slots_[slot])))
+                free_.push_back(slot);
+            else
+                order_[kept++] = slot;
+        const std::size_t erased = order_.size() - kept;
+        order_.resize(kept);
+        return erased;
+    }
+    void clear();
+    std::size_t size() const noexcept { return order_.size(); }
+    bool empty() const noexcept { return order_.empty(); }
+    LiveAc& operator[](std::size_t i) { return slots_[order_[i]]; }
+    const LiveAc& operator[](std::size_t i) const { return slots_[order_[i]]; }
+    LiveAc& back() { return slots_[order_.back()]; }
+    iterator begin() { return {this, 0}; }
+    iterator end() { return {this, order_.size()}; }
+    const_iterator begin() const { return {this, 0}; }
+    const_iterator end() const { return {this, order_.size()}; }
+
+  private:
+    std::deque<LiveAc> slots_; // a deque's elements stay where they are when it grows
+    std::vector<std::uint32_t> order_, free_;
+};
+
 struct Engine {
-    std::vector<LiveAc> liveTable;
+    LiveTable liveTable;
     std::vector<std::uint32_t> addingStack;
     std::vector<SpawnRequest> spawnQueue, staticSpawnQueue;
     std::vector<std::uint32_t> removeQueue;

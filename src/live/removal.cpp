@@ -56,7 +56,7 @@ void removeAll() {
         }
     }
     e.staticSpawnQueue.clear();
-    std::erase_if(e.liveTable, [](const LiveAc& ac) { return ac.dropNow || ac.dropSilently; });
+    e.liveTable.eraseIf([](const LiveAc& ac) { return ac.dropNow || ac.dropSilently; });
 }
 
 void onRemoved(std::uint32_t objectId) {
