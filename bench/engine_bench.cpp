@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <new>
 #include <numeric>
+#include <optional>
 #include <random>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "core/geo.h"
 #include "feed/feed.h"
 #include "live/internal.h"
+#include "params/params.h"
 #include "refdata/refdata.h"
 #include "sim/sim.h"
 
@@ -120,10 +122,15 @@ void fillTable(std::mt19937& rng, int taxiing) {
     }
 }
 
-void engineFrames(benchmark::State& state, int taxiing) {
+// churn: every 10 frames the simulator removes a record from the middle of the table and a new
+// aircraft arrives, the paced rates of removal and more than those of creation.
+void engineFrames(benchmark::State& state, int taxiing, bool churn = false) {
     static Home home;
     std::mt19937 rng(42);
     fillTable(rng, taxiing);
+    // Room for all of them, so that the buffer's arrivals do not push the farthest ones out.
+    const int maxLive = params::gParams.MAX_LIVE_SEL;
+    params::gParams.MAX_LIVE_SEL = 2 * kAircraft;
     // Two new points a frame, as the queue gives them at most.
     feed::TrafficSample next;
     next.modelCode = refdata::modelId("B739");
@@ -137,19 +144,36 @@ void engineFrames(benchmark::State& state, int taxiing) {
             std::lock_guard lock(feed::gTraffic.trafficLock);
             feed::gTraffic.acceptTraffic = true;
             for (int k = 0; k < 2; ++k) {
-                const auto i =
-                    static_cast<std::size_t>(frames * 2 + static_cast<std::uint64_t>(k)) % kAircraft;
-                next.hexid = 20000 + static_cast<std::uint32_t>(i);
-                next.callsign = fmt::format("BEN{}", i);
-                next.latitude = gEngine.liveTable[i].lat + 0.3, next.longitude = gEngine.liveTable[i].lon;
+                const auto i = static_cast<std::size_t>(frames * 2 + static_cast<std::uint64_t>(k)) %
+                               gEngine.liveTable.size();
+                const LiveAc& ac = gEngine.liveTable[i];
+                next.hexid = ac.hexid;
+                next.callsign = ac.callsign;
+                next.latitude = ac.lat + 0.3, next.longitude = ac.lon;
                 next.timestamp = feedTime;
                 feed::gTraffic.trafficQueue.push_back(next);
             }
         }
+        // The removal comes as the simulator's event and the arrival as a new record, as the
+        // frame's event and decode steps make them; the replacement flies on as the removed one.
+        std::optional<LiveAc> arrival;
+        std::uint32_t removedObject = 0;
+        if (churn && frames % 10 == 0) {
+            auto& t = gEngine.liveTable;
+            const LiveAc& leaving = t[(frames / 10 * 7919) % t.size()];
+            removedObject = leaving.objectId;
+            arrival = leaving;
+            arrival->hexid += 100000;
+            arrival->objectId += 100000;
+        }
+        const auto start = std::chrono::steady_clock::now();
+        if (arrival) {
+            onRemoved(removedObject);
+            gEngine.liveTable.push_back(std::move(*arrival));
+        }
         feedTime += 0.01;
         allocations = 0;
         countAllocations = true;
-        const auto start = std::chrono::steady_clock::now();
         engineFrame();
         const auto end = std::chrono::steady_clock::now();
         countAllocations = false;
@@ -171,9 +195,11 @@ void engineFrames(benchmark::State& state, int taxiing) {
         curving += ac.curve.has_value();
     }
     state.counters["active_at_end"] = static_cast<double>(active);
+    state.counters["records_at_end"] = static_cast<double>(gEngine.liveTable.size());
     state.counters["on_curves_at_end"] = static_cast<double>(curving);
     live::reset();
     sim::reset();
+    params::gParams.MAX_LIVE_SEL = maxLive;
 }
 
 void BM_EngineFrame1000InFlight(benchmark::State& state) {
@@ -182,7 +208,14 @@ void BM_EngineFrame1000InFlight(benchmark::State& state) {
 void BM_EngineFrame500Flying500TaxiingOnCurves(benchmark::State& state) {
     engineFrames(state, 500);
 }
+void BM_EngineFrame1000WithRemovalsAndArrivals(benchmark::State& state) {
+    engineFrames(state, 0, true);
+}
 BENCHMARK(BM_EngineFrame1000InFlight)->UseManualTime()->Iterations(30000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_EngineFrame1000WithRemovalsAndArrivals)
+    ->UseManualTime()
+    ->Iterations(30000)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EngineFrame500Flying500TaxiingOnCurves)
     ->UseManualTime()
     ->Iterations(30000)
