@@ -368,6 +368,26 @@ TEST_F(EngineTest, RemovedWhileBeingCreated) {
     EXPECT_EQ(gEngine.removeQueue, std::vector<std::uint32_t>{250});
 }
 
+// The airline comes from the callsign only when its prefix is an airline; any other prefix
+// leaves the registration's airline and adds nothing to the airline table.
+TEST_F(EngineTest, CallsignPrefixesInventNoAirline) {
+    struct Case {
+        const char* callsign;
+        const char* airline;
+    };
+    const Case cases[] = {{"DAL1812", "DAL"}, {"KLM601", "KLM"}, {"XQZ123", "DAL"}, {"N899DN", "DAL"}};
+    for (const auto& c : cases) {
+        live::reset();
+        const auto airlinesBefore = refdata::airlineCount();
+        auto r = record(100, 250, 90, true);
+        r.callsign = c.callsign;
+        decode(r);
+        ASSERT_NE(findByHexid(kHex), nullptr) << c.callsign;
+        EXPECT_EQ(refdata::airlineCode(findByHexid(kHex)->airlineCode), c.airline) << c.callsign;
+        EXPECT_EQ(refdata::airlineCount(), airlinesBefore) << c.callsign;
+    }
+}
+
 // A record holds its whole sample ring: taking one out, by the frame's compaction or by the
 // simulator's removal, leaves every other record where it is, and its slot is used again.
 TEST_F(EngineTest, RecordsStayWhereTheyAre) {

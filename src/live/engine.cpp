@@ -93,12 +93,18 @@ refdata::AirlineId airlineOfCallsign(std::string_view cs) {
     if (cs.size() < 4 || !std::isdigit(static_cast<unsigned char>(cs[3]))) return 0;
     for (std::size_t i = 0; i < 3; ++i)
         if (!std::isalpha(static_cast<unsigned char>(cs[i]))) return 0;
-    return refdata::airlineId(cs.substr(0, 3));
+    return refdata::knownAirline(cs.substr(0, 3)); // a prefix that is no airline makes none
 }
 
-std::string failedKey(const LiveAc& ac) {
-    return fmt::format("{} {} {}", ac.modelCode, ac.airlineCode, ac.registration);
+FailedLivery failedKey(const LiveAc& ac) {
+    FailedLivery k;
+    k.model = ac.modelCode, k.airline = ac.airlineCode;
+    ac.registration.copy(k.registration.data(), k.registration.size());
+    return k;
 }
+
+// The frame's tables are bounded: past this many entries the oldest knowledge is forgotten.
+constexpr std::size_t kMaxRemembered = 4096;
 
 // The livery ladder for this aircraft as it is now.
 liveries::MatchAircraft matchLivery(const LiveAc& ac) {
@@ -200,7 +206,8 @@ void Engine::reserve() {
     pending.reserve(256);
     events.reserve(1024);
     out.reserve(1024);
-    rememberedLiveries.reserve(2048);
+    rememberedLiveries.reserve(kMaxRemembered);
+    failedLiveries.reserve(kMaxRemembered);
 }
 
 void Engine::reset() {
@@ -365,8 +372,7 @@ void onCreationFailed(const sim::CreationFailed& ev) {
         core::log(fmt::format("{} '{}' could not be created by your Sim!", describeAc(*ac), ac->liveryTitle));
         liveries::refuseTitle(ac->liveryTitle);
     }
-    auto& r = e.rememberedLiveries;
-    std::erase_if(r, [&](const auto& p) { return p.first == ev.hexid; });
+    e.rememberedLiveries.erase(ev.hexid);
     ac->dropSilently = true;
     std::erase(e.addingStack, ev.hexid);
 }
@@ -738,19 +744,21 @@ Update spawnLiveAc(LiveAc& ac) {
         st[0].stationary = false;
     }
     if (ac.phase == Phase::Birth && ac.liveryTitle.empty()) {
-        const auto it = std::find_if(e.rememberedLiveries.begin(), e.rememberedLiveries.end(),
-                                     [&](const auto& p) { return p.first == ac.hexid; });
-        if (it != e.rememberedLiveries.end()) {
+        if (const auto it = e.rememberedLiveries.find(ac.hexid); it != e.rememberedLiveries.end()) {
             ac.liveryTitle = it->second;
         } else {
             const auto m = matchLivery(ac);
             if (m.title.empty()) {
-                if (!ac.registration.empty()) e.failedLiveries.insert(failedKey(ac));
+                if (!ac.registration.empty()) {
+                    if (e.failedLiveries.size() >= kMaxRemembered) e.failedLiveries.clear();
+                    e.failedLiveries.insert(failedKey(ac));
+                }
                 ac.dropNow = true;
                 return Update::Drop;
             }
             ac.liveryTitle = m.title;
-            e.rememberedLiveries.emplace_back(ac.hexid, m.title);
+            if (e.rememberedLiveries.size() >= kMaxRemembered) e.rememberedLiveries.clear();
+            e.rememberedLiveries.emplace(ac.hexid, m.title);
         }
     }
     const Sample& head = st[0];
@@ -839,8 +847,9 @@ bool checkRespawn(LiveAc& ac, const feed::TrafficSample& r) {
         const auto m = matchLivery(ac);
         if (!m.title.empty() && m.title != ac.liveryTitle) {
             ac.liveryTitle = m.title;
-            for (auto& p : gEngine.rememberedLiveries)
-                if (p.first == ac.hexid) p.second = m.title;
+            if (const auto it = gEngine.rememberedLiveries.find(ac.hexid);
+                it != gEngine.rememberedLiveries.end())
+                it->second = m.title;
             newLivery = true;
         }
     }

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -35,6 +36,21 @@ struct PendingObject {
 };
 
 enum class Update { Keep, Drop };
+
+// A type, airline and registration that found no livery; the registration cut at 12 characters.
+struct FailedLivery {
+    refdata::ModelId model = 0;
+    refdata::AirlineId airline = 0;
+    std::array<char, 12> registration{};
+    friend bool operator==(const FailedLivery&, const FailedLivery&) = default;
+};
+struct FailedLiveryHash {
+    std::size_t operator()(const FailedLivery& k) const noexcept {
+        return static_cast<std::size_t>(
+                   refdata::fnv1a(std::string_view(k.registration.data(), k.registration.size()))) ^
+               (static_cast<std::size_t>(k.model) << 16 | k.airline);
+    }
+};
 
 // The live aircraft, each in a slot that never moves: a record holds its whole sample ring, so
 // taking one out must not shift the others. Iterates in the order the records came.
@@ -115,8 +131,8 @@ struct Engine {
     std::vector<sim::SimEvent> events;
     sim::FrameLists out; // this frame's positions and commands for the simulator
     std::array<feed::TrafficSample, 2> frameSamples;
-    std::vector<std::pair<std::uint32_t, std::string_view>> rememberedLiveries; // hexid -> title
-    std::unordered_set<std::string> failedLiveries; // "model airline registration" without a livery
+    std::unordered_map<std::uint32_t, std::string_view> rememberedLiveries; // hexid -> title, bounded
+    std::unordered_set<FailedLivery, FailedLiveryHash> failedLiveries;      // found no livery, bounded
     std::mt19937 rng{20250204};
     sim::UserData user;
     bool userKnown = false;

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <unordered_map>
 
 #include <fmt/format.h>
 #include <pugixml.hpp>
@@ -10,9 +11,16 @@ namespace orv::refdata {
 
 namespace {
 
+struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const noexcept { return static_cast<std::size_t>(fnv1a(s)); }
+};
+
 // The reference database: filled on the worker at start, read without a lock afterwards.
 struct Database {
     ReferenceDatabase db;
+    // The handles of the database's airlines, for look-ups that take no lock and add nothing.
+    std::unordered_map<std::string, AirlineId, TextHash, std::equal_to<>> airlineIds;
     std::array<double, kHalfSpanTableSize> halfSpanTable{};
     double largestHalfSpanNm = 0.0;
 };
@@ -82,7 +90,7 @@ void readAll(const pugi::xml_node& root) {
     database.db.cargoOperators = readList(root, "cargo_operators", "ICAO", "codes");
     core::log(fmt::format("{:5} cargo operators", database.db.cargoOperators.size()));
     airlineId("");
-    for (const auto& a : database.db.airlines) airlineId(a);
+    for (const auto& a : database.db.airlines) database.airlineIds.emplace(a, airlineId(a));
     for (const auto& a : database.db.cargoOperators) airlineId(a);
 
     std::set<std::string> pubs;
@@ -199,6 +207,11 @@ Category category(ModelId model) {
 bool isModel(std::string_view text) {
     return !text.empty() && database.db.models.contains(std::string(text));
 }
+AirlineId knownAirline(std::string_view code) noexcept {
+    const auto it = database.airlineIds.find(code);
+    return it == database.airlineIds.end() ? AirlineId{0} : it->second;
+}
+
 bool isAirline(std::string_view text) {
     return !text.empty() && database.db.airlines.contains(std::string(text));
 }

@@ -224,6 +224,8 @@ void clearDbase();
 Category category(ModelId model);
 bool isModel(std::string_view text);
 bool isAirline(std::string_view text);
+// A database airline's handle, 0 for any other code; takes no lock and adds nothing.
+AirlineId knownAirline(std::string_view code) noexcept;
 double halfSpan(ModelId model);
 double largestHalfSpan();
 std::vector<std::string> regcodeVariants(std::string_view regcode);
