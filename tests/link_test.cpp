@@ -172,10 +172,13 @@ TEST_F(LinkTest, VersionAnswers) {
         const char* status;
         const char* logged;
     };
+    // Each answer after one that set an edition text: none of them may keep it.
     const Case cases[] = {
         {R"({"level":1,"version":"8.0.2"})", false, "RT stnd edition: 8.0.2", nullptr},
-        {R"({"level":"2","version":"8.0.2"})", false, "RT stnd edition: 8.0.2", nullptr}, // wrong shape
+        {R"({"level":"2","version":"8.0.2"})", false, "", nullptr}, // wrong shape
+        {R"({"level":2,"version":"9.0.1"})", true, "RT prof edition: 9.0.1", nullptr},
         {"garbage", false, "", "processRTVersion: JSON parse failed"},
+        {R"({"level":2,"version":"9.0.1"})", true, "RT prof edition: 9.0.1", nullptr},
         {"", false, "", "No RealTraffic version received?"},
     };
     for (const auto& c : cases) {

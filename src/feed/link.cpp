@@ -94,7 +94,12 @@ std::uint16_t realTrafficPort() {
 
 void processRTVersion(std::string_view text) {
     rtProfessional = false;
+    const auto unknownEdition = [] {
+        std::lock_guard lock(linkMutex);
+        link.statusText.clear(); // the edition of an earlier RealTraffic says nothing of this one
+    };
     if (text.empty()) {
+        unknownEdition();
         core::message("No RealTraffic version received?", true);
         return;
     }
@@ -109,11 +114,11 @@ void processRTVersion(std::string_view text) {
         }
         core::repaint(core::Region::Indicators);
     } catch (const nlohmann::json::parse_error& e) {
-        std::lock_guard lock(linkMutex);
-        link.statusText.clear();
+        unknownEdition();
         core::log(fmt::format("{}: JSON parse failed: {}", "processRTVersion", e.what()));
     } catch (const std::exception&) {
         rtProfessional = false; // a value of the wrong shape: the standard edition
+        unknownEdition();
     }
 }
 
