@@ -283,6 +283,7 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
         e.advanceTo(t += 0.01);
         return p;
     };
+    ASSERT_GT(refdata::loadAirports(test::shippedCopy("airports.enc", dir.path())), 0u);
     EXPECT_EQ(pass(), sim::Pass::Connected);
     for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) pass();
     ASSERT_TRUE(core::gRun.simRunning.load());
@@ -294,6 +295,20 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
     for (int i = 0; i < 5 && !sim::userTitleKnown(); ++i) pass();
     ASSERT_TRUE(sim::userPosition().has_value());
     EXPECT_EQ(sim::userModel(), "A20N");
+    EXPECT_EQ(sim::nearestArea(), "KMSP");
+    // 7.8 nm north no airport is within 5 nm: the area goes (not far enough for a teleport).
+    e.moveUser(45.012, -93.2218);
+    for (int i = 0; i < 10 && sim::userPosition()->latitude < 45; ++i) {
+        sim::requestUserPosition();
+        pass();
+    }
+    EXPECT_EQ(sim::nearestArea(), "");
+    e.moveUser(44.882, -93.2218);
+    for (int i = 0; i < 10 && sim::userPosition()->latitude > 45; ++i) {
+        sim::requestUserPosition();
+        pass();
+    }
+    EXPECT_EQ(sim::nearestArea(), "KMSP");
 
     sim::CreateRecord create;
     create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
@@ -321,6 +336,7 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
     EXPECT_EQ(sim::pollOnce(), sim::Pass::End);
     EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimWasClosed);
     sim::setApiFactory({});
+    refdata::clearAirports();
 }
 
 TEST(SimLink, ModelTexts) {

@@ -147,12 +147,15 @@ struct Wanted {
 Wanted wanted;
 
 // The SimClient thread's own state.
+constexpr double kAreaSearchMoveNm = 0.5;
+
 struct ThreadState {
     bool firstPass = true;
     bool quitReceived = false;
     bool asGenLogged = false;
     bool protocol2020 = false; // the 2024 protocol was refused
     double previousLat = 0, previousLon = 0;
+    std::optional<core::LatLon> areaSearchedAt; // where the airport around the user was last looked for
     std::vector<PendingCreation> pendingCreations;
     std::vector<DWORD> addedObjects;
 };
@@ -365,8 +368,13 @@ void onUserPosition(DWORD objectId, DataReader in) {
     ts.previousLat = u.latitude;
     ts.previousLon = u.longitude;
     if (nonZero) status.positionKnown = true;
-    if (const auto near = refdata::closestAirport(u.latitude, u.longitude)) {
-        const std::string area(near->code.view());
+    // The airport around the user, looked for again only when the user has moved; none near
+    // clears it.
+    const core::LatLon here{u.latitude, u.longitude};
+    if (nonZero && (!ts.areaSearchedAt || core::distanceNm(*ts.areaSearchedAt, here) > kAreaSearchMoveNm)) {
+        ts.areaSearchedAt = here;
+        const auto near = refdata::closestAirport(u.latitude, u.longitude);
+        const std::string area = near ? std::string(near->code.view()) : std::string();
         bool changed;
         {
             std::lock_guard lock(textLock);
