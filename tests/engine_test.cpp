@@ -368,6 +368,17 @@ TEST_F(EngineTest, RemovedWhileBeingCreated) {
     EXPECT_EQ(gEngine.removeQueue, std::vector<std::uint32_t>{250});
 }
 
+// An aircraft changing its livery has its object queued for removal once; taking all aircraft
+// out then must not queue it again.
+TEST_F(EngineTest, RemoveAllQueuesARespawningObjectOnce) {
+    LiveAc& changing = active(kHex, 10, 300);
+    active(kHex + 1, 12, 301);
+    liveryRespawn(changing);
+    removeAll();
+    EXPECT_EQ(gEngine.removeQueue, (std::vector<std::uint32_t>{300, 301}));
+    for (const auto& ac : gEngine.liveTable) EXPECT_EQ(ac.simState, SimState::RemovingFromSim);
+}
+
 // The airline comes from the callsign only when its prefix is an airline; any other prefix
 // leaves the registration's airline and adds nothing to the airline table.
 TEST_F(EngineTest, CallsignPrefixesInventNoAirline) {

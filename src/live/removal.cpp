@@ -48,12 +48,12 @@ void removeAircraftFromSim(LiveAc& ac) {
 void removeAll() {
     auto& e = gEngine;
     for (auto& ac : e.liveTable) {
-        if (ac.simState == SimState::Active || ac.simState == SimState::LiveryRespawn) {
-            ac.simState = SimState::Active;
-            removeAircraftFromSim(ac);
-        } else {
-            removeAircraftFromSim(ac);
+        if (ac.simState == SimState::LiveryRespawn) {
+            // Its object is on its way out already; the record must only not come back.
+            ac.simState = SimState::RemovingFromSim;
+            continue;
         }
+        removeAircraftFromSim(ac);
     }
     e.staticSpawnQueue.clear();
     e.liveTable.eraseIf([](const LiveAc& ac) { return ac.dropNow || ac.dropSilently; });
