@@ -472,6 +472,18 @@ TEST_F(InstallTest, AStoredPathThatLostItsOfficialFolderIsDetectedAgain) {
     EXPECT_EQ(sim::installPath(), (roaming() / "Microsoft Flight Simulator/Packages").string());
 }
 
+// A path stored with its Community folder, as a user types it, is the folder above: kept, not
+// detected again.
+TEST_F(InstallTest, AStoredPathWithItsCommunityFolderIsTheFolderAbove) {
+    packages(dir / "mine");
+    packages(roaming() / "Microsoft Flight Simulator/Packages"); // what detection would find
+    auto& stored = dynamic_cast<params::StringParameter&>(*params::findParameter("MSFS_INSTALL_PATH"));
+    stored.value = (dir / "mine/Community").string();
+    EXPECT_EQ(sim::installPath(), (dir / "mine").string());
+    EXPECT_EQ(stored.value, (dir / "mine").string());
+    EXPECT_EQ(sim::communityPath(), dir / "mine/Community");
+}
+
 TEST_F(InstallTest, TypedPaths) {
     packages(dir / "good");
     fs::create_directories(dir / "half/Community");

@@ -12,6 +12,13 @@ namespace orv::sim {
 
 namespace {
 
+// A path cut where "\Community" or "/Community" begins.
+std::string withoutCommunity(std::string text) {
+    for (const char* community : {"\\Community", "/Community"})
+        if (const auto at = text.find(community); at != std::string::npos) text.resize(at);
+    return text;
+}
+
 std::optional<KnownFolders> configured; // set by the process entry before the worker starts
 
 struct SimNames {
@@ -162,6 +169,9 @@ fs::path officialPath() {
 
 std::string installPath() {
     auto& stored = stringParameter(simNames().pathParameter);
+    // A path stored with its Community folder (as a user types it) means the folder above.
+    const std::string cut = withoutCommunity(stored.value);
+    if (cut != stored.value && isPackagesFolder(cut)) stored.value = cut;
     if (!stored.value.empty() && isPackagesFolder(stored.value)) {
         params::gParams.MSFS_PATH = stored.value;
         return stored.value;
@@ -170,9 +180,7 @@ std::string installPath() {
 }
 
 std::string typedInstallPath(const std::string& typed) {
-    std::string text = typed;
-    for (const char* community : {"\\Community", "/Community"})
-        if (const auto at = text.find(community); at != std::string::npos) text.resize(at);
+    const std::string text = withoutCommunity(typed);
     const fs::path path = text;
     std::error_code ec;
     const bool exists = fs::exists(path, ec);
