@@ -23,6 +23,9 @@ namespace orv::feed {
 using core::LatLon;
 using refdata::IataCode;
 
+// The engine flies each point 30 s after it came: the tick the decoder gives it is this far ahead.
+inline constexpr std::int32_t kDelayTicks = 3000;
+
 // One decoded traffic line. The part from `latitude` on is the engine's position record.
 struct TrafficSample {
     std::uint16_t airlineCode = 0; // filled by the engine

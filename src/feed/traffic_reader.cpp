@@ -60,7 +60,6 @@ enum Field : std::size_t {
 
 constexpr double kGroundRangeNm = 5.0; // aircraft on the ground count only this near the current airport
 constexpr std::size_t kMaxRegistration = 12;
-constexpr std::int32_t kDelayTicks = 3000; // the engine flies each point 30 s after it came
 
 // Plain floating point text: starts at the first character, no blank or plus sign, a minus
 // sign, "inf" and "nan" allowed, trailing text tolerated, empty is a failure.

@@ -19,7 +19,7 @@ Engine gEngine;
 
 namespace {
 
-constexpr std::int32_t kDelayTicks = 3000; // everything runs 30 s behind the feed
+using feed::kDelayTicks; // everything runs 30 s behind the feed
 // A point on a straight path adds nothing when it comes sooner than this distance at the speed
 // flown: 450 m in the air, 20 m on the ground (where 15 s is the most a point may wait).
 constexpr double kAirThinningNm = 0.24298;

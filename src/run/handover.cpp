@@ -11,36 +11,19 @@
 namespace orv::run {
 
 namespace {
-// Only the worker hands the position over; the closest airport is looked for again only when
-// the user has moved this far.
-constexpr double kAirportSearchMoveNm = 0.5;
-
-struct HandoverState {
-    std::optional<core::LatLon> searchedAt;
-    std::optional<refdata::AirportRecord> current;
-};
-HandoverState handover; // the worker's alone
-
 feed::UserReport reportOf(const sim::UserData& u) {
     return {u.latitude, u.longitude, u.pitch, u.bank, u.heading, u.altitude, u.groundVelocity};
 }
 } // namespace
-
-void resetHandover() {
-    handover = {};
-}
 
 void copyUserPositionForReaders() {
     const auto user = sim::userPosition();
     if (!user) return;
     feed::TrafficArea a;
     a.reference = {user->latitude, user->longitude};
-    // Until park airports exist, the current airport is the one the user stands at, if any.
-    if (!handover.searchedAt || core::distanceNm(*handover.searchedAt, a.reference) > kAirportSearchMoveNm) {
-        handover.searchedAt = a.reference;
-        handover.current = refdata::closestAirport(user->latitude, user->longitude);
-    }
-    const auto& current = handover.current;
+    // Until park airports exist, the current airport is the one the user stands at, if any: the
+    // SimClient's search, which the status line shows too.
+    const auto current = sim::nearestAirport();
     if (current) {
         a.airport = core::LatLon{current->latitude, current->longitude};
         a.referenceElevation = current->elevation;

@@ -119,7 +119,7 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
     } catch (const CLI::ParseError& e) {
         return {fmt::format("{} (see --help)", e.what()), {}};
     }
-    if (app.count_all() > 0 && (app.get_option("--production")->count() > 0)) {
+    if (app.get_option("--production")->count() > 0) {
         out.production = production;
         out.productionGiven = true;
     }

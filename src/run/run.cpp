@@ -68,7 +68,6 @@ void userStop() {
 void resetRunState() {
     core::gRun.reset();
     loop = {};
-    resetHandover();
     feed::resetForRun();
     sim::reset();
     live::reset();

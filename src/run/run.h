@@ -54,7 +54,6 @@ void versionStep(const fs::path& parametersFile);
 // The user's position and the current airport, to the Traffic Reader and the engine; the
 // position and the time to RealTraffic.
 void copyUserPositionForReaders();
-void resetHandover(); // the airport search starts afresh
 void sendUserPositionToRealTraffic();
 void sendTimeToRealTraffic();
 

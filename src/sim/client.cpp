@@ -114,6 +114,7 @@ std::vector<SimEvent> eventQueue;
 // What the status display shows of the simulator; the client thread writes, any thread reads.
 struct Texts {
     std::string title, model, sim, area;
+    std::optional<refdata::AirportRecord> airport; // the one `area` names
 };
 std::mutex textLock; // guards texts
 Texts texts;
@@ -380,6 +381,7 @@ void onUserPosition(DWORD objectId, DataReader in) {
             std::lock_guard lock(textLock);
             changed = area != texts.area;
             texts.area = area;
+            texts.airport = near;
         }
         if (changed) core::repaint(core::Region::All);
     }
@@ -645,6 +647,12 @@ void requestUser(const char* failText, DWORD requestId, DWORD define, DWORD peri
 
 // What the other threads marked since the last pass.
 void sendWanted() {
+    // Most passes want nothing: they leave simLock to the frame's try.
+    if (!wanted.position.load(std::memory_order_acquire) &&
+        !wanted.titleAndModel.load(std::memory_order_acquire) &&
+        !wanted.onGround.load(std::memory_order_acquire) &&
+        wanted.inRangeNm.load(std::memory_order_acquire) < 0)
+        return;
     std::lock_guard lock(shared.simLock);
     if (wanted.position.exchange(false, std::memory_order_acq_rel))
         requestUser("SimConnect request user ac position fails", kReqUserPosition, kDefUserPosition,
@@ -885,6 +893,11 @@ std::string simulatorText() {
     std::lock_guard lock(textLock);
     return texts.sim;
 }
+std::optional<refdata::AirportRecord> nearestAirport() {
+    std::lock_guard lock(textLock);
+    return texts.airport;
+}
+
 std::string nearestArea() {
     std::lock_guard lock(textLock);
     return texts.area;

@@ -12,6 +12,7 @@
 #include <variant>
 #include <vector>
 
+#include "refdata/refdata.h"
 #include "simconnect/simconnect.h"
 
 namespace orv::sim {
@@ -198,6 +199,8 @@ std::string userModel();
 double userHalfSpanNm();
 std::string simulatorText(); // "KittyHawk (11.0.282174.999) connected"
 std::string nearestArea();
+// The airport within 5 nm of the user, looked for again when the user has moved half a mile.
+std::optional<refdata::AirportRecord> nearestAirport();
 std::uint32_t userObjectId();
 bool simFailed();
 // What happens when the user leaves the flight or the simulator (the user's stand is kept); set
