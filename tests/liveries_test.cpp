@@ -38,7 +38,7 @@ class LiveriesTest : public testing::Test {
         params::gParams.MATCHING_DEPTH = 4;
         parameter<params::BoolParameter>("LIG_PRIORITIZE").value = true;
         for (const char* p : {"LIGHT_AIRCRAFT", "HIGH_PERF_AIRCRAFT", "HELICOPTERS"})
-            parameter<params::BoolParameter>(p).value = true;
+            params::set(parameter<params::BoolParameter>(p), true, params::Save::no);
         readDontUseTitles();
     }
     void TearDown() override {
@@ -357,6 +357,11 @@ TEST_F(LiveriesTest, ProcessingBuildsTheMaps) {
     EXPECT_FALSE(parameter<params::BoolParameter>("HELICOPTERS").value);
     EXPECT_FALSE(parameter<params::BoolParameter>("HIGH_PERF_AIRCRAFT").value);
     EXPECT_TRUE(parameter<params::BoolParameter>("LIGHT_AIRCRAFT").value);
+    EXPECT_FALSE(params::gParams.HELICOPTERS) << "the switch reaches the engine";
+    EXPECT_FALSE(params::gParams.HIGH_PERF_AIRCRAFT);
+    EXPECT_TRUE(params::gParams.LIGHT_AIRCRAFT);
+    EXPECT_NE(test::readBytes(dir / "parameters.xml").find(R"(name="HELICOPTERS" value="false")"),
+              std::string::npos);
     EXPECT_EQ(s.categoryModels[0], std::vector<refdata::ModelId>{refdata::modelId("C172")});
     EXPECT_TRUE(log.contains("3 models have a generic livery"));
     // A second processing in the same process only says so.

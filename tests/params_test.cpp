@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <map>
 
 #include <fmt/format.h>
@@ -6,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/core.h"
 #include "params/params.h"
 #include "support.h"
 
@@ -118,6 +120,71 @@ TEST(Parameters, UpdateChangesEveryMatchKeepsUnknownsAndAddsTheRoot) {
     updateParameter(file, c.lists, c.flag);
     ASSERT_TRUE(doc.load_file(file.c_str()));
     EXPECT_EQ(readBoolParameter(doc, "FLAG"), false);
+}
+
+TEST(Parameters, SavingDefaultsKeepsTheVersionDefaultAndValuelessElementsAreFilledInPlace) {
+    test::TempDir dir;
+    const auto file = dir / "parameters.xml";
+    SmallCatalogue c;
+    saveParameters(file, c.lists, true);
+    EXPECT_EQ(c.version.defaultValue, "") << "migration tells a fresh file by the empty default";
+    EXPECT_FALSE(c.version.value.empty());
+    pugi::xml_document doc;
+    ASSERT_TRUE(doc.load_file(file.c_str()));
+    EXPECT_EQ(readStringParameter(doc, "PROGRAM_VERSION"), c.version.value);
+
+    writeBytes(file, fileOf(R"(<parameter name="COUNT"/>)"));
+    EXPECT_FALSE(loadParameters(file, c.lists));
+    ASSERT_TRUE(doc.load_file(file.c_str()));
+    int counts = 0;
+    for (auto e : doc.child("root").child("parameters").children("parameter"))
+        if (std::string_view(e.attribute("name").as_string()) == "COUNT") ++counts;
+    EXPECT_EQ(counts, 1);
+    EXPECT_EQ(readIntParameter(doc, "COUNT"), 5);
+    EXPECT_FALSE(fs::exists(dir / "parameters.xml.tmp"));
+}
+
+// A change goes to the catalogue, the mirror the threads read, the control and the file at once.
+TEST(Parameters, OneChangeReachesEveryCopy) {
+    test::TempDir dir;
+    const auto saved = core::gPaths.dataFolder;
+    core::gPaths.dataFolder = dir.path();
+    struct Case {
+        const char* name;
+        bool value;
+        std::atomic<bool>& mirror;
+    } cases[] = {{"LIGHT_AIRCRAFT", false, gParams.LIGHT_AIRCRAFT},
+                 {"HELICOPTERS", false, gParams.HELICOPTERS},
+                 {"HIGH_PERF_AIRCRAFT", false, gParams.HIGH_PERF_AIRCRAFT},
+                 {"SCAN_LIVERIES", true, gParams.SCAN_LIVERIES},
+                 {"SCAN_AIRPORTS", true, gParams.SCAN_AIRPORTS},
+                 {"AIRBORNE_ONLY", true, gParams.AIRBORNE_ONLY},
+                 {"AUTO_RANGE", false, gParams.AUTO_RANGE}};
+    FakeControls controls;
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.name);
+        auto& p = parameter<CheckBoxParameter>(k.name);
+        p.windowHandle = &controls;
+        k.mirror = !k.value;
+        set(p, k.value);
+        p.windowHandle = nullptr;
+        EXPECT_EQ(p.value, k.value);
+        EXPECT_EQ(k.mirror.load(), k.value);
+        EXPECT_EQ(controls.shown[p.controlId], k.value ? "checked" : "unchecked");
+        pugi::xml_document doc;
+        ASSERT_TRUE(doc.load_file((dir / "parameters.xml").c_str()));
+        EXPECT_EQ(readBoolParameter(doc, k.name), k.value);
+        set(p, p.defaultValue, Save::no);
+    }
+    auto& dest = parameter<StringParameter>("DESTINATION");
+    set(dest, "EHAM", Save::no);
+    EXPECT_EQ(gParams.DESTINATION, "EHAM");
+    set(dest, "");
+    auto& range = parameter<IntParameter>("RANGE");
+    set(range, 1000, Save::no);
+    EXPECT_EQ(gParams.RANGE, 100) << "clamped to the largest choice";
+    set(range, 40, Save::no);
+    core::gPaths.dataFolder = saved;
 }
 
 TEST(Parameters, BrokenFileIsKeptAsGenerationZero) {

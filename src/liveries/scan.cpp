@@ -731,12 +731,7 @@ void scanLiveries() {
             143, "Automatic scan has not found any liveries, choose a different selection, or switch "
                  "off automatic and set lfolder parameter(-s)");
     }
-    if (auto* scan = dynamic_cast<params::BoolParameter*>(params::findParameter("SCAN_LIVERIES"))) {
-        scan->value = false;
-        params::updateParameter(core::gPaths.dataFolder / params::names::kParameters,
-                                params::parameterLists(), *scan);
-    }
-    params::gParams.SCAN_LIVERIES = false;
+    params::set(params::parameter<params::BoolParameter>("SCAN_LIVERIES"), false);
     core::log("\n++++++++++++++++++++++++ liveries scan ends ++++++++++++++++++++++++++++++++\n");
 }
 

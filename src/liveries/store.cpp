@@ -410,9 +410,7 @@ void categorySummaries() {
             for (const auto& [cat, name] : kSwitches) {
                 auto* p = boolParameter(name);
                 if (cat != c || !p || !p->value) continue;
-                p->value = false;
-                params::updateParameter(core::gPaths.dataFolder / params::names::kParameters,
-                                        params::parameterLists(), *p);
+                params::set(*p, false);
                 core::log(fmt::format("{} temporarily switched off because you do not have {} installed",
                                       name, kNone[ci]));
             }

@@ -1,4 +1,5 @@
 // Every parameter of the program. Names are spelled as stored in parameters.xml.
+#include <atomic>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -205,36 +206,69 @@ Parameter* findParameter(std::string_view name) {
     return found;
 }
 
-void Parameters::takeFromCatalogue() {
+namespace {
+
+// Each value the threads read without a lock, beside the catalogue entry it mirrors.
+struct MirrorEntry {
+    const Parameter* source;
+    std::atomic<bool>* flag = nullptr;
+    std::atomic<int>* number = nullptr;
+    std::string* text = nullptr;
+};
+
+std::vector<MirrorEntry> mirrorTable(Parameters& m) {
     auto& c = catalogue();
-    RANGE = c.RANGE.value;
-    AUTO_RANGE = c.AUTO_RANGE.value;
-    AIRBORNE_ONLY = c.AIRBORNE_ONLY.value;
-    SCAN_LIVERIES = c.SCAN_LIVERIES.value;
-    SCAN_AIRPORTS = c.SCAN_AIRPORTS.value;
-    INITIAL_LOAD_ONLY = c.INITIAL_LOAD_ONLY.value;
-    OBJECTID_LIST = c.OBJECTID_LIST.value;
-    AEROWINX = c.AEROWINX.value;
-    MATCHING_DEPTH = c.MATCHING_DEPTH.value;
-    RANDOM = c.RANDOM.value;
-    ALWAYS_ON_TOP = c.ALWAYS_ON_TOP.value;
-    MAX_LIVE_SEL = c.MAX_LIVE_SEL.value;
-    GUID_CHANGES = c.GUID_CHANGES.value;
-    NAV_LIGHTS_WHILE_PARKED = c.NAV_LIGHTS_WHILE_PARKED.value;
-    LIGHT_AIRCRAFT = c.LIGHT_AIRCRAFT.value;
-    HELICOPTERS = c.HELICOPTERS.value;
-    HIGH_PERF_AIRCRAFT = c.HIGH_PERF_AIRCRAFT.value;
-    HOLDING_THRESHOLD_METERS = c.HOLDING_THRESHOLD_METERS.value;
-    MAX_HOLDING_MINUTES = c.MAX_HOLDING_MINUTES.value;
-    STRAIGHT_PBS_ONLY = c.STRAIGHT_PBS_ONLY.value;
+    return {{&c.RANGE, nullptr, &m.RANGE},
+            {&c.AUTO_RANGE, &m.AUTO_RANGE},
+            {&c.AR_ABOVE_HEIGHT, nullptr, &m.AR_ABOVE_HEIGHT},
+            {&c.AIRP_HEIGHT, nullptr, &m.AIRP_HEIGHT},
+            {&c.AIRBORNE_ONLY, &m.AIRBORNE_ONLY},
+            {&c.SCAN_LIVERIES, &m.SCAN_LIVERIES},
+            {&c.SCAN_AIRPORTS, &m.SCAN_AIRPORTS},
+            {&c.INITIAL_LOAD_ONLY, &m.INITIAL_LOAD_ONLY},
+            {&c.OBJECTID_LIST, &m.OBJECTID_LIST},
+            {&c.AEROWINX, &m.AEROWINX},
+            {&c.ALWAYS_ON_TOP, &m.ALWAYS_ON_TOP},
+            {&c.MATCHING_DEPTH, nullptr, &m.MATCHING_DEPTH},
+            {&c.RANDOM, &m.RANDOM},
+            {&c.MAX_LIVE_SEL, nullptr, &m.MAX_LIVE_SEL},
+            {&c.GUID_CHANGES, &m.GUID_CHANGES},
+            {&c.NAV_LIGHTS_WHILE_PARKED, &m.NAV_LIGHTS_WHILE_PARKED},
+            {&c.LIGHT_AIRCRAFT, &m.LIGHT_AIRCRAFT},
+            {&c.HELICOPTERS, &m.HELICOPTERS},
+            {&c.HIGH_PERF_AIRCRAFT, &m.HIGH_PERF_AIRCRAFT},
+            {&c.HOLDING_THRESHOLD_METERS, nullptr, &m.HOLDING_THRESHOLD_METERS},
+            {&c.MAX_HOLDING_MINUTES, nullptr, &m.MAX_HOLDING_MINUTES},
+            {&c.STRAIGHT_PBS_ONLY, &m.STRAIGHT_PBS_ONLY},
+            {&c.DESTINATION, nullptr, nullptr, &m.DESTINATION},
+            {&c.BLOCK_CALLSIGN, nullptr, nullptr, &m.BLOCK_CALLSIGN}};
+}
+
+void copy(const MirrorEntry& e) {
+    if (e.flag) e.flag->store(dynamic_cast<const BoolParameter&>(*e.source).value);
+    if (e.number) e.number->store(dynamic_cast<const IntParameter&>(*e.source).value);
+    if (e.text) *e.text = dynamic_cast<const StringParameter&>(*e.source).value;
+}
+
+int portNumber(const std::string& text) {
     try {
-        PORT_NUMBER = std::stoi(c.PORT_NUMBER.value);
+        return std::stoi(text);
     } catch (const std::exception&) {
-        PORT_NUMBER = 10747;
+        return 10747;
     }
-    DESTINATION = c.DESTINATION.value;
-    BLOCK_CALLSIGN = c.BLOCK_CALLSIGN.value;
-    MSFS_PATH = c.MSFS_INSTALL_PATH.value;
+}
+
+} // namespace
+
+void Parameters::takeFromCatalogue() {
+    for (const auto& e : mirrorTable(*this)) copy(e);
+    PORT_NUMBER = portNumber(catalogue().PORT_NUMBER.value);
+}
+
+void Parameters::mirror(const Parameter& p) {
+    for (const auto& e : mirrorTable(*this))
+        if (e.source == &p) copy(e);
+    if (&p == &catalogue().PORT_NUMBER) PORT_NUMBER = portNumber(catalogue().PORT_NUMBER.value);
 }
 
 } // namespace orv::params

@@ -1,3 +1,5 @@
+#include <sstream>
+
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
@@ -15,6 +17,15 @@ pugi::xml_node parametersNode(const pugi::xml_document& doc) {
 
 pugi::xml_node findParameter(pugi::xml_node parameters, const std::string& name) {
     return parameters.find_child_by_attribute("parameter", "name", name.c_str());
+}
+
+// parameters.xml is written whole to a temporary file and renamed, so a crash keeps the old one.
+bool saveDocument(const pugi::xml_document& doc, const fs::path& file) {
+    std::ostringstream out;
+    doc.save(out, "\t", pugi::format_default, pugi::encoding_utf8);
+    if (core::writeText(out.str(), file, false)) return true;
+    core::log(fmt::format("saving: {} failed", file.string()));
+    return false;
 }
 
 void logValue(const std::string& name, const std::string& shown) {
@@ -91,7 +102,7 @@ void updateOne(const fs::path& file, const ParameterLists& lists, const P& p) {
     if (!doc.load_file(file.c_str())) {
         pugi::xml_document fresh;
         appendValue(fresh.append_child("root").append_child("parameters"), p.name, value);
-        if (!fresh.save_file(file.c_str())) core::log(fmt::format("saving: {} failed", file.string()));
+        (void)saveDocument(fresh, file);
         logValue(p);
         return;
     }
@@ -109,7 +120,7 @@ void updateOne(const fs::path& file, const ParameterLists& lists, const P& p) {
     if (!matched) appendValue(parameters, p.name, value);
     logValue(p);
     if (hasRoot) {
-        if (!doc.save_file(file.c_str())) core::log(fmt::format("saving: {} failed", file.string()));
+        (void)saveDocument(doc, file);
         return;
     }
     core::log("\nPlacing a root level around a new parameters.xml to make it 100% xml compliance\n");
@@ -153,11 +164,6 @@ std::optional<std::size_t> selectedIndex(const ChoiceIntParameter& p) {
 }
 
 void saveParameters(const fs::path& file, const ParameterLists& lists, bool writeDefaults) {
-    if (writeDefaults && lists.programVersion) {
-        lists.programVersion->value =
-            fmt::format("{}.{}.{}", core::kVersion.major, core::kVersion.minor, core::kVersion.patch);
-        lists.programVersion->defaultValue = lists.programVersion->value;
-    }
     pugi::xml_document doc;
     auto parameters = doc.append_child("root").append_child("parameters");
     forEachListed(lists, [&](auto& p) {
@@ -165,7 +171,15 @@ void saveParameters(const fs::path& file, const ParameterLists& lists, bool writ
         appendValue(parameters, p.name, text(p.value));
         showIfControl(p);
     });
-    if (!doc.save_file(file.c_str())) core::log(fmt::format("saving: {} failed", file.string()));
+    // The version's default stays empty: migration tells a fresh file from a stored version by it.
+    if (writeDefaults && lists.programVersion) {
+        lists.programVersion->value =
+            fmt::format("{}.{}.{}", core::kVersion.major, core::kVersion.minor, core::kVersion.patch);
+        findParameter(parameters, lists.programVersion->name)
+            .attribute("value")
+            .set_value(lists.programVersion->value.c_str());
+    }
+    (void)saveDocument(doc, file);
 }
 
 bool loadParameters(const fs::path& file, const ParameterLists& lists) {
@@ -181,16 +195,19 @@ bool loadParameters(const fs::path& file, const ParameterLists& lists) {
         return true;
     }
     forEachListed(lists, [&](auto& p) {
-        const auto e = findParameter(parameters, p.name);
+        auto e = findParameter(parameters, p.name);
         if (e && e.attribute("value")) {
             takeValue(p, e.attribute("value"));
+        } else if (e) {
+            p.value = p.defaultValue;
+            e.append_attribute("value").set_value(text(p.value).c_str());
         } else {
             p.value = p.defaultValue;
             appendValue(parameters, p.name, text(p.value));
         }
         showIfControl(p);
     });
-    if (!doc.save_file(file.c_str())) core::log(fmt::format("saving: {} failed", file.string()));
+    (void)saveDocument(doc, file);
     forEachListed(lists, [](auto& p) { logValue(p); });
     return false;
 }
@@ -203,6 +220,30 @@ void updateParameter(const fs::path& file, const ParameterLists& lists, const In
 }
 void updateParameter(const fs::path& file, const ParameterLists& lists, const StringParameter& p) {
     updateOne(file, lists, p);
+}
+
+namespace {
+
+template <typename P, typename V>
+void setOne(P& p, V value, Save save) {
+    p.value = std::move(value);
+    gParams.mirror(p);
+    if (auto* c = dynamic_cast<CheckBoxParameter*>(&p)) showControl(*c);
+    if (auto* c = dynamic_cast<ChoiceIntParameter*>(&p)) showControl(*c);
+    if (auto* c = dynamic_cast<TextParameter*>(&p)) showControl(*c);
+    if (save == Save::yes) updateOne(core::gPaths.dataFolder / names::kParameters, parameterLists(), p);
+}
+
+} // namespace
+
+void set(BoolParameter& p, bool value, Save save) {
+    setOne(p, value, save);
+}
+void set(IntParameter& p, std::int32_t value, Save save) {
+    setOne(p, std::clamp(value, p.minimum, p.maximum), save);
+}
+void set(StringParameter& p, std::string value, Save save) {
+    setOne(p, std::move(value), save);
 }
 
 void checkParameterFile(const fs::path& file) {

@@ -7,6 +7,8 @@ Parameters gParams;
 void Parameters::reset() {
     RANGE = 40;
     AUTO_RANGE = true;
+    AR_ABOVE_HEIGHT = 48000;
+    AIRP_HEIGHT = 18000;
     AIRBORNE_ONLY = false;
     SCAN_LIVERIES = false;
     SCAN_AIRPORTS = false;
@@ -26,7 +28,6 @@ void Parameters::reset() {
     STRAIGHT_PBS_ONLY = false;
     DESTINATION.clear();
     BLOCK_CALLSIGN.clear();
-    MSFS_PATH.clear();
 }
 
 } // namespace orv::params

@@ -6,14 +6,20 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace orv::params {
 
+struct Parameter;
+
 struct Parameters {
-    std::atomic<int> RANGE{40};         // traffic radius, nautical miles
-    std::atomic<bool> AUTO_RANGE{true}; // radius follows height and airport distance
+    std::atomic<int> RANGE{40};              // traffic radius, nautical miles
+    std::atomic<bool> AUTO_RANGE{true};      // radius follows height and airport distance
+    std::atomic<int> AR_ABOVE_HEIGHT{48000}; // feet: above it the automatic radius is 100 nm
+    std::atomic<int> AIRP_HEIGHT{18000};     // feet: above it airports are out of sight
     std::atomic<bool> AIRBORNE_ONLY{false};
     std::atomic<bool> SCAN_LIVERIES{false};
     std::atomic<bool> SCAN_AIRPORTS{false};
@@ -34,11 +40,12 @@ struct Parameters {
     // Written by the worker only.
     std::string DESTINATION;
     std::string BLOCK_CALLSIGN;
-    std::string MSFS_PATH;
 
     void reset();
     // Copies the catalogue's values, after parameters.xml was read.
     void takeFromCatalogue();
+    // Copies one catalogue value; params::set calls it, so nothing else writes the mirror.
+    void mirror(const Parameter& p);
 };
 
 extern Parameters gParams;
@@ -152,6 +159,13 @@ void updateParameter(const std::filesystem::path& file, const ParameterLists& li
 void updateParameter(const std::filesystem::path& file, const ParameterLists& lists, const IntParameter& p);
 void updateParameter(const std::filesystem::path& file, const ParameterLists& lists,
                      const StringParameter& p);
+// A change of a parameter while the program runs: the catalogue value, the mirror the threads
+// read, the window control and (unless Save::no) parameters.xml change together.
+enum class Save : bool { no, yes };
+void set(BoolParameter& p, bool value, Save save = Save::yes);
+void set(IntParameter& p, std::int32_t value, Save save = Save::yes);
+void set(StringParameter& p, std::string value, Save save = Save::yes);
+
 // A file that exists but does not parse is kept as parameters.0.xml and removed.
 void checkParameterFile(const std::filesystem::path& file);
 
@@ -162,6 +176,13 @@ const ParameterLists& parameterLists();
 const std::vector<ButtonControl*>& buttons();
 // A parameter of the catalogue by its stored name (lists and the objects in no list).
 Parameter* findParameter(std::string_view name);
+// A catalogue parameter by name and kind; a name the catalogue lacks is a programming error.
+template <typename P>
+P& parameter(std::string_view name) {
+    auto* p = dynamic_cast<P*>(findParameter(name));
+    if (!p) throw std::logic_error("no parameter " + std::string(name));
+    return *p;
+}
 
 // The window position, read before the window exists and before the rest of the model.
 struct WindowPosition {

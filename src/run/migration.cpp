@@ -38,16 +38,10 @@ params::StringParameter& programVersion() {
     return *params::parameterLists().programVersion;
 }
 
-template <typename P>
-P& param(std::string_view name) {
-    return *dynamic_cast<P*>(params::findParameter(name));
-}
-
 void forceScan(const fs::path& file, std::string_view name) {
-    auto& p = param<params::CheckBoxParameter>(name);
-    p.value = true;
+    auto& p = params::parameter<params::CheckBoxParameter>(name);
+    params::set(p, true, params::Save::no);
     params::updateParameter(file, params::parameterLists(), p);
-    if (p.windowHandle) p.windowHandle->setChecked(p.controlId, true);
 }
 
 void removeIfThere(const fs::path& p) {

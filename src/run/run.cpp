@@ -84,10 +84,6 @@ bool readEverything() {
         versionStep(core::gPaths.dataFolder / params::names::kParameters);
         params::gParams.takeFromCatalogue();
     }
-    // A Community folder typed in full is stored as the folder above it.
-    constexpr std::string_view kCommunity = "/Community";
-    if (params::gParams.MSFS_PATH.ends_with(kCommunity))
-        params::gParams.MSFS_PATH.resize(params::gParams.MSFS_PATH.size() - kCommunity.size());
     for (const char* sub : {"output", "airports", "input"}) {
         std::error_code ec;
         fs::create_directories(core::gPaths.programFolder / sub, ec);
@@ -190,7 +186,8 @@ void startUpORVL() {
                     if (!code || !refdata::airportKnown(*code))
                         throw core::UserErrorException(
                             44, fmt::format("Invalid airport '{}'", params::gParams.DESTINATION));
-                    params::gParams.DESTINATION = std::string(code->view());
+                    params::set(params::parameter<params::StringParameter>("DESTINATION"),
+                                std::string(code->view()));
                 }
                 if (startThreads()) {
                     mainLoop();
@@ -354,8 +351,8 @@ void closingDown() {
         liveries::saveFailedList();
         if (auto err = sim::removeFlightPlanFolder(); !err.empty())
             core::log(fmt::format("removeFlightPlanFolder: {}", err));
-        params::gParams.DESTINATION.clear();
-        params::gParams.BLOCK_CALLSIGN.clear();
+        for (const char* name : {"DESTINATION", "BLOCK_CALLSIGN"})
+            params::set(params::parameter<params::StringParameter>(name), "", params::Save::no);
         live::clearGhosts();
         refdata::writeUnknownLists();
 
@@ -367,8 +364,8 @@ void closingDown() {
             core::clearMessage();
             core::message("Prepare for a restart ...", true);
             if (reason != core::ExitReason::NewSettings) {
-                params::gParams.SCAN_LIVERIES = false;
-                params::gParams.SCAN_AIRPORTS = false;
+                for (const char* name : {"SCAN_LIVERIES", "SCAN_AIRPORTS"})
+                    params::set(params::parameter<params::BoolParameter>(name), false, params::Save::no);
             }
             restartCountdown();
             resetRunState();

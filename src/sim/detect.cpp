@@ -37,14 +37,7 @@ SimNames simNames() {
 }
 
 params::StringParameter& stringParameter(const char* name) {
-    auto* p = dynamic_cast<params::StringParameter*>(params::findParameter(name));
-    if (!p) throw std::logic_error(fmt::format("no parameter {}", name));
-    return *p;
-}
-
-void saveAll() {
-    params::saveParameters(core::gPaths.dataFolder / params::names::kParameters, params::parameterLists(),
-                           false);
+    return params::parameter<params::StringParameter>(name);
 }
 
 // A Windows path from UserCfg.opt ("D:\MSFS\Packages") as this machine sees it: drive C is the
@@ -152,10 +145,8 @@ fs::path detectInstallPath() {
         found = installedPackagesPath();
         if (!isPackagesFolder(found)) return {};
     }
-    stringParameter(simNames().pathParameter).value = found.string();
-    stringParameter("ALL_INSTALL_PATH").value = found.string();
-    params::gParams.MSFS_PATH = found.string();
-    saveAll();
+    params::set(stringParameter(simNames().pathParameter), found.string());
+    params::set(stringParameter("ALL_INSTALL_PATH"), found.string());
     return found;
 }
 
@@ -171,11 +162,8 @@ std::string installPath() {
     auto& stored = stringParameter(simNames().pathParameter);
     // A path stored with its Community folder (as a user types it) means the folder above.
     const std::string cut = withoutCommunity(stored.value);
-    if (cut != stored.value && isPackagesFolder(cut)) stored.value = cut;
-    if (!stored.value.empty() && isPackagesFolder(stored.value)) {
-        params::gParams.MSFS_PATH = stored.value;
-        return stored.value;
-    }
+    if (cut != stored.value && isPackagesFolder(cut)) params::set(stored, cut);
+    if (!stored.value.empty() && isPackagesFolder(stored.value)) return stored.value;
     return detectInstallPath().string();
 }
 
@@ -192,10 +180,8 @@ std::string typedInstallPath(const std::string& typed) {
     if (!exists) return fmt::format("This install path does not exist: {}", text);
     if (!isDirectory(path / "Community")) return "This path exists but is not a path to Community ...";
     if (!isPackagesFolder(path)) return "This path does not contain a valid Community folder (unexpected).";
-    stringParameter(simNames().pathParameter).value = path.string();
-    stringParameter("ALL_INSTALL_PATH").value = path.string();
-    params::gParams.MSFS_PATH = path.string();
-    saveAll();
+    params::set(stringParameter(simNames().pathParameter), path.string());
+    params::set(stringParameter("ALL_INSTALL_PATH"), path.string());
     core::log(fmt::format("Community path found, {} will restart ...", core::kAppName));
     core::requestStop(core::ExitReason::NewSettings, 3);
     return {};
@@ -203,17 +189,14 @@ std::string typedInstallPath(const std::string& typed) {
 
 void switchSimulator() {
     auto& choice = stringParameter("SIM_CHOICE");
-    choice.value = msfs2020Selected() ? "MSFS 2024" : "MSFS 2020";
+    params::set(choice, msfs2020Selected() ? "MSFS 2024" : "MSFS 2020");
     std::error_code ec;
     fs::remove(core::gPaths.programFolder / "output" / params::names::kLiveriesScanned, ec);
     for (const char* name : {"SCAN_AIRPORTS", "SCAN_LIVERIES"})
-        if (auto* p = dynamic_cast<params::BoolParameter*>(params::findParameter(name))) p->value = true;
-    params::gParams.SCAN_AIRPORTS = true;
-    params::gParams.SCAN_LIVERIES = true;
+        params::set(params::parameter<params::BoolParameter>(name), true);
     core::message(fmt::format("Switching MSFS version in {}", core::kAppName), true);
-    stringParameter("ALL_INSTALL_PATH").value.clear();
-    if (!msfs2020Selected()) stringParameter("MYSIMADDON24_VERSION").value.clear();
-    saveAll();
+    params::set(stringParameter("ALL_INSTALL_PATH"), "");
+    if (!msfs2020Selected()) params::set(stringParameter("MYSIMADDON24_VERSION"), "");
     core::requestStop(core::ExitReason::NewSettings, 3);
 }
 
