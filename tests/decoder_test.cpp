@@ -386,7 +386,7 @@ TEST_F(Decoder, RecordedLinesAllDecodeAndTheFiltersCountRight) {
         SCOPED_TRACE(std::string(c.file) + " range " + std::to_string(c.range));
         const auto lines = recording(c.file);
         ASSERT_EQ(lines.size(), c.lines);
-        params::gParams.RANGE = c.range;
+        params::gParams.radiusNm = c.range;
         auto reader = std::make_unique<TrafficReader>();
         reader->setArea({c.airport, c.elevation, c.airport});
         std::size_t inRange = 0, groundFar = 0;

@@ -9,7 +9,9 @@
 
 #include "emulator.h"
 #include "params/params.h"
+#include "parking/parking.h"
 #include "refdata/refdata.h"
+#include "run/run.h"
 #include "sim/sim.h"
 #include "support.h"
 
@@ -49,8 +51,10 @@ class SimClientTest : public testing::Test {
     void start(emu::Config config) {
         config.frameRate = 50;
         config.airports = {{"KMSP", 44.882, -93.2218, 841}};
-        config.user.latitude = 44.882;
-        config.user.longitude = -93.2218;
+        if (config.user.latitude == 0 && config.user.longitude == 0) {
+            config.user.latitude = 44.882;
+            config.user.longitude = -93.2218;
+        }
         emulator = std::make_unique<emu::Emulator>(config);
         server = std::make_unique<emu::Server>(*emulator);
         ASSERT_EQ(server->start("127.0.0.1", 0), "");
@@ -204,6 +208,68 @@ TEST_F(SimClientTest, NewFlightsEndTheRunWithReasonTwo) {
             EXPECT_FALSE(core::gRun.stopRequested.load());
         }
     }
+}
+
+TEST(AutoRadius, FollowsHeightAndAirportDistance) {
+    params::gParams.reset();
+    struct Case {
+        bool onGround;
+        double altitudeFt;
+        std::optional<double> nearestNm;
+        int radius;
+    } cases[] = {{true, 40000, 100, 10},  {false, 48001, 3, 100},  {false, 48000, 3, 40},
+                 {false, 18001, 3, 40},   {false, 18000, 3, 10},   {false, 5000, std::nullopt, 40},
+                 {false, 5000, 7, 10},    {false, 5000, 8, 8},     {false, 5000, 9.4, 10},
+                 {false, 5000, 12.4, 12}, {false, 5000, 12.6, 14}, {false, 5000, 17, 18},
+                 {false, 5000, 19, 20},   {false, 5000, 22, 20},   {false, 5000, 23, 25},
+                 {false, 5000, 32, 30},   {false, 5000, 33, 35},   {false, 5000, 36.4, 35},
+                 {false, 5000, 37, 40}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(
+            fmt::format("ground {} alt {} nearest {}", c.onGround, c.altitudeFt, c.nearestNm.value_or(-1)));
+        EXPECT_EQ(run::autoRadiusNm(c.onGround, c.altitudeFt, c.nearestNm), c.radius);
+    }
+    params::gParams.AR_ABOVE_HEIGHT = 18000; // each height read from its own setting
+    EXPECT_EQ(run::autoRadiusNm(false, 18001, 3), 100);
+    params::gParams.AIRP_HEIGHT = 2000;
+    EXPECT_EQ(run::autoRadiusNm(false, 2001, 3), 40);
+    params::gParams.reset();
+}
+
+// The radius the decoder and the in-range request use follows the user and the listed airports.
+TEST_F(SimClientTest, AutoRadiusIsAppliedFromTheUserAndTheListedAirports) {
+    fs::create_directories(dir / "airports");
+    ASSERT_GT(refdata::loadAirports(test::shippedCopy("airports.enc", dir.path())), 0u);
+    test::writeBytes(dir / "airports" / "my_park_airports.txt", "KMSP,G11\n\nkmsp\nKMSP\nZZZZ\nEHAM,D4,x\n");
+    ASSERT_TRUE(parking::readMyParkAirports());
+    EXPECT_TRUE(log.contains("my_park_airports.txt:3 wrong syntax, skipped"));
+    EXPECT_TRUE(log.contains("my_park_airports.txt:4 double, skipped"));
+    EXPECT_TRUE(log.contains("my_park_airports.txt:5 airport ZZZZ is unknown"));
+    EXPECT_TRUE(log.contains("my_park_airports.txt:6 wrong syntax, skipped"));
+    ASSERT_EQ(parking::parkAirports().size(), 1u);
+    EXPECT_EQ(parking::parkAirports()[0].reservedStand, "G11");
+
+    // 12 nm north of KMSP at 5,000 ft.
+    emu::Config config;
+    config.user.altitudeFt = 5000;
+    config.user.latitude = 45.082;
+    config.user.longitude = -93.2218;
+    config.user.path = {{45.082, -93.2218, 5000}};
+    start(config);
+    connectAndReadUser();
+    params::gParams.radiusNm = 40;
+    run::applyRange();
+    EXPECT_EQ(params::gParams.radiusNm, 12);
+    params::gParams.AUTO_RANGE = false; // off: the radius the user chose
+    run::applyRange();
+    EXPECT_EQ(params::gParams.radiusNm, params::parameter<params::IntParameter>("RANGE").value);
+    params::gParams.AUTO_RANGE = true;
+    test::writeBytes(dir / "airports" / "my_park_airports.txt", "");
+    ASSERT_TRUE(parking::readMyParkAirports());
+    run::applyRange();
+    EXPECT_EQ(params::gParams.radiusNm, 40) << "no listed airport counts as far away";
+    refdata::clearAirports();
+    params::gParams.reset();
 }
 
 TEST_F(SimClientTest, RecognitionOfTheSimulator) {

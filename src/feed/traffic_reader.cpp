@@ -194,7 +194,8 @@ bool TrafficReader::readPlace(TrafficSample& s) {
     if (!(lat >= -90.0 && lat <= 90.0) || !(lon >= -180.0 && lon <= 180.0) ||
         (std::fabs(lat) <= 0.0001 && std::fabs(lon) <= 0.0001))
         throw std::runtime_error(fmt::format("invalid lalo: {}", fmt::format("{:.6f},{:.6f}", lat, lon)));
-    if (core::distanceNm(area.reference, {lat, lon}) > params::gParams.RANGE.load(std::memory_order_relaxed))
+    if (core::distanceNm(area.reference, {lat, lon}) >
+        params::gParams.radiusNm.load(std::memory_order_relaxed))
         return false;
     if (f[kRegistration].size() > kMaxRegistration) return false;
     s.latitude = lat;

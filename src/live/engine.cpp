@@ -671,7 +671,7 @@ void handleAddingStack() {
 
 void poll() {
     auto& e = gEngine;
-    if (e.tick % 20 == 0) sim::requestInRange(params::gParams.RANGE.load(std::memory_order_relaxed));
+    if (e.tick % 20 == 0) sim::requestInRange(params::gParams.radiusNm.load(std::memory_order_relaxed));
     if (e.tick % 100 == 0) {
         e.user = sim::requestUserPosition();
         e.userKnown = std::fabs(e.user.latitude) > 0.0001 || std::fabs(e.user.longitude) > 0.0001;
@@ -1021,7 +1021,7 @@ bool noNewData(LiveAc& ac) {
     std::int32_t n;
     if (!ac.onGround) {
         if (gEngine.userKnown &&
-            distanceToUser(ac) >= params::gParams.RANGE.load(std::memory_order_relaxed) - 0.5)
+            distanceToUser(ac) >= params::gParams.radiusNm.load(std::memory_order_relaxed) - 0.5)
             return false;
         if (params::gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed))
             n = std::fabs(ac.alt - (currentAirport() ? currentAirport()->elevation : 0.0)) <= 1000.0 ? 0 : 8;

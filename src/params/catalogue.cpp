@@ -262,6 +262,7 @@ int portNumber(const std::string& text) {
 
 void Parameters::takeFromCatalogue() {
     for (const auto& e : mirrorTable(*this)) copy(e);
+    radiusNm = RANGE.load();
     PORT_NUMBER = portNumber(catalogue().PORT_NUMBER.value);
 }
 

@@ -7,6 +7,7 @@ Parameters gParams;
 void Parameters::reset() {
     RANGE = 40;
     AUTO_RANGE = true;
+    radiusNm = 40;
     AR_ABOVE_HEIGHT = 48000;
     AIRP_HEIGHT = 18000;
     AIRBORNE_ONLY = false;

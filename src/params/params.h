@@ -18,6 +18,7 @@ struct Parameter;
 struct Parameters {
     std::atomic<int> RANGE{40};              // traffic radius, nautical miles
     std::atomic<bool> AUTO_RANGE{true};      // radius follows height and airport distance
+    std::atomic<int> radiusNm{40};           // the radius in use: RANGE, or the automatic one
     std::atomic<int> AR_ABOVE_HEIGHT{48000}; // feet: above it the automatic radius is 100 nm
     std::atomic<int> AIRP_HEIGHT{18000};     // feet: above it airports are out of sight
     std::atomic<bool> AIRBORNE_ONLY{false};

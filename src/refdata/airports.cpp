@@ -109,6 +109,15 @@ bool airportKnown(const AirportCode& code) {
     return directory.known.contains(code);
 }
 
+const AirportRecord* airportRecord(const AirportCode& code) {
+    const auto& st = directory.store;
+    const auto it =
+        std::lower_bound(st.begin(), st.end(), code, [](const AirportRecord& r, const AirportCode& c) {
+            return r.code.bytes() < c.bytes();
+        });
+    return it != st.end() && it->code == code ? &*it : nullptr;
+}
+
 const AirportRecord* airportByName(std::string_view text) {
     const std::string prefix = core::toUpper(text.substr(0, 4));
     for (const auto& r : directory.store)

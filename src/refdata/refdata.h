@@ -162,6 +162,7 @@ std::size_t parseAirportsXml(const std::filesystem::path& plain);
 void clearAirports();
 
 bool airportKnown(const AirportCode& code);
+const AirportRecord* airportRecord(const AirportCode& code); // null when not in the directory
 const AirportRecord* airportByName(std::string_view text);
 const AirportRecord* airportInText(std::string_view text);
 const std::vector<AirportRecord>& airports();

@@ -1,9 +1,15 @@
 // The user's position on its way from the SimClient to the feed and the engine.
+#include <algorithm>
+#include <cmath>
 #include <optional>
+
+#include <fmt/format.h>
 
 #include "core/geo.h"
 #include "feed/feed.h"
 #include "live/live.h"
+#include "params/params.h"
+#include "parking/parking.h"
 #include "refdata/refdata.h"
 #include "run/run.h"
 #include "sim/sim.h"
@@ -34,6 +40,35 @@ void copyUserPositionForReaders() {
             live::AirportPlace{current->latitude, current->longitude, current->elevation});
     else
         live::setCurrentAirport(std::nullopt);
+}
+
+int autoRadiusNm(bool onGround, double altitudeFt, std::optional<double> nearestNm) {
+    if (onGround) return 10;
+    if (altitudeFt > params::gParams.AR_ABOVE_HEIGHT.load()) return 100;
+    if (altitudeFt > params::gParams.AIRP_HEIGHT.load()) return 40;
+    const double d = nearestNm.value_or(10000.0);
+    if (d <= 7) return 10;
+    if (d >= 37) return 40;
+    const int n = static_cast<int>(std::lround(d));
+    constexpr std::pair<int, int> kFromNm[] = {{33, 35}, {28, 30}, {23, 25}, {19, 20}, {17, 18},
+                                               {15, 16}, {13, 14}, {11, 12}, {9, 10},  {8, 8}};
+    for (const auto& [from, radius] : kFromNm)
+        if (n >= from) return radius;
+    return 8;
+}
+
+void applyRange() {
+    const auto& range = params::parameter<params::IntParameter>("RANGE");
+    int radius = range.value;
+    if (params::gParams.AUTO_RANGE) {
+        const auto user = sim::userPosition();
+        if (!user) return;
+        const auto nearest = parking::refreshDistances({user->latitude, user->longitude});
+        radius =
+            std::clamp(autoRadiusNm(user->onGround, user->altitude, nearest), range.minimum, range.maximum);
+    }
+    if (params::gParams.radiusNm.exchange(radius) != radius)
+        core::log(fmt::format("traffic radius {} nm{}", radius, params::gParams.AUTO_RANGE ? " (auto)" : ""));
 }
 
 void sendUserPositionToRealTraffic() {

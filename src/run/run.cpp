@@ -133,6 +133,7 @@ bool startThreads() {
     };
     if (!waitFor(positionKnown, 500ms)) return false;
     if (!waitFor([] { return sim::userTitleKnown(); }, 200ms)) return false;
+    applyRange();
 
     if (!core::gRun.realTrafficInstalled || params::gParams.AEROWINX) core::gRun.realTrafficNeeded = false;
     if (core::gRun.realTrafficNeeded && !params::gParams.AEROWINX) {
@@ -179,6 +180,7 @@ void startUpORVL() {
                 core::log(fmt::format("{} liveries, {} airport files", liveries::count(),
                                       scan::airportFileCount()));
                 if (!sim::createFlightPlanFolder()) core::log("live aircraft fly without flight plan files");
+                if (!parking::readMyParkAirports()) core::log("the park airports list was not read");
                 if (parking::checkParkAirports()) core::log("park airports and stands are okay");
                 ui::enableControls();
                 if (!params::gParams.DESTINATION.empty()) {
@@ -315,6 +317,7 @@ void every30Seconds() {
             parking::recalculate();
         }
     }
+    if (params::gParams.AUTO_RANGE) applyRange();
     if (params::gParams.OBJECTID_LIST) live::writeObjectIdList();
     if (c % 1200 == 0) refdata::writeUnknownLists();
     if (c % 86400 == 0) core::gRun.secondsCounter = 0;

@@ -55,6 +55,10 @@ void versionStep(const fs::path& parametersFile);
 // position and the time to RealTraffic.
 void copyUserPositionForReaders();
 void sendUserPositionToRealTraffic();
+// The traffic radius: RANGE, or with AUTO_RANGE one that follows the user's height and the
+// distance to the nearest listed park airport (none: 10000 nm).
+int autoRadiusNm(bool onGround, double altitudeFt, std::optional<double> nearestNm);
+void applyRange(); // at the start of the traffic, every 30 s and when AUTO_RANGE or RANGE change
 void sendTimeToRealTraffic();
 
 // What the loop ran, for tests and diagnosis; empty in normal runs.
