@@ -467,6 +467,93 @@ class InstallTest : public testing::Test {
     test::LogCapture log;
 };
 
+TEST_F(InstallTest, SimConnectXmlGivesTheSimulatorsAddress) {
+    const fs::path file = dir / "SimConnect.xml";
+    const auto doc = [](const std::string& comms) {
+        return R"(<?xml version="1.0" encoding="Windows-1252"?><SimBase.Document Type="SimConnect" version="1,0">)"
+               "<Descr>SimConnect Server Configuration</Descr>" +
+               comms + "</SimBase.Document>";
+    };
+    const auto comm = [](const char* protocol, const char* address, const char* port, const char* more = "") {
+        return fmt::format("<SimConnect.Comm><Protocol>{}</Protocol><Scope>global</Scope>{}<Port>{}</Port>{}"
+                           "</SimConnect.Comm>",
+                           protocol, address, port, more);
+    };
+    struct Case {
+        const char* name;
+        std::optional<std::string> text; // none: no file
+        std::string host;                // empty: an error that holds `says`
+        int port;
+        const char* says;
+    };
+    const Case cases[] = {
+        {"pipe then IPv4", doc(comm("Pipe", "", "") + comm("IPv4", "<Address>192.168.1.20</Address>", "500")),
+         "192.168.1.20", 500, ""},
+        {"every address is this one", doc(comm("ipv4", "<Address>0.0.0.0</Address>", " 4711 ")), "127.0.0.1",
+         4711, ""},
+        {"no address", doc(comm("IPv4", "", "500")), "127.0.0.1", 500, ""},
+        {"disabled entry skipped",
+         doc(comm("IPv4", "", "500", "<Disabled>True</Disabled>") + comm("IPv4", "", "501")), "127.0.0.1",
+         501, ""},
+        {"IPv6 only", doc(comm("IPv6", "<Address>::1</Address>", "500")), "", 0,
+         "has no IPv4 SimConnect.Comm entry: add <SimConnect.Comm>"},
+        {"bad port", doc(comm("IPv4", "", "70000") + comm("IPv4", "", "5x")), "", 0, "has no IPv4"},
+        {"broken", std::string("<SimBase.Document><SimConnect.Comm>"), "", 0, "is not valid XML"},
+        {"missing", std::nullopt, "", 0, "found: create it with <SimBase.Document"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        fs::remove(file);
+        if (c.text) test::writeBytes(file, *c.text);
+        const auto r = sim::readSimConnectXml(file);
+        if (c.host.empty()) {
+            ASSERT_TRUE(std::holds_alternative<std::string>(r));
+            EXPECT_NE(std::get<std::string>(r).find(c.says), std::string::npos) << std::get<std::string>(r);
+            EXPECT_NE(std::get<std::string>(r).find(file.string()), std::string::npos) << "says where";
+        } else {
+            ASSERT_TRUE(std::holds_alternative<sim::SimEndpoint>(r));
+            EXPECT_EQ(std::get<sim::SimEndpoint>(r).host, c.host);
+            EXPECT_EQ(std::get<sim::SimEndpoint>(r).port, c.port);
+        }
+    }
+}
+
+// Without --sim the client reads the file beside UserCfg.opt, says once what is missing, and keeps trying.
+TEST_F(InstallTest, WithoutSimOptionTheClientFindsTheSimulatorThroughItsFiles) {
+    const std::string savedHost = core::gOptions.simHost;
+    core::gOptions.simHost.clear();
+    emu::Config config;
+    config.airports = {{"KMSP", 44.882, -93.2218, 841}};
+    config.user.latitude = 44.882;
+    config.user.longitude = -93.2218;
+    emu::Emulator emulator(config);
+    emu::Server server(emulator);
+    ASSERT_EQ(server.start("127.0.0.1", 0), "");
+    const fs::path folder = roaming() / "Microsoft Flight Simulator";
+    fs::create_directories(folder);
+    test::writeBytes(folder / "UserCfg.opt", "InstalledPackagesPath \"C:\\MSFS\"\n");
+    test::writeBytes(folder / "SimConnect.xml", "<SimBase.Document Type=\"SimConnect\"/>");
+    core::gRun.reset();
+    sim::reset();
+    sim::setApiFactory({});
+    sim::startClient();
+    ASSERT_TRUE(eventually([&] { return log.contains("has no IPv4 SimConnect.Comm entry"); }));
+    std::this_thread::sleep_for(1500ms); // a few more attempts say nothing new
+    EXPECT_EQ(log.count("has no IPv4 SimConnect.Comm entry"), 1u);
+    EXPECT_FALSE(core::gRun.simRunning.load());
+    test::writeBytes(
+        folder / "SimConnect.xml",
+        fmt::format("<SimBase.Document><SimConnect.Comm><Protocol>IPv4</Protocol><Address>0.0.0.0"
+                    "</Address><Port>{}</Port></SimConnect.Comm></SimBase.Document>",
+                    server.port()));
+    EXPECT_TRUE(eventually([] { return core::gRun.simRunning.load(); })) << "found once the user fixed it";
+    sim::stopClient();
+    server.stop();
+    sim::reset();
+    core::gRun.reset();
+    core::gOptions.simHost = savedHost;
+}
+
 TEST_F(InstallTest, DetectionFindsThePackagesFolder) {
     struct Case {
         const char* name;

@@ -83,6 +83,12 @@ class LogCapture {
         return readBytes(dir_ / "Log.txt");
     }
     bool contains(const std::string& s) { return text().find(s) != std::string::npos; }
+    std::size_t count(const std::string& s) {
+        const std::string t = text();
+        std::size_t n = 0;
+        for (auto at = t.find(s); at != std::string::npos; at = t.find(s, at + s.size())) ++n;
+        return n;
+    }
 
   private:
     TempDir dir_;

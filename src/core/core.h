@@ -120,9 +120,9 @@ extern Paths gPaths;
 struct Options {
     bool production = true;
     bool productionGiven = false;
-    fs::path home;                     // the program folder, if not the install folder
-    std::string simHost = "127.0.0.1"; // the simulator's SimConnect on TCP
-    std::uint16_t simPort = 50500;
+    fs::path home;       // the program folder, if not the install folder
+    std::string simHost; // the simulator's SimConnect on TCP; empty: from its SimConnect.xml
+    std::uint16_t simPort = 0;
     fs::path appData, localAppData; // stand-ins for Windows' known folders; empty: the defaults
     int stopAfterSeconds = 0;       // close as the user would after this many seconds (0: never)
     bool status = false;            // print a status line to the terminal every few seconds

@@ -96,8 +96,8 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
                    "the program folder (data files, airports, output); default: the folder "
                    "of the executable");
     app.add_option("--sim", sim,
-                   "HOST:PORT where the simulator's SimConnect listens on TCP (127.0.0.1:50500, "
-                   "where orvelline-simemu listens)");
+                   "HOST:PORT where the simulator's SimConnect listens on TCP (default: the IPv4 "
+                   "entry of the SimConnect.xml beside the simulator's UserCfg.opt)");
     app.add_option("--appdata", out.appData,
                    "the folder that stands for Windows' %APPDATA% when looking for the "
                    "simulator's UserCfg.opt (default: in Steam's Proton prefix)");

@@ -159,6 +159,7 @@ struct ThreadState {
     std::optional<core::LatLon> areaSearchedAt; // where the airport around the user was last looked for
     std::vector<PendingCreation> pendingCreations;
     std::vector<DWORD> addedObjects;
+    std::string endpointProblem; // why the simulator cannot be reached, as last said
 };
 ThreadState ts;
 std::unique_ptr<Api> simApi; // the SimConnect handle: made, used and dropped on the client thread
@@ -622,9 +623,23 @@ void closeConnection() {
 std::unique_ptr<Api> makeApi() {
     const bool protocol2024 = !msfs2020Selected() && !ts.protocol2020;
     if (apiFactory) return apiFactory(protocol2024);
-    return makeNetworkClient([host = core::gOptions.simHost, port = core::gOptions.simPort](
-                                 std::string& error) { return connectTcp(host, port, error); },
-                             protocol2024 ? kProtocolMsfs2024 : kProtocolMsfs2020);
+    return makeNetworkClient(
+        [](std::string& error) -> std::unique_ptr<Transport> {
+            const auto where = simConnectEndpoint();
+            if (const auto* why = std::get_if<std::string>(&where)) {
+                error = *why;
+                // Said once per change: the client asks again every pass until the user fixes it.
+                if (*why != ts.endpointProblem) {
+                    ts.endpointProblem = *why;
+                    core::message(*why, true);
+                }
+                return nullptr;
+            }
+            ts.endpointProblem.clear();
+            const auto& e = std::get<SimEndpoint>(where);
+            return connectTcp(e.host, e.port, error);
+        },
+        protocol2024 ? kProtocolMsfs2024 : kProtocolMsfs2020);
 }
 
 // A try-lock for the operations other threads call: they never wait for the frame handler.

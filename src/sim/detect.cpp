@@ -1,7 +1,10 @@
 // Where the simulator keeps its packages. MSFS writes the path in UserCfg.opt, which lies in a
 // different place for each way the simulator was bought; on Linux these places are inside the
 // Proton prefix that Steam made for the simulator, unless --appdata/--localappdata say otherwise.
+#include <charconv>
+
 #include <fmt/format.h>
+#include <pugixml.hpp>
 
 #include "core/core.h"
 #include "params/params.h"
@@ -82,7 +85,7 @@ void setKnownFolders(std::optional<KnownFolders> folders) {
     configured = std::move(folders);
 }
 
-fs::path findUserCfg() {
+fs::path findUserCfg(bool logMissing) {
     const auto k = knownFolders();
     const auto n = simNames();
     const fs::path places[] = {
@@ -95,9 +98,64 @@ fs::path findUserCfg() {
     for (const auto& p : places) {
         std::error_code ec;
         if (fs::exists(p, ec)) return p;
-        core::log(fmt::format("MSFS detection, not found: {}", p.string()));
+        if (logMissing) core::log(fmt::format("MSFS detection, not found: {}", p.string()));
     }
     return {};
+}
+
+namespace {
+
+constexpr const char* kCommBlock = "<SimConnect.Comm><Descr>Static IP4 port</Descr><Protocol>IPv4</Protocol>"
+                                   "<Scope>local</Scope><Address>127.0.0.1</Address><Port>500</Port>"
+                                   "</SimConnect.Comm>";
+
+std::string childText(pugi::xml_node n, const char* name) {
+    return core::trim(n.child_value(name));
+}
+
+} // namespace
+
+std::variant<SimEndpoint, std::string> readSimConnectXml(const fs::path& file) {
+    constexpr std::uintmax_t kMaxBytes = 1 << 20; // a real one is a few hundred bytes
+    std::error_code ec;
+    if (!fs::exists(file, ec))
+        return fmt::format("No {} found: create it with <SimBase.Document Type=\"SimConnect\" "
+                           "version=\"1,0\">{}</SimBase.Document> and restart the simulator, or start {} "
+                           "with --sim HOST:PORT",
+                           file.string(), kCommBlock, core::kAppName);
+    const auto size = fs::file_size(file, ec);
+    if (ec || size > kMaxBytes) return fmt::format("{} is not readable or too large", file.string());
+    pugi::xml_document doc;
+    if (const auto r = doc.load_file(file.c_str()); !r)
+        return fmt::format("{} is not valid XML ({} at byte {}): fix it, or start {} with --sim HOST:PORT",
+                           file.string(), r.description(), r.offset, core::kAppName);
+    for (const auto comm : doc.document_element().children("SimConnect.Comm")) {
+        if (!core::iequals(childText(comm, "Protocol"), "IPv4")) continue;
+        if (core::iequals(childText(comm, "Disabled"), "true")) continue;
+        int port = 0;
+        const std::string portText = childText(comm, "Port");
+        const auto [end, err] = std::from_chars(portText.data(), portText.data() + portText.size(), port);
+        if (err != std::errc{} || end != portText.data() + portText.size() || port < 1 || port > 65535)
+            continue;
+        std::string host = childText(comm, "Address");
+        // An entry for every address is reached on this machine's own.
+        if (host.empty() || host == "0.0.0.0") host = "127.0.0.1";
+        return SimEndpoint{host, static_cast<std::uint16_t>(port)};
+    }
+    return fmt::format("{} has no IPv4 SimConnect.Comm entry: add {} inside <SimBase.Document> and restart "
+                       "the simulator, or start {} with --sim HOST:PORT",
+                       file.string(), kCommBlock, core::kAppName);
+}
+
+std::variant<SimEndpoint, std::string> simConnectEndpoint() {
+    if (!core::gOptions.simHost.empty()) return SimEndpoint{core::gOptions.simHost, core::gOptions.simPort};
+    const fs::path cfg = findUserCfg(false);
+    if (cfg.empty())
+        return fmt::format(
+            "The simulator's UserCfg.opt was not found, so neither was its SimConnect.xml: start "
+            "{} with --sim HOST:PORT",
+            core::kAppName);
+    return readSimConnectXml(cfg.parent_path() / "SimConnect.xml");
 }
 
 fs::path steamPackagesPath() {

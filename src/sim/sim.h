@@ -225,7 +225,15 @@ struct KnownFolders {
 KnownFolders knownFolders();
 void setKnownFolders(std::optional<KnownFolders> folders); // nullopt: the defaults
 
-std::filesystem::path findUserCfg();
+std::filesystem::path findUserCfg(bool logMissing = true);
+// Where the simulator's SimConnect listens: --sim, else the IPv4 entry of the SimConnect.xml beside
+// UserCfg.opt. Without one, a text that says what to add and where.
+struct SimEndpoint {
+    std::string host;
+    std::uint16_t port = 0;
+};
+std::variant<SimEndpoint, std::string> simConnectEndpoint();
+std::variant<SimEndpoint, std::string> readSimConnectXml(const std::filesystem::path& file);
 std::filesystem::path steamPackagesPath();
 std::filesystem::path installedPackagesPath();
 bool isPackagesFolder(const std::filesystem::path& path);
