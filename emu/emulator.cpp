@@ -605,7 +605,12 @@ struct Emulator::Impl {
         auto* o = own(id, p.objectId);
         if (!o) return exception(c, SIMCONNECT_EXCEPTION_ILLEGAL_OPERATION, h.sendId, 1);
         std::error_code ec;
-        const std::string path(p.flightPlanPath);
+        // The simulator runs under Wine here: its Z: drive is the whole file system.
+        std::string path(p.flightPlanPath);
+        if (path.size() > 2 && (path[0] == 'Z' || path[0] == 'z') && path[1] == ':') {
+            path.erase(0, 2);
+            std::replace(path.begin(), path.end(), '\\', '/');
+        }
         if (!std::filesystem::is_regular_file(path, ec) &&
             !std::filesystem::is_regular_file(path + ".pln", ec))
             return exception(c, SIMCONNECT_EXCEPTION_LOAD_FLIGHTPLAN_FAILED, h.sendId, 2);

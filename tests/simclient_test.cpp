@@ -554,6 +554,45 @@ TEST_F(InstallTest, WithoutSimOptionTheClientFindsTheSimulatorThroughItsFiles) {
     core::gOptions.simHost = savedHost;
 }
 
+// The simulator opens plan files by its own path names: Wine's, or a share the user maps.
+TEST_F(InstallTest, FlightPlanPathsAsTheSimulatorSeesThem) {
+    const auto saved = core::gOptions;
+    const fs::path inPrefix = dir / "prefix/drive_c/users/steamuser/AppData/Roaming/Orvelline";
+    struct Case {
+        const char* name;
+        std::string host, mapped;
+        fs::path dataFolder;
+        std::optional<std::string> expected;
+    };
+    const Case cases[] = {
+        {"inside the prefix: drive C", "127.0.0.1", "", inPrefix,
+         "C:\\users\\steamuser\\AppData\\Roaming\\Orvelline\\orig_dest\\11259375.pln"},
+        {"elsewhere: drive Z", "", "", dir / "cfg",
+         "Z:" + dir.path().string() + "/cfg/orig_dest/11259375.pln"},
+        {"a share for a simulator on another PC", "192.168.1.5", "\\\\gamer\\plans", dir / "cfg",
+         "\\\\gamer\\plans\\11259375.pln"},
+        {"another PC without a share", "192.168.1.5", "", dir / "cfg", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        core::gOptions.simHost = c.host;
+        core::gOptions.planFolderForSim = c.mapped;
+        core::gPaths.dataFolder = c.dataFolder;
+        auto expected = c.expected;
+        if (expected && expected->starts_with("Z:"))
+            for (auto& ch : *expected)
+                if (ch == '/') ch = '\\';
+        EXPECT_EQ(sim::planPathForSimulator(sim::planPath(11259375)), expected);
+    }
+    EXPECT_EQ(sim::removeFlightPlanFolder(), "");
+    (void)sim::planPathForSimulator(sim::planPath(1));
+    (void)sim::planPathForSimulator(sim::planPath(2));
+    EXPECT_EQ(log.count("Live aircraft get no flight plans: the simulator at 192.168.1.5"), 2u)
+        << "once per run: the case above and once after the folder went";
+    core::gOptions = saved;
+    core::gPaths.dataFolder = dir.path();
+}
+
 TEST_F(InstallTest, DetectionFindsThePackagesFolder) {
     struct Case {
         const char* name;

@@ -124,6 +124,7 @@ struct Options {
     std::string simHost; // the simulator's SimConnect on TCP; empty: from its SimConnect.xml
     std::uint16_t simPort = 0;
     fs::path appData, localAppData; // stand-ins for Windows' known folders; empty: the defaults
+    std::string planFolderForSim;   // the flight plan folder as a simulator on another PC names it
     int stopAfterSeconds = 0;       // close as the user would after this many seconds (0: never)
     bool status = false;            // print a status line to the terminal every few seconds
     std::uint16_t trafficPort = 49005;

@@ -1144,12 +1144,7 @@ void drainEvents() {
 }
 void writeFlightPlans() {
     auto& e = gEngine;
-    for (const auto& p : e.plansToWrite) {
-        const auto path = sim::planPath(p.hexid);
-        if (!sim::writePlan(path, p) ||
-            (sim::msfs2020Selected() && !sim::setFlightPlan(p.objectId, path.string())))
-            core::log(fmt::format("{} creating a flight plan failed", p.name));
-    }
+    for (const auto& p : e.plansToWrite) sim::loadPlan(p);
     e.plansToWrite.clear();
     for (const auto hexid : e.plansToRemove) {
         std::error_code ec;

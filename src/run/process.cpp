@@ -102,6 +102,9 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
                    "the folder that stands for Windows' %APPDATA% when looking for the "
                    "simulator's UserCfg.opt (default: in Steam's Proton prefix)");
     app.add_option("--localappdata", out.localAppData, "the folder that stands for Windows' %LOCALAPPDATA%");
+    app.add_option("--plan-folder-as", out.planFolderForSim,
+                   "the Windows path under which a simulator on another PC reaches this program's flight "
+                   "plan folder (a share of it); without it such a simulator gets no flight plans");
     app.add_option("--stop-after", stopAfter, "close as the user would, after this many SECONDS");
     app.add_flag("--status", out.status, "print a status line every 5 seconds");
     app.add_option("--traffic-port", trafficPort, "UDP port of the traffic lines (49005)")

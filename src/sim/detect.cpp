@@ -69,6 +69,21 @@ bool isDirectory(const fs::path& p) {
 
 } // namespace
 
+std::string windowsPathOf(const fs::path& path) {
+    const fs::path absolute = fs::absolute(path).lexically_normal();
+    std::string text;
+    for (fs::path p = knownFolders().appData; !p.empty() && p != p.root_path(); p = p.parent_path()) {
+        if (p.filename() != "drive_c") continue;
+        const fs::path inside = absolute.lexically_relative(p);
+        if (!inside.empty() && *inside.begin() != "..") text = "C:/" + inside.generic_string();
+        break;
+    }
+    if (text.empty()) text = "Z:" + absolute.generic_string(); // Wine's drive for the whole file system
+    for (auto& c : text)
+        if (c == '/') c = '\\';
+    return text;
+}
+
 KnownFolders knownFolders() {
     if (configured) return *configured;
     KnownFolders k;

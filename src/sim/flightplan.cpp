@@ -11,20 +11,9 @@ namespace {
 fs::path planFolder() {
     return core::gPaths.dataFolder / "orig_dest";
 }
-} // namespace
 
-bool createFlightPlanFolder() {
-    const fs::path folder = planFolder();
-    std::error_code ec;
-    fs::create_directories(folder, ec);
-    if (ec) core::log(fmt::format("createFlightPlanFolder: {}", ec.message()));
-    const bool exists = fs::exists(folder, ec);
-    if (ec) throw fs::filesystem_error("exists", folder, ec);
-    return exists;
-}
-
-fs::path planPath(std::uint32_t hexid) {
-    return planFolder() / fmt::format("{}.pln", hexid);
+bool isLoopback(std::string_view host) {
+    return host.empty() || host == "localhost" || host == "::1" || host.starts_with("127.");
 }
 
 bool writePlan(const fs::path& path, const PlanAircraft& a) {
@@ -41,6 +30,43 @@ bool writePlan(const fs::path& path, const PlanAircraft& a) {
     return core::writeText(text, path, false);
 }
 
+// Written and read by the worker only: the reason plans are not sent, said once per run.
+bool noPlansSaid = false;
+} // namespace
+
+std::optional<std::string> planPathForSimulator(const fs::path& local) {
+    const std::string& mapped = core::gOptions.planFolderForSim;
+    if (!mapped.empty()) {
+        const bool slash = mapped.ends_with('\\') || mapped.ends_with('/');
+        return mapped + (slash ? "" : "\\") + local.filename().string();
+    }
+    // The simulator runs here under Wine or Proton, or (found through its SimConnect.xml) is here.
+    if (isLoopback(core::gOptions.simHost)) return windowsPathOf(local);
+    if (!noPlansSaid) {
+        noPlansSaid = true;
+        core::log(
+            fmt::format("Live aircraft get no flight plans: the simulator at {} cannot open files of this "
+                        "computer. Share the folder {} and give its path as that PC sees it with "
+                        "--plan-folder-as",
+                        core::gOptions.simHost, planFolder().string()));
+    }
+    return std::nullopt;
+}
+
+bool createFlightPlanFolder() {
+    const fs::path folder = planFolder();
+    std::error_code ec;
+    fs::create_directories(folder, ec);
+    if (ec) core::log(fmt::format("createFlightPlanFolder: {}", ec.message()));
+    const bool exists = fs::exists(folder, ec);
+    if (ec) throw fs::filesystem_error("exists", folder, ec);
+    return exists;
+}
+
+fs::path planPath(std::uint32_t hexid) {
+    return planFolder() / fmt::format("{}.pln", hexid);
+}
+
 void loadPlan(const PlanAircraft& a) {
     if (a.origin.empty() || a.destination.empty()) return;
     fs::path path = planPath(a.hexid);
@@ -50,12 +76,13 @@ void loadPlan(const PlanAircraft& a) {
         return;
     }
     if (!msfs2020Selected()) return; // MSFS 2024 gets the file but no plan on the aircraft
-    // Paths are UTF-8 on this platform, which is the narrow text the simulator takes.
-    if (!setFlightPlan(a.objectId, path.string()))
+    const auto forSim = planPathForSimulator(path);
+    if (forSim && !setFlightPlan(a.objectId, *forSim))
         core::log(fmt::format("{} setting the flight plan failed", a.name));
 }
 
 std::string removeFlightPlanFolder() {
+    noPlansSaid = false;
     std::error_code ec;
     fs::remove_all(planFolder(), ec);
     return ec ? ec.message() : std::string{};

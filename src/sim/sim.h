@@ -254,9 +254,13 @@ struct PlanAircraft {
     std::string origin, destination; // three-letter codes
     std::string name;                // for the log
 };
+// A path of this machine as a simulator under Wine or Proton names it: C: inside its prefix, else Z:.
+std::string windowsPathOf(const std::filesystem::path& path);
+// The plan file as the simulator opens it; none when a simulator on another PC cannot reach it.
+std::optional<std::string> planPathForSimulator(const std::filesystem::path& local);
 [[nodiscard]] bool createFlightPlanFolder();
 std::filesystem::path planPath(std::uint32_t hexid);
-[[nodiscard]] bool writePlan(const std::filesystem::path& path, const PlanAircraft& aircraft);
+// Writes the aircraft's plan file and hands it to the simulator; logs what failed.
 void loadPlan(const PlanAircraft& aircraft);
 [[nodiscard]] std::string removeFlightPlanFolder(); // empty on success, else the reason
 
