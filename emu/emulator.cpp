@@ -756,6 +756,25 @@ void Emulator::moveUser(double latitude, double longitude) {
     impl_->user.altitudeFt = impl_->groundAt(latitude, longitude);
 }
 
+sc::DWORD Emulator::addTraffic(double latitude, double longitude, const std::string& tail) {
+    std::lock_guard lock(impl_->mutex);
+    auto& m = *impl_;
+    ObjectRecord o;
+    o.id = m.nextObjectId++;
+    o.client = -1; // no client may act on it
+    o.title = "Simulator traffic";
+    o.tail = tail;
+    o.createdAt = m.time;
+    o.now = {m.time, latitude, longitude, m.groundAt(latitude, longitude) + m.config.staticCgFt};
+    const sc::DWORD objectId = o.id;
+    m.objects.emplace(objectId, std::move(o));
+    m.toSubscribers("objectadded", [&](sc::DWORD eventId) {
+        return sc::RecvEventObjectAddRemove{sc::SIMCONNECT_UNUSED, eventId, objectId,
+                                            sc::SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT};
+    });
+    return objectId;
+}
+
 void Emulator::quit() {
     std::lock_guard lock(impl_->mutex);
     for (auto& [id, c] : impl_->clients)

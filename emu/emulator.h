@@ -95,6 +95,8 @@ class Emulator {
     void loadFlight(std::string_view path); // "FlightLoaded" with the file name
     void moveUser(double latitude, double longitude);
     void quit(); // QUIT to every client
+    // An aircraft of the simulator's own traffic (no client made it), standing on the ground.
+    sc::DWORD addTraffic(double latitude, double longitude, const std::string& tail);
 
     double now() const;
     std::vector<ObjectRecord> objects() const; // every object made, removed ones too

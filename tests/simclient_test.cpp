@@ -328,27 +328,100 @@ class BusyLock {
 
 // What scenario runs do: the client's loop body and the emulator driven in turn, one thread, no
 // sockets, on simulated time.
-TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
-    emu::Config config;
-    config.titles = {"Airbus A321 Delta"};
-    config.airports = {{"KMSP", 44.882, -93.2218, 841}};
-    config.user.latitude = 44.882;
-    config.user.longitude = -93.2218;
-    emu::Emulator e(config);
-    auto [clientEnd, serverEnd] = sc::makeMemoryPipe();
-    const int id = e.connect([end = serverEnd.get()](sc::Bytes b) { return end->send(b); });
-    sim::setApiFactory([&, once = sc::transportOnce(std::move(clientEnd))](bool protocol2024) {
-        return sc::makeNetworkClient(once, protocol2024 ? sc::kProtocolMsfs2024 : sc::kProtocolMsfs2020);
-    });
-    double t = 0;
-    std::uint8_t buf[8192];
-    const auto pass = [&] {
+struct MemorySim {
+    explicit MemorySim(emu::Config config) : e(std::move(config)) {
+        auto [clientEnd, end] = sc::makeMemoryPipe();
+        serverEnd = std::move(end);
+        id = e.connect([end = serverEnd.get()](sc::Bytes b) { return end->send(b); });
+        sim::setApiFactory([once = sc::transportOnce(std::move(clientEnd))](bool protocol2024) {
+            return sc::makeNetworkClient(once, protocol2024 ? sc::kProtocolMsfs2024 : sc::kProtocolMsfs2020);
+        });
+    }
+    ~MemorySim() { sim::setApiFactory({}); }
+    sim::Pass pass() {
         const auto p = sim::pollOnce();
         for (long n; (n = serverEnd->receive(buf, sizeof buf, 0)) > 0;)
             e.receive(id, sc::Bytes(buf, static_cast<std::size_t>(n)));
         e.advanceTo(t += 0.01);
         return p;
-    };
+    }
+    std::vector<sim::SimEvent> events() {
+        std::vector<sim::SimEvent> out;
+        sim::takeEvents(out);
+        return out;
+    }
+    emu::Emulator e;
+    std::unique_ptr<sc::Transport> serverEnd;
+    int id = 0;
+    double t = 0;
+    std::uint8_t buf[8192];
+};
+
+emu::Config atKmsp() {
+    emu::Config config;
+    config.titles = {"Airbus A321 Delta"};
+    config.airports = {{"KMSP", 44.882, -93.2218, 841}};
+    config.user.latitude = 44.882;
+    config.user.longitude = -93.2218;
+    return config;
+}
+
+// Until the user's id is known every object may be the simulator's own: none is taken.
+TEST_F(SimClientTest, ObjectsBeforeTheUsersIdAreDropped) {
+    MemorySim m(atKmsp());
+    EXPECT_EQ(m.pass(), sim::Pass::Connected);
+    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    const auto early = m.e.addTraffic(44.883, -93.222, "N123AB");
+    sim::requestInRange(40);
+    m.pass(), m.pass(), m.pass();
+    EXPECT_TRUE(m.events().empty()) << "dropped while the user's id is unknown";
+    sim::requestUserOnGround();
+    for (int i = 0; i < 5 && !sim::userTitleKnown(); ++i) m.pass();
+    ASSERT_NE(sim::userObjectId(), 0u);
+    sim::requestInRange(40);
+    m.pass(), m.pass(), m.pass();
+    const auto events = m.events();
+    ASSERT_EQ(events.size(), 1u);
+    ASSERT_TRUE(std::holds_alternative<sim::ForeignInRange>(events[0]));
+    EXPECT_EQ(std::get<sim::ForeignInRange>(events[0]).objectId, early) << "taken as foreign traffic now";
+    EXPECT_FALSE(log.contains("just spawned, but not by"));
+}
+
+TEST_F(SimClientTest, CameraPodsAndBoatsAreNoAircraft) {
+    ASSERT_TRUE(refdata::loadDbase(test::shippedCopy("dbase.enc", dir.path())));
+    for (const auto& [model, notAircraft] :
+         {std::pair{"TT:ATCCOM.AC_MODEL_A20N.0.text", false}, {"camerapod", true}, {"Crew Vessel 2", true}}) {
+        SCOPED_TRACE(model);
+        sim::reset();
+        auto config = atKmsp();
+        config.user.atcModel = model;
+        MemorySim m(config);
+        m.pass();
+        for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+        sim::requestUserOnGround();
+        for (int i = 0; i < 10 && sim::userModel().empty(); ++i) m.pass();
+        ASSERT_FALSE(sim::userModel().empty());
+        EXPECT_EQ(sim::userIsNotAnAircraft(), notAircraft);
+    }
+}
+
+// A quit message ends the run for the simulator's close at once, even with the socket left open.
+TEST_F(SimClientTest, QuitAloneEndsTheRunWithReasonOne) {
+    MemorySim m(atKmsp());
+    EXPECT_EQ(m.pass(), sim::Pass::Connected);
+    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    m.e.quit();
+    m.pass();
+    EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimWasClosed);
+    EXPECT_EQ(m.pass(), sim::Pass::End);
+    EXPECT_TRUE(log.contains("Flight Simulator no longer connected"));
+}
+
+TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
+    MemorySim m(atKmsp());
+    auto& e = m.e;
+    double& t = m.t;
+    const auto pass = [&] { return m.pass(); };
     ASSERT_GT(refdata::loadAirports(test::shippedCopy("airports.enc", dir.path())), 0u);
     EXPECT_EQ(pass(), sim::Pass::Connected);
     for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) pass();
@@ -397,11 +470,10 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
     EXPECT_NEAR(e.now(), t, 1e-9) << "the emulator ran only on the test's clock";
 
     e.quit();
-    serverEnd->close(); // as the simulator does after QUIT
+    m.serverEnd->close(); // as the simulator does after QUIT
     pass();
     EXPECT_EQ(sim::pollOnce(), sim::Pass::End);
     EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimWasClosed);
-    sim::setApiFactory({});
     refdata::clearAirports();
 }
 

@@ -123,16 +123,24 @@ Texts texts;
 struct UserStatus {
     std::atomic<bool> titleKnown{false}, onGroundKnown{false}, userOnGround{true}, positionKnown{false};
     std::atomic<bool> failed{false}, isConnected{false};
+    std::atomic<bool> notAnAircraft{false}; // a camera pod or a boat: no wing span of its own
     std::atomic<std::int64_t> epoch{0};
     std::atomic<std::uint32_t> userId{0};
     std::atomic<double> halfSpanNm{0};
 
     void reset() {
         titleKnown = false, onGroundKnown = false, userOnGround = true, positionKnown = false, failed = false;
+        notAnAircraft = false;
         epoch = 0, userId = 0, halfSpanNm = 0;
     }
 };
 UserStatus status;
+
+// Objects at or below the user's id are the simulator's own; until that id is known, so is every object.
+bool aboveUser(DWORD objectId) {
+    const std::uint32_t user = status.userId.load();
+    return user != 0 && objectId > user;
+}
 
 // Requests that the worker and the engine ask for: they only mark them, and the client thread
 // sends them on its next pass, so none is lost to a busy lock and nobody else waits for one.
@@ -317,6 +325,7 @@ void onModel(DataReader in) {
     double span = 0;
     if (model.find("camerapod") != std::string::npos || model.find("Crew Vessel") != std::string::npos) {
         core::log("SimConnect: your vehicle is not an aircraft");
+        status.notAnAircraft = true;
         span = refdata::halfSpan(refdata::modelId("E190"));
     } else {
         span = spanOf(model);
@@ -392,7 +401,7 @@ void onUserPosition(DWORD objectId, DataReader in) {
 }
 
 void onInRange(const RecvSimObjectData& m) {
-    if (m.objectId <= status.userId) return;
+    if (!aboveUser(m.objectId)) return;
     DataReader in(m.data);
     const double above = in.f64().value_or(0), ground = in.f64().value_or(0);
     const bool onGround = in.i64().value_or(0) != 0;
@@ -475,9 +484,8 @@ void runWorkLists() {
         return;
     }
     Api& api = *simApi;
-    const DWORD user = status.userId;
     for (const auto& p : shared.positionList) {
-        if (p.objectId <= user) continue;
+        if (!aboveUser(p.objectId)) continue;
         std::array<std::uint8_t, 64> data;
         const double values[8] = {p.latitude, p.longitude, p.pitch,         p.bank,
                                   p.heading,  p.altitude,  p.verticalSpeed, p.airspeed};
@@ -486,7 +494,7 @@ void runWorkLists() {
     }
     shared.positionList.clear();
     for (const auto& c : shared.controlsList) {
-        if (c.objectId <= user) continue;
+        if (!aboveUser(c.objectId)) continue;
         std::array<std::uint8_t, 24> data;
         const double values[3] = {c.spoilers, c.throttle1, c.throttle2};
         std::memcpy(data.data(), values, sizeof values);
@@ -523,7 +531,7 @@ void runWorkLists() {
     }
     shared.createList.clear();
     for (const DWORD id : shared.removeList) {
-        if (id > user) {
+        if (aboveUser(id)) {
             if (api.AIRemoveObject(id, kReqRemove) < 0) {
                 core::log(fmt::format("{} !SimConnect call to remove AI ac from sim failed, id {}?",
                                       core::timeText(), id));
@@ -546,7 +554,8 @@ void dispatch(const Received& m, void*) {
         onOpen(std::get<RecvOpen>(m.body));
         break;
     case SIMCONNECT_RECV_ID_QUIT:
-        core::gRun.simRunning = false;
+        // The simulator says it goes; whether it also closes the socket is its business.
+        if (!ts.quitReceived) lostSimulator();
         ts.quitReceived = true;
         break;
     case SIMCONNECT_RECV_ID_EVENT: {
@@ -562,7 +571,7 @@ void dispatch(const Received& m, void*) {
     case SIMCONNECT_RECV_ID_EVENT_OBJECT_ADDREMOVE: {
         const auto& e = std::get<RecvEventObjectAddRemove>(m.body);
         if (e.objectType != SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT) break;
-        if (e.eventId == kEvObjectAdded && e.data > status.userId)
+        if (e.eventId == kEvObjectAdded && aboveUser(e.data))
             ts.addedObjects.push_back(e.data);
         else if (e.eventId == kEvObjectRemoved)
             post(ObjectRemoved{e.data});
@@ -725,10 +734,10 @@ Pass pollOnce() {
     }
     sendWanted();
     try {
-        if (simApi->CallDispatch(dispatch, nullptr) < 0) {
-            if (!ts.quitReceived)
-                throw std::runtime_error(fmt::format("SimConnect connection lost: {}", simApi->lastError()));
-            lostSimulator();
+        const bool dispatched = simApi->CallDispatch(dispatch, nullptr) >= 0;
+        if (!dispatched && !ts.quitReceived)
+            throw std::runtime_error(fmt::format("SimConnect connection lost: {}", simApi->lastError()));
+        if (ts.quitReceived) {
             closeConnection();
             return Pass::End;
         }
@@ -917,6 +926,10 @@ std::string nearestArea() {
     std::lock_guard lock(textLock);
     return texts.area;
 }
+bool userIsNotAnAircraft() {
+    return status.notAnAircraft;
+}
+
 std::uint32_t userObjectId() {
     return status.userId;
 }
@@ -987,7 +1000,11 @@ void reset() {
     }
     status.reset();
     wanted.reset();
-    if (!clientThread.joinable()) stopToken = false; // a stopped client leaves no token behind
+    if (!clientThread.joinable()) {
+        stopToken = false; // a stopped client leaves no token behind
+        simApi.reset();    // nor a connection of a run that ended without closing it
+        status.isConnected = false;
+    }
     ts = {};
 }
 

@@ -202,6 +202,7 @@ std::string nearestArea();
 // The airport within 5 nm of the user, looked for again when the user has moved half a mile.
 std::optional<refdata::AirportRecord> nearestAirport();
 std::uint32_t userObjectId();
+bool userIsNotAnAircraft(); // the user flies a camera pod or sails a crew vessel
 bool simFailed();
 // What happens when the user leaves the flight or the simulator (the user's stand is kept); set
 // before the client starts.
