@@ -516,3 +516,85 @@ TEST_F(EngineTest, FlightPlanFilesFollowTheAircraft) {
 
 } // namespace
 } // namespace orv::live
+
+namespace orv::live {
+namespace {
+
+TEST_F(EngineTest, RoutesMergeSideBySideAndKeepTheUsersAirport) {
+    struct Case {
+        const char *name, *storedFrom, *storedTo, *from, *to, *userIata;
+        const char *wantFrom, *wantTo;
+        bool backToTaxi;
+    };
+    const Case cases[] = {
+        {"fills an empty side only", "MSP", "", "ORD", "ATL", "", "MSP", "ATL", false},
+        {"fills both when empty", "", "", "MSP", "ATL", "", "MSP", "ATL", false},
+        {"a half route fills its side", "", "ATL", "MSP", "", "", "MSP", "ATL", false},
+        {"a different full route replaces", "MSP", "ATL", "MSP", "DTW", "", "MSP", "DTW", true},
+        {"a half route does not replace", "MSP", "ATL", "ORD", "", "", "MSP", "ATL", false},
+        {"the user's airport stays", "MSP", "ATL", "ORD", "DTW", "MSP", "MSP", "ATL", false},
+        {"another airport does not hold it", "MSP", "ATL", "ORD", "DTW", "ZRH", "ORD", "DTW", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        live::reset();
+        setCurrentAirport(AirportPlace{kMspLat, kMspLon, 841,
+                                       *c.userIata ? refdata::IataCode(c.userIata) : refdata::IataCode()});
+        LiveAc& ac = active(kHex, 2, 200, true);
+        ac.phase = Phase::Parked;
+        const auto code = [](const char* t) { return *t ? refdata::IataCode(t) : refdata::IataCode(); };
+        ac.origin = code(c.storedFrom), ac.destination = code(c.storedTo);
+        auto r = record(110, 0, 0, false);
+        r.origin = code(c.from), r.destination = code(c.to);
+        r.registration = ac.registration; // nothing else changes
+        r.callsign = ac.callsign;
+        EXPECT_TRUE(checkRespawn(ac, r));
+        EXPECT_EQ(ac.origin.view(), c.wantFrom);
+        EXPECT_EQ(ac.destination.view(), c.wantTo);
+        EXPECT_EQ(ac.phase == Phase::Taxi, c.backToTaxi);
+    }
+}
+
+// Each aircraft's route is looked up once, one a second, through the schedule's lookup.
+TEST_F(EngineTest, RouteQueueLooksEachAircraftUpOnce) {
+    int asked = 0;
+    setFlightLookup([&](const LiveAc& ac) -> std::optional<std::pair<std::string, std::string>> {
+        ++asked;
+        return std::pair{ac.callsign, std::string("DL1812")};
+    });
+    LiveAc& ac = active(kHex, 2, 200);
+    queueRoute(ac), queueRoute(ac);
+    routeQueueStep(), routeQueueStep();
+    EXPECT_EQ(asked, 1);
+    EXPECT_TRUE(ac.routeLookedUp);
+    EXPECT_EQ(ac.flightB, "DL1812");
+    queueRoute(ac);
+    routeQueueStep();
+    EXPECT_EQ(asked, 1) << "never twice for one aircraft";
+    // A full queue takes no more; gone aircraft are skipped.
+    for (std::uint32_t h = 1; h <= 70; ++h) queueRoute(active(h, 3, 300 + h));
+    EXPECT_EQ(gEngine.routeCount, gEngine.routeQueue.size());
+    onRemoved(301);
+    for (int i = 0; i < 70; ++i) routeQueueStep();
+    EXPECT_EQ(asked, 1 + 63);
+    setFlightLookup({});
+}
+
+// Aircraft without a livery are listed in the log, once, under one heading.
+TEST_F(EngineTest, AircraftWithoutALiveryAreListed) {
+    LiveAc& ac = ready(10);
+    ac.modelCode = refdata::modelId("A124");
+    ac.airlineCode = refdata::airlineId("ADB");
+    ac.registration = "UR82008";
+    ac.callsign = "ADB3412";
+    params::gParams.MATCHING_DEPTH = 1;
+    EXPECT_EQ(spawnLiveAc(ac), Update::Drop);
+    params::gParams.MATCHING_DEPTH = 4;
+    logNoMatchList();
+    EXPECT_TRUE(log.contains("\nNo match found for:\nADB3412  UR82008  ADB A124\n")) << log.text();
+    logNoMatchList();
+    EXPECT_EQ(log.count("No match found for:"), 1u);
+}
+
+} // namespace
+} // namespace orv::live

@@ -106,6 +106,19 @@ FailedLivery failedKey(const LiveAc& ac) {
 // The frame's tables are bounded: past this many entries the oldest knowledge is forgotten.
 constexpr std::size_t kMaxRemembered = 4096;
 
+void noteNoMatch(const LiveAc& ac) {
+    auto& e = gEngine;
+    if (e.noMatch.size() == e.noMatch.capacity()) {
+        ++e.noMatchDropped;
+        return;
+    }
+    auto& text = e.noMatch.emplace_back();
+    const auto r =
+        fmt::format_to_n(text.data(), text.size() - 1, "{:8} {:8} {:3} {:4}", ac.callsign, ac.registration,
+                         refdata::airlineCode(ac.airlineCode), refdata::modelCode(ac.modelCode));
+    *r.out = '\0';
+}
+
 // The livery ladder for this aircraft as it is now.
 liveries::MatchAircraft matchLivery(const LiveAc& ac) {
     liveries::MatchAircraft m;
@@ -208,6 +221,7 @@ void Engine::reserve() {
     out.reserve(1024);
     rememberedLiveries.reserve(kMaxRemembered);
     failedLiveries.reserve(kMaxRemembered);
+    noMatch.reserve(kMaxRemembered);
 }
 
 void Engine::reset() {
@@ -221,6 +235,9 @@ void Engine::reset() {
     out.clear();
     rememberedLiveries.clear();
     failedLiveries.clear();
+    noMatch.clear();
+    noMatchDropped = 0;
+    routeHead = routeCount = 0;
     rng.seed(20250204);
     user = {};
     userKnown = false;
@@ -753,6 +770,7 @@ Update spawnLiveAc(LiveAc& ac) {
                     if (e.failedLiveries.size() >= kMaxRemembered) e.failedLiveries.clear();
                     e.failedLiveries.insert(failedKey(ac));
                 }
+                noteNoMatch(ac);
                 ac.dropNow = true;
                 return Update::Drop;
             }
@@ -775,6 +793,7 @@ Update spawnLiveAc(LiveAc& ac) {
         setPhase(ac, Phase::Taxi);
         ac.onGround = true;
     }
+    queueRoute(ac);
     const Sample& h = st[0];
     ac.lat = h.lat, ac.lon = h.lon;
     ac.alt = h.airborne ? h.alt : groundAltitude(ac);
@@ -831,12 +850,8 @@ bool checkRespawn(LiveAc& ac, const feed::TrafficSample& r) {
         return true;
     }
     if (ac.simState != SimState::Active) return true;
-    if (!r.origin.empty() && !r.destination.empty() &&
-        (r.origin != ac.origin || r.destination != ac.destination)) {
-        const bool hadRoute = !ac.origin.empty() && !ac.destination.empty();
-        ac.origin = r.origin, ac.destination = r.destination;
-        if (hadRoute && ac.onGround && ac.phase != Phase::Taxi) setPhase(ac, Phase::Taxi);
-    }
+    if (mergeRoute(ac, r.origin, r.destination) && ac.onGround && ac.phase != Phase::Taxi)
+        setPhase(ac, Phase::Taxi);
     bool newLivery = false;
     if (!r.registration.empty() && r.registration != ac.registration) {
         ac.registration = r.registration;
@@ -863,6 +878,34 @@ bool checkRespawn(LiveAc& ac, const feed::TrafficSample& r) {
         return false;
     }
     return true;
+}
+
+bool mergeRoute(LiveAc& ac, const refdata::IataCode& origin, const refdata::IataCode& destination) {
+    const bool hadRoute = !ac.origin.empty() && !ac.destination.empty();
+    if (!hadRoute) {
+        // Each side fills only an empty one.
+        if (ac.origin.empty()) ac.origin = origin;
+        if (ac.destination.empty()) ac.destination = destination;
+        return false;
+    }
+    if (origin.empty() || destination.empty() || (origin == ac.origin && destination == ac.destination))
+        return false;
+    // A route to or from the user's airport is the one that matters for its stands: it stays.
+    const auto here = currentAirport();
+    if (here && !here->iata.empty() && (ac.origin == here->iata || ac.destination == here->iata))
+        return false;
+    ac.origin = origin, ac.destination = destination;
+    return true;
+}
+
+void queueRoute(LiveAc& ac) {
+    auto& e = gEngine;
+    if (ac.routeLookedUp) return;
+    for (std::size_t i = 0; i < e.routeCount; ++i)
+        if (e.routeQueue[(e.routeHead + i) % e.routeQueue.size()] == ac.hexid) return;
+    if (e.routeCount == e.routeQueue.size()) return; // asked again at its next event
+    e.routeQueue[(e.routeHead + e.routeCount) % e.routeQueue.size()] = ac.hexid;
+    ++e.routeCount;
 }
 
 void liveryRespawn(LiveAc& ac) {
@@ -1155,7 +1198,43 @@ void writeFlightPlans() {
 }
 
 void removeAtReservedStand() {}
-void routeQueueStep() {}
+namespace {
+// Set by the worker before the loop, called by it in the one-second step.
+FlightLookup flightLookup;
+
+void copyFlights(LiveAc& ac) {
+    if (!flightLookup) return;
+    if (auto flights = flightLookup(ac))
+        ac.flightA = std::move(flights->first), ac.flightB = std::move(flights->second);
+}
+} // namespace
+
+void setFlightLookup(FlightLookup lookup) {
+    flightLookup = std::move(lookup);
+}
+
+void routeQueueStep() {
+    auto& e = gEngine;
+    if (e.routeCount == 0) return;
+    const std::uint32_t hexid = e.routeQueue[e.routeHead];
+    e.routeHead = (e.routeHead + 1) % e.routeQueue.size();
+    --e.routeCount;
+    LiveAc* ac = findByHexid(hexid);
+    if (!ac || ac->routeLookedUp) return;
+    ac->routeLookedUp = true;
+    copyFlights(*ac);
+}
+
+void logNoMatchList() {
+    auto& e = gEngine;
+    if (e.noMatch.empty()) return;
+    std::string text = "\nNo match found for:";
+    for (const auto& line : e.noMatch) text += fmt::format("\n{}", line.data());
+    if (e.noMatchDropped) text += fmt::format("\n... and {} more", e.noMatchDropped);
+    core::log(text + "\n");
+    e.noMatch.clear();
+    e.noMatchDropped = 0;
+}
 void publishCallsignLookup() {}
 void collisionChecks() {}
 void duplicatesSweep() {}

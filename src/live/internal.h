@@ -133,6 +133,13 @@ struct Engine {
     std::array<feed::TrafficSample, 2> frameSamples;
     std::unordered_map<std::uint32_t, std::string_view> rememberedLiveries; // hexid -> title, bounded
     std::unordered_set<FailedLivery, FailedLiveryHash> failedLiveries;      // found no livery, bounded
+    // Aircraft found without a livery, for the log: fixed texts in reserved room, so the frame
+    // never allocates for them; past the room they are only counted.
+    std::vector<std::array<char, 48>> noMatch;
+    std::size_t noMatchDropped = 0;
+    // Hexids waiting for their route look-up, one a second; a full queue drops the newest.
+    std::array<std::uint32_t, 64> routeQueue{};
+    std::size_t routeHead = 0, routeCount = 0;
     std::mt19937 rng{20250204};
     sim::UserData user;
     bool userKnown = false;
@@ -162,6 +169,8 @@ void addSample(LiveAc& ac, Sample sample);
 void handleAddingStack();
 void poll();
 
+void queueRoute(LiveAc& ac);
+bool mergeRoute(LiveAc& ac, const refdata::IataCode& origin, const refdata::IataCode& destination);
 Update handleBuffer(LiveAc& ac);
 Update spawnLiveAc(LiveAc& ac);
 [[nodiscard]] bool onCreated(LiveAc& ac, const sim::LiveCreated& event);

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <random>
@@ -220,6 +221,7 @@ bool callsignOk(const AcIdentity& ac) noexcept;
 // The current airport, when one is known (degrees, feet); set and read on the worker thread.
 struct AirportPlace {
     double latitude = 0, longitude = 0, elevation = 0;
+    refdata::IataCode iata; // empty when the airport has none
 };
 void setCurrentAirport(std::optional<AirportPlace> airport);
 std::optional<AirportPlace> currentAirport();
@@ -228,7 +230,12 @@ void reserveContainers(); // before the loop starts: nothing in the frame alloca
 void engineFrame();       // one 10 ms frame
 void drainEvents();       // simulator events while paused
 void removeAtReservedStand();
-void routeQueueStep();   // one hexid of the route queue per second
+void routeQueueStep(); // one hexid of the route queue per second
+void logNoMatchList(); // the aircraft found without a livery since the last call
+// The flight numbers a schedule gives an aircraft (flightA, flightB); the park airport's schedules
+// set it. Asked once per aircraft, a second after its route was queued.
+using FlightLookup = std::function<std::optional<std::pair<std::string, std::string>>(const LiveAc& ac)>;
+void setFlightLookup(FlightLookup lookup);
 void writeFlightPlans(); // the flight plan files of the aircraft created or removed since the last call
 void publishCallsignLookup();
 void collisionChecks();

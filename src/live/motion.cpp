@@ -712,6 +712,7 @@ void lowApproach(LiveAc& ac) {
         setThrottle(ac, rotorcraft(ac) ? 4 : 1);
         setFlaps(ac, 3);
         setGear(ac, true);
+        queueRoute(ac);
         ac.landingFlags.landing = true;
         ac.landingFlags.goAround = false;
         ac.stand.id = 0;
@@ -946,6 +947,7 @@ void inRangeReport(LiveAc& ac, bool simOnGround, double groundAlt, double height
             ac.landingFlags.rolloutHeading = ac.heading;
             ac.landingFlags.landing = false;
             ac.landingFlags.justLanded = true;
+            queueRoute(ac);
             setSpoilers(ac, true);
             setReverser(ac, 100, ac.reverseThrust ? -100 : 100);
             const std::int32_t n = ac.derotateTicks;

@@ -37,7 +37,7 @@ void copyUserPositionForReaders() {
     feed::gTrafficReader.setArea(a);
     if (current)
         live::setCurrentAirport(
-            live::AirportPlace{current->latitude, current->longitude, current->elevation});
+            live::AirportPlace{current->latitude, current->longitude, current->elevation, current->iata});
     else
         live::setCurrentAirport(std::nullopt);
 }

@@ -319,7 +319,10 @@ void every30Seconds() {
     }
     if (params::gParams.AUTO_RANGE) applyRange();
     if (params::gParams.OBJECTID_LIST) live::writeObjectIdList();
-    if (c % 1200 == 0) refdata::writeUnknownLists();
+    if (c % 1200 == 0) {
+        refdata::writeUnknownLists();
+        live::logNoMatchList();
+    }
     if (c % 86400 == 0) core::gRun.secondsCounter = 0;
 }
 
@@ -358,6 +361,7 @@ void closingDown() {
             params::set(params::parameter<params::StringParameter>(name), "", params::Save::no);
         live::clearGhosts();
         refdata::writeUnknownLists();
+        live::logNoMatchList();
 
         const bool restart = reason == core::ExitReason::NewSettings ||
                              reason == core::ExitReason::SimconnectError ||
