@@ -107,6 +107,10 @@ TEST_F(LiveriesTest, SectionRules) {
          one("icao_airline = KLM\natc_id = PH-***\n"),
          {"T1|KLM|B738||0"},
          {Report::IncompleteSections, "invalid atc_id=PH-*** in: X/aircraft.cfg"}},
+        {"an empty atc_parking_types counts as one",
+         one("icao_airline = FDX\natc_parking_types =\natc_parking_types = CARGO\n"),
+         {"T1|FDX|B738||0"},
+         {Report::IncompleteSections, "X/aircraft.cfg [fltsim.0] has more than one atc_parking_types key"}},
         {"CARGO alone is cargo", one("icao_airline = FDX\natc_parking_types = CARGO\n"), {"T1|FDX|B738||1"}},
         {"GATE,CARGO is passenger",
          one("icao_airline = FDX\natc_parking_types = \"GATE,CARGO\"\n"),
@@ -287,10 +291,15 @@ TEST_F(LiveriesTest, IvaoFiles) {
          ""},
         {"texture folder missing", "title = B738 KLM no texture\ntexture = DLH\n", "", " does not exist"},
         {"airline not known", "title = B738 XQX Unknown\ntexture = XQX\n", "", "XQX"},
-        {"no airline in the title, registration known", "title = KLM PH-BXA\natc_id = PH-BXA\n",
-         "KLM PH-BXA|KLM|PH-BXA", ""},
-        {"no airline and no registration", "title = Plain paint\n", "",
+        {"no texture key: the folder 'texture.' must be there too", "title = B738 KLM no key\n", "",
+         "[fltsim.0] does not exist"},
+        {"no airline in the title, registration known",
+         "title = KLM PH-BXA\natc_id = PH-BXA\ntexture = KLM\n", "KLM PH-BXA|KLM|PH-BXA", ""},
+        {"no airline and no registration", "title = Plain paint\ntexture = KLM\n", "",
          " misses airlinecode in title: Plain paint, and no regcode"},
+        {"a second atc_parking_types",
+         "title = B738 KLM two\ntexture = KLM\natc_parking_types=\natc_parking_types=GATE\n", "",
+         " has more than one atc_parking_types key"},
         {"no title", "texture = KLM\n", "", " misses title"},
     };
     for (const auto& c : cases) {
@@ -313,6 +322,14 @@ TEST_F(LiveriesTest, IvaoFiles) {
             EXPECT_NE(reports.find(c.reported), std::string::npos) << reports;
         }
     }
+}
+
+TEST_F(LiveriesTest, AnIvaoFileWithoutReadableTextIsSaidSo) {
+    const auto folder = dir / "IVAO_MTL/SimObjects/Airplanes/IVAO_B738";
+    fs::create_directories(folder);
+    fs::create_symlink(folder / "gone.cfg", folder / "aircraft.cfg");
+    EXPECT_TRUE(searchLiveriesInIvaoFile(2, folder / "aircraft.cfg").empty());
+    EXPECT_TRUE(log.contains("! No text encoding detected for " + (folder / "aircraft.cfg").string()));
 }
 
 TEST_F(LiveriesTest, InlineRegistrationClash) {

@@ -134,7 +134,7 @@ refdata::ModelId keyModel(refdata::AirlineModelKey key) noexcept;
 
 void matchLiveLivery(MatchAircraft& aircraft);
 [[nodiscard]] bool matchStaticLivery(MatchAircraft& aircraft, std::string_view standName, bool standCargo);
-std::vector<refdata::ModelId> similarOfAirline(refdata::AirlineModelKey key);
+const std::vector<refdata::ModelId>& similarOfAirline(refdata::AirlineModelKey key);
 void logMatchingSummary();
 void refuseTitle(std::string_view title); // the simulator could not create it
 extern std::array<std::int32_t, 7> gMatchStepCount;

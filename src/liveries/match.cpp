@@ -134,22 +134,21 @@ void genericLivery(MatchAircraft& a, int& step) {
         step = 5;
         return;
     }
-    std::vector<refdata::ModelId> models;
     if (const auto it = gStore.similarInstalled.find(model); it != gStore.similarInstalled.end()) {
-        models = it->second;
+        auto& models = it->second; // shuffled where it lies: a match copies nothing
         if (randomOn()) std::shuffle(models.begin(), models.end(), rng);
-    } else {
-        const int slot = a.category == refdata::Category::Light     ? 0
-                         : a.category == refdata::Category::Buzjets ? 1
-                                                                    : 2;
-        const auto& list = gStore.categoryModels[static_cast<std::size_t>(slot)];
-        if (!list.empty()) models.push_back(list[randomOn() ? randomIndex(list.size()) : 0]);
+        for (const refdata::ModelId m : models)
+            if (modelLivery(a, m)) {
+                step = 6;
+                return;
+            }
+        return;
     }
-    for (const refdata::ModelId m : models)
-        if (modelLivery(a, m)) {
-            step = 6;
-            return;
-        }
+    const int slot = a.category == refdata::Category::Light     ? 0
+                     : a.category == refdata::Category::Buzjets ? 1
+                                                                : 2;
+    const auto& list = gStore.categoryModels[static_cast<std::size_t>(slot)];
+    if (!list.empty() && modelLivery(a, list[randomOn() ? randomIndex(list.size()) : 0])) step = 6;
 }
 
 } // namespace
@@ -161,14 +160,15 @@ refdata::ModelId keyModel(refdata::AirlineModelKey key) noexcept {
     return static_cast<refdata::ModelId>(key >> 16);
 }
 
-std::vector<refdata::ModelId> similarOfAirline(refdata::AirlineModelKey key) {
+const std::vector<refdata::ModelId>& similarOfAirline(refdata::AirlineModelKey key) {
+    static const std::vector<refdata::ModelId> kNone;
     const auto al = gStore.similarByAirline.find(keyAirline(key));
-    if (al == gStore.similarByAirline.end()) return {};
+    if (al == gStore.similarByAirline.end()) return kNone;
     const auto m = al->second.find(keyModel(key));
-    if (m == al->second.end()) return {};
-    auto list = m->second;
-    if (randomOn()) std::shuffle(list.begin(), list.end(), rng);
-    return list;
+    if (m == al->second.end()) return kNone;
+    // Shuffled where it lies: a match copies nothing.
+    if (randomOn()) std::shuffle(m->second.begin(), m->second.end(), rng);
+    return m->second;
 }
 
 void matchLiveLivery(MatchAircraft& a) {

@@ -178,7 +178,7 @@ std::optional<LiveryData> processFltSimSection(std::uint16_t rank, const std::st
     const std::string& first = section.front();
     std::string title, parking, regcode;
     std::optional<std::string> airline;
-    bool haveTitle = false, haveAtcId = false, dropped = false;
+    bool haveTitle = false, haveAtcId = false, haveParking = false, dropped = false;
     const auto incomplete = [&](std::string text) { report(Report::IncompleteSections, std::move(text)); };
     for (std::size_t i = 1; i < section.size() && !dropped; ++i) {
         const auto& line = section[i];
@@ -211,10 +211,11 @@ std::optional<LiveryData> processFltSimSection(std::uint16_t rank, const std::st
             }
             airline = code;
         } else if (line.find("atc_parking_types") != std::string::npos) {
-            if (!parking.empty()) {
+            if (haveParking) {
                 incomplete(fmt::format("{} {} has more than one atc_parking_types key", path, first));
                 break;
             }
+            haveParking = true;
             if (auto v = keyValue(line, "atc_parking_types"))
                 parking = core::toUpper(core::trim(withoutComment(*v)));
         } else if (auto v = keyValue(line, "atc_id"); v || line.find("atc_id=") != std::string::npos) {
@@ -404,7 +405,7 @@ IvaoKeys readIvaoKeys(const std::vector<std::string>& section, const std::string
             k.title = core::trim(*v);
             if (k.title != *v)
                 core::log(fmt::format("removed spaces around title '{}' --> '{}'", *v, k.title));
-        } else if (keyValue(line, "atc_parking_types")) {
+        } else if (line.find("atc_parking_types") != std::string::npos) { // even without a value
             if (haveParking) {
                 incomplete(first, " has more than one atc_parking_types key");
                 k.bad = true;
@@ -455,9 +456,14 @@ std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::p
         const std::string modelCode = validModel(core::toUpper(folderModel.substr(0, 4)), path);
         if (modelCode.empty()) return out;
         const refdata::ModelId model = refdata::modelId(modelCode);
+        const auto encoding = core::detectEncoding(file);
+        if (encoding == core::Encoding::NoneFound) {
+            core::log(fmt::format("! No text encoding detected for {}", path));
+            return out;
+        }
         std::vector<std::string> lines;
         lines.reserve(4096);
-        if (!core::readLines(core::detectEncoding(file), file, lines)) {
+        if (!core::readLines(encoding, file, lines)) {
             core::log(fmt::format("! Failed reading {}", path));
             return out;
         }
@@ -475,7 +481,7 @@ std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::p
             section.clear();
             if (bad) return;
             std::error_code ec;
-            if (!texture.empty() && !fs::exists(file.parent_path() / ("texture." + texture), ec)) {
+            if (!fs::exists(file.parent_path() / ("texture." + texture), ec)) {
                 incomplete(first, " does not exist");
                 return;
             }
