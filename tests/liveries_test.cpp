@@ -453,7 +453,7 @@ class MatchingTest : public LiveriesTest {
         a.regcode = regcode;
         a.category = refdata::category(refdata::modelId(model));
         a.cargo = cargo;
-        a.description = fmt::format("{} {} {}", airline, model, regcode);
+        a.describe(fmt::format("{} {} {}", airline, model, regcode));
         const auto before = gMatchStepCount;
         matchLiveLivery(a);
         if (step) {
@@ -541,7 +541,7 @@ TEST_F(MatchingTest, StaticAircraft) {
     MatchAircraft a;
     a.key = refdata::airlineModelKey(refdata::airlineId("SWR"), refdata::modelId("A320"));
     a.category = refdata::Category::Large;
-    a.description = "HB-JLA A320";
+    a.describe("HB-JLA A320");
     params::gParams.MATCHING_DEPTH = 1;
     EXPECT_FALSE(matchStaticLivery(a, "E12", false));
     EXPECT_TRUE(log.contains("E12     : HB-JLA A320 no livery match ..."));

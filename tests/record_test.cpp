@@ -125,3 +125,22 @@ TEST_F(RecordTest, TextsForTheLog) {
 
 } // namespace
 } // namespace orv::live
+
+namespace orv::live {
+namespace {
+
+// The match log's description is written into fixed room: the same text, cut when it does not fit.
+TEST(Record, DescriptionInFixedRoom) {
+    AcIdentity id;
+    id.origin = refdata::IataCode("MSP"), id.destination = refdata::IataCode("ATL");
+    id.callsign = "DAL1812", id.registration = "N899DN";
+    std::array<char, 64> room{};
+    describeInto(id, room);
+    EXPECT_EQ(std::string(room.data()), describeAc(id));
+    std::array<char, 12> small{};
+    describeInto(id, small);
+    EXPECT_EQ(std::string(small.data()), describeAc(id).substr(0, 11));
+}
+
+} // namespace
+} // namespace orv::live

@@ -126,7 +126,7 @@ liveries::MatchAircraft matchLivery(const LiveAc& ac) {
     m.regcode = ac.registration;
     m.category = ac.category;
     m.cargo = ac.isCargo;
-    m.description = describeAc(ac);
+    describeInto(ac, m.description);
     liveries::matchLiveLivery(m);
     return m;
 }

@@ -9,6 +9,7 @@
 #include <limits>
 #include <optional>
 #include <random>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -214,8 +215,9 @@ bool simStateMoveAllowed(SimState from, SimState to) noexcept;
 std::string_view phaseName(Phase p) noexcept;
 std::string_view simStateName(SimState s) noexcept;
 std::string_view categoryName(refdata::Category c) noexcept;
-std::string acHeader(const AcIdentity& ac);   // "MSP->ATL DAL1812  N899DN"
-std::string describeAc(const AcIdentity& ac); // the header, then airline and type
+std::string acHeader(const AcIdentity& ac);                            // "MSP->ATL DAL1812  N899DN"
+std::string describeAc(const AcIdentity& ac);                          // the header, then airline and type
+void describeInto(const AcIdentity& ac, std::span<char> out) noexcept; // the same, cut to fit, no allocation
 bool callsignOk(const AcIdentity& ac) noexcept;
 
 // The current airport, when one is known (degrees, feet); set and read on the worker thread.

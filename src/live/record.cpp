@@ -113,6 +113,14 @@ std::string acHeader(const AcIdentity& ac) {
                        ac.callsign, ac.registration);
 }
 
+void describeInto(const AcIdentity& ac, std::span<char> out) noexcept {
+    if (out.empty()) return;
+    const auto r = fmt::format_to_n(out.data(), out.size() - 1, "{:3}->{:3} {:8} {} {:3} {:4}",
+                                    ac.origin.view(), ac.destination.view(), ac.callsign, ac.registration,
+                                    refdata::airlineCode(ac.airlineCode), refdata::modelCode(ac.modelCode));
+    out[std::min(r.size, out.size() - 1)] = '\0';
+}
+
 std::string describeAc(const AcIdentity& ac) {
     return fmt::format(
         "{} {}", acHeader(ac),

@@ -1,6 +1,7 @@
 // Liveries: the scan of installed AI packages, the store, the registration lists, and matching.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -127,7 +128,13 @@ struct MatchAircraft {
     bool cargo = false;
     std::string_view title; // a view into the store; empty until matched
     bool fsltl = false;
-    std::string description; // for the log
+    // For the log, in fixed room so that a match allocates nothing for it; cut when longer.
+    std::array<char, 64> description{};
+    void describe(std::string_view text) noexcept {
+        const auto n = std::min(text.size(), description.size() - 1);
+        text.copy(description.data(), n);
+        description[n] = '\0';
+    }
 };
 refdata::AirlineId keyAirline(refdata::AirlineModelKey key) noexcept;
 refdata::ModelId keyModel(refdata::AirlineModelKey key) noexcept;

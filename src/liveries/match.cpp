@@ -101,7 +101,7 @@ bool acceptLive(MatchAircraft& a, int step) {
         return false;
     }
     ++gMatchStepCount[static_cast<std::size_t>(step)];
-    core::log(fmt::format("          {} ={}= {}", a.description, step, a.title));
+    core::log(fmt::format("          {} ={}= {}", a.description.data(), step, a.title));
     a.fsltl = a.title.find("FSLTL_") != std::string_view::npos;
     return true;
 }
@@ -195,16 +195,16 @@ void matchLiveLivery(MatchAircraft& a) {
 
 bool matchStaticLivery(MatchAircraft& a, std::string_view standName, bool standCargo) {
     if (!a.title.empty()) {
-        core::log(fmt::format("          {} =s= {}", a.description, a.title));
+        core::log(fmt::format("          {} =s= {}", a.description.data(), a.title));
         return true;
     }
     a.cargo = standCargo;
     const auto found = [&](int step) {
-        core::log(fmt::format("          {} ={}= {}", a.description, step, a.title));
+        core::log(fmt::format("          {} ={}= {}", a.description.data(), step, a.title));
         return true;
     };
     const auto none = [&] {
-        core::log(fmt::format("{:8}: {} no livery match ...", standName, a.description));
+        core::log(fmt::format("{:8}: {} no livery match ...", standName, a.description.data()));
         return false;
     };
     if (liveryByRegcode(a) && usable(a)) return found(gStore.uniqueRegcodes.contains(a.regcode) ? 0 : 1);
