@@ -400,3 +400,188 @@ TEST_F(MotionTest, ApproachFlapsByHeightAboveTheAirport) {
 
 } // namespace
 } // namespace orv::live
+
+namespace orv::live {
+namespace {
+
+// Without a roll in the feed the aircraft banks into its turn, with the sign a feed roll has for
+// the same turn (the decoder makes RealTraffic's right-wing-down roll negative).
+TEST_F(MotionTest, BankLeansIntoTheTurn) {
+    for (const double turnDeg : {30.0, -30.0}) {
+        live::reset();
+        LiveAc& ac = aircraft(false);
+        ac.alt = 12000, ac.heightAgl = 11000;
+        ac.heading = 0;
+        ac.targetHeading = turnDeg * core::kRadPerDeg;
+        ac.stream.push_back(at(0, 0, 0, 250, true, 12000));
+        ac.stream.push_back(at(0, 3000, 1000, 250, true, 12000));
+        setAirSegment(ac, 1000);
+        EXPECT_EQ(ac.delta.bank<0, turnDeg> 0) << "a turn of " << turnDeg << " deg";
+        EXPECT_NE(ac.delta.bank, 0.0);
+    }
+}
+
+// The approach begins below 2,050 ft above the airport for airliners and 625 ft for the rest; it
+// is given up beyond 10 nm from the airport or in a climb.
+TEST_F(MotionTest, ApproachHeightsAndGoAround) {
+    struct Case {
+        const char* name;
+        refdata::Category category;
+        double agl, northNm, vs;
+        bool landingBefore, landing, goAround;
+    };
+    const Case cases[] = {
+        {"airliner below 2,050 ft", refdata::Category::Large, 2000, 5, -700, false, true, false},
+        {"airliner above 2,050 ft", refdata::Category::Large, 2100, 5, -700, false, false, false},
+        {"light below 625 ft", refdata::Category::Light, 600, 2, -500, false, true, false},
+        {"light above 625 ft", refdata::Category::Light, 700, 2, -500, false, false, false},
+        {"too far to land", refdata::Category::Large, 1500, 10.5, -700, false, false, false},
+        {"landing, then beyond 10 nm", refdata::Category::Large, 1500, 10.5, -100, true, false, true},
+        {"landing, within 10 nm", refdata::Category::Large, 1500, 9.5, -100, true, true, false},
+        {"a climb ends it", refdata::Category::Large, 1500, 3, 700, true, false, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        live::reset();
+        LiveAc& ac = aircraft(false);
+        ac.category = c.category;
+        ac.lat = kLat + c.northNm / 60.0;
+        ac.alt = 841 + c.agl, ac.heightAgl = c.agl;
+        ac.below10000 = true;
+        ac.landingFlags.landing = c.landingBefore;
+        ac.delta.vsTarget = c.vs;
+        lowAltitude(ac);
+        EXPECT_EQ(ac.landingFlags.landing, c.landing);
+        EXPECT_EQ(ac.landingFlags.goAround, c.goAround);
+        if (c.landing && !c.landingBefore) {
+            EXPECT_EQ(ac.controls.flapsIndex, 3);
+        }
+    }
+}
+
+// While landing a point behind the aircraft (90 deg or more off its heading) is an echo: dropped.
+TEST_F(MotionTest, LandingTakesNoPointBehind) {
+    struct Case {
+        double offDeg;
+        bool taken;
+    };
+    for (const auto& c : {Case{85, true}, Case{95, false}, Case{180, false}}) {
+        live::reset();
+        LiveAc& ac = aircraft(false);
+        ac.heading = 0;
+        ac.landingFlags.landing = true;
+        ac.stream.push_back(at(0, 0, 0, 140, true, 1200));
+        const double r = c.offDeg * core::kRadPerDeg;
+        Sample s = at(2000 * std::sin(r), 2000 * std::cos(r), 500, 140, true, 1100);
+        EXPECT_EQ(checkNewPosDuringLanding(ac, s), c.taken) << c.offDeg;
+    }
+}
+
+// A parked aircraft leaves its stand when it moves away steadily (three growing distances and half
+// its size) or at once beyond its size; coming back resets the count.
+TEST_F(MotionTest, LeavingAStand) {
+    const auto run = [&](std::vector<double> metres) {
+        live::reset();
+        LiveAc& ac = aircraft(true);
+        ac.phase = Phase::Parked;
+        ac.previousPhase = Phase::Taxi;
+        ac.halfSize = 20 / core::kMetresPerNm;
+        ac.stand.pos = {kLat, kLon};
+        ac.stream.push_back(at(0, 0, 0, 0));
+        for (std::size_t i = 0; i < metres.size(); ++i) {
+            Sample s = at(0, metres[i], static_cast<std::int32_t>(100 * (i + 1)), 2);
+            if (checkExtendingSituations(ac, s)) return ac.pushRequested;
+        }
+        return false;
+    };
+    EXPECT_FALSE(run({1, 5, 9})) << "two growing steps, not yet half its size away";
+    EXPECT_TRUE(run({1, 5, 9, 13})) << "the third growing step beyond half its size";
+    EXPECT_TRUE(run({1, 25})) << "beyond its size at once";
+    EXPECT_FALSE(run({1, 5, 9, 1, 5, 9})) << "back towards the stand resets the count";
+    EXPECT_TRUE(run({1, 150})) << "far off the stand within 200 m: leaves";
+}
+
+// After the push the aircraft holds until the feed shows it clearly moving off.
+TEST_F(MotionTest, PushedBackHoldsUntilItMovesOff) {
+    LiveAc& ac = aircraft(true);
+    ac.phase = Phase::PushedBack;
+    ac.halfSize = 20 / core::kMetresPerNm;
+    ac.maxPushDistance = 900;
+    ac.stream.push_back(at(0, 0, 0, 0));
+    Sample near = at(0, 60, 100, 3); // within 2.75 half sizes
+    EXPECT_FALSE(checkExtendingSituations(ac, near));
+    EXPECT_TRUE(ac.holding);
+    EXPECT_EQ(ac.phase, Phase::PushedBack);
+    Sample away = at(0, 130, 200, 8); // beyond six half sizes
+    EXPECT_TRUE(checkExtendingSituations(ac, away));
+    EXPECT_EQ(ac.phase, Phase::Taxi);
+    EXPECT_FALSE(ac.holding);
+}
+
+// A rolling-out aircraft whose feed goes airborne again takes off: a touch-and-go.
+TEST_F(MotionTest, TouchAndGo) {
+    LiveAc& ac = aircraft(true);
+    ac.landingFlags.rollout = true;
+    ac.stream.push_back(at(0, 0, 0, 120, true, 900));
+    Sample s = at(0, 500, 100, 130, true, 950);
+    takeOffChecks(ac, s);
+    EXPECT_TRUE(ac.takingOff);
+    EXPECT_EQ(ac.controls.throttleIndex, 3);
+    EXPECT_FALSE(ac.landingFlags.landing);
+    rotate(ac);
+    EXPECT_FALSE(ac.landingFlags.rollout);
+    EXPECT_EQ(ac.phase, Phase::TakeOff);
+    EXPECT_EQ(ac.controls.throttleIndex, 4) << "full power for the go";
+}
+
+// After lift-off the climb step grows in stages, and the gear comes up at the 300th tick.
+TEST_F(MotionTest, ClimbStepRampAndGearUp) {
+    struct Case {
+        std::int32_t counter;
+        double share;
+    };
+    for (const auto& c : {Case{-50, 0.1}, Case{-150, 0.2}, Case{-250, 0.5}, Case{-350, 1.0}}) {
+        live::reset();
+        LiveAc& ac = aircraft(false);
+        ac.phase = Phase::TakeOff;
+        ac.rotateCounter = c.counter + 1;
+        ac.pitch = ac.climbPitch = ac.rotatePitch = 0.1;
+        ac.delta.alt = 1.0;
+        ac.alt = 900, ac.heightAgl = 50;
+        attitude(ac);
+        EXPECT_NEAR(ac.alt - 900, c.share, 1e-9) << c.counter;
+    }
+    live::reset();
+    LiveAc& ac = aircraft(false);
+    ac.phase = Phase::TakeOff;
+    ac.controls.gearState = 1;
+    ac.pitch = ac.climbPitch = ac.rotatePitch = 0.1;
+    ac.alt = 900, ac.heightAgl = 50;
+    ac.rotateCounter = -298;
+    attitude(ac);
+    EXPECT_EQ(ac.controls.gearState, 1);
+    attitude(ac);
+    EXPECT_EQ(ac.controls.gearState, 0) << "gear up at -300";
+}
+
+// A stale ground speed, too high or too low, gives way to the one the points' spacing shows.
+TEST_F(MotionTest, StaleGroundSpeedsAreCorrectedFromPositions) {
+    struct Case {
+        double feedSpeed;
+        bool corrected;
+    };
+    for (const auto& c : {Case{2, true}, Case{80, true}, Case{15, false}}) {
+        live::reset();
+        LiveAc& ac = aircraft(true);
+        // 200 m in 26 s of feed time: 15 kt.
+        Sample s0 = at(0, 0, 0, c.feedSpeed), s1 = at(0, 200, 2600, c.feedSpeed);
+        s0.feedTime = 100, s1.feedTime = 126;
+        ac.stream.push_back(s0), ac.stream.push_back(s1);
+        nextTimeGround(ac);
+        const double seconds = (ac.stream[1].tick - gEngine.tick) / 100.0;
+        EXPECT_NEAR(seconds, 26, 3) << c.feedSpeed << (c.corrected ? " corrected" : " kept");
+    }
+}
+
+} // namespace
+} // namespace orv::live
