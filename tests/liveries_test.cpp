@@ -111,6 +111,13 @@ TEST_F(LiveriesTest, SectionRules) {
          one("icao_airline = FDX\natc_parking_types =\natc_parking_types = CARGO\n"),
          {"T1|FDX|B738||0"},
          {Report::IncompleteSections, "X/aircraft.cfg [fltsim.0] has more than one atc_parking_types key"}},
+        {"a heavy without airline and with an unknown registration has no livery",
+         "[GENERAL]\nicao_type_designator = \"B77W\"\n[fltsim.0]\ntitle = T1\natc_id = XX-NOPE\n",
+         {}},
+        {"a heavy without airline or registration has no livery",
+         "[GENERAL]\nicao_type_designator = \"B77W\"\n[fltsim.0]\ntitle = T1\n",
+         {}},
+        {"a smaller type without airline is private", one("atc_id = XX-NOPE\n"), {"T1|PVT|B738|XX-NOPE|0"}},
         {"CARGO alone is cargo", one("icao_airline = FDX\natc_parking_types = CARGO\n"), {"T1|FDX|B738||1"}},
         {"GATE,CARGO is passenger",
          one("icao_airline = FDX\natc_parking_types = \"GATE,CARGO\"\n"),
@@ -332,6 +339,20 @@ TEST_F(LiveriesTest, AnIvaoFileWithoutReadableTextIsSaidSo) {
     EXPECT_TRUE(log.contains("! No text encoding detected for " + (folder / "aircraft.cfg").string()));
 }
 
+// The registration lists win over what an aircraft.cfg says, and say so.
+TEST_F(LiveriesTest, AListRecordReplacesAnInlineRegistration) {
+    fs::create_directories(dir / "my_regcodes");
+    test::writeBytes(dir / "my_regcodes" / "mine.txt", "AIG Boeing 737-900 Delta Air Lines;N899DN\n");
+    scanAndProcess();
+    EXPECT_EQ(gStore.regcodeTitles.at("N899DN"), "AIG Boeing 737-900 Delta Air Lines");
+    const auto offline = test::readBytes(reportPath(Report::OfflineRegcodes));
+    EXPECT_NE(offline.find("regcode N899DN for 'AIG Boeing 737-900 Delta Air Lines', instead of the same for "
+                           "'AIG Boeing 737-900 Delta Air Lines N899DN'"),
+              std::string::npos)
+        << offline;
+    EXPECT_NE(offline.find("1 regcode replaced"), std::string::npos) << offline;
+}
+
 TEST_F(LiveriesTest, InlineRegistrationClash) {
     fs::create_directories(dir / "pkg/a");
     test::writeBytes(
@@ -508,6 +529,55 @@ TEST_F(MatchingTest, TheLadderAtEachDepth) {
         EXPECT_EQ(match(c.airline, c.model, c.regcode, c.cargo, &step), c.title);
         EXPECT_EQ(step, c.step);
     }
+}
+
+// Rules of the ladder that show on single cases.
+TEST_F(MatchingTest, LadderRulesOfSingleCases) {
+    params::gParams.MATCHING_DEPTH = 4;
+    // Step 2: the flight's airline comes before the registration record's airline: a United flight
+    // in a KLM aircraft (a KLM registration of the reference data) wears United's B738.
+    std::string klm;
+    for (char a = 'A'; a <= 'Z' && klm.empty(); ++a)
+        for (char b = 'A'; b <= 'Z' && klm.empty(); ++b) {
+            const std::string reg = fmt::format("PH-{}{}A", a, b);
+            const auto rec = refdata::dbaseRecordOf(reg);
+            if (rec && refdata::airlineCode(rec->airline) == "KLM" && !gStore.regcodeTitles.contains(reg))
+                klm = reg;
+        }
+    ASSERT_FALSE(klm.empty());
+    int step = -2;
+    EXPECT_EQ(match("UAL", "B738", klm.c_str(), false, &step), "AIG Boeing 737-800 United Airlines");
+    EXPECT_EQ(step, 2);
+    EXPECT_EQ(match("", "B738", klm.c_str(), false, &step), "AIG Boeing 737-800 KLM") << "else the record's";
+    // The similar-type step takes only types of the aircraft's own category.
+    MatchAircraft a;
+    a.key = refdata::airlineModelKey(refdata::airlineId("KLM"), refdata::modelId("B739"));
+    a.category = refdata::Category::Heavy; // not the category of KLM's B738
+    a.describe("KLM B739 as heavy");
+    params::gParams.MATCHING_DEPTH = 3;
+    matchLiveLivery(a);
+    EXPECT_EQ(a.title, "") << "a B738 is no similar type of another category";
+    // Smaller types at depth 3 take a ZZZ generic paint of the type (step 4) before any airline's
+    // paint of it (step 5). The fixed set has ZZZ paints of airliners only: an A320 filed as Light.
+    MatchAircraft light;
+    light.key = refdata::airlineModelKey(refdata::airlineId("ABC"), refdata::modelId("A320"));
+    light.category = refdata::Category::Light;
+    light.describe("ABC A320 as light");
+    const auto before = gMatchStepCount;
+    matchLiveLivery(light);
+    EXPECT_EQ(light.title, "AIG Airbus A320 Generic");
+    EXPECT_EQ(gMatchStepCount[4], before[4] + 1);
+}
+
+TEST_F(MatchingTest, RefusedTitlesStayOffTheStaticPath) {
+    refuseTitle("AIG Airbus A320 Swiss");
+    MatchAircraft a;
+    a.key = refdata::airlineModelKey(refdata::airlineId("SWR"), refdata::modelId("A320"));
+    a.category = refdata::Category::Large;
+    a.describe("HB-JLA A320");
+    params::gParams.MATCHING_DEPTH = 4;
+    (void)matchStaticLivery(a, "E12", false);
+    EXPECT_NE(a.title, "AIG Airbus A320 Swiss");
 }
 
 TEST_F(MatchingTest, RandomPicksStayAmongTheNonSpecialTitles) {
