@@ -145,6 +145,8 @@ TEST_F(EngineTest, ANewRegistrationRespawnsWithItsLivery) {
         EXPECT_EQ(after.objectId, 0u);
         EXPECT_EQ(after.controls.throttleIndex, 5);
         EXPECT_EQ(after.controls.flapsIndex, 4);
+        EXPECT_EQ(after.controls.gearState, -1) << "the new object is told its gear";
+        EXPECT_EQ(after.controls.spoilersState, -1) << "and its spoilers";
     }
     params::gParams.GUID_CHANGES = true;
 }
@@ -594,6 +596,75 @@ TEST_F(EngineTest, AircraftWithoutALiveryAreListed) {
     EXPECT_TRUE(log.contains("\nNo match found for:\nADB3412  UR82008  ADB A124\n")) << log.text();
     logNoMatchList();
     EXPECT_EQ(log.count("No match found for:"), 1u);
+}
+
+} // namespace
+} // namespace orv::live
+
+namespace orv::live {
+namespace {
+
+// One creation every 50 ticks and one removal every 10, however many wait.
+TEST_F(EngineTest, CreationAndRemovalPacing) {
+    for (std::uint32_t i = 0; i < 4; ++i) {
+        gEngine.spawnQueue.push_back({{}, "DAL1", "AIG Boeing 737-800 KLM", 100 + i});
+        gEngine.removeQueue.push_back(300 + i);
+    }
+    std::vector<std::int32_t> creates, removes;
+    for (std::int32_t t = 1; t <= 160; ++t) {
+        gEngine.tick = t;
+        gEngine.out.clear();
+        pace();
+        if (!gEngine.out.creates.empty()) creates.push_back(t);
+        if (!gEngine.out.removes.empty()) removes.push_back(t);
+    }
+    EXPECT_EQ(creates, (std::vector<std::int32_t>{50, 100, 150}));
+    EXPECT_EQ(removes, (std::vector<std::int32_t>{10, 20, 30, 40}));
+}
+
+// A title the simulator could not create is never given again.
+TEST_F(EngineTest, ARefusedTitleIsNotMatchedAgain) {
+    LiveAc& ac = ready(10);
+    ASSERT_EQ(spawnLiveAc(ac), Update::Keep);
+    const std::string title(ac.liveryTitle);
+    ASSERT_FALSE(title.empty());
+    onEvent(sim::CreationFailed{kHex});
+    EXPECT_TRUE(log.contains(fmt::format("'{}' could not be created by your Sim!", title)));
+    live::reset();
+    LiveAc& again = ready(10);
+    (void)spawnLiveAc(again);
+    EXPECT_NE(std::string(again.liveryTitle), title);
+}
+
+// Each category of traffic follows its own switch.
+TEST_F(EngineTest, CategorySwitchesEachReadTheirOwnSetting) {
+    const auto modelOf = [](refdata::Category c) {
+        for (const char* m : {"C172", "EC35", "AS50", "H60", "F16", "F18", "T38", "A10", "B407"})
+            if (refdata::category(refdata::modelId(m)) == c) return std::string(m);
+        return std::string();
+    };
+    struct Case {
+        refdata::Category category;
+        std::atomic<bool>& own;
+    } cases[] = {{refdata::Category::Light, params::gParams.LIGHT_AIRCRAFT},
+                 {refdata::Category::HighPerf, params::gParams.HIGH_PERF_AIRCRAFT},
+                 {refdata::Category::Rotorcraft, params::gParams.HELICOPTERS}};
+    for (const auto& c : cases) {
+        const std::string model = modelOf(c.category);
+        SCOPED_TRACE(model);
+        ASSERT_FALSE(model.empty());
+        for (const auto& other : cases) {
+            live::reset();
+            for (const auto& k : cases) k.own = true;
+            other.own = false;
+            auto r = record(100, 120, 0, true);
+            r.modelCode = refdata::modelId(model);
+            r.registration.clear(); // the type is the feed's, not a registration record's
+            decode(r);
+            EXPECT_EQ(findByHexid(kHex) != nullptr, &other.own != &c.own);
+        }
+    }
+    for (const auto& k : cases) k.own = true;
 }
 
 } // namespace

@@ -414,10 +414,14 @@ struct EventHandler {
 
 } // namespace
 
+void onEvent(const sim::SimEvent& ev) {
+    std::visit(EventHandler{}, ev);
+}
+
 void handleEvents() {
     auto& e = gEngine;
     sim::takeEvents(e.events);
-    for (const auto& ev : e.events) std::visit(EventHandler{}, ev);
+    for (const auto& ev : e.events) onEvent(ev);
     if (std::any_of(e.liveTable.begin(), e.liveTable.end(), [](const LiveAc& a) { return a.dropSilently; }))
         compactTable();
     handlePending();

@@ -160,6 +160,7 @@ extern Engine gEngine;
 
 // The frame's steps, in their order.
 void handleEvents();
+void onEvent(const sim::SimEvent& event); // one message of the simulator
 void handlePending();
 Update updateLiveAc(LiveAc& ac);
 void pace();
