@@ -107,6 +107,7 @@ TEST_F(Airports, ClosestAirportAndItsNeighbour) {
         {"the neighbour's stand is nearer", 10.0 + 2.0 / 60, true, "AAAA", true},
         // The nearest comes first, so no later airport improves on it and no neighbour is seen.
         {"nearest comes first", 10.0 + 1.0 / 60, false, "AAAA", false},
+        {"4 nm south of AAAA: within 5 nautical miles", 10.0 - 4.0 / 60, false, "AAAA", false},
         {"farther than 5 nm from both", 10.0 - 6.0 / 60, false, nullptr, false},
     };
     for (const auto& c : cases) {

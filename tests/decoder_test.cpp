@@ -302,6 +302,24 @@ TEST_F(Decoder, EveryStepOfTheLine) {
     }
 }
 
+// Without a true airspeed in the line, one is estimated from the altitude in bands.
+TEST_F(Decoder, EstimatedTrueAirspeedBands) {
+    const std::pair<const char*, double> bands[] = {
+        {"1500", 180},  {"2000", 180},  {"2001", 220},  {"5000", 220},  {"5001", 250},
+        {"10000", 250}, {"10001", 350}, {"20000", 350}, {"20001", 430}, {"41000", 430}};
+    auto reader = std::make_unique<TrafficReader>();
+    reader->setArea(kmspArea());
+    for (const auto& [altitude, tas] : bands) {
+        auto f = baseFields();
+        f[20] = "-1";
+        f[4] = altitude;
+        reader->decode(join(f));
+        const auto s = popOne();
+        ASSERT_TRUE(s.has_value()) << altitude;
+        EXPECT_EQ(s->trueAirspeed, tas) << altitude;
+    }
+}
+
 TEST_F(Decoder, TimestampCountsEvenWhenTheLineIsDropped) {
     auto reader = std::make_unique<TrafficReader>();
     reader->setArea(kmspArea());

@@ -211,6 +211,12 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
         live::gEngine.liveTable.back().simState = state;
         live::gEngine.liveTable.back().objectId = state == live::SimState::Active ? 300 : 0;
     }
+    // What the feed learned from it goes too.
+    gQnh = 1020;
+    gQnhReader.lineCount = 7;
+    gTrafficReader.lineCount = 9;
+    gTrafficReader.counts.queued = 4;
+    gTrafficReader.seenCallsigns.insert("DAL1");
     first.close(); // RealTraffic goes
     for (int i = 0; i < 100 && realTrafficConnected(); ++i) {
         sendUserPosition(user());
@@ -218,6 +224,11 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     }
     ASSERT_FALSE(realTrafficConnected());
     EXPECT_TRUE(log.contains("RealTraffic gone? Wait for RealTraffic to re-connect ..."));
+    EXPECT_EQ(gQnh.load(), 1013);
+    EXPECT_EQ(gQnhReader.lineCount.load(), 0u);
+    EXPECT_EQ(gTrafficReader.lineCount.load(), 0u);
+    EXPECT_EQ(gTrafficReader.counts.queued, 0u);
+    EXPECT_TRUE(gTrafficReader.seenCallsigns.empty());
     ASSERT_EQ(live::gEngine.liveTable.size(), 1u) << "the waiting one is dropped";
     EXPECT_EQ(live::gEngine.liveTable[0].simState, live::SimState::RemovingFromSim);
     EXPECT_EQ(live::gEngine.removeQueue, std::vector<std::uint32_t>{300});

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "emulator.h"
+#include "feed/feed.h"
 #include "params/params.h"
 #include "parking/parking.h"
 #include "refdata/refdata.h"
@@ -403,6 +404,32 @@ TEST_F(SimClientTest, CameraPodsAndBoatsAreNoAircraft) {
         ASSERT_FALSE(sim::userModel().empty());
         EXPECT_EQ(sim::userIsNotAnAircraft(), notAircraft);
     }
+}
+
+// The reader's area gets the elevation of the airport around the user: a report 39 ft above
+// KMSP at taxi speed is on the ground, which only that elevation tells.
+TEST_F(SimClientTest, TheReadersAreaHasTheAirportsElevation) {
+    ASSERT_GT(refdata::loadAirports(test::shippedCopy("airports.enc", dir.path())), 0u);
+    MemorySim m(atKmsp());
+    m.pass();
+    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    sim::requestUserOnGround();
+    for (int i = 0; i < 10 && !sim::userTitleKnown(); ++i) m.pass();
+    ASSERT_TRUE(sim::nearestAirport().has_value());
+    run::copyUserPositionForReaders();
+    feed::setAcceptTraffic(true);
+    const double elevation = sim::nearestAirport()->elevation;
+    feed::gTrafficReader.decode(
+        fmt::format("RTTFC,11298587,44.884,-93.22,{:.0f},0,0,120.5,60,DAL1812,B739,N899DN,"
+                    "MSP,ATL,1738717900.5,adsb,null,adsb_icao,0,-1,-1,-1,-1,-1,-1,-1,0,"
+                    "none,A3",
+                    elevation + 39));
+    feed::setAcceptTraffic(false);
+    std::lock_guard lock(feed::gTraffic.trafficLock);
+    ASSERT_EQ(feed::gTraffic.trafficQueue.size(), 1u);
+    EXPECT_EQ(feed::gTraffic.trafficQueue.front().altitude, 0.0);
+    feed::gTraffic.trafficQueue.clear();
+    refdata::clearAirports();
 }
 
 // A quit message ends the run for the simulator's close at once, even with the socket left open.

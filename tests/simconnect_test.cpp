@@ -144,6 +144,11 @@ TEST(Codec, ClientPacketsByteByByte) {
           {332, 'u', 1},
           {336, 'u', 150},
           {340, 'u', 104}}},
+        // A text as long as its field loses its last character to the terminator.
+        {AICreateNonATCAircraftPacket{"Airbus A320 Delta", "ABCDEFGHIJKL", init, 104},
+         0x29,
+         344,
+         {{272, 's', 0, "ABCDEFGHIJK", 12}, {284, 'd', 44.88}}},
         {AIReleaseControlPacket{88, 103}, 0x2B, 24, {{16, 'u', 88}, {20, 'u', 103}}},
         {AIRemoveObjectPacket{88, 105}, 0x2C, 24, {{16, 'u', 88}, {20, 'u', 105}}},
         {AISetAircraftFlightPlanPacket{88, "/tmp/orig_dest/11259375.pln", 110},
