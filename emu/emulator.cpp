@@ -756,7 +756,8 @@ void Emulator::moveUser(double latitude, double longitude) {
     impl_->user.altitudeFt = impl_->groundAt(latitude, longitude);
 }
 
-sc::DWORD Emulator::addTraffic(double latitude, double longitude, const std::string& tail) {
+sc::DWORD Emulator::addTraffic(double latitude, double longitude, const std::string& tail,
+                               double aboveGroundFt) {
     std::lock_guard lock(impl_->mutex);
     auto& m = *impl_;
     ObjectRecord o;
@@ -765,7 +766,8 @@ sc::DWORD Emulator::addTraffic(double latitude, double longitude, const std::str
     o.title = "Simulator traffic";
     o.tail = tail;
     o.createdAt = m.time;
-    o.now = {m.time, latitude, longitude, m.groundAt(latitude, longitude) + m.config.staticCgFt};
+    o.now = {m.time, latitude, longitude,
+             m.groundAt(latitude, longitude) + m.config.staticCgFt + aboveGroundFt};
     const sc::DWORD objectId = o.id;
     m.objects.emplace(objectId, std::move(o));
     m.toSubscribers("objectadded", [&](sc::DWORD eventId) {
@@ -773,6 +775,12 @@ sc::DWORD Emulator::addTraffic(double latitude, double longitude, const std::str
                                             sc::SIMCONNECT_SIMOBJECT_TYPE_AIRCRAFT};
     });
     return objectId;
+}
+
+void Emulator::raise(sc::DWORD exception, sc::DWORD sendId) {
+    std::lock_guard lock(impl_->mutex);
+    for (auto& [id, c] : impl_->clients)
+        if (c.open) impl_->exception(c, exception, sendId);
 }
 
 void Emulator::quit() {

@@ -94,9 +94,11 @@ class Emulator {
     void setRunning(bool running);
     void loadFlight(std::string_view path); // "FlightLoaded" with the file name
     void moveUser(double latitude, double longitude);
-    void quit(); // QUIT to every client
-    // An aircraft of the simulator's own traffic (no client made it), standing on the ground.
-    sc::DWORD addTraffic(double latitude, double longitude, const std::string& tail);
+    void quit();                                           // QUIT to every client
+    void raise(sc::DWORD exception, sc::DWORD sendId = 0); // an exception message to every client
+    // An aircraft of the simulator's own traffic (no client made it), on the ground or above it.
+    sc::DWORD addTraffic(double latitude, double longitude, const std::string& tail,
+                         double aboveGroundFt = 0);
 
     double now() const;
     std::vector<ObjectRecord> objects() const; // every object made, removed ones too

@@ -432,6 +432,83 @@ TEST_F(SimClientTest, TheReadersAreaHasTheAirportsElevation) {
     refdata::clearAirports();
 }
 
+// The simulator's exceptions: each says its own word, none ends the run.
+TEST_F(SimClientTest, ExceptionsAreSaidAndSurvived) {
+    MemorySim m(atKmsp());
+    m.pass();
+    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    const auto raised = [&](sc::DWORD exception) {
+        const std::string before = log.text();
+        m.e.raise(exception);
+        m.pass(), m.pass();
+        return log.text().substr(before.size());
+    };
+    EXPECT_EQ(raised(3).find("SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID"), std::string::npos)
+        << "unknown ids are normal until the user's position is known";
+    sim::requestUserOnGround();
+    for (int i = 0; i < 10 && !sim::userTitleKnown(); ++i) m.pass();
+    const std::pair<sc::DWORD, const char*> cases[] = {
+        {3, "SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID"},
+        {11, "SimConnect: too many objects (max 1000)"},
+        {19, "SIMCONNECT_EXCEPTION_INVALID_DATA_SIZE"},
+        {23, "SimConnect exception: load flight plan failed"},
+        {24, "SIMCONNECT_EXCEPTION_OPERATION_INVALID_FOR_OBJECT_TYPE"},
+        {31, "SIMCONNECT_EXCEPTION #31"},
+    };
+    for (const auto& [exception, says] : cases) {
+        SCOPED_TRACE(exception);
+        EXPECT_NE(raised(exception).find(says), std::string::npos);
+    }
+    EXPECT_FALSE(core::gRun.stopRequested.load());
+}
+
+// Of the objects the simulator reports near the user, only its own traffic on or near the ground
+// with a usable ATC id is handed on.
+TEST_F(SimClientTest, ForeignObjectsAreFiltered) {
+    MemorySim m(atKmsp());
+    m.pass();
+    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    sim::requestUserOnGround();
+    for (int i = 0; i < 10 && !sim::userTitleKnown(); ++i) m.pass();
+    const auto kept = m.e.addTraffic(44.883, -93.222, "N123AB");
+    m.e.addTraffic(44.90, -93.222, "N456CD", 3000); // flying over
+    m.e.addTraffic(44.884, -93.222, "");
+    m.e.addTraffic(44.885, -93.222, "N9*");
+    m.pass();
+    // The first report after an object is added only tells whether it is ours; the next one counts.
+    for (int round = 0; round < 2; ++round) {
+        (void)m.events();
+        sim::requestInRange(40);
+        m.pass(), m.pass(), m.pass();
+    }
+    std::vector<std::uint32_t> foreign;
+    for (const auto& e : m.events())
+        if (const auto* f = std::get_if<sim::ForeignInRange>(&e)) foreign.push_back(f->objectId);
+    EXPECT_EQ(foreign, std::vector<std::uint32_t>{kept});
+}
+
+// A request the simulator link cannot send ends the run for a restart in 9 s.
+TEST_F(SimClientTest, AFailedRequestRestartsTheRun) {
+    MemorySim m(atKmsp());
+    m.pass();
+    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    sim::requestUserOnGround();
+    for (int i = 0; i < 10 && !sim::userTitleKnown(); ++i) m.pass();
+    sim::CreateRecord create;
+    create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
+    create.tailNumber = "DAL1";
+    create.title = "Airbus A321 Delta";
+    create.hexid = 0xABCDEF;
+    ASSERT_TRUE(sim::addCreate(create));
+    m.e.advanceTo(m.t += 0.05); // frames wait in the pipe
+    m.serverEnd->close();       // and nothing can be sent any more
+    (void)sim::pollOnce();
+    EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimconnectError);
+    EXPECT_EQ(core::gRun.restartDelaySeconds.load(), 9);
+    EXPECT_TRUE(sim::simFailed());
+    EXPECT_TRUE(log.contains("! Simcon call to create ac in sim failed, hexid:11259375"));
+}
+
 // A quit message ends the run for the simulator's close at once, even with the socket left open.
 TEST_F(SimClientTest, QuitAloneEndsTheRunWithReasonOne) {
     MemorySim m(atKmsp());
