@@ -669,3 +669,29 @@ TEST_F(EngineTest, CategorySwitchesEachReadTheirOwnSetting) {
 
 } // namespace
 } // namespace orv::live
+
+namespace orv::live {
+namespace {
+
+// A taxiing aircraft whose data stop waits where it is, unless another taxiing aircraft stands
+// within reach: then it goes at once rather than block it.
+TEST_F(EngineTest, NoHoldNextToAnotherTaxiingAircraft) {
+    for (const double otherNm : {0.01, 0.5}) {
+        live::reset();
+        LiveAc& ac = active(kHex, 0, 200, true);
+        ac.halfSize = 20 / core::kMetresPerNm;
+        LiveAc& other = active(kHex + 1, otherNm, 201, true);
+        other.halfSize = 20 / core::kMetresPerNm;
+        for (gEngine.tick = 0; gEngine.tick < 500; ++gEngine.tick) updateLiveAc(*findByHexid(kHex));
+        const LiveAc& a = *findByHexid(kHex);
+        if (otherNm < 0.1) {
+            EXPECT_EQ(a.simState, SimState::RemovingFromSim);
+        } else {
+            EXPECT_TRUE(a.holding);
+            EXPECT_EQ(a.simState, SimState::Active);
+        }
+    }
+}
+
+} // namespace
+} // namespace orv::live

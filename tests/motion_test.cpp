@@ -585,3 +585,66 @@ TEST_F(MotionTest, StaleGroundSpeedsAreCorrectedFromPositions) {
 
 } // namespace
 } // namespace orv::live
+
+namespace orv::live {
+namespace {
+
+// Coasting through a take-off, the made-up points speed up in steps, and climb from 140 kt on.
+TEST_F(MotionTest, TakeOffExtrapolationSpeeds) {
+    struct Case {
+        double from, speed, vs;
+    };
+    const Case cases[] = {{20, 40, 0},     {30, 40, 0},      {45, 80, 0},     {90, 110, 0},
+                          {130, 150, 600}, {155, 170, 1200}, {175, 180, 2400}};
+    for (const auto& c : cases) {
+        live::reset();
+        LiveAc& ac = aircraft(true);
+        ac.takingOff = true;
+        Sample s = at(0, 0, 0, c.from);
+        s.vs = 0;
+        ac.stream.push_back(s);
+        extrapolate(ac, 5);
+        EXPECT_EQ(ac.stream.back().speed, c.speed) << c.from;
+        EXPECT_EQ(ac.stream.back().vs, c.vs) << c.from;
+    }
+}
+
+// The roll-out ends when the aircraft has turned 15 degrees off the runway's heading.
+TEST_F(MotionTest, RollOutEndsFifteenDegreesOffTheRunway) {
+    for (const double offDeg : {14.0, 16.0, -16.0}) {
+        live::reset();
+        LiveAc& ac = aircraft(true);
+        ac.landingFlags.rollout = true;
+        ac.landingFlags.rolloutHeading = 1.0;
+        ac.heading = 1.0 + offDeg * core::kRadPerDeg;
+        ac.stream.push_back(at(0, 0, 0, 120));
+        ac.stream.push_back(at(0, 500, 500, 110));
+        setGroundSegment(ac, 500);
+        EXPECT_EQ(ac.landingFlags.rollout, std::fabs(offDeg) < 15) << offDeg;
+    }
+}
+
+// A curve of 45 degrees or less over a long segment turns more slowly than the aircraft's rate, so
+// that the turn is spread over the segment instead of done at its start.
+TEST_F(MotionTest, GentleCurvesTurnMoreSlowly) {
+    struct Case {
+        double angle, metres, rate;
+        bool slower;
+    };
+    // The last two: a turn that would take longer than the segment, and a sharp one, go faster.
+    for (const auto& c : {Case{30, 400, 0.05, true}, Case{44, 400, 0.05, true}, Case{30, 20, 0.05, true},
+                          Case{30, 20, 0.001, false}, Case{60, 400, 0.05, false}}) {
+        live::reset();
+        LiveAc& ac = aircraft(true);
+        ac.turnRate = c.rate;
+        ac.curve = GroundCurve{};
+        ac.curveAngle = c.angle;
+        ac.stream.push_back(at(0, 0, 0, 15));
+        ac.stream.push_back(at(0, c.metres, 100, 15));
+        nextTimeGround(ac);
+        EXPECT_EQ(ac.currentTurnRate < ac.turnRate, c.slower) << c.angle << " deg over " << c.metres << " m";
+    }
+}
+
+} // namespace
+} // namespace orv::live
