@@ -1,6 +1,8 @@
 #include <csignal>
 #include <fcntl.h>
 #include <map>
+#include <mutex>
+#include <optional>
 #include <set>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -10,10 +12,13 @@
 #include <gtest/gtest.h>
 
 #include "core/core.h"
+#include "emulator.h"
 #include "feed/feed.h"
 #include "params/params.h"
 #include "platform/platform.h"
+#include "refdata/refdata.h"
 #include "run/run.h"
+#include "sim/sim.h"
 #include "support.h"
 
 extern char** environ;
@@ -331,6 +336,53 @@ Child spawn(const std::vector<std::string>& args, const std::vector<std::string>
 
 bool waitFor(const std::function<bool()>& done) {
     return test::waitUntil(done, 20s, 20ms);
+}
+
+// The start: the simulator and the user first, then the weather reader, two seconds later the
+// traffic reader, and at most 15 s for the first weather before traffic is taken anyway.
+TEST(StartSequence, ReadersFollowTheSimulatorAndWeatherIsAwaited15Seconds) {
+    test::TempDir dir;
+    test::LogCapture log;
+    core::gPaths.dataFolder = core::gPaths.programFolder = dir.path();
+    ASSERT_TRUE(refdata::loadDbase(test::shippedCopy("dbase.enc", dir.path())));
+    emu::Config config;
+    config.airports = {{"KMSP", 44.882, -93.2218, 841}};
+    config.user.latitude = 44.882, config.user.longitude = -93.2218;
+    emu::Emulator emulator(config);
+    emu::Server server(emulator);
+    ASSERT_EQ(server.start("127.0.0.1", 0), "");
+    const auto savedOptions = core::gOptions;
+    core::gOptions.simHost = "127.0.0.1", core::gOptions.simPort = server.port();
+    core::gOptions.weatherPort = 0, core::gOptions.trafficPort = 0;
+    core::gRun.reset();
+    sim::reset();
+    sim::setApiFactory({});
+    core::gRun.realTrafficInstalled = false; // no RealTraffic link to wait for
+    platform::VirtualClock clock;
+    // From the moment the user is known: 2 s between the readers, then 15 s for the first weather.
+    // The simulator's and the readers' threads step the same clock, so only a floor is exact.
+    std::mutex mutex;
+    std::optional<platform::SteadyTime> userKnownAt;
+    clock.onAdvance = [&](platform::SteadyTime now) {
+        std::lock_guard lock(mutex);
+        if (!userKnownAt && sim::userPosition()) userKnownAt = now;
+    };
+    platform::setClock(&clock);
+    EXPECT_TRUE(startThreads());
+    {
+        std::lock_guard lock(mutex);
+        ASSERT_TRUE(userKnownAt.has_value());
+        EXPECT_GE(clock.steadyNow() - *userKnownAt, 17s);
+    }
+    EXPECT_TRUE(log.contains("No traffic in this region?"));
+    feed::stopReaders();
+    EXPECT_TRUE(feed::waitReadersStopped(5s));
+    sim::stopClient();
+    server.stop();
+    platform::setClock(nullptr);
+    sim::reset();
+    core::gRun.reset();
+    core::gOptions = savedOptions;
 }
 
 TEST(Process, SecondInstanceLeavesWithMinusOneAndWritesNoLog) {

@@ -20,8 +20,11 @@ UtcTime VirtualClock::utcNow() {
 }
 
 void VirtualClock::sleepUntil(SteadyTime target) {
+    // Several threads may sleep on one virtual clock: time only ever moves forward.
     const auto t = target.time_since_epoch().count();
-    if (t > elapsedNs_.load(std::memory_order_acquire)) elapsedNs_.store(t, std::memory_order_release);
+    auto now = elapsedNs_.load(std::memory_order_acquire);
+    while (t > now && !elapsedNs_.compare_exchange_weak(now, t, std::memory_order_acq_rel)) {
+    }
     if (onAdvance) onAdvance(steadyNow());
 }
 
