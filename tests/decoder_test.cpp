@@ -459,6 +459,7 @@ TEST_F(Decoder, DatagramsOnALoopbackPortReachTheQueue) {
             "garbage",
             "a,b,c",                 // too short
             std::string(20000, 'x'), // larger than the buffer
+            std::string(30000, 'y'), // again: counted, not said again
             std::string(40, ','),    // enough fields, all empty
             join(other),             // still decoding after all that
         };
@@ -471,6 +472,7 @@ TEST_F(Decoder, DatagramsOnALoopbackPortReachTheQueue) {
         EXPECT_EQ(gTrafficReader.lineCount, expectedLines);
         EXPECT_EQ(gTrafficReader.counts.queued, localOnly ? 3u : 2u);
         EXPECT_EQ(gTrafficReader.counts.failed, 3u);
+        EXPECT_EQ(gTrafficReader.counts.overruns, 2u);
 
         stopReaders();
         ASSERT_TRUE(waitReadersStopped(std::chrono::milliseconds(3000)));
@@ -481,7 +483,8 @@ TEST_F(Decoder, DatagramsOnALoopbackPortReachTheQueue) {
     }
     const auto text = log.text();
     EXPECT_NE(text.find("Traffic Reader connected"), std::string::npos);
-    EXPECT_NE(text.find("buffer overrun: 20000 bytes"), std::string::npos);
+    EXPECT_NE(text.find("buffer overrun: 20000 bytes (1 so far)"), std::string::npos);
+    EXPECT_EQ(text.find("30000 bytes"), std::string::npos) << "only the 1st, 10th, 100th ... are said";
     EXPECT_NE(text.find("Traffic Reader has stopped"), std::string::npos);
 }
 

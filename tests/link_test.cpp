@@ -217,6 +217,7 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     gTrafficReader.lineCount = 9;
     gTrafficReader.counts.queued = 4;
     gTrafficReader.seenCallsigns.insert("DAL1");
+    live::gEngine.taken = 12;
     first.close(); // RealTraffic goes
     for (int i = 0; i < 100 && realTrafficConnected(); ++i) {
         sendUserPosition(user());
@@ -229,6 +230,8 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     EXPECT_EQ(gTrafficReader.lineCount.load(), 0u);
     EXPECT_EQ(gTrafficReader.counts.queued, 0u);
     EXPECT_TRUE(gTrafficReader.seenCallsigns.empty());
+    EXPECT_EQ(live::gEngine.taken, 0u) << "the engine's count starts again with the next RealTraffic";
+    EXPECT_EQ(live::samplesTaken(), 0u);
     ASSERT_EQ(live::gEngine.liveTable.size(), 1u) << "the waiting one is dropped";
     EXPECT_EQ(live::gEngine.liveTable[0].simState, live::SimState::RemovingFromSim);
     EXPECT_EQ(live::gEngine.removeQueue, std::vector<std::uint32_t>{300});

@@ -75,6 +75,7 @@ class UdpReader {
     virtual void processLine() = 0;
     virtual void onStopped() {}
     virtual void onBound() {}
+    virtual void onOverrun() {} // a datagram larger than the buffer was dropped
     virtual std::string_view threadName() const = 0;
 
     // Opens and binds the socket, then receives until `stop`. Throws on a socket failure.
@@ -86,6 +87,7 @@ class UdpReader {
     std::uint64_t lineLength = 0;
     std::atomic<bool> stop{false};
     std::atomic<std::uint32_t> lineCount{0};
+    std::atomic<std::uint64_t> overrunsSeen{0}; // said at the 1st, 10th, 100th ...
     char buffer[kBufferSize + 1] = {};
     std::string previous;
     platform::UdpSocket socket;
@@ -110,6 +112,7 @@ class TrafficReader final : public UdpReader {
     void processLine() override;
     void onStopped() override;
     void onBound() override;
+    void onOverrun() override { counts.overruns.fetch_add(1, std::memory_order_relaxed); }
     std::string_view threadName() const override { return "Traffic Reader"; }
     void processLineSub();
 

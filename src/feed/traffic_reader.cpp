@@ -108,6 +108,7 @@ void TrafficReader::onStopped() {
 
 void TrafficReader::clearForRun() {
     lineCount = 0;
+    overrunsSeen = 0;
     lastTimestamp = 0.0;
     seenCallsigns.clear();
     qnh = 1013;
@@ -359,6 +360,7 @@ void QnhReader::reset() {
     lastQnh = 1013;
     gQnh = 1013;
     lineCount = 0;
+    overrunsSeen = 0;
     stop = false;
 }
 

@@ -40,7 +40,12 @@ void UdpReader::receiveLoop(bool localOnly) {
         }
         if (r.status == platform::RecvStatus::Data && r.size > 0) {
             if (r.size >= kBufferSize) {
-                if (!stop) core::log(fmt::format("buffer overrun: {} bytes", r.size));
+                // A flood of them must not become a flood of log lines.
+                onOverrun();
+                const std::uint64_t n = ++overrunsSeen;
+                bool round = true;
+                for (std::uint64_t k = n; k > 1; k /= 10) round = round && k % 10 == 0;
+                if (!stop && round) core::log(fmt::format("buffer overrun: {} bytes ({} so far)", r.size, n));
             } else {
                 buffer[r.size] = 0;
                 const std::string_view text(buffer, r.size);

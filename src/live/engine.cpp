@@ -1252,6 +1252,11 @@ void reset() {
     publishCounts();
 }
 
+void resetSamplesTaken() {
+    gEngine.taken = 0;
+    published.taken.store(0, std::memory_order_relaxed);
+}
+
 std::uint64_t samplesTaken() noexcept {
     return published.taken.load(std::memory_order_relaxed);
 }

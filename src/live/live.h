@@ -250,6 +250,7 @@ void reset();
 // What the frame has taken from the traffic queue so far, and the table by state (status display;
 // published by the frame once a second, read from any thread).
 std::uint64_t samplesTaken() noexcept;
+void resetSamplesTaken(); // a new RealTraffic starts the count again
 struct LiveCounts {
     std::uint32_t active = 0, buffered = 0, creating = 0, leaving = 0, spawnQueue = 0;
 };

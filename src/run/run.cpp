@@ -155,7 +155,10 @@ bool startThreads() {
 }
 
 void installHooks() {
-    feed::setOnLinkLost([] { live::removeAllLive(); });
+    feed::setOnLinkLost([] {
+        live::removeAllLive();
+        live::resetSamplesTaken();
+    });
     sim::setOnUserLeaving([] { parking::saveUserStand(); });
 }
 
