@@ -76,7 +76,10 @@ std::vector<std::string> titlesUnder(const std::filesystem::path& folder) {
     std::error_code ec;
     for (auto it = std::filesystem::recursive_directory_iterator(folder, ec);
          !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-        if (!it->is_regular_file() || !core::iequals(it->path().filename().string(), "aircraft.cfg"))
+        // A link that loops or points nowhere is skipped, not fatal.
+        std::error_code entry;
+        if (!it->is_regular_file(entry) || entry ||
+            !core::iequals(it->path().filename().string(), "aircraft.cfg"))
             continue;
         std::vector<std::string> lines;
         if (!core::readLines(core::detectEncoding(it->path()), it->path(), lines)) continue;

@@ -5,6 +5,7 @@
 
 #include "emulator.h"
 #include "simconnect/simconnect.h"
+#include "support.h"
 
 namespace orv::simconnect {
 namespace {
@@ -519,6 +520,24 @@ TEST(Emulator, VersionsAndOrderOfCreationMessages) {
         for (const auto& m : h.got) ids.push_back(m.id);
         EXPECT_EQ(ids, c.afterCreate);
     }
+}
+
+} // namespace
+} // namespace orv::simconnect
+
+namespace orv::simconnect {
+namespace {
+
+// The emulator's titles come from a Community folder; links that loop or dangle are skipped.
+TEST(Emulator, TitlesUnderAFolderWithBrokenLinks) {
+    test::TempDir dir;
+    const auto plane = dir / "pkg" / "SimObjects" / "Airplanes" / "A";
+    std::filesystem::create_directories(plane);
+    test::writeBytes(plane / "aircraft.cfg",
+                     "[FLTSIM.0]\ntitle = \"Test Livery\" ; note\n[GENERAL]\ntitle = no\n");
+    std::filesystem::create_symlink(dir / "pkg" / "loop", dir / "pkg" / "loop"); // loops on itself
+    std::filesystem::create_symlink(dir / "nowhere", dir / "pkg" / "aircraft.cfg");
+    EXPECT_EQ(emu::titlesUnder(dir.path()), std::vector<std::string>{"Test Livery"});
 }
 
 } // namespace
