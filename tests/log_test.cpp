@@ -1,5 +1,6 @@
 #include <regex>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "core/core.h"
@@ -30,6 +31,37 @@ TEST(Log, UnwritableFileThrowsAndClosedLogIgnoresLines) {
     EXPECT_THROW(core::openLog("/nonexistent-folder/Log.txt"), std::runtime_error);
     core::log("nowhere"); // must not crash
     core::logFlush("nowhere");
+}
+
+// A flood of input cannot fill the disk: long lines are cut, repeats counted, and a full log
+// becomes the first generation of a new one. What was said reaches the file each second.
+TEST(Log, LongLinesRepeatsGenerationsAndTheCap) {
+    TempDir dir;
+    const auto file = dir / "Log.txt";
+    writeBytes(file, "the previous run\n");
+    core::openLog(file);
+    EXPECT_EQ(test::readBytes(dir / "Log.1.txt"), "the previous run\n") << "the last run's log is kept";
+    core::log(std::string(5000, 'x'));
+    for (int i = 0; i < 5; ++i) core::log("traffic line refused: 28 fields, 29 needed");
+    core::log("something else");
+    core::logTick();
+    auto text = test::readBytes(file);
+    EXPECT_NE(text.find(std::string(2000, 'x') + "... (3000 more bytes cut)\n"), std::string::npos);
+    EXPECT_NE(text.find("traffic line refused: 28 fields, 29 needed\n    (the line above came 4 more times)\n"
+                        "something else\n"),
+              std::string::npos)
+        << text;
+    core::setLogCapBytes(10000);
+    for (int i = 0; i < 1500; ++i) core::log(fmt::format("line {}", i));
+    core::logTick();
+    text = test::readBytes(file);
+    EXPECT_LT(text.size(), 12000u);
+    EXPECT_NE(text.find("the earlier lines are in the .1 file"), std::string::npos);
+    EXPECT_NE(text.find("line 1499\n"), std::string::npos);
+    EXPECT_NE(test::readBytes(dir / "Log.1.txt").find("something else"), std::string::npos);
+    EXPECT_EQ(test::readBytes(dir / "Log.2.txt"), "the previous run\n");
+    core::setLogCapBytes(50u << 20);
+    core::closeLog();
 }
 
 TEST(Messages, EmptyClearsSilentlyErrorBlocksAndOldMessagesExpire) {

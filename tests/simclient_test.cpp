@@ -763,8 +763,9 @@ TEST_F(InstallTest, FlightPlanPathsAsTheSimulatorSeesThem) {
     EXPECT_EQ(sim::removeFlightPlanFolder(), "");
     (void)sim::planPathForSimulator(sim::planPath(1));
     (void)sim::planPathForSimulator(sim::planPath(2));
-    EXPECT_EQ(log.count("Live aircraft get no flight plans: the simulator at 192.168.1.5"), 2u)
-        << "once per run: the case above and once after the folder went";
+    // Once per run: the case above and once after the folder went (the log counts the repeat).
+    EXPECT_EQ(log.count("Live aircraft get no flight plans: the simulator at 192.168.1.5"), 1u);
+    EXPECT_TRUE(log.contains("(the line above came 1 more time)"));
     core::gOptions = saved;
     core::gPaths.dataFolder = dir.path();
 }

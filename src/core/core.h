@@ -34,8 +34,10 @@ inline constexpr std::string_view kSimName = "MSFS 2020/2024";
 void openLog(const fs::path& file);
 void closeLog();
 void log(std::string_view text);
-void logFlush(std::string_view text); // "==> " + text, then flush
-std::string timeText();               // "HH:MM:SS", UTC
+void logFlush(std::string_view text);      // "==> " + text, then flush
+void logTick();                            // once a second: what was logged reaches the file
+void setLogCapBytes(std::uintmax_t bytes); // past it Log.txt becomes Log.1.txt and starts again
+std::string timeText();                    // "HH:MM:SS", UTC
 
 // ---- Message and error lines ----------------------------------------------------------------
 

@@ -13,8 +13,50 @@
 namespace orv::core {
 
 namespace {
-std::mutex logLock; // guards logStream: any thread logs
+std::mutex logLock; // guards the log's state: any thread logs
 std::ofstream logStream;
+
+// The log's own limits, so that no flood of input can fill the disk or hide what came before it.
+struct LogState {
+    fs::path file;
+    std::uintmax_t written = 0;
+    std::uintmax_t capBytes = 50u << 20;
+    std::string lastLine;
+    std::uint64_t repeats = 0; // of lastLine, not yet written
+    std::chrono::steady_clock::time_point lastFlush{};
+};
+LogState state;
+constexpr std::size_t kMaxLineBytes = 2000;
+
+// Log.txt -> Log.1.txt -> Log.2.txt -> Log.3.txt, the oldest dropped.
+void keepGenerations(const fs::path& file) {
+    const auto generation = [&](int n) {
+        fs::path p = file;
+        p.replace_extension(fmt::format(".{}{}", n, file.extension().string()));
+        return p;
+    };
+    std::error_code ec;
+    for (int n = 2; n >= 1; --n)
+        if (fs::exists(generation(n), ec)) fs::rename(generation(n), generation(n + 1), ec);
+    if (fs::exists(file, ec)) fs::rename(file, generation(1), ec);
+}
+
+// Under logLock.
+void writeLine(std::string_view text) {
+    logStream << text << '\n';
+    state.written += text.size() + 1;
+}
+void writeRepeats() {
+    if (state.repeats == 0) return;
+    writeLine(fmt::format("    (the line above came {} more time{})", state.repeats,
+                          state.repeats == 1 ? "" : "s"));
+    state.repeats = 0;
+}
+void flushNow() {
+    writeRepeats();
+    logStream.flush();
+    state.lastFlush = std::chrono::steady_clock::now();
+}
 
 // The window's message and error lines: any thread sets them, the front end reads them.
 struct MessageLines {
@@ -33,6 +75,11 @@ std::time_t utcSeconds() {
 void openLog(const fs::path& file) {
     std::lock_guard lock(logLock);
     if (logStream.is_open()) logStream.close();
+    keepGenerations(file);
+    const auto cap = state.capBytes;
+    state = {};
+    state.file = file;
+    state.capBytes = cap;
     logStream.open(file, std::ios::out | std::ios::trunc | std::ios::binary);
     if (!logStream.is_open()) throw std::runtime_error("Failed to write file " + file.string());
     logStream << fmt::format("{:%Y-%m-%d %H:%M:%S} (utc) {} version {}.{}.{} for {}\n",
@@ -43,20 +90,58 @@ void openLog(const fs::path& file) {
 
 void closeLog() {
     std::lock_guard lock(logLock);
-    if (logStream.is_open()) logStream.close();
+    if (logStream.is_open()) {
+        flushNow();
+        logStream.close();
+    }
 }
 
 void log(std::string_view text) {
     std::lock_guard lock(logLock);
     if (!logStream.is_open()) return;
-    logStream << text << '\n';
+    if (text == state.lastLine && !text.empty()) {
+        ++state.repeats;
+    } else {
+        writeRepeats();
+        if (text.size() > kMaxLineBytes)
+            writeLine(fmt::format("{}... ({} more bytes cut)", text.substr(0, kMaxLineBytes),
+                                  text.size() - kMaxLineBytes));
+        else
+            writeLine(text);
+        state.lastLine.assign(text.substr(0, std::min(text.size(), kMaxLineBytes)));
+    }
+    if (state.written > state.capBytes) {
+        // Full: this file becomes the first generation and a new one goes on.
+        flushNow();
+        logStream.close();
+        keepGenerations(state.file);
+        logStream.open(state.file, std::ios::out | std::ios::trunc | std::ios::binary);
+        state.written = 0;
+        writeLine(
+            fmt::format("{} (utc) the log went on beyond {} bytes; the earlier lines are in the .1 file",
+                        fmt::format("{:%Y-%m-%d %H:%M:%S}", fmt::gmtime(utcSeconds())), state.capBytes));
+    }
+    // At least once a second, so that a killed process leaves what it said.
+    if (std::chrono::steady_clock::now() - state.lastFlush >= std::chrono::seconds(1)) flushNow();
 }
 
 void logFlush(std::string_view text) {
     std::lock_guard lock(logLock);
     if (!logStream.is_open()) return;
-    logStream << "==> " << text << '\n';
-    logStream.flush();
+    writeRepeats();
+    writeLine(fmt::format("==> {}", text));
+    state.lastLine.clear();
+    flushNow();
+}
+
+void logTick() {
+    std::lock_guard lock(logLock);
+    if (logStream.is_open()) flushNow();
+}
+
+void setLogCapBytes(std::uintmax_t bytes) {
+    std::lock_guard lock(logLock);
+    state.capBytes = bytes;
 }
 
 std::string timeText() {
@@ -88,6 +173,7 @@ void error(std::string_view text) {
         messages.error = text;
     }
     log(fmt::format("Error {}", text));
+    logTick(); // an error may be the last thing the process says
     core::repaint(core::Region::MessageLine);
 }
 

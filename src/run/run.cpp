@@ -283,6 +283,7 @@ bool step() {
 
 void onSecond() {
     core::messageSecond();
+    core::logTick();
     ui::refreshCounters();
     core::gRun.secondsCounter.fetch_add(1, std::memory_order_relaxed);
     // Once a second, beside the frame rather than in it: a socket send has no place in the frame.
