@@ -118,6 +118,16 @@ TEST_F(LiveriesTest, SectionRules) {
          "[GENERAL]\nicao_type_designator = \"B77W\"\n[fltsim.0]\ntitle = T1\n",
          {}},
         {"a smaller type without airline is private", one("atc_id = XX-NOPE\n"), {"T1|PVT|B738|XX-NOPE|0"}},
+        {"a title with a control character is refused",
+         b738 + "[fltsim.0]\ntitle = T\x01X\nicao_airline = KLM\n",
+         {},
+         {Report::IncompleteSections,
+          "X/aircraft.cfg [fltsim.0] has a title with control characters or broken text"}},
+        {"a title of broken UTF-8 is refused",
+         b738 + "[fltsim.0]\ntitle = T\xC3\nicao_airline = KLM\n",
+         {},
+         {Report::IncompleteSections,
+          "X/aircraft.cfg [fltsim.0] has a title with control characters or broken text"}},
         {"CARGO alone is cargo", one("icao_airline = FDX\natc_parking_types = CARGO\n"), {"T1|FDX|B738||1"}},
         {"GATE,CARGO is passenger",
          one("icao_airline = FDX\natc_parking_types = \"GATE,CARGO\"\n"),
@@ -351,6 +361,19 @@ TEST_F(LiveriesTest, AListRecordReplacesAnInlineRegistration) {
               std::string::npos)
         << offline;
     EXPECT_NE(offline.find("1 regcode replaced"), std::string::npos) << offline;
+}
+
+// A damaged list of scanned liveries is kept aside and scanned anew instead of stopping the start.
+TEST_F(LiveriesTest, ADamagedScannedListIsScannedAgain) {
+    fs::create_directories(liveriesFile().parent_path());
+    test::writeBytes(liveriesFile(), "<root><liveries><l a=\"KLM\" t=\"x");
+    EXPECT_FALSE(liveriesFileExists());
+    EXPECT_FALSE(fs::exists(liveriesFile()));
+    fs::path kept = liveriesFile();
+    kept.replace_extension(".0.xml");
+    EXPECT_EQ(test::readBytes(kept), "<root><liveries><l a=\"KLM\" t=\"x");
+    EXPECT_TRUE(log.contains("is damaged"));
+    EXPECT_TRUE(log.contains("your liveries will be scanned again"));
 }
 
 TEST_F(LiveriesTest, InlineRegistrationClash) {

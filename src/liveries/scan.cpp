@@ -22,6 +22,28 @@ ScanProgress gScanProgress;
 
 namespace {
 
+// A title goes into LiveriesScanned.xml and to the simulator: no control characters, valid UTF-8.
+bool storableTitle(std::string_view t) {
+    for (std::size_t i = 0; i < t.size();) {
+        const auto c = static_cast<unsigned char>(t[i]);
+        if (c < 0x20 || c == 0x7F) return false;
+        const std::size_t n = c < 0x80           ? 1
+                              : (c >> 5) == 0x6  ? 2
+                              : (c >> 4) == 0xE  ? 3
+                              : (c >> 3) == 0x1E ? 4
+                                                 : 0;
+        if (n == 0 || i + n > t.size()) return false;
+        for (std::size_t k = 1; k < n; ++k)
+            if ((static_cast<unsigned char>(t[i + k]) & 0xC0) != 0x80) return false;
+        i += n;
+    }
+    return true;
+}
+
+} // namespace
+
+namespace {
+
 const std::map<std::string, std::string, std::less<>> kAsobo = {
     {"Asobo_FlightDesignCT", "FDCT"},
     {"Asobo_DA40_TDI", "DA40"},
@@ -252,6 +274,10 @@ std::optional<LiveryData> processFltSimSection(std::uint16_t rank, const std::st
         incomplete(fmt::format("{} {} icao_airline is missing, or it has invalid info ", path, first));
     if (title.empty()) {
         incomplete(fmt::format("{} {} misses title", path, first));
+        return std::nullopt;
+    }
+    if (!storableTitle(title)) {
+        incomplete(fmt::format("{} {} has a title with control characters or broken text", path, first));
         return std::nullopt;
     }
     std::string code = airline.value_or("");
@@ -487,6 +513,10 @@ std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::p
             }
             if (title.empty()) {
                 incomplete(first, " misses title");
+                return;
+            }
+            if (!storableTitle(title)) {
+                incomplete(first, " has a title with control characters or broken text");
                 return;
             }
             if (dontUse(title)) return;
