@@ -509,6 +509,21 @@ TEST_F(SimClientTest, AFailedRequestRestartsTheRun) {
     EXPECT_TRUE(log.contains("! Simcon call to create ac in sim failed, hexid:11259375"));
 }
 
+// A stream that breaks without the simulator's QUIT is a lost link: said, and the run restarts to
+// connect again, instead of ending as if the user had closed the simulator.
+TEST_F(SimClientTest, ABrokenStreamRestartsTheRun) {
+    MemorySim m(atKmsp());
+    m.pass();
+    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    const sc::DWORD bad = 3; // a packet size no packet has
+    m.serverEnd->send(sc::Bytes(reinterpret_cast<const std::uint8_t*>(&bad), 4));
+    EXPECT_EQ(sim::pollOnce(), sim::Pass::End);
+    EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimconnectError);
+    EXPECT_EQ(core::gRun.restartDelaySeconds.load(), 9);
+    EXPECT_TRUE(log.contains("SimConnect connection lost: "));
+    EXPECT_TRUE(log.contains("packet size 3"));
+}
+
 // A quit message ends the run for the simulator's close at once, even with the socket left open.
 TEST_F(SimClientTest, QuitAloneEndsTheRunWithReasonOne) {
     MemorySim m(atKmsp());

@@ -735,8 +735,13 @@ Pass pollOnce() {
     sendWanted();
     try {
         const bool dispatched = simApi->CallDispatch(dispatch, nullptr) >= 0;
-        if (!dispatched && !ts.quitReceived)
-            throw std::runtime_error(fmt::format("SimConnect connection lost: {}", simApi->lastError()));
+        if (!dispatched && !ts.quitReceived) {
+            // No QUIT: the link broke, not the simulator's end. The run starts again and reconnects.
+            core::log(fmt::format("SimConnect connection lost: {}; connecting again", simApi->lastError()));
+            closeConnection();
+            core::requestStop(core::ExitReason::SimconnectError, 9);
+            return Pass::End;
+        }
         if (ts.quitReceived) {
             closeConnection();
             return Pass::End;

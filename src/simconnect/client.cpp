@@ -57,7 +57,7 @@ class NetworkClient final : public Api {
             long n;
             {
                 std::lock_guard lock(mutex_);
-                if (!transport_) return quitDelivered_ ? E_FAIL : S_OK;
+                if (!transport_) return E_FAIL;
                 n = transport_->receive(buffer_.data(), buffer_.size(), 0);
             }
             if (n < 0) return lost(proc, context, "the simulator closed the connection");
@@ -144,20 +144,12 @@ class NetworkClient final : public Api {
         return S_OK;
     }
 
-    // The connection is gone or its stream can't be trusted: the caller sees one QUIT.
-    HRESULT lost(DispatchProc proc, void* context, std::string why) {
+    // The connection is gone or its stream can't be trusted: a failure with its reason, which the
+    // caller tells apart from the simulator's own QUIT.
+    HRESULT lost(DispatchProc, void*, std::string why) {
         error_ = std::move(why);
         Close();
-        if (!quitDelivered_) {
-            quitDelivered_ = true;
-            Received quit;
-            quit.size = kServerHeaderSize;
-            quit.version = protocol_;
-            quit.id = SIMCONNECT_RECV_ID_QUIT;
-            quit.body = RecvQuit{};
-            proc(quit, context);
-        }
-        return S_OK;
+        return E_FAIL;
     }
 
     // Sends come from several threads (each under the caller's own lock) while one dispatches.
