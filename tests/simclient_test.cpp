@@ -11,6 +11,7 @@
 #include "feed/feed.h"
 #include "params/params.h"
 #include "parking/parking.h"
+#include "platform/platform.h"
 #include "refdata/refdata.h"
 #include "run/run.h"
 #include "sim/sim.h"
@@ -522,6 +523,37 @@ TEST_F(SimClientTest, ABrokenStreamRestartsTheRun) {
     EXPECT_EQ(core::gRun.restartDelaySeconds.load(), 9);
     EXPECT_TRUE(log.contains("SimConnect connection lost: "));
     EXPECT_TRUE(log.contains("packet size 3"));
+}
+
+// A simulator that stops talking is noticed: no answer to the open within 15 s is tried again,
+// 30 s of silence while running is a lost link.
+TEST_F(SimClientTest, ASilentSimulatorIsNoticed) {
+    platform::VirtualClock clock;
+    platform::setClock(&clock);
+    {
+        MemorySim m(atKmsp());
+        EXPECT_EQ(sim::pollOnce(), sim::Pass::Connected); // the open goes out, the emulator never reads it
+        clock.advance(10s);
+        EXPECT_NE(sim::pollOnce(), sim::Pass::Waiting);
+        clock.advance(6s);
+        EXPECT_EQ(sim::pollOnce(), sim::Pass::Waiting);
+        EXPECT_TRUE(log.contains("has not answered in 15 s; trying again"));
+        EXPECT_FALSE(sim::connected());
+    }
+    sim::reset();
+    {
+        MemorySim m(atKmsp());
+        m.pass();
+        for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+        ASSERT_TRUE(core::gRun.simRunning.load());
+        clock.advance(29s);
+        EXPECT_EQ(sim::pollOnce(), sim::Pass::Connected) << "the frames that wait in the pipe still count";
+        clock.advance(31s); // nothing more comes: the emulator is not advanced
+        EXPECT_EQ(sim::pollOnce(), sim::Pass::End);
+        EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimconnectError);
+        EXPECT_TRUE(log.contains("has sent nothing for 30 s while running"));
+    }
+    platform::setClock(nullptr);
 }
 
 // A quit message ends the run for the simulator's close at once, even with the socket left open.

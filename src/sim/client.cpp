@@ -168,6 +168,10 @@ struct ThreadState {
     std::vector<PendingCreation> pendingCreations;
     std::vector<DWORD> addedObjects;
     std::string endpointProblem; // why the simulator cannot be reached, as last said
+    // A simulator that stops talking is noticed: when the connection opened, whether it answered,
+    // and when it last sent anything.
+    platform::SteadyTime openedAt{}, lastMessageAt{};
+    bool answered = false;
 };
 ThreadState ts;
 std::unique_ptr<Api> simApi; // the SimConnect handle: made, used and dropped on the client thread
@@ -546,6 +550,8 @@ void runWorkLists() {
 }
 
 void dispatch(const Received& m, void*) {
+    ts.lastMessageAt = platform::clock().steadyNow();
+    if (m.id == SIMCONNECT_RECV_ID_OPEN) ts.answered = true;
     switch (m.id) {
     case SIMCONNECT_RECV_ID_EXCEPTION:
         onException(std::get<RecvException>(m.body));
@@ -730,6 +736,8 @@ Pass pollOnce() {
         definitions(*simApi);
         platform::timeBeginPeriod(1);
         status.isConnected = true;
+        ts.openedAt = ts.lastMessageAt = platform::clock().steadyNow();
+        ts.answered = false;
         return Pass::Connected;
     }
     sendWanted();
@@ -744,6 +752,22 @@ Pass pollOnce() {
         }
         if (ts.quitReceived) {
             closeConnection();
+            return Pass::End;
+        }
+        using namespace std::chrono_literals;
+        const auto now = platform::clock().steadyNow();
+        if (!ts.answered && now - ts.openedAt >= 15s) {
+            core::message("The simulator took the connection but has not answered in 15 s; trying again",
+                          true);
+            closeConnection();
+            return Pass::Waiting;
+        }
+        // While it runs the simulator sends every frame and every second; silence is a lost link.
+        if (core::gRun.simRunning && now - ts.lastMessageAt >= 30s) {
+            core::log(
+                "The simulator has sent nothing for 30 s while running: the link is lost, connecting again");
+            closeConnection();
+            core::requestStop(core::ExitReason::SimconnectError, 9);
             return Pass::End;
         }
     } catch (const RetryWith2020Protocol&) {
