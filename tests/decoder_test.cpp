@@ -488,6 +488,30 @@ TEST_F(Decoder, DatagramsOnALoopbackPortReachTheQueue) {
     EXPECT_NE(text.find("Traffic Reader has stopped"), std::string::npos);
 }
 
+// Listening on every address, only RealTraffic's host may send: others are counted and said once.
+TEST_F(Decoder, BeyondLoopbackOnlyRealTrafficsHostIsHeard) {
+    test::LogCapture log;
+    gTrafficReader.clearForRun();
+    gTrafficReader.setArea(kmspArea());
+    gTrafficSource = 0x0A010203; // RealTraffic's control link came from 10.1.2.3
+    startTrafficReader(0, false);
+    ASSERT_TRUE(waitUntil([] { return gTrafficReader.boundPort != 0; }));
+    const auto port = gTrafficReader.boundPort.load();
+    const std::string line = join(baseFields());
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(platform::UdpSocket::sendTo("127.0.0.1", port, line), "");
+    ASSERT_TRUE(waitUntil([] { return gTrafficReader.counts.refused >= 3; }));
+    EXPECT_EQ(gTrafficReader.lineCount, 0u);
+    gTrafficSource = 0x7F000001; // now the link is on this host
+    ASSERT_EQ(platform::UdpSocket::sendTo("127.0.0.1", port, line), "");
+    ASSERT_TRUE(waitUntil([] { return gTrafficReader.counts.queued >= 1; }));
+    stopReaders();
+    ASSERT_TRUE(waitReadersStopped(std::chrono::milliseconds(3000)));
+    gTrafficSource = 0;
+    EXPECT_EQ(log.count("Traffic datagrams from 127.0.0.1 are refused"), 1u);
+    while (popOne()) {
+    }
+}
+
 TEST_F(Decoder, APortInUseStopsTheRunWithReaderError) {
     test::LogCapture log;
     platform::UdpSocket holder;

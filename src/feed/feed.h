@@ -75,7 +75,8 @@ class UdpReader {
     virtual void processLine() = 0;
     virtual void onStopped() {}
     virtual void onBound() {}
-    virtual void onOverrun() {} // a datagram larger than the buffer was dropped
+    virtual void onOverrun() {}                    // a datagram larger than the buffer was dropped
+    virtual void onRefusedSender(std::uint32_t) {} // a datagram from another host than RealTraffic's
     virtual std::string_view threadName() const = 0;
 
     // Opens and binds the socket, then receives until `stop`. Throws on a socket failure.
@@ -113,6 +114,7 @@ class TrafficReader final : public UdpReader {
     void onStopped() override;
     void onBound() override;
     void onOverrun() override { counts.overruns.fetch_add(1, std::memory_order_relaxed); }
+    void onRefusedSender(std::uint32_t from) override;
     std::string_view threadName() const override { return "Traffic Reader"; }
     void processLineSub();
 
@@ -121,8 +123,8 @@ class TrafficReader final : public UdpReader {
 
     // Outcome counters: a line ends in exactly one of them.
     struct Counts {
-        std::atomic<std::uint64_t> queued{0}, ignored{0}, dropped{0}, failed{0}, overruns{0};
-        void clear() { queued = ignored = dropped = failed = overruns = 0; }
+        std::atomic<std::uint64_t> queued{0}, ignored{0}, dropped{0}, failed{0}, overruns{0}, refused{0};
+        void clear() { queued = ignored = dropped = failed = overruns = refused = 0; }
     };
 
     std::unordered_set<std::string> seenCallsigns;
@@ -167,6 +169,10 @@ class QnhReader final : public UdpReader {
 extern QnhReader gQnhReader;
 // The QNH the altitude code and the status display read; 1013 until weather arrives.
 extern std::atomic<std::int32_t> gQnh;
+
+// Listening beyond loopback, the readers take datagrams only from the host of RealTraffic's
+// control link (host byte order; 0 while none has connected: any sender).
+extern std::atomic<std::uint32_t> gTrafficSource;
 
 // The reader threads: names "Traffic Reader" and "QNH Reader". They are detached; a failure is
 // shown to the user and stops the run with ReaderError.

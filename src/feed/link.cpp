@@ -42,6 +42,7 @@ bool waitForClient() {
     auto accepted = link.listener.accept(0);
     if (!accepted) return false;
     accepted->setNoDelay();
+    gTrafficSource = accepted->peerIpv4();
     link.client = std::move(*accepted);
     clientConnected = true;
     return true;

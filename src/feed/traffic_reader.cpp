@@ -298,6 +298,14 @@ bool TrafficReader::checkAltitude(TrafficSample& s) {
 }
 
 std::atomic<std::int32_t> gQnh{1013};
+std::atomic<std::uint32_t> gTrafficSource{0};
+
+void TrafficReader::onRefusedSender(std::uint32_t from) {
+    if (counts.refused.fetch_add(1, std::memory_order_relaxed) == 0 && !stop)
+        core::log(fmt::format(
+            "Traffic datagrams from {}.{}.{}.{} are refused: only RealTraffic's host is listened to",
+            from >> 24, (from >> 16) & 255, (from >> 8) & 255, from & 255));
+}
 
 void QnhReader::processLine() {
     const std::string_view text(line, lineLength);

@@ -38,7 +38,11 @@ void UdpReader::receiveLoop(bool localOnly) {
                 throw std::runtime_error(fmt::format("receive error: {}", platform::errorText(r.error)));
             return closeAndNotify();
         }
-        if (r.status == platform::RecvStatus::Data && r.size > 0) {
+        const std::uint32_t source = gTrafficSource.load(std::memory_order_relaxed);
+        if (r.status == platform::RecvStatus::Data && r.size > 0 && !localOnly && source != 0 &&
+            r.fromIpv4 != source) {
+            onRefusedSender(r.fromIpv4);
+        } else if (r.status == platform::RecvStatus::Data && r.size > 0) {
             if (r.size >= kBufferSize) {
                 // A flood of them must not become a flood of log lines.
                 onOverrun();

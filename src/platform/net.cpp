@@ -77,8 +77,13 @@ std::string UdpSocket::setReceiveTimeout(int milliseconds) {
 }
 
 RecvResult UdpSocket::receive(char* buffer, std::size_t capacity) {
-    const ssize_t n = ::recv(fd_.load(), buffer, capacity, MSG_TRUNC);
-    if (n >= 0) return {RecvStatus::Data, static_cast<std::size_t>(n), 0};
+    sockaddr_in from{};
+    socklen_t fromLength = sizeof from;
+    const ssize_t n =
+        ::recvfrom(fd_.load(), buffer, capacity, MSG_TRUNC, reinterpret_cast<sockaddr*>(&from), &fromLength);
+    if (n >= 0)
+        return {RecvStatus::Data, static_cast<std::size_t>(n), 0,
+                from.sin_family == AF_INET ? ntohl(from.sin_addr.s_addr) : 0u};
     const int err = errno;
     return {isTransient(err) ? RecvStatus::Transient : RecvStatus::Failed, 0, err};
 }
@@ -186,6 +191,15 @@ std::string TcpListener::listen(std::string_view address, std::uint16_t port) {
     }
     fd_ = fd;
     return {};
+}
+
+std::uint32_t TcpStream::peerIpv4() const {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (fd_ < 0 || ::getpeername(fd_, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+        peer.sin_family != AF_INET)
+        return 0;
+    return ntohl(peer.sin_addr.s_addr);
 }
 
 std::optional<TcpStream> TcpListener::accept(int timeoutMs) {

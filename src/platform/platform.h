@@ -69,6 +69,7 @@ struct RecvResult {
     RecvStatus status;
     std::size_t size;
     int error;
+    std::uint32_t fromIpv4 = 0; // a datagram's sender, host byte order; 0 when not known
 };
 
 class UdpSocket {
@@ -107,6 +108,7 @@ class TcpStream {
 
     [[nodiscard]] std::string connect(std::string_view host, std::uint16_t port);
     [[nodiscard]] std::string sendAll(std::string_view data);
+    std::uint32_t peerIpv4() const; // the other end's IPv4 address, host byte order; 0 if none
     // Waits up to timeoutMs; Transient with size 0 on time-out, Failed with error 0 on a closed peer.
     RecvResult receive(char* buffer, std::size_t capacity, int timeoutMs);
     bool isOpen() const { return fd_ >= 0; }

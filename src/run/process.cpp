@@ -47,7 +47,7 @@ void printStatus() {
     const auto live = live::liveCounts();
     std::cout << fmt::format(
                      "[{}] simulator: {}{}; {} liveries; RealTraffic: {}; traffic lines {} (queued {}, "
-                     "dropped {}, ignored {}, failed {}), engine took {}; live aircraft: {} active, {} "
+                     "dropped {}, ignored {}, failed {}{}), engine took {}; live aircraft: {} active, {} "
                      "waiting, {} being created, {} leaving; weather: {}",
                      core::timeText(), simText.empty() ? "waiting" : simText,
                      user ? fmt::format(", user at {:.4f},{:.4f} near {}", user->latitude, user->longitude,
@@ -56,8 +56,10 @@ void printStatus() {
                      liveries::count(),
                      feed::realTrafficConnected() ? feed::realTrafficStatus() : std::string("not connected"),
                      feed::gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(),
-                     c.ignored.load(), c.failed.load(), live::samplesTaken(), live.active, live.buffered,
-                     live.creating, live.leaving,
+                     c.ignored.load(), c.failed.load(),
+                     c.refused ? fmt::format(", refused from other hosts {}", c.refused.load())
+                               : std::string(),
+                     live::samplesTaken(), live.active, live.buffered, live.creating, live.leaving,
                      feed::gQnhReader.received ? fmt::format("QNH {} hPa", feed::gQnh.load())
                                                : std::string("none yet"))
               << std::endl;
