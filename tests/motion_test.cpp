@@ -536,28 +536,28 @@ TEST_F(MotionTest, TouchAndGo) {
 
 // After lift-off the climb step grows in stages, and the gear comes up at the 300th tick.
 TEST_F(MotionTest, ClimbStepRampAndGearUp) {
+    // Just lifted off, 50 ft up at full climb pitch, with the counter past the rotation.
+    const auto climbing = [&](std::int32_t counter) -> LiveAc& {
+        live::reset();
+        LiveAc& ac = aircraft(false);
+        ac.phase = Phase::TakeOff;
+        ac.rotateCounter = counter;
+        ac.pitch = ac.climbPitch = ac.rotatePitch = 0.1;
+        ac.delta.alt = 1.0;
+        ac.alt = 900, ac.heightAgl = 50;
+        return ac;
+    };
     struct Case {
         std::int32_t counter;
         double share;
     };
     for (const auto& c : {Case{-50, 0.1}, Case{-150, 0.2}, Case{-250, 0.5}, Case{-350, 1.0}}) {
-        live::reset();
-        LiveAc& ac = aircraft(false);
-        ac.phase = Phase::TakeOff;
-        ac.rotateCounter = c.counter + 1;
-        ac.pitch = ac.climbPitch = ac.rotatePitch = 0.1;
-        ac.delta.alt = 1.0;
-        ac.alt = 900, ac.heightAgl = 50;
+        LiveAc& ac = climbing(c.counter + 1);
         attitude(ac);
         EXPECT_NEAR(ac.alt - 900, c.share, 1e-9) << c.counter;
     }
-    live::reset();
-    LiveAc& ac = aircraft(false);
-    ac.phase = Phase::TakeOff;
+    LiveAc& ac = climbing(-298);
     ac.controls.gearState = 1;
-    ac.pitch = ac.climbPitch = ac.rotatePitch = 0.1;
-    ac.alt = 900, ac.heightAgl = 50;
-    ac.rotateCounter = -298;
     attitude(ac);
     EXPECT_EQ(ac.controls.gearState, 1);
     attitude(ac);

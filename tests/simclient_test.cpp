@@ -340,6 +340,18 @@ struct MemorySim {
         });
     }
     ~MemorySim() { sim::setApiFactory({}); }
+    // Passes until the simulator runs, as the start waits for it.
+    bool connect() {
+        pass();
+        for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) pass();
+        return core::gRun.simRunning;
+    }
+    // The user's title, model and position, as the start asks for them.
+    bool readUser() {
+        sim::requestUserOnGround();
+        for (int i = 0; i < 10 && !(sim::userTitleKnown() && !sim::userModel().empty()); ++i) pass();
+        return sim::userTitleKnown() && !sim::userModel().empty();
+    }
     sim::Pass pass() {
         const auto p = sim::pollOnce();
         for (long n; (n = serverEnd->receive(buf, sizeof buf, 0)) > 0;)
@@ -371,14 +383,12 @@ emu::Config atKmsp() {
 // Until the user's id is known every object may be the simulator's own: none is taken.
 TEST_F(SimClientTest, ObjectsBeforeTheUsersIdAreDropped) {
     MemorySim m(atKmsp());
-    EXPECT_EQ(m.pass(), sim::Pass::Connected);
-    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    ASSERT_TRUE(m.connect());
     const auto early = m.e.addTraffic(44.883, -93.222, "N123AB");
     sim::requestInRange(40);
     m.pass(), m.pass(), m.pass();
     EXPECT_TRUE(m.events().empty()) << "dropped while the user's id is unknown";
-    sim::requestUserOnGround();
-    for (int i = 0; i < 5 && !sim::userTitleKnown(); ++i) m.pass();
+    ASSERT_TRUE(m.readUser());
     ASSERT_NE(sim::userObjectId(), 0u);
     sim::requestInRange(40);
     m.pass(), m.pass(), m.pass();
@@ -398,10 +408,8 @@ TEST_F(SimClientTest, CameraPodsAndBoatsAreNoAircraft) {
         auto config = atKmsp();
         config.user.atcModel = model;
         MemorySim m(config);
-        m.pass();
-        for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
-        sim::requestUserOnGround();
-        for (int i = 0; i < 10 && sim::userModel().empty(); ++i) m.pass();
+        ASSERT_TRUE(m.connect());
+        ASSERT_TRUE(m.readUser());
         ASSERT_FALSE(sim::userModel().empty());
         EXPECT_EQ(sim::userIsNotAnAircraft(), notAircraft);
     }
@@ -412,10 +420,8 @@ TEST_F(SimClientTest, CameraPodsAndBoatsAreNoAircraft) {
 TEST_F(SimClientTest, TheReadersAreaHasTheAirportsElevation) {
     ASSERT_GT(refdata::loadAirports(test::shippedCopy("airports.enc", dir.path())), 0u);
     MemorySim m(atKmsp());
-    m.pass();
-    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
-    sim::requestUserOnGround();
-    for (int i = 0; i < 10 && !sim::userTitleKnown(); ++i) m.pass();
+    ASSERT_TRUE(m.connect());
+    ASSERT_TRUE(m.readUser());
     ASSERT_TRUE(sim::nearestAirport().has_value());
     run::copyUserPositionForReaders();
     feed::setAcceptTraffic(true);
@@ -436,8 +442,7 @@ TEST_F(SimClientTest, TheReadersAreaHasTheAirportsElevation) {
 // The simulator's exceptions: each says its own word, none ends the run.
 TEST_F(SimClientTest, ExceptionsAreSaidAndSurvived) {
     MemorySim m(atKmsp());
-    m.pass();
-    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    ASSERT_TRUE(m.connect());
     const auto raised = [&](sc::DWORD exception) {
         const std::string before = log.text();
         m.e.raise(exception);
@@ -446,8 +451,7 @@ TEST_F(SimClientTest, ExceptionsAreSaidAndSurvived) {
     };
     EXPECT_EQ(raised(3).find("SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID"), std::string::npos)
         << "unknown ids are normal until the user's position is known";
-    sim::requestUserOnGround();
-    for (int i = 0; i < 10 && !sim::userTitleKnown(); ++i) m.pass();
+    ASSERT_TRUE(m.readUser());
     const std::pair<sc::DWORD, const char*> cases[] = {
         {3, "SIMCONNECT_EXCEPTION_UNRECOGNIZED_ID"},
         {11, "SimConnect: too many objects (max 1000)"},
@@ -467,10 +471,8 @@ TEST_F(SimClientTest, ExceptionsAreSaidAndSurvived) {
 // with a usable ATC id is handed on.
 TEST_F(SimClientTest, ForeignObjectsAreFiltered) {
     MemorySim m(atKmsp());
-    m.pass();
-    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
-    sim::requestUserOnGround();
-    for (int i = 0; i < 10 && !sim::userTitleKnown(); ++i) m.pass();
+    ASSERT_TRUE(m.connect());
+    ASSERT_TRUE(m.readUser());
     const auto kept = m.e.addTraffic(44.883, -93.222, "N123AB");
     m.e.addTraffic(44.90, -93.222, "N456CD", 3000); // flying over
     m.e.addTraffic(44.884, -93.222, "");
@@ -491,10 +493,8 @@ TEST_F(SimClientTest, ForeignObjectsAreFiltered) {
 // A request the simulator link cannot send ends the run for a restart in 9 s.
 TEST_F(SimClientTest, AFailedRequestRestartsTheRun) {
     MemorySim m(atKmsp());
-    m.pass();
-    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
-    sim::requestUserOnGround();
-    for (int i = 0; i < 10 && !sim::userTitleKnown(); ++i) m.pass();
+    ASSERT_TRUE(m.connect());
+    ASSERT_TRUE(m.readUser());
     sim::CreateRecord create;
     create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
     create.tailNumber = "DAL1";
@@ -514,8 +514,7 @@ TEST_F(SimClientTest, AFailedRequestRestartsTheRun) {
 // connect again, instead of ending as if the user had closed the simulator.
 TEST_F(SimClientTest, ABrokenStreamRestartsTheRun) {
     MemorySim m(atKmsp());
-    m.pass();
-    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    ASSERT_TRUE(m.connect());
     const sc::DWORD bad = 3; // a packet size no packet has
     m.serverEnd->send(sc::Bytes(reinterpret_cast<const std::uint8_t*>(&bad), 4));
     EXPECT_EQ(sim::pollOnce(), sim::Pass::End);
@@ -543,8 +542,7 @@ TEST_F(SimClientTest, ASilentSimulatorIsNoticed) {
     sim::reset();
     {
         MemorySim m(atKmsp());
-        m.pass();
-        for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+        ASSERT_TRUE(m.connect());
         ASSERT_TRUE(core::gRun.simRunning.load());
         clock.advance(29s);
         EXPECT_EQ(sim::pollOnce(), sim::Pass::Connected) << "the frames that wait in the pipe still count";
@@ -559,8 +557,7 @@ TEST_F(SimClientTest, ASilentSimulatorIsNoticed) {
 // A quit message ends the run for the simulator's close at once, even with the socket left open.
 TEST_F(SimClientTest, QuitAloneEndsTheRunWithReasonOne) {
     MemorySim m(atKmsp());
-    EXPECT_EQ(m.pass(), sim::Pass::Connected);
-    for (int i = 0; i < 5 && !core::gRun.simRunning; ++i) m.pass();
+    ASSERT_TRUE(m.connect());
     m.e.quit();
     m.pass();
     EXPECT_EQ(core::gRun.exitReason.load(), core::ExitReason::SimWasClosed);

@@ -60,6 +60,7 @@ enum class Encoding : int {
     NoneFound = 5
 };
 Encoding detectEncoding(const fs::path& path);
+bool validUtf8(std::string_view text) noexcept; // well-formed UTF-8, by the same rules as the detection
 // Any encoding to UTF-8 lines; false (with the message line set) if the file can't be read.
 [[nodiscard]] bool readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out);
 // Bytes as they are; the number of lines, or "open_failed".

@@ -62,6 +62,15 @@ Encoding checkUtf8(const unsigned char* p, std::size_t n) {
     return Encoding::Utf8WithoutBom;
 }
 
+} // namespace
+
+bool validUtf8(std::string_view text) noexcept {
+    return checkUtf8(reinterpret_cast<const unsigned char*>(text.data()), text.size()) ==
+           Encoding::Utf8WithoutBom;
+}
+
+namespace {
+
 std::u16string utf16Units(std::string_view bytes, bool bigEndian) {
     std::u16string out;
     out.reserve(bytes.size() / 2);

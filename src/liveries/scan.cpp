@@ -24,20 +24,10 @@ namespace {
 
 // A title goes into LiveriesScanned.xml and to the simulator: no control characters, valid UTF-8.
 bool storableTitle(std::string_view t) {
-    for (std::size_t i = 0; i < t.size();) {
-        const auto c = static_cast<unsigned char>(t[i]);
-        if (c < 0x20 || c == 0x7F) return false;
-        const std::size_t n = c < 0x80           ? 1
-                              : (c >> 5) == 0x6  ? 2
-                              : (c >> 4) == 0xE  ? 3
-                              : (c >> 3) == 0x1E ? 4
-                                                 : 0;
-        if (n == 0 || i + n > t.size()) return false;
-        for (std::size_t k = 1; k < n; ++k)
-            if ((static_cast<unsigned char>(t[i + k]) & 0xC0) != 0x80) return false;
-        i += n;
-    }
-    return true;
+    return core::validUtf8(t) && std::none_of(t.begin(), t.end(), [](char ch) {
+               const auto c = static_cast<unsigned char>(ch);
+               return c < 0x20 || c == 0x7F;
+           });
 }
 
 } // namespace

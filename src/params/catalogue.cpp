@@ -244,12 +244,6 @@ std::vector<MirrorEntry> mirrorTable(Parameters& m) {
             {&c.BLOCK_CALLSIGN, nullptr, nullptr, &m.BLOCK_CALLSIGN}};
 }
 
-void copy(const MirrorEntry& e) {
-    if (e.flag) e.flag->store(dynamic_cast<const BoolParameter&>(*e.source).value);
-    if (e.number) e.number->store(dynamic_cast<const IntParameter&>(*e.source).value);
-    if (e.text) *e.text = dynamic_cast<const StringParameter&>(*e.source).value;
-}
-
 int portNumber(const std::string& text) {
     try {
         return std::stoi(text);
@@ -258,18 +252,27 @@ int portNumber(const std::string& text) {
     }
 }
 
+// Copies the mirrored values of the catalogue: all of them, or only those of `only`.
+void copyMirrored(Parameters& m, const Parameter* only) {
+    for (const auto& e : mirrorTable(m)) {
+        if (only && e.source != only) continue;
+        if (e.flag) e.flag->store(dynamic_cast<const BoolParameter&>(*e.source).value);
+        if (e.number) e.number->store(dynamic_cast<const IntParameter&>(*e.source).value);
+        if (e.text) *e.text = dynamic_cast<const StringParameter&>(*e.source).value;
+    }
+    const auto& port = catalogue().PORT_NUMBER;
+    if (!only || only == &port) m.PORT_NUMBER = portNumber(port.value);
+}
+
 } // namespace
 
 void Parameters::takeFromCatalogue() {
-    for (const auto& e : mirrorTable(*this)) copy(e);
+    copyMirrored(*this, nullptr);
     radiusNm = RANGE.load();
-    PORT_NUMBER = portNumber(catalogue().PORT_NUMBER.value);
 }
 
 void Parameters::mirror(const Parameter& p) {
-    for (const auto& e : mirrorTable(*this))
-        if (e.source == &p) copy(e);
-    if (&p == &catalogue().PORT_NUMBER) PORT_NUMBER = portNumber(catalogue().PORT_NUMBER.value);
+    copyMirrored(*this, &p);
 }
 
 } // namespace orv::params
