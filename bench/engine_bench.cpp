@@ -151,7 +151,7 @@ void engineFrames(benchmark::State& state, int taxiing, bool churn = false) {
                 next.callsign = ac.callsign;
                 next.latitude = ac.lat + 0.3, next.longitude = ac.lon;
                 next.timestamp = feedTime;
-                feed::gTraffic.trafficQueue.push_back(next);
+                feed::gTraffic.trafficQueue.push(feed::TrafficSample(next));
             }
         }
         // The removal comes as the simulator's event and the arrival as a new record, as the

@@ -1,6 +1,7 @@
 #include <cmath>
 #include <functional>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <thread>
 
@@ -303,6 +304,39 @@ TEST_F(Decoder, EveryStepOfTheLine) {
 }
 
 // Without a true airspeed in the line, one is estimated from the altitude in bands.
+// The queue to the engine: every report while it keeps up, only the newest of an aircraft once
+// a backlog builds, and the oldest lines make room when it is full.
+TEST(SampleRingTest, MergesOnlyInABacklogAndEvictsTheOldest) {
+    using Push = SampleRing::Push;
+    const auto sample = [](std::uint32_t hexid, double timestamp) {
+        TrafficSample s;
+        s.hexid = hexid;
+        s.timestamp = timestamp;
+        return s;
+    };
+    auto ring = std::make_unique<SampleRing>();
+    EXPECT_EQ(ring->push(sample(1, 1)), Push::Queued);
+    EXPECT_EQ(ring->push(sample(1, 2)), Push::Queued) << "no backlog: both points kept";
+    ring->pop_front();
+    ring->pop_front();
+    for (std::uint32_t h = 1; h <= SampleRing::kBacklogLines + 1; ++h) ring->push(sample(h, 10));
+    const std::size_t backlog = ring->size();
+    EXPECT_EQ(ring->push(sample(5, 11)), Push::Replaced);
+    EXPECT_EQ(ring->size(), backlog);
+    ring->pop_front(); // hexid 1 taken: a newer point of it is a new line, not a change of a taken one
+    EXPECT_EQ(ring->push(sample(1, 11)), Push::Queued);
+    for (std::size_t i = 0; i < 3; ++i) ring->pop_front();
+    EXPECT_EQ(ring->front().hexid, 5u);
+    EXPECT_EQ(ring->front().timestamp, 11.0) << "the newer point in the older one's place";
+
+    ring->clear();
+    for (std::uint32_t h = 1; h <= SampleRing::kCapacity; ++h)
+        ASSERT_EQ(ring->push(sample(h, 1)), Push::Queued);
+    EXPECT_EQ(ring->push(sample(SampleRing::kCapacity + 1, 1)), Push::Evicted);
+    EXPECT_EQ(ring->size(), SampleRing::kCapacity);
+    EXPECT_EQ(ring->front().hexid, 2u);
+}
+
 TEST_F(Decoder, EstimatedTrueAirspeedBands) {
     const std::pair<const char*, double> bands[] = {
         {"1500", 180},  {"2000", 180},  {"2001", 220},  {"5000", 220},  {"5001", 250},
@@ -424,7 +458,7 @@ TEST_F(Decoder, RecordedLinesAllDecodeAndTheFiltersCountRight) {
         EXPECT_EQ(reader->counts.dropped, groundFar);
         EXPECT_GT(reader->counts.queued, 100u);
         std::lock_guard lock(gTraffic.trafficLock);
-        EXPECT_EQ(gTraffic.trafficQueue.size(), reader->counts.queued);
+        EXPECT_EQ(gTraffic.trafficQueue.size() + reader->counts.superseded, reader->counts.queued);
         gTraffic.trafficQueue.clear();
     }
     EXPECT_FALSE(log.contains("exception"));

@@ -106,6 +106,55 @@ TEST_F(ScenarioTest, KmspApproachOfN899dn) {
     EXPECT_LT(o.removedAt, 600 + 30 + 8 * 8 + 10);
 }
 
+// A flood of lines over the recording: the queue stays bounded, the engine keeps up, and the real
+// aircraft is created and flown as it is without the flood.
+TEST_F(ScenarioTest, KmspApproachThroughABurst) {
+    struct Case {
+        int linesPerSecond;
+        double seconds;
+    };
+    double baselineCreated = -1;
+    for (const Case c : {Case{0, 0}, Case{5000, 30}, Case{20000, 10}}) {
+        SCOPED_TRACE(fmt::format("{} lines/s for {} s", c.linesPerSecond, c.seconds));
+        scenario::Config cfg;
+        cfg.recording = recording("kmsp-n899dn.rttfc");
+        cfg.airport = "KMSP";
+        cfg.fromSeconds = 13400; // DAL1812 enters the 40 nm circle
+        cfg.toSeconds = 13400 + 150;
+        cfg.runSeconds = 150;
+        cfg.titles = titles;
+        cfg.burst = {5, 5 + c.seconds, c.linesPerSecond, 400};
+        std::size_t mostWaiting = 0, waitingAfter = 0;
+        cfg.onFrame = [&](double t) {
+            const auto n = feed::gTraffic.trafficQueue.size();
+            mostWaiting = std::max(mostWaiting, n);
+            if (t > cfg.burst.toSeconds + 1) waitingAfter = std::max(waitingAfter, n);
+        };
+        const auto r = scenario::run(cfg);
+        ASSERT_EQ(r.error, "");
+        const auto o = std::find_if(r.objects.begin(), r.objects.end(),
+                                    [](const emu::ObjectRecord& x) { return x.tail == "DAL1812"; });
+        ASSERT_NE(o, r.objects.end()) << "DAL1812 created";
+        if (c.linesPerSecond == 0) {
+            baselineCreated = o->createdAt;
+            continue;
+        }
+        EXPECT_NEAR(o->createdAt, baselineCreated, 2.0) << "created on time";
+        EXPECT_LE(mostWaiting, feed::SampleRing::kCapacity);
+        EXPECT_LT(waitingAfter, 50u) << "the backlog is gone a second after the burst";
+        // Every point fed after the burst is passed about 30 s after it came.
+        for (const auto& f : r.fed) {
+            if (f.hexid != kN899DN || f.at < cfg.burst.toSeconds || f.at > 150 - 35) continue;
+            double best = 1e9;
+            for (double t = f.at + 25; t <= f.at + 35; t += 0.05)
+                if (const auto p = positionAt(*o, t))
+                    best = std::min(best,
+                                    core::distanceNm({p->latitude, p->longitude}, {f.latitude, f.longitude}));
+            EXPECT_LT(best, 0.05) << "fed at " << f.at;
+        }
+    }
+}
+
 std::vector<scenario::Runway> runways() {
     return scenario::readRunways(fs::path(ORV_SOURCE_DIR) / "data/recordings/runways.csv");
 }

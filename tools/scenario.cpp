@@ -63,6 +63,27 @@ void resetAll() {
     feed::gQnh = 1013;
 }
 
+// One frame's share of the burst: made-up helicopters circling the airport, each line a little on.
+void feedBurst(const Config& config, const refdata::AirportRecord* airport, double timestamp,
+               std::int64_t frame, std::string& line) {
+    const auto& b = config.burst;
+    const int perFrame = b.linesPerSecond / 100;
+    for (int i = 0; i < perFrame; ++i) {
+        const auto n = static_cast<std::uint64_t>(frame * perFrame + i);
+        const int which = static_cast<int>(n % static_cast<std::uint64_t>(b.aircraft));
+        const double bearing = (which * 37 % 360 + static_cast<double>(frame) * 0.002) * core::kRadPerDeg;
+        const double nm = 20.0 + which % 16;
+        const double lat = airport->latitude + nm / 60.0 * std::cos(bearing);
+        const double lon = airport->longitude +
+                           nm / 60.0 * std::sin(bearing) / std::cos(airport->latitude * core::kRadPerDeg);
+        line =
+            fmt::format("RTTFC,{},{:.6f},{:.6f},{},0,0,90.0,120.0,BST{:04},EC35,null,null,null,{:.2f},adsb,"
+                        "null,adsb_icao,0,-1,-1,-1,-1,-1,-1,-1,0,none,A3",
+                        0xF00000 + which, lat, lon, 2000 + which * 10, which, timestamp + i * 1e-4);
+        feed::gTrafficReader.decode(line);
+    }
+}
+
 } // namespace
 
 Result run(const Config& config) {
@@ -125,6 +146,8 @@ Result run(const Config& config) {
 
     std::size_t next = 0;
     bool asked = false;
+    const double recordingStart = first;
+    std::string burstLine;
     const auto frames = static_cast<std::int64_t>(std::llround(config.runSeconds * 100));
     for (std::int64_t k = 0; k < frames; ++k) {
         const double t = static_cast<double>(k) / 100.0;
@@ -148,6 +171,8 @@ Result run(const Config& config) {
                 fed.onGround = fed.altitudeFt <= 0;
                 result.fed.push_back(fed);
             }
+            if (t >= config.burst.fromSeconds && t < config.burst.toSeconds)
+                feedBurst(config, airport, recordingStart + config.fromSeconds + t, k, burstLine);
             live::engineFrame();
             if (k % 100 == 0) live::writeFlightPlans(); // as the one-second step does
             if (config.onFrame) config.onFrame(t);
@@ -396,6 +421,12 @@ int scenarioMain(const std::vector<std::string>& args, const std::filesystem::pa
         c.runSeconds = j.value("run", 600.0);
         c.qnh = j.value("qnh", 1013);
         c.overlayFlights = j.value("overlay", false);
+        if (const auto b = j.find("burst"); b != j.end()) {
+            c.burst.fromSeconds = b->value("from", 0.0);
+            c.burst.toSeconds = b->value("to", 0.0);
+            c.burst.linesPerSecond = b->value("linesPerSecond", 0);
+            c.burst.aircraft = std::max(1, b->value("aircraft", 500));
+        }
         fs::create_directories(work);
         core::openLog(work / "Log.txt");
         c.titles = prepareHome(programFolder / "input", path("community", "../liveries/Community"), work);

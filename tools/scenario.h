@@ -23,6 +23,15 @@ struct Config {
     std::vector<std::string> titles; // the container titles the simulator can create
     std::size_t maxObjects = 1000;
     std::int32_t qnh = 1013; // hPa, as the weather datagrams would give it
+    // A flood of made-up helicopters over the recording (a kind the test livery set cannot show,
+    // so they load the feed and the engine without taking the real aircraft's place in the
+    // simulator): `aircraft` of them 20-35 nm from the airport, `linesPerSecond` lines between
+    // the two times (virtual seconds).
+    struct Burst {
+        double fromSeconds = 0, toSeconds = 0;
+        int linesPerSecond = 0;
+        int aircraft = 500;
+    } burst;
     // Called after every engine frame with the virtual time (tests look at the engine here).
     std::function<void(double seconds)> onFrame;
 };

@@ -53,10 +53,39 @@ struct TrafficSample {
     std::uint32_t hexid = 0;
 };
 
-// The decoded lines on their way to the engine, and whether the engine takes any now.
+// The decoded lines on their way to the engine: a ring of fixed room, so a flood neither grows
+// the memory nor leaves the engine working through minutes of lines that are stale by then.
+class SampleRing {
+  public:
+    static constexpr std::size_t kCapacity = 8192;
+    // With more lines than this waiting, a new report replaces the waiting one of its aircraft:
+    // the engine wants where an aircraft is now, not every point it passed while it was behind.
+    static constexpr std::size_t kBacklogLines = 256;
+
+    enum class Push { Queued, Replaced, Evicted }; // Evicted: the oldest line went to make room
+    SampleRing();
+    Push push(TrafficSample&& s);
+    std::size_t size() const { return static_cast<std::size_t>(tail_ - head_); }
+    bool empty() const { return tail_ == head_; }
+    TrafficSample& front() { return ring_[head_ % kCapacity]; }
+    void pop_front() { ++head_; }
+    void clear();
+
+  private:
+    static constexpr std::size_t kIndexSize = 16384; // power of two; a collision only merges less
+    struct Latest {
+        std::uint32_t hexid = 0;
+        std::uint64_t seq = 0;
+    };
+    std::vector<TrafficSample> ring_;
+    std::vector<Latest> latest_; // by hexid: where its last line went
+    std::uint64_t head_ = 0, tail_ = 0;
+};
+
+// The queue to the engine, and whether the engine takes any now.
 struct TrafficQueue {
     std::mutex trafficLock;
-    std::deque<TrafficSample> trafficQueue;
+    SampleRing trafficQueue;
     bool acceptTraffic = false;
 };
 extern TrafficQueue gTraffic;
@@ -124,7 +153,10 @@ class TrafficReader final : public UdpReader {
     // Outcome counters: a line ends in exactly one of them.
     struct Counts {
         std::atomic<std::uint64_t> queued{0}, ignored{0}, dropped{0}, failed{0}, overruns{0}, refused{0};
-        void clear() { queued = ignored = dropped = failed = overruns = refused = 0; }
+        // Queued lines the engine never saw: a newer one of the aircraft took their place while
+        // the engine was behind, or the full queue let its oldest go.
+        std::atomic<std::uint64_t> superseded{0};
+        void clear() { queued = ignored = dropped = failed = overruns = refused = superseded = 0; }
     };
 
     std::unordered_set<std::string> seenCallsigns;

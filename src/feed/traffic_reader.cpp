@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <stdexcept>
@@ -19,6 +20,31 @@ QnhReader gQnhReader;
 void setAcceptTraffic(bool accept) {
     std::lock_guard lock(gTraffic.trafficLock);
     gTraffic.acceptTraffic = accept;
+}
+
+SampleRing::SampleRing() : ring_(kCapacity), latest_(kIndexSize) {}
+
+SampleRing::Push SampleRing::push(TrafficSample&& s) {
+    Latest& last = latest_[(s.hexid * 2654435761u) % kIndexSize];
+    if (size() > kBacklogLines && last.hexid == s.hexid && last.seq >= head_ && last.seq < tail_ &&
+        ring_[last.seq % kCapacity].hexid == s.hexid) {
+        ring_[last.seq % kCapacity] = std::move(s);
+        return Push::Replaced;
+    }
+    Push result = Push::Queued;
+    if (size() == kCapacity) {
+        ++head_;
+        result = Push::Evicted;
+    }
+    ring_[tail_ % kCapacity] = std::move(s);
+    last = {ring_[tail_ % kCapacity].hexid, tail_};
+    ++tail_;
+    return result;
+}
+
+void SampleRing::clear() {
+    head_ = tail_ = 0;
+    std::fill(latest_.begin(), latest_.end(), Latest{});
 }
 
 std::size_t takeTraffic(TrafficSample* out, std::size_t max) {
@@ -174,8 +200,9 @@ void TrafficReader::processLineSub() {
         s.tick = core::gRun.engineTick.load(std::memory_order_relaxed) + kDelayTicks;
         std::lock_guard lock(gTraffic.trafficLock);
         if (gTraffic.acceptTraffic) {
-            gTraffic.trafficQueue.push_back(std::move(s));
+            const auto pushed = gTraffic.trafficQueue.push(std::move(s));
             ++counts.queued;
+            if (pushed != SampleRing::Push::Queued) ++counts.superseded;
         } else {
             ++counts.dropped;
         }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 
 #include <fmt/format.h>
@@ -12,6 +13,7 @@
 #include "core/geo.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
+#include "platform/platform.h"
 
 namespace orv::live {
 
@@ -25,6 +27,11 @@ using feed::kDelayTicks; // everything runs 30 s behind the feed
 constexpr double kAirThinningNm = 0.24298;
 constexpr double kGroundThinningNm = 0.0107991;
 constexpr double kGroundThinningMaxSeconds = 15.0;
+
+// A frame takes every waiting line up to these limits, so that after a flood the engine is back
+// on the live reports within seconds, while the frame still ends on time.
+constexpr std::size_t kMaxLinesPerFrame = 256;
+constexpr auto kLineBudget = std::chrono::microseconds(2000);
 
 std::optional<AirportPlace> currentAirportPlace; // the worker thread's: set and read there only
 // Counts for the status display: the frame publishes them once a second, any thread reads.
@@ -342,6 +349,22 @@ void reserveContainers() {
     gEngine.reserve();
 }
 
+namespace {
+
+void takeLines() {
+    auto& e = gEngine;
+    const auto start = platform::clock().steadyNow();
+    for (std::size_t total = 0; total < kMaxLinesPerFrame;) {
+        const auto n = feed::takeTraffic(e.frameSamples.data(), e.frameSamples.size());
+        e.taken += n;
+        total += n;
+        for (std::size_t i = 0; i < n; ++i) decode(e.frameSamples[i]);
+        if (n < e.frameSamples.size() || platform::clock().steadyNow() - start > kLineBudget) break;
+    }
+}
+
+} // namespace
+
 void engineFrame() {
     auto& e = gEngine;
     e.tick = core::gRun.engineTick.load(std::memory_order_relaxed);
@@ -353,9 +376,7 @@ void engineFrame() {
     }
     if (compact) compactTable();
     pace();
-    const auto n = feed::takeTraffic(e.frameSamples.data(), e.frameSamples.size());
-    e.taken += n;
-    for (std::size_t i = 0; i < n; ++i) decode(e.frameSamples[i]);
+    takeLines();
     handleAddingStack();
     poll();
     if (e.tick % 100 == 0) publishCounts();

@@ -129,8 +129,8 @@ struct Engine {
     std::vector<std::uint32_t> removeQueue;
     std::vector<PendingObject> pending;
     std::vector<sim::SimEvent> events;
-    sim::FrameLists out; // this frame's positions and commands for the simulator
-    std::array<feed::TrafficSample, 2> frameSamples;
+    sim::FrameLists out;                              // this frame's positions and commands for the simulator
+    std::array<feed::TrafficSample, 16> frameSamples; // lines are taken in batches of this many
     std::unordered_map<std::uint32_t, std::string_view> rememberedLiveries; // hexid -> title, bounded
     std::unordered_set<FailedLivery, FailedLiveryHash> failedLiveries;      // found no livery, bounded
     // Aircraft found without a livery, for the log: fixed texts in reserved room, so the frame

@@ -57,8 +57,13 @@ void printStatus() {
                      feed::realTrafficConnected() ? feed::realTrafficStatus() : std::string("not connected"),
                      feed::gTrafficReader.lineCount.load(), c.queued.load(), c.dropped.load(),
                      c.ignored.load(), c.failed.load(),
-                     c.refused ? fmt::format(", refused from other hosts {}", c.refused.load())
-                               : std::string(),
+                     fmt::format("{}{}{}",
+                                 c.refused ? fmt::format(", refused from other hosts {}", c.refused.load())
+                                           : std::string(),
+                                 c.overruns ? fmt::format(", too long {}", c.overruns.load()) : std::string(),
+                                 c.superseded
+                                     ? fmt::format(", replaced by newer while behind {}", c.superseded.load())
+                                     : std::string()),
                      live::samplesTaken(), live.active, live.buffered, live.creating, live.leaving,
                      feed::gQnhReader.received ? fmt::format("QNH {} hPa", feed::gQnh.load())
                                                : std::string("none yet"))
