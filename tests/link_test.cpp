@@ -1,5 +1,6 @@
 // The weather datagrams' pressure, and the control link with RealTraffic over real TCP.
 #include <cstdlib>
+#include <future>
 #include <thread>
 
 #include <fmt/format.h>
@@ -219,7 +220,7 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     gTrafficReader.seenCallsigns.insert("DAL1");
     live::gEngine.taken = 12;
     first.close(); // RealTraffic goes
-    for (int i = 0; i < 100 && realTrafficConnected(); ++i) {
+    for (int i = 0; i < 400 && !log.contains("RealTraffic gone?"); ++i) {
         sendUserPosition(user());
         std::this_thread::sleep_for(5ms);
     }
@@ -237,19 +238,46 @@ TEST_F(LinkTest, PositionsGoOutAndALostLinkIsTakenUpAgain) {
     EXPECT_EQ(live::gEngine.removeQueue, std::vector<std::uint32_t>{300});
     live::reset();
 
-    // A new RealTraffic is taken up by the position sending itself, without a version query.
-    platform::TcpStream second;
+    // Connections left waiting from before and one that never answers are no RealTraffic; the
+    // next one that answers the version query is, and gets the positions.
+    {
+        platform::TcpStream stale;
+        ASSERT_EQ(stale.connect("127.0.0.1", port), "");
+    }
+    platform::TcpStream silent, second;
+    ASSERT_EQ(silent.connect("127.0.0.1", port), "");
     ASSERT_EQ(second.connect("127.0.0.1", port), "");
-    for (int i = 0; i < 100 && !realTrafficConnected(); ++i) {
+    EXPECT_EQ(readLine(silent), "Qs999=version\r\n");
+    EXPECT_EQ(readLine(second, 6000), "Qs999=version\r\n");
+    ASSERT_EQ(second.sendAll(R"({"level":1,"version":"8.0"})"), "");
+    for (int i = 0; i < 400 && !log.contains("RealTraffic re-connected"); ++i) {
         sendUserPosition(user());
         std::this_thread::sleep_for(5ms);
     }
     EXPECT_TRUE(readLine(second).starts_with("Qs121="));
-    EXPECT_TRUE(log.contains("RealTraffic re-connected"));
+    EXPECT_EQ(log.count("RealTraffic re-connected"), 1u);
+    EXPECT_EQ(log.count("did not answer the version query"), 2u);
     realTrafficFarewell();
     std::string rest;
     for (std::string l; !(l = readLine(second, 500)).empty();) rest = l;
     EXPECT_EQ(rest, "exit\r\n");
+}
+
+// A RealTraffic that stops reading holds up nobody: positions are only posted, the link thread's
+// sends give up after a second, and the farewell comes back at once.
+TEST_F(LinkTest, APeerThatStopsReadingFreezesNothing) {
+    auto rt = connectRealTraffic(R"({"level":2,"version":"9.0.1"})");
+    auto posting = std::async(std::launch::async, [&] {
+        UserReport u = user();
+        for (int i = 0; i < 200000; ++i) {
+            u.latitude = 44 + i * 1e-6; // 14 MB of lines if each went out
+            sendUserPosition(u);
+            sendTimeToRealTraffic(1738727306 + i);
+        }
+    });
+    ASSERT_EQ(posting.wait_for(20s), std::future_status::ready) << "a position send waited on the peer";
+    auto farewell = std::async(std::launch::async, [] { realTrafficFarewell(); });
+    ASSERT_EQ(farewell.wait_for(5s), std::future_status::ready) << "the farewell waited on the peer";
 }
 
 // The professional edition gets the simulator's time as an epoch in milliseconds; the time comes

@@ -1,3 +1,5 @@
+#include <future>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -82,6 +84,21 @@ TEST(Sockets, TcpRoundTripOnLoopback) {
     const auto r = conn->receive(buf, sizeof buf, 2000);
     EXPECT_EQ(r.status, RecvStatus::Failed); // the peer closed
     EXPECT_FALSE(server.accept(10));         // nobody else: a time-out, not a hang
+}
+
+// A peer that does not read: a send with a time-out gives up and says why, instead of waiting
+// for ever once the buffers are full.
+TEST(Sockets, SendToAPeerThatDoesNotReadTimesOut) {
+    TcpListener server;
+    ASSERT_EQ(server.listen("127.0.0.1", 0), "");
+    TcpStream peer;
+    ASSERT_EQ(peer.connect("127.0.0.1", server.localPort()), "");
+    auto conn = server.accept(2000);
+    ASSERT_TRUE(conn);
+    const std::string lots(64 << 20, 'x');
+    auto sending = std::async(std::launch::async, [&] { return conn->sendAll(lots, 300); });
+    ASSERT_EQ(sending.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_NE(sending.get().find("does not read"), std::string::npos);
 }
 
 TEST(Sockets, UdpTimeoutIsTransient) {

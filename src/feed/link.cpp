@@ -1,7 +1,12 @@
 // The control link with RealTraffic: this program is the TCP server, RealTraffic connects, and
 // once a second it learns where the user is, so that it sends the traffic around that place.
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cmath>
+#include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -15,19 +20,44 @@ namespace orv::feed {
 
 namespace {
 
-// The link with one RealTraffic. The worker sends and waits; the window thread may say farewell:
-// linkMutex keeps them apart and guards all but the two flags, which any thread reads.
-struct Link {
-    platform::TcpListener listener;
-    platform::TcpStream client;
-    bool waitAnnounced = false;
-    std::string statusText;
-    std::function<void()> onLinkLost; // installed by the run sequence
+using namespace std::chrono_literals;
+
+constexpr int kSendTimeoutMs = 1000; // a RealTraffic that takes no line in a second is gone
+constexpr int kVersionWaitMs = 3000; // a connection that does not answer by then is no RealTraffic
+constexpr int kSliceMs = 100;        // the link thread looks at its stop flag this often
+
+// A line waiting for the link thread; a newer one of its kind replaces it. Fixed room, so that
+// posting it never allocates.
+struct Outgoing {
+    std::array<char, 160> text{};
+    std::size_t size = 0;
+    bool waiting = false;
 };
-std::mutex linkMutex;
+
+// The link with one RealTraffic. All socket work is done by the link thread, so that neither the
+// engine's thread nor the window's ever waits on a peer; they post lines and read flags.
+struct Link {
+    platform::TcpListener listener; // the link thread's while it runs
+    platform::TcpStream client;     // the link thread's
+    std::thread thread;
+    std::mutex mailMutex; // guards the three below; held only to copy a line
+    std::condition_variable mailSignal;
+    Outgoing position, time;
+    bool stop = false;
+    std::mutex statusMutex; // guards statusText
+    std::string statusText;
+    std::function<void()> onLinkLost; // installed by the run sequence, run by the thread that sends
+    bool waitAnnounced = false;
+    bool connectReported = false;
+};
+std::mutex lifeMutex; // starting and stopping the link thread; never held by the link thread
 Link link;
 std::atomic<bool> clientConnected{false};
 std::atomic<bool> rtProfessional{false};
+std::atomic<std::uint16_t> listeningPort{0};
+// What the link thread saw, for the thread that sends positions to act on.
+std::atomic<bool> lostPending{false}, reconnectedPending{false};
+std::atomic<bool> everConnected{false};
 
 // Everything the feed learned from the last RealTraffic, forgotten for the next one.
 void resetFeed() {
@@ -36,67 +66,155 @@ void resetFeed() {
     gTrafficReader.stop = false;
 }
 
-// Under linkMutex.
-bool waitForClient() {
-    if (clientConnected) return true;
-    auto accepted = link.listener.accept(0);
-    if (!accepted) return false;
-    accepted->setNoDelay();
-    gTrafficSource = accepted->peerIpv4();
-    link.client = std::move(*accepted);
-    clientConnected = true;
-    return true;
+bool stopAsked() {
+    std::lock_guard lock(link.mailMutex);
+    return link.stop;
 }
 
-// Under linkMutex. False when RealTraffic has gone.
-bool sendDataPacket(std::string_view text) {
-    if (!link.client.isOpen()) return false;
-    if (auto err = link.client.sendAll(text); !err.empty()) {
-        core::log(fmt::format("sendDataPacket to RealTraffic failed: {}", err));
-        clientConnected = false;
-        link.client.close();
-        core::log("RealTraffic client socket closed");
-        return false;
-    }
-    return true;
-}
-
-// Under linkMutex. One receive of at most 16,384 bytes; empty on nothing or an error.
-std::string receive() {
+// The link thread's. One receive of at most 16,384 bytes within `ms`, waking for a stop;
+// empty on nothing, a closed peer or an error.
+std::string receiveAnswer(int ms) {
     constexpr std::size_t kMax = 16384;
     std::string buffer(kMax, '\0');
-    const auto r = link.client.receive(buffer.data(), kMax, 3000);
-    if (r.status == platform::RecvStatus::Failed && r.error != 0) {
-        core::log(fmt::format("receive: {}", platform::errorText(r.error)));
-        return {};
+    for (int waited = 0; waited < ms && !stopAsked(); waited += kSliceMs) {
+        const auto r = link.client.receive(buffer.data(), kMax, kSliceMs);
+        if (r.status == platform::RecvStatus::Transient) continue;
+        if (r.status == platform::RecvStatus::Failed) {
+            if (r.error != 0) core::log(fmt::format("receive: {}", platform::errorText(r.error)));
+            return {};
+        }
+        if (r.size >= kMax) {
+            core::log(fmt::format("receive: buffer overrun: {}", r.size));
+            return {};
+        }
+        buffer.resize(r.size);
+        return buffer;
     }
-    if (r.status != platform::RecvStatus::Data) return {};
-    if (r.size >= kMax) {
-        core::log(fmt::format("receive: buffer overrun: {}", r.size));
-        return {};
+    return {};
+}
+
+// The link thread's: the connection is gone, said to the thread that sends positions.
+void dropClient(std::string_view why) {
+    core::log(fmt::format("sendDataPacket to RealTraffic failed: {}", why));
+    link.client.close();
+    core::log("RealTraffic client socket closed");
+    clientConnected = false;
+    lostPending = true;
+}
+
+// The link thread's: a new connection must answer the version query to count as RealTraffic;
+// one left over from a RealTraffic that went, or anything else, does not.
+void takeConnection(platform::TcpStream stream) {
+    stream.setNoDelay();
+    link.client = std::move(stream);
+    std::string answer;
+    if (link.client.sendAll("Qs999=version\r\n", kSendTimeoutMs).empty())
+        answer = receiveAnswer(kVersionWaitMs);
+    processRTVersion(answer);
+    if (answer.empty()) {
+        link.client.close();
+        core::log("A connection that did not answer the version query was closed: not RealTraffic");
+        return;
     }
-    buffer.resize(r.size);
-    return buffer;
+    gTrafficSource = link.client.peerIpv4();
+    clientConnected = true;
+    if (everConnected.exchange(true)) reconnectedPending = true;
+}
+
+// The link thread's: sends what waits, newest position first; false when the link went.
+bool sendWaiting() {
+    Outgoing lines[2];
+    {
+        std::lock_guard lock(link.mailMutex);
+        for (Outgoing* o : {&link.position, &link.time}) {
+            lines[o == &link.time] = *o;
+            o->waiting = false;
+        }
+    }
+    for (const auto& o : lines) {
+        if (!o.waiting) continue;
+        if (auto err = link.client.sendAll(std::string_view(o.text.data(), o.size), kSendTimeoutMs);
+            !err.empty()) {
+            dropClient(err);
+            return false;
+        }
+    }
+    return true;
+}
+
+// The link thread's: RealTraffic sends nothing on this link, so something readable is its close.
+void noticeClose() {
+    char scrap[256];
+    const auto r = link.client.receive(scrap, sizeof scrap, 0);
+    if (r.status == platform::RecvStatus::Failed)
+        dropClient(r.error ? platform::errorText(r.error) : std::string("the other end closed the link"));
+}
+
+void linkThread() {
+    for (;;) {
+        {
+            std::unique_lock lock(link.mailMutex);
+            link.mailSignal.wait_for(lock, std::chrono::milliseconds(kSliceMs),
+                                     [] { return link.stop || link.position.waiting || link.time.waiting; });
+            if (link.stop) break;
+        }
+        if (!clientConnected) {
+            if (core::gRun.stopRequested) continue;
+            if (auto accepted = link.listener.accept(0)) takeConnection(std::move(*accepted));
+            continue;
+        }
+        if (sendWaiting()) noticeClose();
+    }
+    if (clientConnected) (void)link.client.sendAll("exit\r\n", kSendTimeoutMs);
+    clientConnected = false;
+    link.client.close();
+}
+
+// Under lifeMutex.
+void stopLinkThread() {
+    if (!link.thread.joinable()) return;
+    {
+        std::lock_guard lock(link.mailMutex);
+        link.stop = true;
+    }
+    link.mailSignal.notify_all();
+    link.thread.join();
+    std::lock_guard lock(link.mailMutex);
+    link.stop = false;
+    link.position.waiting = link.time.waiting = false;
+}
+
+void post(Outgoing& slot, std::string_view text) {
+    // The engine's thread posts: a link thread busy with the mailbox costs this line, not a wait.
+    std::unique_lock lock(link.mailMutex, std::try_to_lock);
+    if (!lock.owns_lock()) return;
+    slot.size = std::min(text.size(), slot.text.size());
+    std::copy_n(text.data(), slot.size, slot.text.data());
+    slot.waiting = true;
+    lock.unlock();
+    link.mailSignal.notify_one();
 }
 
 } // namespace
 
 void startRealTrafficServer(const std::string& address, std::uint16_t port) {
-    std::lock_guard lock(linkMutex);
+    std::lock_guard lock(lifeMutex);
+    stopLinkThread();
     link.listener.close();
+    listeningPort = 0;
     if (auto err = link.listener.listen(address, port); !err.empty())
         throw std::runtime_error(fmt::format("Bind failed at port {} with error {}", port, err));
+    listeningPort = link.listener.localPort();
 }
 
 std::uint16_t realTrafficPort() {
-    std::lock_guard lock(linkMutex);
-    return link.listener.localPort();
+    return listeningPort;
 }
 
 void processRTVersion(std::string_view text) {
     rtProfessional = false;
     const auto unknownEdition = [] {
-        std::lock_guard lock(linkMutex);
+        std::lock_guard lock(link.statusMutex);
         link.statusText.clear(); // the edition of an earlier RealTraffic says nothing of this one
     };
     if (text.empty()) {
@@ -110,7 +228,7 @@ void processRTVersion(std::string_view text) {
         const std::string version = j.at("version").get<std::string>();
         rtProfessional = prof;
         {
-            std::lock_guard lock(linkMutex);
+            std::lock_guard lock(link.statusMutex);
             link.statusText = fmt::format("RT {} edition: {}", prof ? "prof" : "stnd", version);
         }
         core::repaint(core::Region::Indicators);
@@ -124,21 +242,22 @@ void processRTVersion(std::string_view text) {
 }
 
 bool waitForRealTraffic() {
-    std::string answer;
-    {
-        std::lock_guard lock(linkMutex);
-        if (!link.waitAnnounced) {
-            link.waitAnnounced = true;
-            core::message(fmt::format("Waiting for RealTraffic to connect to {} ...", core::kAppName), true);
-            resetFeed();
-        }
-        if (!waitForClient()) return false;
-        if (!sendDataPacket("Qs999=version\r\n")) return false;
-        answer = receive();
+    std::lock_guard lock(lifeMutex);
+    if (!link.waitAnnounced) {
+        link.waitAnnounced = true;
+        link.connectReported = false;
+        everConnected = false;
+        lostPending = reconnectedPending = false;
+        core::message(fmt::format("Waiting for RealTraffic to connect to {} ...", core::kAppName), true);
+        resetFeed();
     }
-    processRTVersion(answer);
-    core::setIndicator(core::Indicator::RealTraffic, 1);
-    core::log("RealTraffic connected");
+    if (!link.thread.joinable()) link.thread = std::thread(linkThread);
+    if (!clientConnected) return false;
+    if (!link.connectReported) {
+        link.connectReported = true;
+        core::setIndicator(core::Indicator::RealTraffic, 1);
+        core::log("RealTraffic connected");
+    }
     return true;
 }
 
@@ -151,7 +270,7 @@ bool realTrafficProfessional() {
 }
 
 std::string realTrafficStatus() {
-    std::lock_guard lock(linkMutex);
+    std::lock_guard lock(link.statusMutex);
     return link.statusText;
 }
 
@@ -163,40 +282,43 @@ std::string qs121(const UserReport& u) {
 
 void sendUserPosition(const UserReport& u) {
     if (!core::gRun.realTrafficInstalled) return;
-    if (std::fabs(u.latitude) <= 0.0001 && std::fabs(u.longitude) <= 0.0001) return;
-    std::lock_guard lock(linkMutex);
-    if (!clientConnected && !core::gRun.stopRequested && waitForClient()) {
+    if (reconnectedPending.exchange(false)) {
         core::setIndicator(core::Indicator::RealTraffic, 1);
         core::log(fmt::format("{} RealTraffic re-connected", core::timeText()));
         core::clearMessage();
     }
-    if (!clientConnected || sendDataPacket(qs121(u))) return;
-    // The link is gone: what RealTraffic sent belongs to it, and the next one starts afresh.
-    core::setIndicator(core::Indicator::RealTraffic, 0);
-    if (!core::gRun.stopRequested && link.onLinkLost) link.onLinkLost();
-    resetFeed();
-    core::message(
-        fmt::format("{} RealTraffic gone? Wait for RealTraffic to re-connect ...", core::timeText()), true);
+    if (lostPending.exchange(false)) {
+        // The link is gone: what RealTraffic sent belongs to it, and the next one starts afresh.
+        core::setIndicator(core::Indicator::RealTraffic, 0);
+        if (!core::gRun.stopRequested && link.onLinkLost) link.onLinkLost();
+        resetFeed();
+        core::message(
+            fmt::format("{} RealTraffic gone? Wait for RealTraffic to re-connect ...", core::timeText()),
+            true);
+    }
+    if (std::fabs(u.latitude) <= 0.0001 && std::fabs(u.longitude) <= 0.0001) return;
+    if (!clientConnected) return;
+    post(link.position, qs121(u));
 }
 
 void setOnLinkLost(std::function<void()> action) {
-    std::lock_guard lock(linkMutex);
+    std::lock_guard lock(lifeMutex);
     link.onLinkLost = std::move(action);
 }
 
 void sendTimeToRealTraffic(std::int64_t epoch) {
     if (!rtProfessional) return;
     if (epoch < 1) return;
-    std::lock_guard lock(linkMutex);
-    if (clientConnected) sendDataPacket(fmt::format("Qs123={}\r\n", epoch * 1000));
+    if (clientConnected) post(link.time, fmt::format("Qs123={}\r\n", epoch * 1000));
 }
 
 void realTrafficFarewell() {
-    std::lock_guard lock(linkMutex);
-    if (clientConnected) (void)link.client.sendAll("exit\r\n");
+    std::lock_guard lock(lifeMutex);
+    stopLinkThread(); // says "exit" to RealTraffic, within a second
     clientConnected = false;
     link.client.close();
     link.listener.close();
+    listeningPort = 0;
     link.waitAnnounced = false;
 }
 

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -139,14 +140,22 @@ std::string TcpStream::connect(std::string_view host, std::uint16_t port) {
     return {};
 }
 
-std::string TcpStream::sendAll(std::string_view data) {
+std::string TcpStream::sendAll(std::string_view data, int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    const int flags = MSG_NOSIGNAL | (timeoutMs >= 0 ? MSG_DONTWAIT : 0);
     while (!data.empty()) {
-        const ssize_t n = ::send(fd_, data.data(), data.size(), MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return lastError();
+        const ssize_t n = ::send(fd_, data.data(), data.size(), flags);
+        if (n >= 0) {
+            data.remove_prefix(static_cast<std::size_t>(n));
+            continue;
         }
-        data.remove_prefix(static_cast<std::size_t>(n));
+        if (errno == EINTR) continue;
+        if (timeoutMs < 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return lastError();
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd p{fd_, POLLOUT, 0};
+        if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) == 0)
+            return "no room to send for " + std::to_string(timeoutMs) + " ms: the other end does not read";
     }
     return {};
 }

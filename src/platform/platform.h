@@ -107,7 +107,9 @@ class TcpStream {
     ~TcpStream() { close(); }
 
     [[nodiscard]] std::string connect(std::string_view host, std::uint16_t port);
-    [[nodiscard]] std::string sendAll(std::string_view data);
+    // Sends everything, waiting at most timeoutMs in all for room (-1: as long as it takes); the
+    // error text on a failure or on the time-out, when part of the data may have gone.
+    [[nodiscard]] std::string sendAll(std::string_view data, int timeoutMs = -1);
     std::uint32_t peerIpv4() const; // the other end's IPv4 address, host byte order; 0 if none
     // Waits up to timeoutMs; Transient with size 0 on time-out, Failed with error 0 on a closed peer.
     RecvResult receive(char* buffer, std::size_t capacity, int timeoutMs);
