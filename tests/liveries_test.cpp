@@ -1,5 +1,6 @@
 // The livery scan, the store built from its file, the registration lists, and matching.
 #include <algorithm>
+#include <fstream>
 #include <map>
 
 #include <fmt/format.h>
@@ -289,6 +290,33 @@ TEST_F(LiveriesTest, FolderPriority) {
             EXPECT_EQ(titles.size(), 4u);
     }
     EXPECT_TRUE(log.contains("/nonexistent does not exist, skipped!"));
+}
+
+// One file the scan can't use costs its own liveries only: one far too big is skipped unread, a
+// section of endless lines is reported, and the rest of the package and of the file is found.
+TEST_F(LiveriesTest, OneHugeFileOrSectionLosesNothingElse) {
+    const auto pkg = dir / "pkg";
+    fs::create_directories(pkg / "huge");
+    fs::create_directories(pkg / "long");
+    {
+        std::ofstream(pkg / "huge/aircraft.cfg") << "[GENERAL]\nicao_type_designator = B738\n";
+        fs::resize_file(pkg / "huge/aircraft.cfg", 40u << 20); // sparse: no disk, but 40 MB to read
+    }
+    std::string text = "[GENERAL]\nicao_type_designator = B738\n[fltsim.0]\ntitle = Endless\n";
+    for (std::size_t i = 0; i < kMaxSectionLines + 10; ++i) text += "; a comment\n";
+    text += "icao_airline = KLM\n[fltsim.1]\ntitle = After The Long One\nicao_airline = DLH\n";
+    test::writeBytes(pkg / "long/aircraft.cfg", text);
+    ASSERT_TRUE(scanFolders({pkg}));
+    readLiveries();
+    std::vector<std::string> titles;
+    for (const auto& l : gStore.list) titles.push_back(l.title);
+    EXPECT_EQ(titles, std::vector<std::string>{"After The Long One"});
+    EXPECT_TRUE(
+        log.contains("huge/aircraft.cfg has 40 MB, more than an aircraft.cfg can have (16 MB): skipped"))
+        << log.text();
+    EXPECT_NE(
+        test::readBytes(reportPath(Report::IncompleteSections)).find("[fltsim.0] has more than 2000 lines"),
+        std::string::npos);
 }
 
 TEST_F(LiveriesTest, IvaoFiles) {

@@ -165,6 +165,49 @@ TEST(TextFiles, EveryEncodingReadsAsUtf8Lines) {
     resetMessages();
 }
 
+// Files are read in pieces of 64 KB: a CR-LF, a UTF-8 character and a UTF-16 surrogate pair cut
+// by a piece's end still read whole; a line beyond the limit is cut there.
+TEST(TextFiles, PiecesJoinAtEveryBoundary) {
+    const auto utf16le = [](const std::u16string& s) {
+        std::string out("\xFF\xFE");
+        for (char16_t c : s) out += std::string{static_cast<char>(c & 0xFF), static_cast<char>(c >> 8)};
+        return out;
+    };
+    const std::string padLine(65534, 'a'), pad = padLine + "\n"; // the next byte ends the first piece
+    struct Case {
+        const char* name;
+        std::string bytes;
+        std::vector<std::string> lines;
+    };
+    const Case cases[] = {
+        {"CR-LF across", pad + "\r\nB", {padLine, "", "B"}},
+        {"UTF-8 across", pad + "\xC3\xBC\nB", {padLine, "\xC3\xBC", "B"}},
+        // The BOM and 32,766 units fill the first piece but its last two bytes: the pair's first half.
+        {"surrogate pair across",
+         utf16le(std::u16string(32766, u'a') + u"\U0001F600\nB"),
+         {std::string(32766, 'a') + "\xF0\x9F\x98\x80", "B"}},
+        {"line beyond the limit",
+         std::string(kMaxTextLineBytes + 9000, 'x') + "\nend",
+         {std::string(kMaxTextLineBytes, 'x'), "end"}},
+    };
+    TempDir dir;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        writeBytes(dir / "f.txt", c.bytes);
+        std::vector<std::string> lines;
+        ASSERT_TRUE(readLines(detectEncoding(dir / "f.txt"), dir / "f.txt", lines));
+        EXPECT_TRUE(lines == c.lines) << lines.size() << " lines, the last " << lines.back().substr(0, 40);
+    }
+    // Stopping early reads no further.
+    writeBytes(dir / "f.txt", "a\nb\nc\n");
+    std::vector<std::string> seen;
+    ASSERT_TRUE(streamLines(Encoding::Utf8WithoutBom, dir / "f.txt", [&](std::string_view l) {
+        seen.emplace_back(l);
+        return l != "b";
+    }));
+    EXPECT_EQ(seen, (std::vector<std::string>{"a", "b"}));
+}
+
 TEST(TextFiles, ReadAllLinesAndWriteText) {
     TempDir dir;
     std::vector<std::string> lines;

@@ -63,6 +63,12 @@ Encoding detectEncoding(const fs::path& path);
 bool validUtf8(std::string_view text) noexcept; // well-formed UTF-8, by the same rules as the detection
 // Any encoding to UTF-8 lines; false (with the message line set) if the file can't be read.
 [[nodiscard]] bool readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out);
+// The same lines one at a time, read in pieces, so a big file never sits in memory whole; a line
+// beyond kMaxTextLineBytes is cut there. `fn` returns false to stop. False (with the message line
+// set) if the file can't be read.
+inline constexpr std::size_t kMaxTextLineBytes = 65536;
+[[nodiscard]] bool streamLines(Encoding encoding, const fs::path& path,
+                               const std::function<bool(std::string_view)>& fn);
 // Bytes as they are; the number of lines, or "open_failed".
 std::variant<std::size_t, std::string> readAllLines(const fs::path& path, std::vector<std::string>& out,
                                                     std::size_t reserve);

@@ -101,41 +101,96 @@ Encoding detectEncoding(const fs::path& path) {
     return checkUtf8(buf, n);
 }
 
-bool readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out) {
-    out.clear();
+namespace {
+
+// Splits UTF-8 text that arrives in pieces into lines, by the rules of forEachLine.
+class LineSplitter {
+  public:
+    explicit LineSplitter(const std::function<bool(std::string_view)>& fn) : fn_(fn) {}
+    // False once `fn` asked to stop.
+    bool add(std::string_view text) {
+        while (!text.empty()) {
+            const auto nl = text.find('\n');
+            const auto piece = text.substr(0, nl);
+            if (carry_.size() < kMaxTextLineBytes)
+                carry_.append(piece.substr(0, std::min(piece.size(), kMaxTextLineBytes - carry_.size())));
+            if (nl == std::string_view::npos) return true;
+            if (!emit()) return false;
+            text.remove_prefix(nl + 1);
+        }
+        return true;
+    }
+    bool finish() { return carry_.empty() || emit(); }
+
+  private:
+    bool emit() {
+        std::string_view line(carry_);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        const bool more = fn_(line);
+        carry_.clear();
+        return more;
+    }
+    const std::function<bool(std::string_view)>& fn_;
+    std::string carry_;
+};
+
+} // namespace
+
+bool streamLines(Encoding encoding, const fs::path& path, const std::function<bool(std::string_view)>& fn) {
     try {
         const int e = static_cast<int>(encoding);
         if (e < 0 || e > 4)
             throw std::runtime_error(fmt::format("file {} has unknown charset: {}", path.string(), e));
-        const auto data = readWhole(path);
-        if (!data) return false;
-        out.reserve(2048);
-        switch (encoding) {
-        case Encoding::Unicode:
-        case Encoding::UnicodeBigEndian: {
-            auto units = utf16Units(*data, encoding == Encoding::UnicodeBigEndian);
-            if (!units.empty() && units.front() == 0xFEFF) units.erase(0, 1);
-            forEachLine(wide_to_utf8(units), [&](std::string_view l) { out.emplace_back(l); });
-            break;
+        std::ifstream in(path, std::ios::binary);
+        if (!in) return false;
+        const bool wide = encoding == Encoding::Unicode || encoding == Encoding::UnicodeBigEndian;
+        const bool ansi = encoding == Encoding::Ansi;
+        const std::function<bool(std::string_view)> ansiLine = [&](std::string_view l) {
+            return fn(ansiToUtf8(l));
+        };
+        LineSplitter lines(ansi ? ansiLine : fn);
+        std::string chunk(65536, '\0'), pending;
+        std::u16string units;
+        bool first = true;
+        while (in) {
+            in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+            const auto n = static_cast<std::size_t>(in.gcount());
+            if (n == 0) break;
+            std::string_view bytes(chunk.data(), n);
+            if (!wide) {
+                if (first && encoding == Encoding::Utf8WithBom && bytes.starts_with("\xEF\xBB\xBF"))
+                    bytes.remove_prefix(3);
+                first = false;
+                if (!lines.add(bytes)) return true;
+                continue;
+            }
+            // UTF-16: an odd byte and a first half of a surrogate pair wait for the next piece.
+            pending.append(bytes);
+            units += utf16Units(pending, encoding == Encoding::UnicodeBigEndian);
+            pending.erase(0, pending.size() & ~std::size_t{1});
+            if (first && !units.empty() && units.front() == 0xFEFF) units.erase(0, 1);
+            first = false;
+            std::u16string_view ready(units);
+            if (!ready.empty() && ready.back() >= 0xD800 && ready.back() <= 0xDBFF) ready.remove_suffix(1);
+            const bool more = lines.add(wide_to_utf8(ready));
+            units.erase(0, ready.size());
+            if (!more) return true;
         }
-        case Encoding::Utf8WithBom: {
-            std::string_view v(*data);
-            if (v.starts_with("\xEF\xBB\xBF")) v.remove_prefix(3);
-            forEachLine(v, [&](std::string_view l) { out.emplace_back(l); });
-            break;
-        }
-        case Encoding::Utf8WithoutBom:
-            forEachLine(*data, [&](std::string_view l) { out.emplace_back(l); });
-            break;
-        default:
-            forEachLine(*data, [&](std::string_view l) { out.push_back(ansiToUtf8(l)); });
-            break;
-        }
+        if (wide && !units.empty() && !lines.add(wide_to_utf8(units))) return true;
+        lines.finish();
         return true;
     } catch (const std::exception& e) {
         message(fmt::format("Read failed for '{}': {}", path.string(), e.what()));
         return false;
     }
+}
+
+bool readLines(Encoding encoding, const fs::path& path, std::vector<std::string>& out) {
+    out.clear();
+    return streamLines(encoding, path, [&](std::string_view l) {
+        out.emplace_back(l);
+        return true;
+    });
 }
 
 std::variant<std::size_t, std::string> readAllLines(const fs::path& path, std::vector<std::string>& out,

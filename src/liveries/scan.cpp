@@ -149,27 +149,34 @@ std::string validModel(std::string code, const std::string& path) {
     return {};
 }
 
-std::string modelOfFile(const std::vector<std::string>& lines, const std::string& path) {
+// What the first "icao_type_designator" and the first "base_container" of a file say, gathered
+// line by line.
+struct ModelKeys {
+    std::optional<std::string> designator, container;
+    void see(const std::string& l) {
+        if (!designator)
+            if (auto v = keyValue(l, "icao_type_designator"); v && !withoutComment(*v).empty())
+                designator = withoutComment(*v);
+        if (!container)
+            if (auto v = keyValue(l, "base_container"); v && !withoutComment(*v).empty())
+                container = withoutComment(*v);
+    }
+};
+
+std::string modelOfFile(const ModelKeys& keys, const std::string& path) {
     std::string code;
-    for (const auto& l : lines)
-        if (auto v = keyValue(l, "icao_type_designator"); v && !withoutComment(*v).empty()) {
-            code = core::toUpper(withoutComment(*v).substr(0, 4));
-            break;
+    if (keys.designator) {
+        code = core::toUpper(keys.designator->substr(0, 4));
+    } else if (keys.container) {
+        const std::string& b = *keys.container;
+        if (b.size() >= 4) {
+            // "..\Asobo_A320_NEO" and the like: the container's name after its three-character
+            // prefix.
+            std::string name = b.substr(3);
+            if (const auto slash = name.find_last_of("\\/"); slash != std::string::npos)
+                name = name.substr(slash + 1);
+            if (const auto it = kAsobo.find(name); it != kAsobo.end()) code = it->second;
         }
-    if (code.empty()) {
-        for (const auto& l : lines)
-            if (auto v = keyValue(l, "base_container"); v && !withoutComment(*v).empty()) {
-                const std::string b = withoutComment(*v);
-                if (b.size() >= 4) {
-                    // "..\Asobo_A320_NEO" and the like: the container's name after its three-character
-                    // prefix.
-                    std::string name = b.substr(3);
-                    if (const auto slash = name.find_last_of("\\/"); slash != std::string::npos)
-                        name = name.substr(slash + 1);
-                    if (const auto it = kAsobo.find(name); it != kAsobo.end()) code = it->second;
-                }
-                break;
-            }
         code = core::toUpper(code);
     }
     if (code.empty()) {
@@ -303,7 +310,7 @@ std::optional<LiveryData> processFltSimSection(std::uint16_t rank, const std::st
 }
 
 // A line that ends a section: a header, or a '[' within its first 6 bytes.
-bool endsSection(const std::string& line) {
+bool endsSection(std::string_view line) {
     const auto b = line.find('[');
     return b != std::string::npos && b < 6;
 }
@@ -319,76 +326,118 @@ void clearTitleSet() {
 }
 
 std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& path,
-                                         const std::vector<std::string>& lines) {
+                                         const LineSource& lines) {
     std::vector<LiveryData> out;
-    bool anyHeader = false;
-    for (const auto& l : lines) {
-        bool bad = false;
-        const auto n = headerNumber(l, bad);
-        if (!n) continue;
-        if (bad) {
-            core::log(fmt::format("fltsim num {} incorrect", l));
-            return out;
-        }
-        if (*n > 10000) {
-            report(Report::InvalidAircraftCfgFiles,
-                   fmt::format("{} contains a [fltsim.x] section with a number < 0 or > {}", path, 10000));
-            return out;
-        }
-        anyHeader = true;
-    }
+    // First the whole file: its section numbers and the model it is of.
+    bool anyHeader = false, give_up = false;
+    ModelKeys keys;
+    std::string line;
+    if (!lines([&](std::string_view text) {
+            line.assign(text);
+            bool bad = false;
+            if (const auto n = headerNumber(line, bad)) {
+                if (bad) {
+                    core::log(fmt::format("fltsim num {} incorrect", line));
+                    give_up = true;
+                    return false;
+                }
+                if (*n > 10000) {
+                    report(Report::InvalidAircraftCfgFiles,
+                           fmt::format("{} contains a [fltsim.x] section with a number < 0 or > {}", path,
+                                       10000));
+                    give_up = true;
+                    return false;
+                }
+                anyHeader = true;
+            }
+            keys.see(line);
+            return true;
+        }))
+        return out;
+    if (give_up) return out;
     if (!anyHeader) {
         report(Report::NoFltsimSection, path);
         return out;
     }
-    const std::string modelCode = modelOfFile(lines, path);
+    const std::string modelCode = modelOfFile(keys, path);
     if (modelCode.empty()) return out;
     const refdata::ModelId model = refdata::modelId(modelCode);
+    // Then the sections, one at a time.
     std::vector<std::string> section;
-    bool inSection = false;
+    bool inSection = false, tooLong = false;
     const auto finish = [&] {
-        if (inSection)
+        if (inSection && tooLong)
+            report(Report::IncompleteSections, fmt::format("{} {} has more than {} lines: skipped", path,
+                                                           section.front(), kMaxSectionLines));
+        else if (inSection)
             if (auto l = processFltSimSection(rank, path, model, std::move(section)))
                 out.push_back(std::move(*l));
         section.clear();
-        inSection = false;
+        inSection = tooLong = false;
     };
     section.reserve(48);
-    for (const auto& l : lines) {
+    (void)lines([&](std::string_view text) {
+        line.assign(text);
         bool bad = false;
-        if (headerNumber(l, bad)) {
+        if (headerNumber(line, bad)) {
             finish();
             inSection = true;
-            section.push_back(l);
-            continue;
-        }
-        if (inSection && endsSection(l)) {
+            section.push_back(line);
+        } else if (inSection && endsSection(line)) {
             finish();
-            continue;
+        } else if (inSection && section.size() < kMaxSectionLines) {
+            section.push_back(line);
+        } else if (inSection) {
+            tooLong = true;
         }
-        if (inSection) section.push_back(l);
-    }
+        return true;
+    });
     finish();
     return out;
 }
 
+std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& path,
+                                         const std::vector<std::string>& lines) {
+    return parseAircraftCfg(rank, path, [&](const std::function<bool(std::string_view)>& fn) {
+        for (const auto& l : lines)
+            if (!fn(l)) break;
+        return true;
+    });
+}
+
+namespace {
+
+// An aircraft.cfg of this size is no livery file (a large real one has a few hundred kilobytes);
+// it is skipped with a log line rather than read.
+constexpr std::uintmax_t kMaxCfgBytes = 16u << 20;
+
+// The lines of a file, read afresh on each pass; false (and said in the log) when it can't be.
+std::optional<LineSource> fileLines(const fs::path& path) {
+    std::error_code ec;
+    const auto size = fs::file_size(path, ec); // one that can't be opened is said below
+    if (!ec && size > kMaxCfgBytes) {
+        core::log(fmt::format("! {} has {} MB, more than an aircraft.cfg can have ({} MB): skipped",
+                              path.string(), size >> 20, kMaxCfgBytes >> 20));
+        return std::nullopt;
+    }
+    const auto encoding = core::detectEncoding(path);
+    if (encoding == core::Encoding::NoneFound) {
+        core::log(fmt::format("! No text encoding detected for {}", path.string()));
+        return std::nullopt;
+    }
+    return LineSource([path, encoding](const std::function<bool(std::string_view)>& fn) {
+        if (core::streamLines(encoding, path, fn)) return true;
+        core::log(fmt::format("! Failed reading {}", path.string()));
+        return false;
+    });
+}
+
+} // namespace
+
 std::vector<LiveryData> searchLiveriesInFile(std::uint16_t rank, const fs::path& path) {
     std::vector<LiveryData> out;
     try {
-        std::error_code ec;
-        if (!fs::exists(path, ec)) return out;
-        const auto encoding = core::detectEncoding(path);
-        if (encoding == core::Encoding::NoneFound) {
-            core::log(fmt::format("! No text encoding detected for {}", path.string()));
-            return out;
-        }
-        std::vector<std::string> lines;
-        lines.reserve(4096);
-        if (!core::readLines(encoding, path, lines)) {
-            core::log(fmt::format("! Failed reading {}", path.string()));
-            return out;
-        }
-        out = parseAircraftCfg(rank, path.string(), lines);
+        if (const auto lines = fileLines(path)) out = parseAircraftCfg(rank, path.string(), *lines);
     } catch (const std::exception& e) {
         core::log(fmt::format("! Exception in searchLiveriesInFile {}: {}", path.string(), e.what()));
     }
@@ -472,17 +521,8 @@ std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::p
         const std::string modelCode = validModel(core::toUpper(folderModel.substr(0, 4)), path);
         if (modelCode.empty()) return out;
         const refdata::ModelId model = refdata::modelId(modelCode);
-        const auto encoding = core::detectEncoding(file);
-        if (encoding == core::Encoding::NoneFound) {
-            core::log(fmt::format("! No text encoding detected for {}", path));
-            return out;
-        }
-        std::vector<std::string> lines;
-        lines.reserve(4096);
-        if (!core::readLines(encoding, file, lines)) {
-            core::log(fmt::format("! Failed reading {}", path));
-            return out;
-        }
+        const auto lines = fileLines(file);
+        if (!lines) return out;
         const bool special = std::any_of(std::begin(kIvaoSpecials), std::end(kIvaoSpecials),
                                          [&](const char* s) { return path.find(s) != std::string::npos; });
         const std::regex airlineOf(modelCode + (special ? "W" : "") + R"(\s*(\w\w\w).*$)");
@@ -533,17 +573,24 @@ std::vector<LiveryData> searchLiveriesInIvaoFile(std::uint16_t rank, const fs::p
             }
             out.push_back({title, regcode, refdata::airlineId(airline), model, rank, false});
         };
-        for (const auto& l : lines) {
+        bool tooLong = false;
+        (void)(*lines)([&](std::string_view l) {
             bool badNumber = false;
             if (headerNumber(l, badNumber)) {
                 finish();
-                section.push_back(l);
+                tooLong = false;
+                section.emplace_back(l);
             } else if (!section.empty() && endsSection(l)) {
                 finish();
-            } else if (!section.empty()) {
-                section.push_back(l);
+            } else if (!section.empty() && section.size() < kMaxSectionLines) {
+                section.emplace_back(l);
+            } else if (!section.empty() && !tooLong) {
+                tooLong = true;
+                incomplete(section.front(),
+                           fmt::format(" has more than {} lines: the rest is not read", kMaxSectionLines));
             }
-        }
+            return true;
+        });
         finish();
     } catch (const std::exception& e) {
         core::log(fmt::format("! Exception in searchLiveriesInIvaoFile {}: {}", path, e.what()));
@@ -632,12 +679,19 @@ constexpr const char* kSkipped[] = {"airport",   "lvfr",     "mkstudios", "simwi
 // A pool of the hardware's size: never more tasks in flight than threads.
 std::size_t searchLiveries(std::uint16_t rank, const fs::path& folder, std::vector<LiveryData>& into) {
     const std::size_t maxTasks = std::max<std::size_t>(2, std::thread::hardware_concurrency());
-    std::deque<std::future<std::vector<LiveryData>>> tasks;
+    struct Task {
+        fs::path file;
+        std::future<std::vector<LiveryData>> result;
+    };
+    std::deque<Task> tasks;
     const std::size_t before = into.size();
+    // A slow file is waited for (and said in the log), never given up with the rest of its package.
     const auto drainOldest = [&] {
-        auto& f = tasks.front();
-        if (f.wait_for(std::chrono::seconds(10)) != std::future_status::ready)
-            throw std::runtime_error("Future wait timed out after 10 seconds");
+        auto& f = tasks.front().result;
+        if (f.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+            core::log(fmt::format("still reading {} after 10 seconds", tasks.front().file.string()));
+            f.wait();
+        }
         auto records = f.get();
         tasks.pop_front();
         into.insert(into.end(), std::make_move_iterator(records.begin()),
@@ -663,16 +717,17 @@ std::size_t searchLiveries(std::uint16_t rank, const fs::path& folder, std::vect
                 path.find("ivao_x-csl") != std::string::npos || path.find("IVAO_MTL") != std::string::npos;
             ++gScanProgress.filesFound;
             while (tasks.size() >= maxTasks) drainOldest();
-            tasks.push_back(std::async(std::launch::async, [rank, p, ivao] {
-                auto r = ivao ? searchLiveriesInIvaoFile(rank, p) : searchLiveriesInFile(rank, p);
-                ++gScanProgress.filesDone;
-                return r;
-            }));
+            tasks.push_back({p, std::async(std::launch::async, [rank, p, ivao] {
+                                 auto r =
+                                     ivao ? searchLiveriesInIvaoFile(rank, p) : searchLiveriesInFile(rank, p);
+                                 ++gScanProgress.filesDone;
+                                 return r;
+                             })});
         }
         while (!tasks.empty()) drainOldest();
     } catch (const std::exception& e) {
         core::log(fmt::format("liveries search in {} aborted, cause: {}", folder.string(), e.what()));
-        for (auto& t : tasks) t.wait(); // running tasks are waited for, not cancelled
+        for (auto& t : tasks) t.result.wait(); // running tasks are waited for, not cancelled
     }
     return into.size() - before;
 }
