@@ -1,4 +1,5 @@
 #include <regex>
+#include <thread>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -25,6 +26,21 @@ TEST(Log, HeaderThenPlainAndFlushedLines) {
             R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \(utc\) Orvelline version \d+\.\d+\.\d+ for MSFS 2020/2024\n)")))
         << text;
     EXPECT_NE(text.find("\nplain line\n==> important\n"), std::string::npos) << text;
+}
+
+// A line followed by silence still reaches the file within about a second: a process killed
+// then leaves it. Repeats waiting to be counted are written with it.
+TEST(Log, ALastLineReachesTheFileWithoutAnotherAfterIt) {
+    LogCapture log;
+    core::log("the last word");
+    core::log("the last word");
+    bool there = false;
+    for (int i = 0; i < 40 && !there; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        there = log.unflushedText().find("the last word\n    (the line above came 1 more time)") !=
+                std::string::npos;
+    }
+    EXPECT_TRUE(there) << log.unflushedText();
 }
 
 TEST(Log, UnwritableFileThrowsAndClosedLogIgnoresLines) {

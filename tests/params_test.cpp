@@ -115,6 +115,14 @@ TEST(Parameters, UpdateChangesEveryMatchKeepsUnknownsAndAddsTheRoot) {
     EXPECT_EQ(readIntParameter(doc, "COUNT"), 7);
     EXPECT_FALSE(readStringParameter(doc, "OLD"));
 
+    // A file that can't be read: the settings in use replace it whole, never the one alone.
+    writeBytes(file, "<root><parameters><parameter name=");
+    c.count.value = 3;
+    updateParameter(file, c.lists, c.flag);
+    ASSERT_TRUE(doc.load_file(file.c_str()));
+    EXPECT_EQ(readIntParameter(doc, "COUNT"), 3);
+    EXPECT_EQ(readStringParameter(doc, "DESTINATION"), "KMSP");
+
     // No file at all: one parameter in a new file.
     fs::remove(file);
     updateParameter(file, c.lists, c.flag);
@@ -141,7 +149,8 @@ TEST(Parameters, SavingDefaultsKeepsTheVersionDefaultAndValuelessElementsAreFill
         if (std::string_view(e.attribute("name").as_string()) == "COUNT") ++counts;
     EXPECT_EQ(counts, 1);
     EXPECT_EQ(readIntParameter(doc, "COUNT"), 5);
-    EXPECT_FALSE(fs::exists(dir / "parameters.xml.tmp"));
+    for (const auto& e : fs::directory_iterator(dir.path()))
+        EXPECT_NE(e.path().extension(), ".tmp") << "no temporary file stays behind";
 }
 
 // A change goes to the catalogue, the mirror the threads read, the control and the file at once.
@@ -199,6 +208,15 @@ TEST(Parameters, BrokenFileIsKeptAsGenerationZero) {
     EXPECT_TRUE(log.contains("). Saved as 0.xml and removed."));
     SmallCatalogue c;
     EXPECT_TRUE(loadParameters(file, c.lists));
+
+    // An empty one has nothing to keep: the copy kept before stays.
+    for (const char* empty : {"", " \n\t"}) {
+        writeBytes(file, empty);
+        checkParameterFile(file);
+        EXPECT_FALSE(fs::exists(file));
+        EXPECT_EQ(readBytes(dir / "parameters.0.xml"), "<root><parameters><parameter name=");
+    }
+    EXPECT_TRUE(log.contains("parameters.xml is empty: removed"));
 }
 
 TEST(Parameters, WindowPositionBeforeTheWindow) {

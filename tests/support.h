@@ -83,6 +83,7 @@ class LogCapture {
         return readBytes(dir_ / "Log.txt");
     }
     bool contains(const std::string& s) { return text().find(s) != std::string::npos; }
+    std::string unflushedText() const { return readBytes(dir_ / "Log.txt"); } // what a kill would leave
     std::size_t count(const std::string& s) {
         const std::string t = text();
         std::size_t n = 0;

@@ -30,6 +30,7 @@ struct ReplayOptions {
     int controlPort = 10747, port = 49005, weatherPort = 49004, qnh = 1013;
     double speed = 1.0, maxGap = 0;
     std::size_t skip = 0;
+    bool loop = false;
 };
 
 // The field after the 14th comma is the time of the point, in seconds since 1970.
@@ -125,6 +126,10 @@ int run(const ReplayOptions& o) {
             !err.empty())
             throw std::runtime_error("send failed: " + err);
         ++sent;
+        if (o.loop && n + 1 == lines.size()) {
+            n = o.skip - 1; // round again: each line's time is made now anyway
+            last = -1.0;
+        }
     }
     std::cout << fmt::format("replay: sent {} lines of {} to {}:{}\n", sent, o.file, o.host, o.port);
     stopSignal = true;
@@ -164,6 +169,7 @@ int main(int argc, char** argv) {
                    "cut longer gaps between lines to this many seconds, before the "
                    "speed-up (none)");
     app.add_option("--skip", o.skip, "start at line N of the recording (0)");
+    app.add_flag("--loop", o.loop, "play the recording again from line N when it ends, until stopped");
     CLI11_PARSE(app, argc, argv);
     try {
         return run(o);

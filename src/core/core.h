@@ -37,6 +37,7 @@ void log(std::string_view text);
 void logFlush(std::string_view text);      // "==> " + text, then flush
 void logTick();                            // once a second: what was logged reaches the file
 void setLogCapBytes(std::uintmax_t bytes); // past it Log.txt becomes Log.1.txt and starts again
+void setLogEcho(bool on);                  // each line also to standard error as it is logged
 std::string timeText();                    // "HH:MM:SS", UTC
 
 // ---- Message and error lines ----------------------------------------------------------------
@@ -136,6 +137,7 @@ struct Options {
     std::string planFolderForSim;   // the flight plan folder as a simulator on another PC names it
     int stopAfterSeconds = 0;       // close as the user would after this many seconds (0: never)
     bool status = false;            // print a status line to the terminal every few seconds
+    bool echoLog = false;           // each log line also to standard error
     std::uint16_t trafficPort = 49005;
     std::uint16_t weatherPort = 49004;
     std::string realTrafficBind = "127.0.0.1"; // RealTraffic connects from this machine

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <cstdio>
 #include <fstream>
 #include <mutex>
+#include <thread>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -27,6 +30,37 @@ struct LogState {
 };
 LogState state;
 constexpr std::size_t kMaxLineBytes = 2000;
+bool echo = false; // each line also to standard error, as it is logged
+bool unflushed = false;
+
+// Flushes what was logged within the last second even when nothing more is logged after it,
+// so that a killed process leaves all it said but its last second.
+class Flusher {
+  public:
+    ~Flusher() { stop(); }
+    void start() {
+        std::lock_guard lock(mutex_);
+        if (thread_.joinable()) return;
+        stop_ = false;
+        thread_ = std::thread([this] { loop(); });
+    }
+    void stop() {
+        {
+            std::lock_guard lock(mutex_);
+            if (!thread_.joinable()) return;
+            stop_ = true;
+        }
+        signal_.notify_all();
+        thread_.join();
+    }
+
+  private:
+    void loop();
+    std::mutex mutex_;
+    std::condition_variable signal_;
+    bool stop_ = false;
+    std::thread thread_;
+};
 
 // Log.txt -> Log.1.txt -> Log.2.txt -> Log.3.txt, the oldest dropped.
 void keepGenerations(const fs::path& file) {
@@ -56,7 +90,19 @@ void flushNow() {
     writeRepeats();
     logStream.flush();
     state.lastFlush = std::chrono::steady_clock::now();
+    unflushed = false;
 }
+
+void Flusher::loop() {
+    std::unique_lock lock(mutex_);
+    while (!signal_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; })) {
+        std::lock_guard logGuard(logLock);
+        if (logStream.is_open() && unflushed &&
+            std::chrono::steady_clock::now() - state.lastFlush >= std::chrono::milliseconds(500))
+            flushNow();
+    }
+}
+Flusher flusher;
 
 // The window's message and error lines: any thread sets them, the front end reads them.
 struct MessageLines {
@@ -86,9 +132,12 @@ void openLog(const fs::path& file) {
                              fmt::gmtime(utcSeconds()), kAppName, kVersion.major, kVersion.minor,
                              kVersion.patch, kSimName);
     logStream.flush();
+    state.lastFlush = std::chrono::steady_clock::now();
+    flusher.start();
 }
 
 void closeLog() {
+    flusher.stop();
     std::lock_guard lock(logLock);
     if (logStream.is_open()) {
         flushNow();
@@ -96,9 +145,19 @@ void closeLog() {
     }
 }
 
+void setLogEcho(bool on) {
+    std::lock_guard lock(logLock);
+    echo = on;
+}
+
 void log(std::string_view text) {
     std::lock_guard lock(logLock);
     if (!logStream.is_open()) return;
+    if (echo) {
+        std::fwrite(text.data(), 1, text.size(), stderr);
+        std::fputc('\n', stderr);
+    }
+    unflushed = true;
     if (text == state.lastLine && !text.empty()) {
         ++state.repeats;
     } else {

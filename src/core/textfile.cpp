@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <optional>
 
@@ -204,8 +205,10 @@ std::variant<std::size_t, std::string> readAllLines(const fs::path& path, std::v
 }
 
 bool writeText(std::string_view text, const fs::path& path, bool withNewline) {
+    // A name of its own per write: two threads saving the same file never share a half-written one.
+    static std::atomic<unsigned> writes{0};
     fs::path tmp = path;
-    tmp += ".tmp";
+    tmp += fmt::format(".{}.tmp", writes.fetch_add(1));
     {
         std::ofstream o(tmp, std::ios::binary | std::ios::trunc);
         if (!o) return false;

@@ -1,3 +1,4 @@
+#include <fstream>
 #include <sstream>
 
 #include <fmt/format.h>
@@ -99,7 +100,14 @@ template <typename P>
 void updateOne(const fs::path& file, const ParameterLists& lists, const P& p) {
     const std::string value = text(p.value);
     pugi::xml_document doc;
-    if (!doc.load_file(file.c_str())) {
+    if (const auto r = doc.load_file(file.c_str()); !r && r.status != pugi::status_file_not_found) {
+        // One setting must not become the whole file: the settings in use are written instead.
+        core::log(fmt::format("{} cannot be read ({}): written anew from the settings in use", file.string(),
+                              r.description()));
+        logValue(p);
+        saveParameters(file, lists, false);
+        return;
+    } else if (!r) {
         pugi::xml_document fresh;
         appendValue(fresh.append_child("root").append_child("parameters"), p.name, value);
         (void)saveDocument(fresh, file);
@@ -246,16 +254,41 @@ void set(StringParameter& p, std::string value, Save save) {
     setOne(p, std::move(value), save);
 }
 
+namespace {
+// The first bytes of a file, enough to tell an empty one from a damaged one.
+std::string readStart(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::string text(4096, '\0');
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    return text;
+}
+} // namespace
+
 void checkParameterFile(const fs::path& file) {
+    // What a crash while saving left: the file itself is either the old one or the new one.
+    std::error_code walk;
+    const std::string prefix = file.filename().string() + ".";
+    for (const auto& e : fs::directory_iterator(file.parent_path(), walk)) {
+        const std::string name = e.path().filename().string();
+        std::error_code ignored;
+        if (name.starts_with(prefix) && name.ends_with(".tmp")) fs::remove(e.path(), ignored);
+    }
     if (!fs::exists(file)) return;
     pugi::xml_document doc;
     const auto r = doc.load_file(file.c_str());
     if (r) return;
+    std::error_code ec;
+    if (r.status == pugi::status_no_document_element && core::trim(readStart(file)).empty()) {
+        // Nothing in it to keep: an earlier parameters.0.xml is worth more than an empty file.
+        core::log(fmt::format("{} is empty: removed", file.string()));
+        fs::remove(file, ec);
+        return;
+    }
     core::log(
         fmt::format("{} failed to load ({}). Saved as 0.xml and removed.", file.string(), r.description()));
     fs::path keep = file;
     keep.replace_extension(".0" + file.extension().string());
-    std::error_code ec;
     fs::copy_file(file, keep, fs::copy_options::overwrite_existing, ec);
     fs::remove(file, ec);
 }

@@ -114,6 +114,8 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
                    "plan folder (a share of it); without it such a simulator gets no flight plans");
     app.add_option("--stop-after", stopAfter, "close as the user would, after this many SECONDS");
     app.add_flag("--status", out.status, "print a status line every 5 seconds");
+    app.add_flag("--echo-log", out.echoLog,
+                 "also write each line of Log.txt to standard error as it is logged");
     app.add_option("--traffic-port", trafficPort, "UDP port of the traffic lines (49005)")
         ->check(CLI::Range(0, 65535));
     app.add_option("--weather-port", weatherPort, "UDP port of the weather datagrams (49004)")
@@ -180,6 +182,7 @@ int runProcess(int argc, char** argv) {
         return 1;
     }
     try {
+        core::setLogEcho(core::gOptions.echoLog);
         core::openLog(core::gPaths.dataFolder / params::names::kLog);
     } catch (const std::exception& e) {
         std::cerr << e.what() << '\n';
