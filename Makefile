@@ -1,6 +1,6 @@
 # Entry points for a fresh machine. Each installs what is missing, then builds.
 PRESET ?= asan
-.PHONY: deps build test demo bench fuzz format clean
+.PHONY: deps build test demo bench fidelity fuzz format clean
 
 deps:
 	@./scripts/install-deps
@@ -21,6 +21,11 @@ bench: deps
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release
 	@./build/release/bench/orvelline-bench
+
+fidelity: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release --target orvelline-scenario
+	@./build/release/orvelline-scenario --fidelity data/fidelity/*.json
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null

@@ -5,11 +5,13 @@
 #include <cmath>
 #include <map>
 #include <numeric>
+#include <set>
 #include <stdexcept>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -104,6 +106,9 @@ Result run(const Config& config) {
         const double start =
             config.overlayFlights ? firstOfAircraft.try_emplace(std::string(f[1]), t).first->second : first;
         if (t - start < config.fromSeconds || t - start > config.toSeconds) continue;
+        if (!config.callsigns.empty() && f.size() > 9 &&
+            std::find(config.callsigns.begin(), config.callsigns.end(), f[9]) == config.callsigns.end())
+            continue;
         lines.push_back({t - start - config.fromSeconds, std::move(text)});
     }
     std::stable_sort(lines.begin(), lines.end(),
@@ -362,6 +367,139 @@ std::string formatReport(const std::vector<AircraftMotion>& report) {
     return s;
 }
 
+// ---- Fidelity -------------------------------------------------------------------------------
+
+namespace {
+
+double metresBetween(double lat1, double lon1, double lat2, double lon2) {
+    return core::distanceNm({lat1, lon1}, {lat2, lon2}) * 1852.0;
+}
+
+// The recorded speed over the ground that outliers can't make: the median of the speeds the
+// positions give over five neighbouring steps, at its largest along the track.
+double robustSpeedKt(const std::vector<const FedLine*>& g) {
+    // Over at least 3 s, so that jitter of a few metres between reports a second apart does not
+    // read as speed.
+    std::vector<double> steps;
+    for (std::size_t i = 0, j = 1; i < g.size(); ++i) {
+        j = std::max(j, i + 1);
+        while (j < g.size() && g[j]->at - g[i]->at < 3.0) ++j;
+        if (j == g.size()) break;
+        const double dt = g[j]->at - g[i]->at;
+        if (!g[i]->onGround)
+            steps.push_back(g[i]->groundSpeed); // in the air the reported speed is the better one
+        else if (dt <= 30)
+            steps.push_back(metresBetween(g[i]->latitude, g[i]->longitude, g[j]->latitude, g[j]->longitude) /
+                            1852.0 / dt * 3600.0);
+    }
+    double best = 0;
+    for (std::size_t i = 0; i + 5 <= steps.size(); ++i) {
+        std::vector<double> w(steps.begin() + static_cast<std::ptrdiff_t>(i),
+                              steps.begin() + static_cast<std::ptrdiff_t>(i + 5));
+        std::nth_element(w.begin(), w.begin() + 2, w.end());
+        best = std::max(best, w[2]);
+    }
+    return best;
+}
+
+// How far the data scatter among themselves: each point from the mean of its two neighbours on
+// each side, 95th percentile.
+double jitterP95(const std::vector<const FedLine*>& g) {
+    std::vector<double> d;
+    for (std::size_t i = 2; i + 2 < g.size(); ++i) {
+        double lat = 0, lon = 0;
+        for (std::size_t k : {i - 2, i - 1, i + 1, i + 2}) lat += g[k]->latitude, lon += g[k]->longitude;
+        d.push_back(metresBetween(lat / 4, lon / 4, g[i]->latitude, g[i]->longitude));
+    }
+    return percentile95(d);
+}
+
+} // namespace
+
+std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config, const Result& result,
+                               const std::vector<Runway>& runways) {
+    std::vector<Fidelity> out;
+    std::map<std::uint32_t, std::vector<const FedLine*>> byHexid;
+    for (const auto& f : result.fed) byHexid[f.hexid].push_back(&f);
+    const auto report = motionReport(result, runways);
+    for (const auto& [hexid, lines] : byHexid) {
+        Fidelity v;
+        v.scenario = scenario, v.hexid = hexid, v.tail = lines.front()->callsign;
+        std::set<std::string, std::less<>> callsigns;
+        for (const auto* l : lines) callsigns.insert(l->callsign);
+        std::vector<const FedLine*> ground;
+        for (const auto* l : lines)
+            if (l->onGround) ground.push_back(l);
+        v.dataOnGround = ground.size() == lines.size();
+        // Near the ground: the roll-out and the take-off run go as fast as the air just above it.
+        std::vector<const FedLine*> low;
+        for (const auto* l : lines)
+            if (l->onGround || l->altitudeFt < result.airportElevationFt + 500) low.push_back(l);
+        v.robustGroundKt = robustSpeedKt(low);
+        v.jitterP95M = jitterP95(ground);
+        const FedLine& last = *lines.back();
+        v.dataEndAtRest =
+            last.onGround && ground.size() >= 3 &&
+            metresBetween(ground[ground.size() - 3]->latitude, ground[ground.size() - 3]->longitude,
+                          last.latitude, last.longitude) < 5.0;
+        // A landing: five reports in the air, then five on the ground (a single flag is noise).
+        for (std::size_t i = 5; i + 5 <= lines.size() && !v.landing; ++i) {
+            bool fits = true;
+            for (std::size_t k = i - 5; k < i + 5 && fits; ++k) fits = lines[k]->onGround == (k >= i);
+            v.landing = fits;
+        }
+        for (std::size_t i = 0; i < result.objects.size(); ++i) {
+            const auto& o = result.objects[i];
+            if (!callsigns.contains(o.tail)) continue;
+            ++v.objects;
+            for (const auto& p : o.positions)
+                v.highestAboveAirportFt =
+                    std::max(v.highestAboveAirportFt, p.altitudeFt - result.airportElevationFt);
+            const auto& m = report[i];
+            v.groundStepKt = std::max(v.groundStepKt, m.maxStepGroundKt);
+            v.groundPathP95M = std::max(v.groundPathP95M, m.pathP95GroundM);
+            if (m.touchedDown && v.touchdownCentreLineM < 0) v.touchdownCentreLineM = m.touchdownCentreLineM;
+            if (m.cameToRest) v.restOffM = metresBetween(m.restLat, m.restLon, last.latitude, last.longitude);
+        }
+        const auto broke = [&](std::string text) { v.broken.push_back(std::move(text)); };
+        if (v.objects == 0) broke("never created");
+        if (v.objects > 1) broke(fmt::format("{} objects", v.objects));
+        const double stepBar = std::max(40.0, 1.3 * v.robustGroundKt);
+        if (v.groundStepKt > stepBar)
+            broke(fmt::format("ground step {:.0f} kt > {:.0f}", v.groundStepKt, stepBar));
+        const double pathBar = std::max(10.0, v.jitterP95M);
+        if (!ground.empty() && v.objects > 0 && v.groundPathP95M > pathBar)
+            broke(fmt::format("ground path {:.1f} m > {:.1f}", v.groundPathP95M, pathBar));
+        if (v.dataOnGround && v.highestAboveAirportFt > 100)
+            broke(fmt::format("climbed {:.0f} ft with data on the ground", v.highestAboveAirportFt));
+        if (v.dataEndAtRest && v.objects > 0 && !(v.restOffM >= 0 && v.restOffM <= 5.0))
+            broke(v.restOffM < 0 ? std::string("never at rest")
+                                 : fmt::format("rests {:.1f} m off", v.restOffM));
+        if (v.landing && v.objects > 0 && !(v.touchdownCentreLineM >= 0 && v.touchdownCentreLineM <= 15.0))
+            broke(v.touchdownCentreLineM < 0
+                      ? std::string("no touchdown shown")
+                      : fmt::format("touchdown {:.1f} m off the centre line", v.touchdownCentreLineM));
+        (void)config;
+        out.push_back(std::move(v));
+    }
+    return out;
+}
+
+std::string formatFidelity(const std::vector<Fidelity>& lines) {
+    std::string s =
+        fmt::format("{:<22} {:<9} {:>3} {:>14} {:>14} {:>9} {:>9} {:>7}  {}\n", "scenario", "aircraft", "obj",
+                    "gnd step/bar", "path/jitter m", "top ft", "rest m", "tdown m", "verdict");
+    for (const auto& v : lines)
+        s +=
+            fmt::format("{:<22} {:<9} {:>3} {:>6.0f}/{:<7.0f} {:>6.1f}/{:<7.1f} {:>9.0f} {:>9} {:>7}  {}\n",
+                        v.scenario, v.tail, v.objects, v.groundStepKt, std::max(40.0, 1.3 * v.robustGroundKt),
+                        v.groundPathP95M, v.jitterP95M, v.highestAboveAirportFt,
+                        v.dataEndAtRest ? fmt::format("{:.1f}", v.restOffM) : std::string("-"),
+                        v.landing ? fmt::format("{:.1f}", v.touchdownCentreLineM) : std::string("-"),
+                        v.broken.empty() ? std::string("ok") : fmt::format("{}", fmt::join(v.broken, "; ")));
+    return s;
+}
+
 std::vector<std::string> prepareHome(const std::filesystem::path& input,
                                      const std::filesystem::path& community,
                                      const std::filesystem::path& work) {
@@ -385,15 +523,16 @@ std::vector<std::string> prepareHome(const std::filesystem::path& input,
     return emu::titlesUnder(community);
 }
 
-int scenarioMain(const std::vector<std::string>& args, const std::filesystem::path& programFolder) {
-    namespace fs = std::filesystem;
-    fs::path file;
-    bool report = false;
+int scenarioMain(const std::vector<std::string>& args, const fs::path& programFolder) {
+    std::vector<fs::path> files;
+    bool report = false, fidelityTable = false;
     CLI::App app{
-        "Runs a recording against the emulated simulator on virtual time and prints what was created.",
+        "Runs recordings against the emulated simulator on virtual time and prints what was created.",
         "orvelline-scenario"};
-    app.add_option("FILE", file, "the scenario file (see data/scenarios)")->required();
+    app.add_option("FILE", files, "scenario files (see data/scenarios and data/fidelity)")->required();
     app.add_flag("--report", report, "also the motion report of every aircraft");
+    app.add_flag("--fidelity", fidelityTable,
+                 "a line per aircraft with the bars it must clear; exit code 1 when one is broken");
     try {
         std::vector<std::string> reversed(args.rbegin(), args.rend());
         app.parse(reversed);
@@ -401,59 +540,74 @@ int scenarioMain(const std::vector<std::string>& args, const std::filesystem::pa
         return app.exit(e);
     }
     const fs::path work = fs::temp_directory_path() / fmt::format("orvelline-scenario-{}", ::getpid());
-    try {
-        std::vector<std::string> text;
-        if (auto r = core::readAllLines(file, text, 64); std::holds_alternative<std::string>(r))
-            throw std::runtime_error("the file cannot be opened");
-        std::string whole;
-        for (const auto& l : text) whole += l + "\n";
-        const auto j = nlohmann::json::parse(whole);
-        const fs::path base = file.parent_path();
-        const auto path = [&](const char* key, const char* fallback) {
-            const fs::path p = j.value(key, std::string(fallback));
-            return p.is_absolute() ? p : base / p;
-        };
-        Config c;
-        c.recording = path("recording", "");
-        c.airport = j.at("airport").get<std::string>();
-        c.fromSeconds = j.value("from", 0.0);
-        c.toSeconds = j.value("to", 1e12);
-        c.runSeconds = j.value("run", 600.0);
-        c.qnh = j.value("qnh", 1013);
-        c.overlayFlights = j.value("overlay", false);
-        if (const auto b = j.find("burst"); b != j.end()) {
-            c.burst.fromSeconds = b->value("from", 0.0);
-            c.burst.toSeconds = b->value("to", 0.0);
-            c.burst.linesPerSecond = b->value("linesPerSecond", 0);
-            c.burst.aircraft = std::max(1, b->value("aircraft", 500));
+    std::vector<Fidelity> table;
+    int status = 0;
+    for (const auto& file : files) {
+        try {
+            std::vector<std::string> text;
+            if (auto r = core::readAllLines(file, text, 64); std::holds_alternative<std::string>(r))
+                throw std::runtime_error("the file cannot be opened");
+            std::string whole;
+            for (const auto& l : text) whole += l + "\n";
+            const auto j = nlohmann::json::parse(whole);
+            const fs::path base = file.parent_path();
+            const auto path = [&](const char* key, const char* fallback) {
+                const fs::path p = j.value(key, std::string(fallback));
+                return p.is_absolute() ? p : base / p;
+            };
+            Config c;
+            c.recording = path("recording", "");
+            c.airport = j.at("airport").get<std::string>();
+            c.fromSeconds = j.value("from", 0.0);
+            c.toSeconds = j.value("to", 1e12);
+            c.runSeconds = j.value("run", 600.0);
+            c.qnh = j.value("qnh", 1013);
+            c.overlayFlights = j.value("overlay", false);
+            c.callsigns = j.value("callsigns", std::vector<std::string>{});
+            if (const auto b = j.find("burst"); b != j.end()) {
+                c.burst.fromSeconds = b->value("from", 0.0);
+                c.burst.toSeconds = b->value("to", 0.0);
+                c.burst.linesPerSecond = b->value("linesPerSecond", 0);
+                c.burst.aircraft = std::max(1, b->value("aircraft", 500));
+            }
+            fs::create_directories(work);
+            core::openLog(work / "Log.txt");
+            c.titles = prepareHome(programFolder / "input", path("community", "../liveries/Community"), work);
+            const auto result = run(c);
+            if (!result.error.empty()) throw std::runtime_error(result.error);
+            const auto runways = readRunways(path("runways", "../recordings/runways.csv"));
+            if (fidelityTable) {
+                auto lines = fidelity(file.stem().string(), c, result, runways);
+                table.insert(table.end(), lines.begin(), lines.end());
+            } else {
+                std::cout << fmt::format("{}: {} s of {} at {}; {} objects created\n", file.string(),
+                                         c.runSeconds, c.recording.filename().string(), c.airport,
+                                         result.objects.size());
+                for (const auto& o : result.objects)
+                    std::cout << fmt::format("  {} '{}' created at {:.1f} s, {}, {} positions, {} events\n",
+                                             o.tail, o.title, o.createdAt,
+                                             o.removedAt >= 0
+                                                 ? fmt::format("removed at {:.1f} s", o.removedAt)
+                                                 : std::string("still there"),
+                                             o.positions.size(), o.events.size());
+            }
+            if (report) std::cout << formatReport(motionReport(result, runways));
+        } catch (const std::exception& e) {
+            std::cerr << fmt::format("scenario {}: {}\n", file.string(), e.what());
+            status = 1;
         }
-        fs::create_directories(work);
-        core::openLog(work / "Log.txt");
-        c.titles = prepareHome(programFolder / "input", path("community", "../liveries/Community"), work);
-        const auto result = run(c);
-        if (!result.error.empty()) throw std::runtime_error(result.error);
-        std::cout << fmt::format("{}: {} s of {} at {}; {} objects created\n", file.string(), c.runSeconds,
-                                 c.recording.filename().string(), c.airport, result.objects.size());
-        for (const auto& o : result.objects)
-            std::cout << fmt::format("  {} '{}' created at {:.1f} s, {}, {} positions, {} events\n", o.tail,
-                                     o.title, o.createdAt,
-                                     o.removedAt >= 0 ? fmt::format("removed at {:.1f} s", o.removedAt)
-                                                      : std::string("still there"),
-                                     o.positions.size(), o.events.size());
-        if (report)
-            std::cout << formatReport(
-                motionReport(result, readRunways(path("runways", "../recordings/runways.csv"))));
         core::closeLog();
         std::error_code ec;
         fs::remove_all(work, ec);
-        return 0;
-    } catch (const std::exception& e) {
-        std::cerr << fmt::format("scenario {}: {}\n", file.string(), e.what());
-        core::closeLog();
-        std::error_code ec;
-        fs::remove_all(work, ec);
-        return 1;
     }
+    if (fidelityTable) {
+        std::cout << formatFidelity(table);
+        const auto broken =
+            std::count_if(table.begin(), table.end(), [](const Fidelity& v) { return !v.broken.empty(); });
+        std::cout << fmt::format("{} aircraft, {} break a bar\n", table.size(), broken);
+        if (broken > 0) status = 1;
+    }
+    return status;
 }
 
 } // namespace orv::scenario

@@ -20,7 +20,8 @@ struct Config {
     double runSeconds = 60;          // virtual seconds to run
     // Each aircraft's first line at virtual time 0: flights of different days fly together.
     bool overlayFlights = false;
-    std::vector<std::string> titles; // the container titles the simulator can create
+    std::vector<std::string> callsigns; // when given, only these aircraft's lines are fed
+    std::vector<std::string> titles;    // the container titles the simulator can create
     std::size_t maxObjects = 1000;
     std::int32_t qnh = 1013; // hPa, as the weather datagrams would give it
     // A flood of made-up helicopters over the recording (a kind the test livery set cannot show,
@@ -85,13 +86,34 @@ struct AircraftMotion {
 std::vector<AircraftMotion> motionReport(const Result& result, const std::vector<Runway>& runways);
 std::string formatReport(const std::vector<AircraftMotion>& report);
 
+// ---- Fidelity: the bars every aircraft of a real recording must clear ---------------------
+
+struct Fidelity {
+    std::string scenario, tail;
+    std::uint32_t hexid = 0;
+    int objects = 0;
+    double groundStepKt = 0, robustGroundKt = 0; // fastest shown ground step; robust recorded speed
+    double groundPathP95M = 0, jitterP95M = 0;   // shown path against the data's own jitter
+    bool dataOnGround = false;                   // the recording never leaves the ground
+    double highestAboveAirportFt = 0;            // what the simulator was shown
+    bool dataEndAtRest = false;
+    double restOffM = -1; // from the last recorded point; -1: never at rest
+    bool landing = false;
+    double touchdownCentreLineM = -1;
+    std::vector<std::string> broken; // the bars it breaks, with the figures
+};
+std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config, const Result& result,
+                               const std::vector<Runway>& runways);
+std::string formatFidelity(const std::vector<Fidelity>& lines);
+
 // A program folder at `work` with the encrypted reference files of `input`, and the livery store
 // of a Community folder; returns the titles the emulated simulator can create. Throws on failure.
 std::vector<std::string> prepareHome(const std::filesystem::path& input,
                                      const std::filesystem::path& community,
                                      const std::filesystem::path& work);
 
-// `orvelline --scenario FILE [--report]`: a scenario described by a JSON file, run on virtual time.
+// `orvelline-scenario FILE... [--report] [--fidelity]`: scenarios described by JSON files, run on
+// virtual time; with --fidelity a table of the bars, and exit code 1 when one is broken.
 int scenarioMain(const std::vector<std::string>& args, const std::filesystem::path& programFolder);
 
 } // namespace orv::scenario
