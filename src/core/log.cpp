@@ -94,8 +94,12 @@ void flushNow() {
 }
 
 void Flusher::loop() {
-    std::unique_lock lock(mutex_);
-    while (!signal_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; })) {
+    for (;;) {
+        {
+            std::unique_lock lock(mutex_);
+            if (signal_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; })) return;
+        }
+        // Its own lock is let go first: openLog holds the log's lock while it starts this thread.
         std::lock_guard logGuard(logLock);
         if (logStream.is_open() && unflushed &&
             std::chrono::steady_clock::now() - state.lastFlush >= std::chrono::milliseconds(500))
