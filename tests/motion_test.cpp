@@ -565,6 +565,40 @@ TEST_F(MotionTest, ClimbStepRampAndGearUp) {
 }
 
 // A stale ground speed, too high or too low, gives way to the one the points' spacing shows.
+// The last creep to where the data stop: once a few reports agree on a spot more than 3 m from
+// where the aircraft waits, it goes there; jitter around the waiting spot, or a spot reported
+// once, keeps it where it is.
+TEST_F(MotionTest, ACreepToWhereTheDataRestIsFollowed) {
+    struct Case {
+        const char* name;
+        std::vector<std::pair<double, double>> reports; // metres east, north of the waiting spot
+        double restEastM;                               // where the last point of the stream is
+    };
+    const Case cases[] = {
+        {"10 m on, then still", {{0, 6}, {0, 10}, {0, 10.1}, {0, 10}, {0, 10}}, 10},
+        {"flips to a spot 8 m away", {{8, 0}, {0, 0}, {8, 0.5}, {8, 0}, {8.2, 0}, {8, 0}}, 8},
+        {"jitter of 2 m", {{1.5, 0}, {-1, 1}, {0.5, -1.5}, {2, 0}}, 0},
+        {"one report away", {{9, 0}, {0, 0}, {0.2, 0}}, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        live::reset();
+        LiveAc& ac = aircraft(true);
+        Sample wait = at(0, 0, 100, 0);
+        wait.stationary = true;
+        ac.stream.push_back(wait);
+        std::int32_t tick = 200;
+        for (const auto& [e, n] : c.reports) {
+            Sample s = at(e, n, tick += 100, 0);
+            if (filterSample(ac, s)) ac.stream.push_back(s);
+        }
+        const Sample& last = ac.stream.back();
+        const double east = (last.lon - kLon) * kMetresPerDegree * std::cos(kLat * core::kRadPerDeg),
+                     north = (last.lat - kLat) * kMetresPerDegree;
+        EXPECT_NEAR(std::hypot(east, north), c.restEastM, 0.6);
+    }
+}
+
 TEST_F(MotionTest, StaleGroundSpeedsAreCorrectedFromPositions) {
     struct Case {
         double feedSpeed;

@@ -181,6 +181,8 @@ struct LiveAc : AcIdentity {
     double lastTimestamp = 0;
     double lastFeedSpeed = 0; // the speed of the last point taken from the feed
     LatLonPos lastFeedPos;    // and where it was
+    LatLonPos settleSpot;     // where the latest reports close together lie
+    int settleReports = 0;    // how many in a row
     std::int64_t parkedWallClock = 0;
     std::int32_t extrapolateCount = 0, holdStartTick = 0;
     Phase phase = Phase::Birth, previousPhase = Phase::Birth;

@@ -514,6 +514,36 @@ void takeOffChecks(LiveAc& ac, Sample& s) {
 
 // ---- Samples in ------------------------------------------------------------------------------
 
+namespace {
+
+constexpr double kSettleSpotM = 2.0; // reports this close together are one spot
+constexpr int kSettleReports = 3;    // and this many of them in a row a spot the data settled on
+constexpr double kSettleMoveM = 3.0; // farther than this from where the aircraft waits, it moves there
+constexpr double kSettleSpeedKt = 3.0;
+
+// The data came to rest a few metres from where the aircraft waits (the last creep to a stand or
+// a holding point, or a stand whose reports flipped to another spot): instead of another wait
+// where it stands, the aircraft moves there at a walking pace.
+bool settledElsewhere(LiveAc& ac, Sample& s, const Sample& last) {
+    const double fromSpotM = core::distanceNm(s.lat, s.lon, ac.settleSpot.lat, ac.settleSpot.lon) * 1852.0;
+    if (ac.settleReports > 0 && fromSpotM < kSettleSpotM) {
+        ++ac.settleReports;
+    } else {
+        ac.settleSpot = {s.lat, s.lon};
+        ac.settleReports = 1;
+    }
+    const double awayM = core::distanceNm(last.lat, last.lon, ac.settleSpot.lat, ac.settleSpot.lon) * 1852.0;
+    if (ac.settleReports < kSettleReports || awayM <= kSettleMoveM) return false;
+    s.lat = ac.settleSpot.lat, s.lon = ac.settleSpot.lon;
+    s.track = core::bearingRad(last.lat, last.lon, s.lat, s.lon) / core::kRadPerDeg;
+    s.speed = kSettleSpeedKt;
+    s.stationary = false;
+    ac.settleReports = 0;
+    return true;
+}
+
+} // namespace
+
 bool filterSample(LiveAc& ac, Sample& s) {
     if (ac.stream.empty()) return true;
     const Sample& last = ac.stream.back();
@@ -529,6 +559,7 @@ bool filterSample(LiveAc& ac, Sample& s) {
     if (std::fabs(s.lat - last.lat) < 0.00015 && std::fabs(s.lon - last.lon) < 0.00015) {
         if (flying) return false;
         if (ac.takingOff && s.speed > 0 && last.speed >= 50) return false;
+        if (settledElsewhere(ac, s, last)) return true;
         // A creep of a few metres is a wait where it stands.
         const std::int32_t tick = s.tick;
         const double time = s.track;
