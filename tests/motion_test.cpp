@@ -519,6 +519,40 @@ TEST_F(MotionTest, PushedBackHoldsUntilItMovesOff) {
 }
 
 // A rolling-out aircraft whose feed goes airborne again takes off: a touch-and-go.
+// A take-off starts on evidence in the data: a run along one line at take-off speed, or a report
+// in the air with speed. A stale speed at a stand, positions jumping about, or a report in the
+// air at a standstill start none.
+TEST_F(MotionTest, ATakeOffNeedsARunOrALiftOffInTheData) {
+    struct Case {
+        const char* name;
+        std::vector<std::pair<double, double>> metresNorthEast; // the stream's last three, then the new one
+        double speedKt;
+        bool airborneLast;
+        bool takesOff;
+    };
+    const Case cases[] = {
+        {"a run along the runway", {{0, 0}, {40, 0}, {90, 1}, {150, 1}}, 80, false, true},
+        {"a stale speed at a stand", {{0, 0}, {0, 0.5}, {0.5, 0}, {0, 0}}, 180, false, false},
+        {"jumps about a stand", {{0, 0}, {30, 10}, {-20, 40}, {25, -15}}, 60, false, false},
+        {"in the air with speed", {{0, 0}, {40, 0}, {90, 0}, {150, 0}}, 140, true, true},
+        {"in the air at a standstill", {{0, 0}, {0, 0}, {0, 0}, {0, 0}}, 0, true, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        live::reset();
+        LiveAc& ac = aircraft(true);
+        std::int32_t tick = 0;
+        for (std::size_t i = 0; i + 1 < c.metresNorthEast.size(); ++i)
+            ac.stream.push_back(
+                at(c.metresNorthEast[i].second, c.metresNorthEast[i].first, tick += 100, c.speedKt));
+        Sample s = at(c.metresNorthEast.back().second, c.metresNorthEast.back().first, tick += 100, c.speedKt,
+                      c.airborneLast, c.airborneLast ? 300 : 0);
+        const bool taken = filterSample(ac, s);
+        if (taken) takeOffChecks(ac, s);
+        EXPECT_EQ(ac.takingOff, c.takesOff);
+    }
+}
+
 TEST_F(MotionTest, TouchAndGo) {
     LiveAc& ac = aircraft(true);
     ac.landingFlags.rollout = true;

@@ -493,6 +493,28 @@ void rotate(LiveAc& ac) {
     }
 }
 
+namespace {
+
+// A take-off run in the data: the last points and the new one go on along one line, each step
+// forward. A stale speed, or positions jumping about a stand, make no run however fast they say.
+bool takeOffRunInData(const LiveAc& ac, const Sample& s) {
+    const auto& st = ac.stream;
+    if (st.size() < 3) return false;
+    const Sample* p[4] = {&st[st.size() - 3], &st[st.size() - 2], &st.back(), &s};
+    double first = 0;
+    for (int i = 0; i < 3; ++i) {
+        if (sampleDistanceNm(*p[i], *p[i + 1]) * 1852.0 < 5.0) return false;
+        const double b = core::bearingRad(p[i]->lat, p[i]->lon, p[i + 1]->lat, p[i + 1]->lon);
+        if (i == 0)
+            first = b;
+        else if (std::fabs(core::angleDiff(first, b)) > 15 * core::kRadPerDeg)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
 void takeOffChecks(LiveAc& ac, Sample& s) {
     if (!ac.onGround || ac.simState != SimState::Active || ac.takingOff || ac.stream.empty()) return;
     const Sample& last = ac.stream.back();
@@ -509,7 +531,11 @@ void takeOffChecks(LiveAc& ac, Sample& s) {
         }
         return;
     }
-    if (ac.phase == Phase::Taxi && (s.airborne || (last.speed >= 43 && s.speed >= 43))) prepareTakeOff(ac);
+    // A report in the air at a standstill is no lift-off: a wrong altitude or flag.
+    const bool liftOff = s.airborne && (s.speed >= 43 || last.airborne);
+    if (ac.phase == Phase::Taxi &&
+        (liftOff || (last.speed >= 43 && s.speed >= 43 && takeOffRunInData(ac, s))))
+        prepareTakeOff(ac);
 }
 
 // ---- Samples in ------------------------------------------------------------------------------
@@ -549,6 +575,11 @@ bool filterSample(LiveAc& ac, Sample& s) {
     const Sample& last = ac.stream.back();
     s.stationary = samePlace(s, last);
     if (rotorcraft(ac)) return true;
+    // An aeroplane on the ground that is said to be in the air at a walking pace has a wrong
+    // altitude or flag in that report: it is set aside, not climbed to.
+    if (s.airborne && ac.simState == SimState::Active && ac.onGround && !ac.takingOff && s.speed < 43 &&
+        last.speed < 43)
+        return false;
     const bool flying = s.airborne || (ac.simState == SimState::Active && !ac.onGround);
     if (s.stationary) {
         if (flying) return false;
