@@ -442,12 +442,9 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
             last.onGround && ground.size() >= 3 &&
             metresBetween(ground[ground.size() - 3]->latitude, ground[ground.size() - 3]->longitude,
                           last.latitude, last.longitude) < 5.0;
-        // A landing: five reports in the air, then five on the ground (a single flag is noise).
-        for (std::size_t i = 5; i + 5 <= lines.size() && !v.landing; ++i) {
-            bool fits = true;
-            for (std::size_t k = i - 5; k < i + 5 && fits; ++k) fits = lines[k]->onGround == (k >= i);
-            v.landing = fits;
-        }
+        // A landing: the data begin in the air and end on the ground. (The ground flags of some
+        // feeds flip during take-off runs, so a change of flag alone says nothing.)
+        v.landing = !lines.front()->onGround && last.onGround;
         for (std::size_t i = 0; i < result.objects.size(); ++i) {
             const auto& o = result.objects[i];
             if (!callsigns.contains(o.tail)) continue;
