@@ -266,7 +266,8 @@ std::vector<AircraftMotion> motionReport(const Result& result, const std::vector
             const double nm = core::distanceNm({a.latitude, a.longitude}, {b.latitude, b.longitude});
             if (nm > m.maxStepNm) m.maxStepNm = nm;
             m.maxStepKt = std::max(m.maxStepKt, nm / dt * 3600.0);
-            if (onGround(a) && onGround(b)) m.maxStepGroundKt = std::max(m.maxStepGroundKt, nm / dt * 3600.0);
+            if (onGround(a) && onGround(b) && nm / dt * 3600.0 > m.maxStepGroundKt)
+                m.maxStepGroundKt = nm / dt * 3600.0, m.maxStepGroundT = b.t;
             double dh = std::fmod(b.heading - a.heading, 2 * core::kPi);
             if (dh > core::kPi) dh -= 2 * core::kPi;
             if (dh < -core::kPi) dh += 2 * core::kPi;
@@ -342,9 +343,10 @@ std::string formatReport(const std::vector<AircraftMotion>& report) {
     std::string s;
     for (const auto& m : report) {
         s += fmt::format("{} (hexid {}):\n", m.tail, m.hexid);
-        s += fmt::format("  largest step {:.1f} m between two positions ({:.0f} kt, on the ground {:.0f} kt; "
-                         "fastest recorded {:.0f} kt)\n",
-                         m.maxStepNm * 1852.0, m.maxStepKt, m.maxStepGroundKt, m.maxFedSpeedKt);
+        s += fmt::format(
+            "  largest step {:.1f} m between two positions ({:.0f} kt, on the ground {:.0f} kt at "
+            "{:.2f} s; fastest recorded {:.0f} kt)\n",
+            m.maxStepNm * 1852.0, m.maxStepKt, m.maxStepGroundKt, m.maxStepGroundT, m.maxFedSpeedKt);
         s += fmt::format(
             "  turn rate at most {:.1f} deg/s on the ground, {:.1f} deg/s in the air; bank at most "
             "{:.1f} deg on the ground, {:.1f} deg in the air\n",

@@ -70,6 +70,7 @@ struct AircraftMotion {
     std::uint32_t hexid = 0;
     double maxStepNm = 0, maxStepKt = 0; // the largest move between two positions, and as a speed
     double maxStepGroundKt = 0;          // the same, on the ground only
+    double maxStepGroundT = 0;           // and when (virtual seconds)
     double maxFedSpeedKt = 0;            // the fastest the recording says it went
     double maxTurnGroundDegS = 0, maxTurnAirDegS = 0, maxBankGroundDeg = 0, maxBankAirDeg = 0;
     // Distance from each recorded point to where the aircraft was shown 30 s after it came.
