@@ -530,6 +530,8 @@ int scenarioMain(const std::vector<std::string>& args, const fs::path& programFo
         "orvelline-scenario"};
     app.add_option("FILE", files, "scenario files (see data/scenarios and data/fidelity)")->required();
     app.add_flag("--report", report, "also the motion report of every aircraft");
+    fs::path keepLogs;
+    app.add_option("--keep-logs", keepLogs, "copy each run's Log.txt into this folder as <scenario>.log");
     app.add_flag("--fidelity", fidelityTable,
                  "a line per aircraft with the bars it must clear; exit code 1 when one is broken");
     try {
@@ -597,6 +599,11 @@ int scenarioMain(const std::vector<std::string>& args, const fs::path& programFo
         }
         core::closeLog();
         std::error_code ec;
+        if (!keepLogs.empty()) {
+            fs::create_directories(keepLogs, ec);
+            fs::copy_file(work / "Log.txt", keepLogs / (file.stem().string() + ".log"),
+                          fs::copy_options::overwrite_existing, ec);
+        }
         fs::remove_all(work, ec);
     }
     if (fidelityTable) {
