@@ -90,6 +90,16 @@ class SimClientTest : public testing::Test {
     std::unique_ptr<emu::Server> server;
 };
 
+// A Delta A321 to create at 3,000 ft just north-east of KMSP.
+sim::CreateRecord a321At3000Ft(const char* tail, std::uint32_t hexid) {
+    sim::CreateRecord create;
+    create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
+    create.tailNumber = tail;
+    create.title = "Airbus A321 Delta";
+    create.hexid = hexid;
+    return create;
+}
+
 TEST_F(SimClientTest, FlowsAnAircraftThroughTheEmulator) {
     emu::Config config;
     config.titles = {"Airbus A321 Delta"};
@@ -109,11 +119,7 @@ TEST_F(SimClientTest, FlowsAnAircraftThroughTheEmulator) {
         << "the every-second on-ground answer";
 
     // Create: matched through the pending creation by its tail number once the range query sees it.
-    sim::CreateRecord create;
-    create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
-    create.tailNumber = "DAL123";
-    create.title = "Airbus A321 Delta";
-    create.hexid = 0xA1B2C3;
+    sim::CreateRecord create = a321At3000Ft("DAL123", 0xA1B2C3);
     ASSERT_TRUE(sim::addCreate(create));
     ASSERT_TRUE(eventually([&] { return emulator->liveObjectCount() == 1; }));
     std::optional<sim::LiveCreated> created;
@@ -495,11 +501,7 @@ TEST_F(SimClientTest, AFailedRequestRestartsTheRun) {
     MemorySim m(atKmsp());
     ASSERT_TRUE(m.connect());
     ASSERT_TRUE(m.readUser());
-    sim::CreateRecord create;
-    create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
-    create.tailNumber = "DAL1";
-    create.title = "Airbus A321 Delta";
-    create.hexid = 0xABCDEF;
+    const sim::CreateRecord create = a321At3000Ft("DAL1", 0xABCDEF);
     ASSERT_TRUE(sim::addCreate(create));
     m.e.advanceTo(m.t += 0.05); // frames wait in the pipe
     m.serverEnd->close();       // and nothing can be sent any more
@@ -597,11 +599,7 @@ TEST_F(SimClientTest, PollOnceOverAnInMemoryPipe) {
     }
     EXPECT_EQ(sim::nearestArea(), "KMSP");
 
-    sim::CreateRecord create;
-    create.init = {44.89, -93.20, 3000, 0, 0, 300, 0, 180};
-    create.tailNumber = "DAL1";
-    create.title = "Airbus A321 Delta";
-    create.hexid = 0xABCDEF;
+    const sim::CreateRecord create = a321At3000Ft("DAL1", 0xABCDEF);
     ASSERT_TRUE(sim::addCreate(create));
     for (int i = 0; i < 10 && e.liveObjectCount() == 0; ++i) pass();
     ASSERT_EQ(e.liveObjectCount(), 1u);

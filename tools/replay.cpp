@@ -100,7 +100,12 @@ int run(const ReplayOptions& o) {
     auto nextWeather = std::chrono::steady_clock::now();
     double last = -1.0;
     std::size_t sent = 0;
-    for (std::size_t n = o.skip; n < lines.size() && !stopSignal; ++n) {
+    for (std::size_t n = o.skip; !stopSignal; ++n) {
+        if (n >= lines.size()) {
+            if (!o.loop || o.skip >= lines.size()) break;
+            n = o.skip; // round again: each line's time is made now anyway
+            last = -1.0;
+        }
         std::string l = lines[n];
         const auto field = timeField(l);
         double t = last;
@@ -126,10 +131,6 @@ int run(const ReplayOptions& o) {
             !err.empty())
             throw std::runtime_error("send failed: " + err);
         ++sent;
-        if (o.loop && n + 1 == lines.size()) {
-            n = o.skip - 1; // round again: each line's time is made now anyway
-            last = -1.0;
-        }
     }
     std::cout << fmt::format("replay: sent {} lines of {} to {}:{}\n", sent, o.file, o.host, o.port);
     stopSignal = true;

@@ -1,12 +1,11 @@
 // The control link with RealTraffic: this program is the TCP server, RealTraffic connects, and
 // once a second it learns where the user is, so that it sends the traffic around that place.
-#include <algorithm>
-#include <array>
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -20,17 +19,13 @@ namespace orv::feed {
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr int kSendTimeoutMs = 1000; // a RealTraffic that takes no line in a second is gone
 constexpr int kVersionWaitMs = 3000; // a connection that does not answer by then is no RealTraffic
 constexpr int kSliceMs = 100;        // the link thread looks at its stop flag this often
 
-// A line waiting for the link thread; a newer one of its kind replaces it. Fixed room, so that
-// posting it never allocates.
+// A line waiting for the link thread; a newer one of its kind replaces it.
 struct Outgoing {
-    std::array<char, 160> text{};
-    std::size_t size = 0;
+    std::string text;
     bool waiting = false;
 };
 
@@ -95,7 +90,7 @@ std::string receiveAnswer(int ms) {
 
 // The link thread's: the connection is gone, said to the thread that sends positions.
 void dropClient(std::string_view why) {
-    core::log(fmt::format("sendDataPacket to RealTraffic failed: {}", why));
+    core::log(why);
     link.client.close();
     core::log("RealTraffic client socket closed");
     clientConnected = false;
@@ -121,21 +116,18 @@ void takeConnection(platform::TcpStream stream) {
     if (everConnected.exchange(true)) reconnectedPending = true;
 }
 
-// The link thread's: sends what waits, newest position first; false when the link went.
+// The link thread's: sends what waits, the position first; false when the link went.
 bool sendWaiting() {
     Outgoing lines[2];
     {
         std::lock_guard lock(link.mailMutex);
-        for (Outgoing* o : {&link.position, &link.time}) {
-            lines[o == &link.time] = *o;
-            o->waiting = false;
-        }
+        lines[0] = std::exchange(link.position, {});
+        lines[1] = std::exchange(link.time, {});
     }
     for (const auto& o : lines) {
         if (!o.waiting) continue;
-        if (auto err = link.client.sendAll(std::string_view(o.text.data(), o.size), kSendTimeoutMs);
-            !err.empty()) {
-            dropClient(err);
+        if (auto err = link.client.sendAll(o.text, kSendTimeoutMs); !err.empty()) {
+            dropClient(fmt::format("sendDataPacket to RealTraffic failed: {}", err));
             return false;
         }
     }
@@ -147,7 +139,8 @@ void noticeClose() {
     char scrap[256];
     const auto r = link.client.receive(scrap, sizeof scrap, 0);
     if (r.status == platform::RecvStatus::Failed)
-        dropClient(r.error ? platform::errorText(r.error) : std::string("the other end closed the link"));
+        dropClient(fmt::format("RealTraffic closed the link{}",
+                               r.error ? ": " + platform::errorText(r.error) : std::string()));
 }
 
 void linkThread() {
@@ -188,8 +181,7 @@ void post(Outgoing& slot, std::string_view text) {
     // The engine's thread posts: a link thread busy with the mailbox costs this line, not a wait.
     std::unique_lock lock(link.mailMutex, std::try_to_lock);
     if (!lock.owns_lock()) return;
-    slot.size = std::min(text.size(), slot.text.size());
-    std::copy_n(text.data(), slot.size, slot.text.data());
+    slot.text.assign(text);
     slot.waiting = true;
     lock.unlock();
     link.mailSignal.notify_one();

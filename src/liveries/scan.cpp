@@ -329,7 +329,7 @@ std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& 
                                          const LineSource& lines) {
     std::vector<LiveryData> out;
     // First the whole file: its section numbers and the model it is of.
-    bool anyHeader = false, give_up = false;
+    bool anyHeader = false, givenUp = false;
     ModelKeys keys;
     std::string line;
     if (!lines([&](std::string_view text) {
@@ -338,14 +338,14 @@ std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& 
             if (const auto n = headerNumber(line, bad)) {
                 if (bad) {
                     core::log(fmt::format("fltsim num {} incorrect", line));
-                    give_up = true;
+                    givenUp = true;
                     return false;
                 }
                 if (*n > 10000) {
                     report(Report::InvalidAircraftCfgFiles,
                            fmt::format("{} contains a [fltsim.x] section with a number < 0 or > {}", path,
                                        10000));
-                    give_up = true;
+                    givenUp = true;
                     return false;
                 }
                 anyHeader = true;
@@ -354,7 +354,7 @@ std::vector<LiveryData> parseAircraftCfg(std::uint16_t rank, const std::string& 
             return true;
         }))
         return out;
-    if (give_up) return out;
+    if (givenUp) return out;
     if (!anyHeader) {
         report(Report::NoFltsimSection, path);
         return out;

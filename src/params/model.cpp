@@ -1,4 +1,3 @@
-#include <fstream>
 #include <sstream>
 
 #include <fmt/format.h>
@@ -254,17 +253,6 @@ void set(StringParameter& p, std::string value, Save save) {
     setOne(p, std::move(value), save);
 }
 
-namespace {
-// The first bytes of a file, enough to tell an empty one from a damaged one.
-std::string readStart(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::string text(4096, '\0');
-    in.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<std::size_t>(in.gcount()));
-    return text;
-}
-} // namespace
-
 void checkParameterFile(const fs::path& file) {
     // What a crash while saving left: the file itself is either the old one or the new one.
     std::error_code walk;
@@ -279,8 +267,8 @@ void checkParameterFile(const fs::path& file) {
     const auto r = doc.load_file(file.c_str());
     if (r) return;
     std::error_code ec;
-    if (r.status == pugi::status_no_document_element && core::trim(readStart(file)).empty()) {
-        // Nothing in it to keep: an earlier parameters.0.xml is worth more than an empty file.
+    if (r.status == pugi::status_no_document_element) {
+        // No element in it, nothing to keep: an earlier parameters.0.xml is worth more.
         core::log(fmt::format("{} is empty: removed", file.string()));
         fs::remove(file, ec);
         return;
