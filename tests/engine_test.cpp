@@ -112,9 +112,43 @@ TEST_F(EngineTest, SpeedJumpAndThinningFilters) {
         decode(record(100, c.speed0, 90, c.airborne));
         ASSERT_EQ(gEngine.liveTable.size(), 1u) << c.name;
         auto r = record(100 + c.dt, c.speed1, 90 + c.trackChange, c.airborne, c.alt1);
-        r.latitude += 0.01;
+        r.latitude += c.airborne ? 0.01 : 0.0002; // a step the aircraft can make on the ground
         decode(r);
         EXPECT_EQ(gEngine.liveTable[0].stream.size(), c.taken ? 2u : 1u) << c.name;
+    }
+}
+
+// What reaches the stream of an aircraft on the ground from a feed that freezes, hops and jumps.
+// Reports are one every 2 s, metres north of the first; the speed field is stale throughout.
+TEST_F(EngineTest, GroundReportsOutOfReachOrFrozenAreSetAside) {
+    struct Case {
+        const char* name;
+        std::vector<double> northM;       // one report every 2 s
+        std::vector<double> streamNorthM; // what the stream holds afterwards (a wait repeats its spot)
+    };
+    const Case cases[] = {
+        {"a steady taxi is taken whole", {0, 30, 60, 90}, {0, 30, 60, 90}},
+        {"a frozen feed's repeats wait for the track to go on", {0, 30, 30, 30, 90}, {0, 30, 90}},
+        {"one position far off is dropped", {0, 30, 600, 60, 90}, {0, 30, 60, 90}},
+        {"a jump the track goes on from is taken back", {0, 30, 600, 630, 660}, {0, 30, 600, 630, 660}},
+        {"hops to another spot and back are dropped", {0, 0, 150, 150, 0, 0}, {0, 0, 0, 0}},
+        {"a spot the reports stay on for 10 s is believed",
+         {0, 0, 150, 150, 150, 150, 150, 150, 150},
+         {0, 0, 150}},
+    };
+    for (const auto& c : cases) {
+        live::reset();
+        for (std::size_t i = 0; i < c.northM.size(); ++i) {
+            auto r = record(100 + 2.0 * static_cast<double>(i), 139.8, 0, false);
+            r.latitude += c.northM[i] / 111120.0;
+            decode(r);
+        }
+        ASSERT_EQ(gEngine.liveTable.size(), 1u) << c.name;
+        std::vector<double> got;
+        const auto& st = gEngine.liveTable[0].stream;
+        for (std::size_t i = 0; i < st.size(); ++i)
+            got.push_back(std::round((st[i].lat - kMspLat - 0.1) * 111120.0));
+        EXPECT_EQ(got, c.streamNorthM) << c.name;
     }
 }
 
@@ -591,7 +625,14 @@ TEST_F(EngineTest, AircraftWithoutALiveryAreListed) {
     ac.callsign = "ADB3412";
     params::gParams.MATCHING_DEPTH = 1;
     EXPECT_EQ(spawnLiveAc(ac), Update::Drop);
+    // Its next reports make it again and find nothing again: it is listed once.
+    const LiveAc first = ac;
+    LiveAc& again = ready(11);
+    again.modelCode = first.modelCode, again.airlineCode = first.airlineCode, again.callsign = first.callsign;
+    again.registration = first.registration;
+    EXPECT_EQ(spawnLiveAc(again), Update::Drop);
     params::gParams.MATCHING_DEPTH = 4;
+    EXPECT_EQ(noMatchList().size(), 1u);
     logNoMatchList();
     EXPECT_TRUE(log.contains("\nNo match found for:\nADB3412  UR82008  ADB A124\n")) << log.text();
     logNoMatchList();

@@ -194,7 +194,7 @@ TEST_F(LiveriesTest, TheFixedSetIsWhatTheGeneratorWrites) {
         return out;
     };
     const auto generated = files(dir / "generated");
-    EXPECT_EQ(generated.size(), 16u);
+    EXPECT_EQ(generated.size(), 44u);
     EXPECT_TRUE(generated == files(community())) << "run: orvelline-data liveries data/liveries/Community";
 }
 
@@ -248,7 +248,11 @@ TEST_F(LiveriesTest, TheFixedSetScansWritesAndReadsBack) {
         {"JF Boeing 767-300F Frachtflug Gen\xC3\xA8ve", "FDX B763  cargo"},
         {"JF Boeing 767-300F FedEx Express", "FDX B763  cargo"},
     };
-    EXPECT_EQ(byTitle, expected);
+    // The quirky files read as they must; the rest is the breadth of a typical install.
+    for (const auto& [title, what] : expected) EXPECT_EQ(byTitle[title], what) << title;
+    EXPECT_EQ(byTitle["FSLTL_B744_ZZZZ Generic"], "ZZZ B744  pax");
+    EXPECT_EQ(byTitle["AIG Eurocopter EC135 Rega"], "RGA EC35  pax");
+    EXPECT_EQ(byTitle.size(), 54u);
     // The UTF-16 and Windows-1252 files were read; the _CVT_ copy, the United title (not to
     // use) and the IVAO livery without its texture folder were not.
     const auto errors = [&](Report r) { return reportPath(r); };
@@ -261,7 +265,7 @@ TEST_F(LiveriesTest, TheFixedSetScansWritesAndReadsBack) {
         << incomplete;
     EXPECT_TRUE(log.contains("    1 invalid airline code, see "));
     EXPECT_TRUE(log.contains("    1 empty aircraft.cfg file, see "));
-    EXPECT_TRUE(log.contains("24 liveries in "));
+    EXPECT_TRUE(log.contains("54 liveries in "));
 }
 
 TEST_F(LiveriesTest, FolderPriority) {
@@ -404,6 +408,24 @@ TEST_F(LiveriesTest, ADamagedScannedListIsScannedAgain) {
     EXPECT_TRUE(log.contains("your liveries will be scanned again"));
 }
 
+// Categories without liveries switch their traffic off, in the file and in the engine.
+TEST_F(LiveriesTest, CategoriesWithoutLiveriesAreSwitchedOff) {
+    fs::create_directories(dir / "pkg/a");
+    test::writeBytes(
+        dir / "pkg/a/aircraft.cfg",
+        "[GENERAL]\nicao_type_designator = C172\n[fltsim.0]\ntitle = Skyhawk\nicao_airline = DLH\n");
+    ASSERT_TRUE(scanFolders({dir / "pkg"})) << log.text();
+    processLiveries();
+    EXPECT_FALSE(parameter<params::BoolParameter>("HELICOPTERS").value);
+    EXPECT_FALSE(parameter<params::BoolParameter>("HIGH_PERF_AIRCRAFT").value);
+    EXPECT_TRUE(parameter<params::BoolParameter>("LIGHT_AIRCRAFT").value);
+    EXPECT_FALSE(params::gParams.HELICOPTERS) << "the switch reaches the engine";
+    EXPECT_FALSE(params::gParams.HIGH_PERF_AIRCRAFT);
+    EXPECT_TRUE(params::gParams.LIGHT_AIRCRAFT);
+    EXPECT_NE(test::readBytes(dir / "parameters.xml").find(R"(name="HELICOPTERS" value="false")"),
+              std::string::npos);
+}
+
 TEST_F(LiveriesTest, InlineRegistrationClash) {
     fs::create_directories(dir / "pkg/a");
     test::writeBytes(
@@ -442,17 +464,10 @@ TEST_F(LiveriesTest, ProcessingBuildsTheMaps) {
     // Similar types: KLM has a B738, so a B739 of KLM may take it.
     EXPECT_EQ(similarOfAirline(refdata::airlineModelKey(refdata::airlineId("KLM"), refdata::modelId("B739"))),
               std::vector<refdata::ModelId>{refdata::modelId("B738")});
-    // Categories without liveries switch their traffic off, once.
-    EXPECT_FALSE(parameter<params::BoolParameter>("HELICOPTERS").value);
-    EXPECT_FALSE(parameter<params::BoolParameter>("HIGH_PERF_AIRCRAFT").value);
-    EXPECT_TRUE(parameter<params::BoolParameter>("LIGHT_AIRCRAFT").value);
-    EXPECT_FALSE(params::gParams.HELICOPTERS) << "the switch reaches the engine";
-    EXPECT_FALSE(params::gParams.HIGH_PERF_AIRCRAFT);
-    EXPECT_TRUE(params::gParams.LIGHT_AIRCRAFT);
-    EXPECT_NE(test::readBytes(dir / "parameters.xml").find(R"(name="HELICOPTERS" value="false")"),
-              std::string::npos);
-    EXPECT_EQ(s.categoryModels[0], std::vector<refdata::ModelId>{refdata::modelId("C172")});
-    EXPECT_TRUE(log.contains("3 models have a generic livery"));
+    EXPECT_EQ(s.categoryModels[0],
+              (std::vector<refdata::ModelId>{refdata::modelId("AT76"), refdata::modelId("C172"),
+                                             refdata::modelId("DH8D")}));
+    EXPECT_TRUE(log.contains("25 models have a generic livery"));
     // A second processing in the same process only says so.
     processLiveries();
     EXPECT_TRUE(log.contains("Processing scanned liveries skipped; already done in previous start-up"));
@@ -563,7 +578,9 @@ TEST_F(MatchingTest, TheLadderAtEachDepth) {
         {"heavy with an unknown airline at depth 3", 3, "AFR", "B77W", "", false, "", -1},
         {"heavy with an unknown airline at depth 4", 4, "AFR", "B77W", "", false, "FSLTL_B77W_ZZZZ Generic",
          4},
-        {"large never takes another airline", 4, "AFR", "B738", "", false, "", -1},
+        {"large takes a generic paint of its type", 4, "AFR", "B738", "", false, "FSLTL_B738_ZZZZ Generic",
+         4},
+        {"large never takes another airline", 4, "AFR", "B752", "", false, "", -1},
         {"light type falls to any airline", 3, "ABC", "C172", "", false, "Cessna 172 private N12345", 5},
         {"private prefers a generic paint", 2, "PVT", "A320", "", false, "AIG Airbus A320 Generic", 4},
         {"cargo takes its airline's cargo paint", 2, "FDX", "B763", "", true,
@@ -646,10 +663,13 @@ TEST_F(MatchingTest, RefusedTitlesAreNeverGivenAgain) {
     params::gParams.MATCHING_DEPTH = 4;
     refuseTitle("AIG Boeing 737-800 KLM");
     int step = -2;
-    // The registration finds the refused title; the ladder goes on and finds nothing else at
-    // step 2 for KLM B738 either: the same title again.
-    EXPECT_EQ(match("KLM", "B738", "PH-BXA", false, &step), "");
+    // The registration finds the refused title; the ladder goes on, finds the same title again
+    // at step 2 for KLM B738, and ends at the generic paint.
+    EXPECT_EQ(match("KLM", "B738", "PH-BXA", false, &step), "FSLTL_B738_ZZZZ Generic");
     EXPECT_EQ(gMatchStepCount[1], 0);
+    EXPECT_EQ(step, 4);
+    resetMatching();
+    refuseTitle("AIG Boeing 737-800 KLM");
     logMatchingSummary();
     EXPECT_FALSE(log.contains("Could not be created")) << "nothing matched yet: no summary";
     match("DLH", "A320");

@@ -70,14 +70,16 @@ class MotionTest : public test::ProgramHome {
 TEST_F(MotionTest, BezierPointsAndTangents) {
     LiveAc& ac = aircraft();
     ac.stream.push_back(at(0, 0, 0));
-    ac.stream.push_back(at(100, 0, 500));    // control point
+    ac.stream.push_back(at(100, 0, 500));    // the corner
     ac.stream.push_back(at(100, 100, 1000)); // end
     prepareCurve(ac);
-    ASSERT_EQ(ac.stream.size(), 2u) << "the control point leaves the stream";
+    ASSERT_EQ(ac.stream.size(), 2u) << "the corner leaves the stream";
     struct Case {
         double t, east, north, tangentDeg;
     };
-    const Case cases[] = {{0, 0, 0, 90}, {0.5, 75, 25, 45}, {1, 100, 100, 0}, {0.25, 43.75, 6.25, 71.565}};
+    // Halfway the curve passes through the corner's report, headed from start to end.
+    const Case cases[] = {
+        {0, 0, 0, 108.435}, {0.25, 62.5, -12.5, 90}, {0.5, 100, 0, 45}, {1, 100, 100, 341.565}};
     for (const auto& c : cases) {
         double lat = 0, lon = 0, tangent = 0;
         ASSERT_TRUE(curvePoint(ac, c.t, lat, lon, tangent)) << c.t;
@@ -477,6 +479,32 @@ TEST_F(MotionTest, LandingTakesNoPointBehind) {
     }
 }
 
+// In the roll-out, "behind" is against the way the reports go: a turn off the runway the data
+// make (while the aircraft, half a minute behind them, still points down the runway) is kept.
+TEST_F(MotionTest, TheRollOutKeepsATurnOffTheRunway) {
+    struct Case {
+        const char* name;
+        double east, north; // the new report
+        std::size_t kept;   // reports left in the stream before it
+    };
+    const Case cases[] = {
+        {"the turn goes on", 55, 110, 3},
+        {"a report back the way they came", 40, 20, 1},
+    };
+    for (const auto& c : cases) {
+        live::reset();
+        LiveAc& ac = aircraft(true);
+        ac.heading = 90 * core::kRadPerDeg; // down the runway, eastwards
+        ac.landingFlags.rollout = true;
+        ac.stream.push_back(at(0, 0, 0, 40));
+        ac.stream.push_back(at(50, 20, 100, 30));
+        ac.stream.push_back(at(60, 60, 200, 20));
+        Sample s = at(c.east, c.north, 300, 15);
+        EXPECT_TRUE(checkNewPosDuringLanding(ac, s)) << c.name;
+        EXPECT_EQ(ac.stream.size(), c.kept) << c.name;
+    }
+}
+
 // A parked aircraft leaves its stand when it moves away steadily (three growing distances and half
 // its size) or at once beyond its size; coming back resets the count.
 TEST_F(MotionTest, LeavingAStand) {
@@ -525,28 +553,38 @@ TEST_F(MotionTest, PushedBackHoldsUntilItMovesOff) {
 TEST_F(MotionTest, ATakeOffNeedsARunOrALiftOffInTheData) {
     struct Case {
         const char* name;
-        std::vector<std::pair<double, double>> metresNorthEast; // the stream's last three, then the new one
+        std::vector<std::pair<double, double>> metresNorthEast; // the stream's last four, then the new one
         double speedKt;
         bool airborneLast;
         bool takesOff;
     };
+    // Reports one second apart.
     const Case cases[] = {
-        {"a run along the runway", {{0, 0}, {40, 0}, {90, 1}, {150, 1}}, 80, false, true},
-        {"a stale speed at a stand", {{0, 0}, {0, 0.5}, {0.5, 0}, {0, 0}}, 180, false, false},
-        {"jumps about a stand", {{0, 0}, {30, 10}, {-20, 40}, {25, -15}}, 60, false, false},
-        {"in the air with speed", {{0, 0}, {40, 0}, {90, 0}, {150, 0}}, 140, true, true},
-        {"in the air at a standstill", {{0, 0}, {0, 0}, {0, 0}, {0, 0}}, 0, true, false},
+        {"a run along the runway", {{0, 0}, {30, 0}, {70, 0}, {120, 1}, {180, 1}}, 80, false, true},
+        {"a roll-out slowing on the same line",
+         {{0, 0}, {60, 0}, {110, 1}, {150, 1}, {180, 1}},
+         80,
+         false,
+         false},
+        {"too short a straight for a run", {{0, 0}, {20, 0}, {40, 0}, {60, 0}, {80, 0}}, 80, false, false},
+        {"a stale speed at a stand", {{0, 0}, {0, 0.5}, {0.5, 0}, {0, 0}, {0.5, 0.5}}, 180, false, false},
+        {"jumps about a stand", {{0, 0}, {30, 10}, {-20, 40}, {25, -15}, {-30, 0}}, 60, false, false},
+        {"in the air with speed", {{0, 0}, {40, 0}, {90, 0}, {150, 0}, {210, 0}}, 140, true, true},
+        {"in the air at a standstill", {{0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}}, 0, true, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         live::reset();
         LiveAc& ac = aircraft(true);
         std::int32_t tick = 0;
-        for (std::size_t i = 0; i + 1 < c.metresNorthEast.size(); ++i)
+        for (std::size_t i = 0; i + 1 < c.metresNorthEast.size(); ++i) {
             ac.stream.push_back(
                 at(c.metresNorthEast[i].second, c.metresNorthEast[i].first, tick += 100, c.speedKt));
+            ac.stream.back().feedTime = tick / 100.0;
+        }
         Sample s = at(c.metresNorthEast.back().second, c.metresNorthEast.back().first, tick += 100, c.speedKt,
                       c.airborneLast, c.airborneLast ? 300 : 0);
+        s.feedTime = tick / 100.0;
         const bool taken = filterSample(ac, s);
         if (taken) takeOffChecks(ac, s);
         EXPECT_EQ(ac.takingOff, c.takesOff);

@@ -376,3 +376,59 @@ TEST(ScenarioCommand, RunsAFileAndReports) {
 
 } // namespace
 } // namespace orv
+
+namespace orv {
+namespace {
+
+// A made-up taxi at LSZH, 15 kt due north, one report a second, where the feed fails: `silent`
+// seconds from 60 s on either repeat the last position (`frozen`) or say nothing; then the reports
+// go on from where the aircraft really is, and it stops at 60 s after that and stays.
+fs::path taxiWithAHole(const fs::path& folder, double silent, bool frozen) {
+    const double startLat = 47.4500, lon = 8.5600, mPerS = 15 * 1852.0 / 3600.0;
+    std::string text;
+    const auto line = [&](double t, double metres, double kt) {
+        text +=
+            fmt::format("RTTFC,4992001,{:.6f},{:.6f},0,0,1,0.0,{:.1f},SWR123,A320,null,null,null,{:.2f},adsb,"
+                        "null,adsb_icao,0,-1,-1,-1,-1,-1,-1,-1,0,none,null\n",
+                        startLat + metres / 111120.0, lon, kt, 1.7e9 + t);
+    };
+    const double moveEnd = 60 + silent + 60;
+    for (double t = 0; t <= moveEnd + 60; t += 1) {
+        if (t > 60 && t < 60 + silent) {
+            if (frozen) line(t, 60 * mPerS, 15);
+        } else {
+            line(t, std::min(t, moveEnd) * mPerS, t < moveEnd ? 15 : 0);
+        }
+    }
+    const fs::path file = folder / "hole.rttfc";
+    test::writeBytes(file, text);
+    return file;
+}
+
+TEST_F(ScenarioTest, AFeedThatFreezesOrFallsSilentOnTheGroundIsCaughtUp) {
+    struct Case {
+        const char* name;
+        double silent;
+        bool frozen;
+    };
+    for (const auto& k : {Case{"frozen for 45 s", 45, true}, Case{"silent for 3 minutes", 180, false}}) {
+        SCOPED_TRACE(k.name);
+        scenario::Config c;
+        c.recording = taxiWithAHole(dir.path(), k.silent, k.frozen);
+        c.airport = "LSZH";
+        c.runSeconds = 60 + k.silent + 120 + 30 + 60;
+        c.titles = titles;
+        const auto [r, report] = runAndReport(c);
+        ASSERT_EQ(r.error, "");
+        ASSERT_EQ(r.objects.size(), 1u) << "caught up with, not made again";
+        const auto& m = report[0];
+        EXPECT_LE(m.maxStepGroundKt, 40.0);
+        EXPECT_LT(r.objects[0].now.altitudeFt, 1500.0) << "never in the air";
+        ASSERT_TRUE(m.cameToRest);
+        const auto& last = r.fed.back();
+        EXPECT_LT(metres(m.restLat, m.restLon, last.latitude, last.longitude), 5.0);
+    }
+}
+
+} // namespace
+} // namespace orv

@@ -133,6 +133,34 @@ void fixedSet(const fs::path& out) {
                   Enc::Utf8);
     }
 
+    // What a typical install adds: generic paints of the common families, a few more airlines,
+    // and at least one model of every category, so that runs see the matches users get.
+    for (const char* type : {"A319", "A20N", "A21N", "A321", "B737", "B38M", "B738", "BCS3", "CRJ9", "E190",
+                             "E195", "DH8D", "AT76"})
+        writeFile(fsltl / fmt::format("FSLTL_{}", type) / "aircraft.cfg",
+                  cfg(designator(type), {{fmt::format("FSLTL_{}_ZZZZ Generic", type), "ZZZZ"}}, true),
+                  Enc::Utf8);
+    for (const char* type : {"A332", "A333", "A359", "B744", "B748", "B763", "B788", "B789", "B77L"})
+        writeFile(fsltl / fmt::format("FSLTL_{}_Generic", type) / "aircraft.cfg",
+                  cfg(designator(type), {{fmt::format("FSLTL_{}_ZZZZ Generic", type), "ZZZZ"}}, true),
+                  Enc::Utf8);
+    writeFile(aig / "AIG_BCS3" / "aircraft.cfg",
+              cfg(designator("BCS3"),
+                  {{"AIG Airbus A220-300 Swiss", "SWR"}, {"AIG Airbus A220-300 airBaltic", "BTI"}}, true),
+              Enc::Utf8);
+    writeFile(aig / "AIG_A20N" / "aircraft.cfg",
+              cfg(designator("A20N"),
+                  {{"AIG Airbus A320neo Swiss", "SWR"}, {"AIG Airbus A320neo Lufthansa", "DLH"}}, true),
+              Enc::Utf8);
+    writeFile(aig / "AIG_C56X" / "aircraft.cfg",
+              cfg(designator("C56X"), {{"AIG Cessna Citation Excel NetJets", "EJA"}}, true), Enc::Utf8);
+    writeFile(aig / "AIG_C25B" / "aircraft.cfg",
+              cfg(designator("C25B"), {{"AIG Cessna Citation CJ3 private"}}, true), Enc::Utf8);
+    writeFile(aig / "AIG_EC35" / "aircraft.cfg",
+              cfg(designator("EC35"), {{"AIG Eurocopter EC135 Rega", "RGA"}}, true), Enc::Utf8);
+    writeFile(user / "my_F16" / "aircraft.cfg",
+              cfg(designator("F16"), {{"F-16 Fighting Falcon demo team"}}, false), Enc::Utf8);
+
     writeFile(user / "my_C172" / "aircraft.cfg",
               cfg("base_container = \"..\\Asobo_C172sp_classic\"\n", {{"Cessna 172 private N12345"}}, false),
               Enc::Utf8);

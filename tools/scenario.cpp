@@ -65,7 +65,7 @@ void resetAll() {
     feed::gQnh = 1013;
 }
 
-// One frame's share of the burst: made-up helicopters circling the airport, each line a little on.
+// One frame's share of the burst: made-up airliners circling the airport, each line a little on.
 void feedBurst(const Config& config, const refdata::AirportRecord* airport, double timestamp,
                std::int64_t frame, std::string& line) {
     const auto& b = config.burst;
@@ -79,7 +79,7 @@ void feedBurst(const Config& config, const refdata::AirportRecord* airport, doub
         const double lon = airport->longitude +
                            nm / 60.0 * std::sin(bearing) / std::cos(airport->latitude * core::kRadPerDeg);
         line =
-            fmt::format("RTTFC,{},{:.6f},{:.6f},{},0,0,90.0,120.0,BST{:04},EC35,null,null,null,{:.2f},adsb,"
+            fmt::format("RTTFC,{},{:.6f},{:.6f},{},0,0,90.0,120.0,BST{:04},MD82,null,null,null,{:.2f},adsb,"
                         "null,adsb_icao,0,-1,-1,-1,-1,-1,-1,-1,0,none,A3",
                         0xF00000 + which, lat, lon, 2000 + which * 10, which, timestamp + i * 1e-4);
         feed::gTrafficReader.decode(line);
@@ -187,6 +187,7 @@ Result run(const Config& config) {
         emulator.advanceTo(t + 0.01);
     }
     result.objects = emulator.objects();
+    result.noMatch = live::noMatchList();
     emulator.quit();
     serverEnd->close();
     for (int i = 0; i < 10 && sim::pollOnce() != sim::Pass::End; ++i) pump();
@@ -196,6 +197,9 @@ Result run(const Config& config) {
 }
 
 // ---- The motion report ----------------------------------------------------------------------
+
+constexpr double kSpeedWindowS = 0.1;
+constexpr double kFastestRollKt = 300;
 
 std::vector<Runway> readRunways(const std::filesystem::path& file) {
     std::vector<std::string> lines;
@@ -259,15 +263,25 @@ std::vector<AircraftMotion> motionReport(const Result& result, const std::vector
         for (const auto& f : result.fed)
             if (f.hexid == m.hexid) m.maxFedSpeedKt = std::max(m.maxFedSpeedKt, f.groundSpeed);
         bool wasAirborne = false;
+        std::size_t w = 0;
         for (std::size_t i = 1; i < p.size(); ++i) {
             const auto &a = p[i - 1], &b = p[i];
             const double dt = b.t - a.t;
             if (dt <= 0) continue;
             const double nm = core::distanceNm({a.latitude, a.longitude}, {b.latitude, b.longitude});
             if (nm > m.maxStepNm) m.maxStepNm = nm;
-            m.maxStepKt = std::max(m.maxStepKt, nm / dt * 3600.0);
-            if (onGround(a) && onGround(b) && nm / dt * 3600.0 > m.maxStepGroundKt)
-                m.maxStepGroundKt = nm / dt * 3600.0, m.maxStepGroundT = b.t;
+            // Speeds over a tenth of a second at least: the times positions arrive at the simulator
+            // are whole frames apart while the engine's own frames are not, which alone makes a
+            // steady 210 kt read as 280 between two neighbours.
+            while (w + 1 < i && p[i].t - p[w + 1].t >= kSpeedWindowS) ++w;
+            if (p[i].t - p[w].t >= kSpeedWindowS) {
+                const auto& c = p[w];
+                const double kt = core::distanceNm({c.latitude, c.longitude}, {b.latitude, b.longitude}) /
+                                  (b.t - c.t) * 3600.0;
+                m.maxStepKt = std::max(m.maxStepKt, kt);
+                if (onGround(c) && onGround(b) && kt > m.maxStepGroundKt)
+                    m.maxStepGroundKt = kt, m.maxStepGroundT = b.t;
+            }
             double dh = std::fmod(b.heading - a.heading, 2 * core::kPi);
             if (dh > core::kPi) dh -= 2 * core::kPi;
             if (dh < -core::kPi) dh += 2 * core::kPi;
@@ -424,6 +438,7 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
     std::map<std::uint32_t, std::vector<const FedLine*>> byHexid;
     for (const auto& f : result.fed) byHexid[f.hexid].push_back(&f);
     const auto report = motionReport(result, runways);
+    const refdata::AirportRecord* field = refdata::airportByName(config.airport);
     for (const auto& [hexid, lines] : byHexid) {
         Fidelity v;
         v.scenario = scenario, v.hexid = hexid, v.tail = lines.front()->callsign;
@@ -432,7 +447,8 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
         std::vector<const FedLine*> ground;
         for (const auto* l : lines)
             if (l->onGround) ground.push_back(l);
-        v.dataOnGround = ground.size() == lines.size();
+        // A report or two in the air among ground reports are a broken altitude, not a flight.
+        v.dataOnGround = lines.size() - ground.size() < 3;
         // Near the ground: the roll-out and the take-off run go as fast as the air just above it.
         std::vector<const FedLine*> low;
         for (const auto* l : lines)
@@ -461,27 +477,93 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
             if (m.cameToRest) v.restOffM = metresBetween(m.restLat, m.restLon, last.latitude, last.longitude);
         }
         const auto broke = [&](std::string text) { v.broken.push_back(std::move(text)); };
-        if (v.objects == 0) broke("never created");
-        if (v.objects > 1) broke(fmt::format("{} objects", v.objects));
+        const auto unmatched = std::find_if(result.noMatch.begin(), result.noMatch.end(), [&](const auto& m) {
+            return m.starts_with(v.tail) && (m.size() == v.tail.size() || m[v.tail.size()] == ' ');
+        });
+        if (v.objects == 0 && unmatched != result.noMatch.end())
+            v.why = fmt::format("no installed livery may show it (listed as \"{}\")", *unmatched);
+        else if (v.objects == 0)
+            broke("never created");
+        // Ground reports that hop faster than anything rolls (a robust speed, not one outlier) give
+        // no track to follow or rest on: only the climb bar is left for them.
+        const bool groundUnusable = v.dataOnGround && v.robustGroundKt > kFastestRollKt;
+        if (groundUnusable)
+            v.why = fmt::format("its ground reports hop at a robust {:.0f} kt: no track to follow or rest on",
+                                v.robustGroundKt);
+        if (v.objects > 1 && !groundUnusable) {
+            // An aircraft that flies out of the range the feed is read in is removed on purpose, and
+            // made again when it comes back.
+            std::vector<const emu::ObjectRecord*> mine;
+            for (const auto& o : result.objects)
+                if (callsigns.contains(o.tail)) mine.push_back(&o);
+            std::sort(mine.begin(), mine.end(), [](auto* a, auto* b) { return a->createdAt < b->createdAt; });
+            const double radiusNm = params::gParams.radiusNm.load(std::memory_order_relaxed);
+            int leftRange = 0;
+            for (std::size_t k = 0; k + 1 < mine.size(); ++k)
+                if (std::any_of(lines.begin(), lines.end(), [&](const FedLine* l) {
+                        return l->at >= mine[k]->removedAt - 60 && l->at <= mine[k + 1]->createdAt && field &&
+                               core::distanceNm(field->latitude, field->longitude, l->latitude,
+                                                l->longitude) > radiusNm;
+                    }))
+                    ++leftRange;
+            if (leftRange + 1 < v.objects)
+                broke(fmt::format("{} objects", v.objects));
+            else
+                v.why = fmt::format("{} objects: it left the {:.0f} nm range {} times", v.objects, radiusNm,
+                                    leftRange);
+        }
         const double stepBar = std::max(40.0, 1.3 * v.robustGroundKt);
         if (v.groundStepKt > stepBar)
             broke(fmt::format("ground step {:.0f} kt > {:.0f}", v.groundStepKt, stepBar));
         const double pathBar = std::max(10.0, v.jitterP95M);
-        if (!ground.empty() && v.objects > 0 && v.groundPathP95M > pathBar)
+        if (!ground.empty() && !groundUnusable && v.objects > 0 && v.groundPathP95M > pathBar)
             broke(fmt::format("ground path {:.1f} m > {:.1f}", v.groundPathP95M, pathBar));
         if (v.dataOnGround && v.highestAboveAirportFt > 100)
             broke(fmt::format("climbed {:.0f} ft with data on the ground", v.highestAboveAirportFt));
-        if (v.dataEndAtRest && v.objects > 0 && !(v.restOffM >= 0 && v.restOffM <= 5.0))
+        if (v.dataEndAtRest && !groundUnusable && v.objects > 0 && !(v.restOffM >= 0 && v.restOffM <= 5.0))
             broke(v.restOffM < 0 ? std::string("never at rest")
                                  : fmt::format("rests {:.1f} m off", v.restOffM));
-        if (v.landing && v.objects > 0 && !(v.touchdownCentreLineM >= 0 && v.touchdownCentreLineM <= 15.0))
+        // Air reports that read at or below the field's level are ground reports to the decoder (a
+        // pressure altitude on a high-pressure day): the aircraft is made on the runway, rolling out.
+        const auto firstGround =
+            std::find_if(lines.begin(), lines.end(), [](const FedLine* l) { return l->onGround; });
+        const auto lastAir =
+            firstGround == lines.begin() ? lines.rend() : std::make_reverse_iterator(firstGround);
+        const bool landedBelowField = v.landing && v.objects > 0 && v.touchdownCentreLineM < 0 &&
+                                      lastAir != lines.rend() &&
+                                      (*lastAir)->altitudeFt <= result.airportElevationFt + 108;
+        if (landedBelowField)
+            v.why = fmt::format(
+                "landing not shown: its last air report reads {:.0f} ft, the field lies at {:.0f} ft",
+                (*lastAir)->altitudeFt, result.airportElevationFt);
+        else if (v.landing && v.objects > 0 &&
+                 !(v.touchdownCentreLineM >= 0 && v.touchdownCentreLineM <= 15.0))
             broke(v.touchdownCentreLineM < 0
                       ? std::string("no touchdown shown")
                       : fmt::format("touchdown {:.1f} m off the centre line", v.touchdownCentreLineM));
-        (void)config;
         out.push_back(std::move(v));
     }
     return out;
+}
+
+std::string formatTrack(const Result& result, double from, double to) {
+    std::string s;
+    for (const auto& f : result.fed)
+        if (f.at >= from - 30 && f.at <= to)
+            s += fmt::format("fed {:9.2f} {} {:.6f},{:.6f} {:.0f} ft {:.1f} kt{}\n", f.at, f.callsign,
+                             f.latitude, f.longitude, f.altitudeFt, f.groundSpeed, f.onGround ? " gnd" : "");
+    for (const auto& o : result.objects) {
+        const emu::PositionRecord* prev = nullptr;
+        for (const auto& p : o.positions) {
+            if (p.t >= from && p.t <= to)
+                s += fmt::format(
+                    "pos {:9.2f} {} {:.6f},{:.6f} {:.0f} ft hdg {:.0f} step {:.2f} m\n", p.t, o.tail,
+                    p.latitude, p.longitude, p.altitudeFt, p.heading / core::kRadPerDeg,
+                    prev ? metresBetween(prev->latitude, prev->longitude, p.latitude, p.longitude) : 0.0);
+            prev = &p;
+        }
+    }
+    return s;
 }
 
 std::string formatFidelity(const std::vector<Fidelity>& lines) {
@@ -495,7 +577,9 @@ std::string formatFidelity(const std::vector<Fidelity>& lines) {
                         v.groundPathP95M, v.jitterP95M, v.highestAboveAirportFt,
                         v.dataEndAtRest ? fmt::format("{:.1f}", v.restOffM) : std::string("-"),
                         v.landing ? fmt::format("{:.1f}", v.touchdownCentreLineM) : std::string("-"),
-                        v.broken.empty() ? std::string("ok") : fmt::format("{}", fmt::join(v.broken, "; ")));
+                        !v.broken.empty() ? fmt::format("{}", fmt::join(v.broken, "; "))
+                        : v.why.empty()   ? std::string("ok")
+                                          : v.why);
     return s;
 }
 
@@ -532,6 +616,10 @@ int scenarioMain(const std::vector<std::string>& args, const fs::path& programFo
     app.add_flag("--report", report, "also the motion report of every aircraft");
     fs::path keepLogs;
     app.add_option("--keep-logs", keepLogs, "copy each run's Log.txt into this folder as <scenario>.log");
+    std::vector<double> track;
+    app.add_option("--track", track,
+                   "FROM TO: every shown position and fed line between these virtual seconds")
+        ->expected(2);
     app.add_flag("--fidelity", fidelityTable,
                  "a line per aircraft with the bars it must clear; exit code 1 when one is broken");
     try {
@@ -593,6 +681,7 @@ int scenarioMain(const std::vector<std::string>& args, const fs::path& programFo
                                              o.positions.size(), o.events.size());
             }
             if (report) std::cout << formatReport(motionReport(result, runways));
+            if (track.size() == 2) std::cout << formatTrack(result, track[0], track[1]);
         } catch (const std::exception& e) {
             std::cerr << fmt::format("scenario {}: {}\n", file.string(), e.what());
             status = 1;

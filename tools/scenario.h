@@ -24,10 +24,10 @@ struct Config {
     std::vector<std::string> titles;    // the container titles the simulator can create
     std::size_t maxObjects = 1000;
     std::int32_t qnh = 1013; // hPa, as the weather datagrams would give it
-    // A flood of made-up helicopters over the recording (a kind the test livery set cannot show,
-    // so they load the feed and the engine without taking the real aircraft's place in the
-    // simulator): `aircraft` of them 20-35 nm from the airport, `linesPerSecond` lines between
-    // the two times (virtual seconds).
+    // A flood of made-up MD-82s of no known operator over the recording (a large type without a
+    // generic paint, so no installed livery may show them: they load the feed and the engine
+    // without taking the real aircraft's place in the simulator): `aircraft` of them 20-35 nm from the
+    // airport, `linesPerSecond` lines between the two times (virtual seconds).
     struct Burst {
         double fromSeconds = 0, toSeconds = 0;
         int linesPerSecond = 0;
@@ -50,7 +50,8 @@ struct Result {
     std::vector<emu::ObjectRecord> objects; // every object the simulator made, with what it saw
     std::vector<FedLine> fed;
     double airportElevationFt = 0;
-    std::string error; // empty when the run went through
+    std::vector<std::string> noMatch; // aircraft no installed livery may show, as the log lists them
+    std::string error;                // empty when the run went through
 };
 
 // Needs the reference data and the livery store loaded. Leaves the engine and client reset.
@@ -102,10 +103,13 @@ struct Fidelity {
     bool landing = false;
     double touchdownCentreLineM = -1;
     std::vector<std::string> broken; // the bars it breaks, with the figures
+    std::string why;                 // why a bar does not apply, in the data's or the rules' words
 };
 std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config, const Result& result,
                                const std::vector<Runway>& runways);
 std::string formatFidelity(const std::vector<Fidelity>& lines);
+// Every shown position between two virtual times, and the lines fed from 30 s before (for the delay).
+std::string formatTrack(const Result& result, double from, double to);
 
 // A program folder at `work` with the encrypted reference files of `input`, and the livery store
 // of a Community folder; returns the titles the emulated simulator can create. Throws on failure.

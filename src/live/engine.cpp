@@ -31,6 +31,20 @@ constexpr double kGroundThinningMaxSeconds = 15.0;
 // A frame takes every waiting line up to these limits, so that after a flood the engine is back
 // on the live reports within seconds, while the frame still ends on time.
 constexpr std::size_t kMaxLinesPerFrame = 256;
+// A moving aircraft's feed may stand still this long before the stop is believed.
+constexpr double kFrozenAboveKt = 20;
+constexpr double kFrozenMaxSeconds = 8;
+// A ground position out of reach is kept this long for the track to go on from it.
+constexpr double kReachMinKt = 50;
+constexpr double kReachMaxKt = 220; // no faster on the ground, whatever a jump before made it seem
+constexpr double kAsideMaxSeconds = 10;
+constexpr double kAsideSameSpotM = 5;
+// After a wait without news, a place farther than the holding threshold is caught up with when
+// reaching it took no more than this speed.
+constexpr double kHoldCatchUpKt = 40;
+// The fastest an aircraft on the ground is moved in a frame: this share over its points' speed.
+constexpr double kGroundStepMinKt = 45;
+constexpr double kGroundStepFactor = 1.25;
 constexpr auto kLineBudget = std::chrono::microseconds(2000);
 
 std::optional<AirportPlace> currentAirportPlace; // the worker thread's: set and read there only
@@ -115,15 +129,18 @@ constexpr std::size_t kMaxRemembered = 4096;
 
 void noteNoMatch(const LiveAc& ac) {
     auto& e = gEngine;
-    if (e.noMatch.size() == e.noMatch.capacity()) {
-        ++e.noMatchDropped;
-        return;
-    }
-    auto& text = e.noMatch.emplace_back();
+    std::array<char, 48> text{};
     const auto r =
         fmt::format_to_n(text.data(), text.size() - 1, "{:8} {:8} {:3} {:4}", ac.callsign, ac.registration,
                          refdata::airlineCode(ac.airlineCode), refdata::modelCode(ac.modelCode));
     *r.out = '\0';
+    // An aircraft without a livery is tried again with each new report: it is listed once.
+    if (std::find(e.noMatch.begin(), e.noMatch.end(), text) != e.noMatch.end()) return;
+    if (e.noMatch.size() == e.noMatch.capacity()) {
+        ++e.noMatchDropped;
+        return;
+    }
+    e.noMatch.push_back(text);
 }
 
 // The livery ladder for this aircraft as it is now.
@@ -552,6 +569,22 @@ void pace() {
 
 // ---- Samples in ------------------------------------------------------------------------------
 
+namespace {
+
+// How fast an aircraft on the ground can have gone since its last point: a position farther than
+// this is an outlier until the track goes on from it.
+double reachKt(const LiveAc& ac) {
+    return std::clamp(1.5 * ac.feedMovedKt + 30, kReachMinKt, kReachMaxKt);
+}
+
+double knotsBetween(double lat1, double lon1, double t1, double lat2, double lon2, double t2) {
+    return core::distanceNm(lat1, lon1, lat2, lon2) / std::max(t2 - t1, 0.1) * 3600.0;
+}
+
+void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bool keepSpeed = false);
+
+} // namespace
+
 void decode(const feed::TrafficSample& r) {
     LiveAc* ac = findByHexid(r.hexid);
     if (!ac) {
@@ -563,12 +596,55 @@ void decode(const feed::TrafficSample& r) {
         if (!twin) addNewAc(r);
         return;
     }
+    decodeExisting(ac, r, false);
+}
+
+namespace {
+
+void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bool keepSpeed) {
     if (ac->simState == SimState::LiveryRespawn || ac->simState == SimState::RemovingFromSim) return;
     const double t = r.timestamp;
     if (!ac->stream.empty()) {
         const Sample& last = ac->stream.back();
         const double prev = ac->lastTimestamp;
         if (t <= prev + 1.0) return;
+        // A feed that freezes on a moving aircraft on the ground repeats its last position and
+        // then jumps: the repeats are set aside, so that it neither stops nor races to catch up.
+        if (!r.airborne && ac->feedMovedKt > kFrozenAboveKt && t - prev <= kFrozenMaxSeconds &&
+            core::distanceNm(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) *
+                    core::kMetresPerNm <
+                1.0)
+            return;
+        if (!r.airborne && !takenBack &&
+            knotsBetween(ac->lastFeedPos.lat, ac->lastFeedPos.lon, prev, r.latitude, r.longitude, t) >
+                reachKt(*ac)) {
+            // Taken back when the track moves on from it, or stays there for a while: a feed that
+            // hops between spots around a standing aircraft does neither.
+            auto& a = ac->aside;
+            const bool fresh = a.first > 0 && t > a.time && t - a.time <= kAsideMaxSeconds;
+            const double fromAsideM =
+                fresh ? core::distanceNm(a.lat, a.lon, r.latitude, r.longitude) * core::kMetresPerNm : 0.0;
+            const bool stays = fresh && fromAsideM < kAsideSameSpotM;
+            const bool movesOn =
+                fresh && !stays &&
+                knotsBetween(a.lat, a.lon, a.time, r.latitude, r.longitude, t) <= reachKt(*ac);
+            if (stays && t - a.first < kAsideMaxSeconds) {
+                a.time = t;
+                return;
+            }
+            if (!stays && !movesOn) {
+                a = {t, t, r.latitude, r.longitude, r.groundSpeed};
+                return;
+            }
+            // It goes at the speed the track goes on with: the jump itself was the feed catching up.
+            feed::TrafficSample back = r;
+            back.timestamp = a.time, back.latitude = a.lat, back.longitude = a.lon;
+            back.groundSpeed = movesOn ? knotsBetween(a.lat, a.lon, a.time, r.latitude, r.longitude, t) : 0.0;
+            a = {};
+            decodeExisting(ac, back, true, true);
+            decodeExisting(ac, r, true);
+            return;
+        }
         // Against the feed's own last speed: a wait or a coasting point made up here says 0 and
         // would shut out a moving aircraft for good.
         const double v = r.groundSpeed, lv = ac->lastFeedSpeed;
@@ -591,14 +667,18 @@ void decode(const feed::TrafficSample& r) {
     Sample sample = toSample(r);
     // On the ground the feed's speed is often stale: a speed the positions contradict by more than
     // half is replaced by theirs, so that a taxiing aircraft neither races, stops nor "takes off".
-    if (!r.airborne && ac->lastTimestamp > 0 && t - ac->lastTimestamp >= 2.0) {
+    if (!r.airborne && !keepSpeed && ac->lastTimestamp > 0 && t - ac->lastTimestamp >= 2.0) {
         const double measured =
             core::distanceNm(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) /
             (t - ac->lastTimestamp) * 3600.0;
         if (measured < 1.0 ? r.groundSpeed > 5.0
-                           : (r.groundSpeed > 2 * measured || r.groundSpeed < measured / 2))
+                           : (r.groundSpeed > 1.25 * measured || r.groundSpeed < measured / 1.25))
             sample.speed = sample.tas = measured < 1.0 ? 0.0 : measured;
     }
+    if (ac->lastTimestamp > 0 && t > ac->lastTimestamp)
+        ac->feedMovedKt =
+            core::distanceNm(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) /
+            (t - ac->lastTimestamp) * 3600.0;
     ac->lastTimestamp = t;
     ac->lastFeedSpeed = r.groundSpeed;
     ac->lastFeedPos = {r.latitude, r.longitude};
@@ -608,6 +688,8 @@ void decode(const feed::TrafficSample& r) {
         core::log(fmt::format("{} exception {}", "decodeExisting", e.what()));
     }
 }
+
+} // namespace
 
 void addNewAc(const feed::TrafficSample& r) {
     AcIdentity id;
@@ -640,12 +722,20 @@ void addSample(LiveAc& ac, Sample s) {
         removeAircraftFromSim(ac);
         return;
     }
-    if (ac.holding && !st.empty() &&
-        core::distanceNm(s.lat, s.lon, st[0].lat, st[0].lon) * core::kMetresPerNm >
+    if (ac.holding && !st.empty()) {
+        const double nm = core::distanceNm(s.lat, s.lon, st[0].lat, st[0].lon);
+        // Where it could have taxied in the time the feed said nothing (or repeated itself), it is
+        // caught up with; only a place it cannot have reached makes it anew.
+        const double seconds = s.feedTime - st[0].feedTime;
+        const bool reachable = !s.airborne && seconds > 0 && nm / seconds * 3600.0 <= kHoldCatchUpKt;
+        if (nm * core::kMetresPerNm >
             params::gParams.HOLDING_THRESHOLD_METERS.load(std::memory_order_relaxed)) {
-        ac.holding = false;
-        removeAircraftFromSim(ac);
-        return;
+            ac.holding = false;
+            if (!reachable) {
+                removeAircraftFromSim(ac);
+                return;
+            }
+        }
     }
     const auto keepGrowing = [&] {
         if (!st.empty() && s.tick <= st.back().tick) s.tick = st.back().tick + 1;
@@ -1164,6 +1254,7 @@ void extrapolate(LiveAc& ac, std::int32_t n) {
 }
 
 void advance(LiveAc& ac) {
+    const double lat0 = ac.lat, lon0 = ac.lon;
     if (ac.curve.has_value()) {
         ac.curve->t = std::clamp(ac.curve->t + ac.curveStep, 0.0, 0.999999);
         double tangent = 0;
@@ -1192,6 +1283,18 @@ void advance(LiveAc& ac) {
                 ac.heading += std::clamp(d, -ac.currentTurnRate, ac.currentTurnRate);
         }
         if (ac.phase != Phase::PushedBack) ac.lat += ac.delta.lat, ac.lon += ac.delta.lon;
+    }
+    // Whatever the points ask, an aircraft on the ground never moves faster in a frame than its
+    // speed allows: a longer step is cut short, and the frames after catch up.
+    if (ac.onGround && ac.stream.size() >= 1) {
+        const auto& st = ac.stream;
+        const double v = std::max(st[0].speed, st.size() > 1 ? st[1].speed : 0.0);
+        const double capNm = std::max(kGroundStepMinKt, kGroundStepFactor * v) / 360000.0;
+        const double d = core::distanceNm(lat0, lon0, ac.lat, ac.lon);
+        if (d > capNm) {
+            ac.lat = lat0 + (ac.lat - lat0) * capNm / d;
+            ac.lon = lon0 + (ac.lon - lon0) * capNm / d;
+        }
     }
     attitude(ac);
     if (ac.onGround && !ac.landingFlags.derotating) ac.pitch = ac.groundPitch, ac.bank = 0;
@@ -1260,6 +1363,12 @@ void logNoMatchList() {
     e.noMatch.clear();
     e.noMatchDropped = 0;
 }
+std::vector<std::string> noMatchList() {
+    std::vector<std::string> out;
+    for (const auto& line : gEngine.noMatch) out.emplace_back(line.data());
+    return out;
+}
+
 void publishCallsignLookup() {}
 void collisionChecks() {}
 void duplicatesSweep() {}

@@ -12,6 +12,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "refdata/refdata.h"
 
@@ -181,8 +182,12 @@ struct LiveAc : AcIdentity {
     double lastTimestamp = 0;
     double lastFeedSpeed = 0; // the speed of the last point taken from the feed
     LatLonPos lastFeedPos;    // and where it was
-    LatLonPos settleSpot;     // where the latest reports close together lie
-    int settleReports = 0;    // how many in a row
+    double feedMovedKt = 0;   // the speed its positions showed between the last two points taken
+    struct SetAside {
+        double first = 0, time = 0, lat = 0, lon = 0, speed = 0; // first 0: none
+    } aside;               // a ground report out of reach, kept in case the track goes on from it
+    LatLonPos settleSpot;  // where the latest reports close together lie
+    int settleReports = 0; // how many in a row
     std::int64_t parkedWallClock = 0;
     std::int32_t extrapolateCount = 0, holdStartTick = 0;
     Phase phase = Phase::Birth, previousPhase = Phase::Birth;
@@ -234,8 +239,9 @@ void reserveContainers(); // before the loop starts: nothing in the frame alloca
 void engineFrame();       // one 10 ms frame
 void drainEvents();       // simulator events while paused
 void removeAtReservedStand();
-void routeQueueStep(); // one hexid of the route queue per second
-void logNoMatchList(); // the aircraft found without a livery since the last call
+void routeQueueStep();                  // one hexid of the route queue per second
+void logNoMatchList();                  // the aircraft found without a livery since the last call
+std::vector<std::string> noMatchList(); // the same list, for a look without logging it
 // The flight numbers a schedule gives an aircraft (flightA, flightB); the park airport's schedules
 // set it. Asked once per aircraft, a second after its route was queued.
 using FlightLookup = std::function<std::optional<std::pair<std::string, std::string>>(const LiveAc& ac)>;

@@ -108,8 +108,13 @@ void prepareCurve(LiveAc& ac) {
     if (st[2].speed == 0) st[2].speed = (st[0].speed + st[1].speed) / 2;
     GroundCurve c;
     c.origin = {ac.lat, ac.lon};
-    toXY(ac.lat, ac.lon, st[1].lat, st[1].lon, c.controlX, c.controlY);
+    double cornerX = 0, cornerY = 0;
+    toXY(ac.lat, ac.lon, st[1].lat, st[1].lon, cornerX, cornerY);
     toXY(ac.lat, ac.lon, st[2].lat, st[2].lon, c.endX, c.endY);
+    // The control point is set beyond the corner so that the curve passes through the corner's
+    // report itself: a control point on the corner would cut a quarter of the way inside it.
+    c.controlX = 2 * cornerX - c.endX / 2;
+    c.controlY = 2 * cornerY - c.endY / 2;
     ac.curve = c;
     st.erase(1);
 }
@@ -497,27 +502,49 @@ namespace {
 
 // A take-off run in the data: the last points and the new one go on along one line, each step
 // forward. A stale speed, or positions jumping about a stand, make no run however fast they say.
+constexpr double kRunSlowingShare = 0.9; // a run whose speed falls below this share is slowing down
+constexpr double kTaxiKt = 30;
+constexpr double kRunMinM = 150; // five reports along a straight line this long at least
+
 bool takeOffRunInData(const LiveAc& ac, const Sample& s) {
     const auto& st = ac.stream;
-    if (st.size() < 3) return false;
-    const Sample* p[4] = {&st[st.size() - 3], &st[st.size() - 2], &st.back(), &s};
-    double first = 0;
-    for (int i = 0; i < 3; ++i) {
-        if (sampleDistanceNm(*p[i], *p[i + 1]) * 1852.0 < 5.0) return false;
+    if (st.size() < 4) return false;
+    const Sample* p[5] = {&st[st.size() - 4], &st[st.size() - 3], &st[st.size() - 2], &st.back(), &s};
+    double first = 0, runM = 0;
+    for (int i = 0; i < 4; ++i) {
+        const double stepM = sampleDistanceNm(*p[i], *p[i + 1]) * 1852.0;
+        if (stepM < 5.0) return false;
+        runM += stepM;
         const double b = core::bearingRad(p[i]->lat, p[i]->lon, p[i + 1]->lat, p[i + 1]->lon);
         if (i == 0)
             first = b;
         else if (std::fabs(core::angleDiff(first, b)) > 15 * core::kRadPerDeg)
             return false;
     }
-    return true;
+    // And it gathers speed: a roll-out on the same straight line slows down.
+    const auto kt = [](const Sample& a, const Sample& b) {
+        return b.feedTime > a.feedTime ? sampleDistanceNm(a, b) / (b.feedTime - a.feedTime) * 3600.0 : -1.0;
+    };
+    const double early = kt(*p[0], *p[1]), late = kt(*p[3], *p[4]);
+    return runM >= kRunMinM && (early < 0 || late < 0 || late >= kRunSlowingShare * early);
 }
 
 } // namespace
 
 void takeOffChecks(LiveAc& ac, Sample& s) {
-    if (!ac.onGround || ac.simState != SimState::Active || ac.takingOff || ac.stream.empty()) return;
+    if (!ac.onGround || ac.simState != SimState::Active || ac.stream.empty()) return;
     const Sample& last = ac.stream.back();
+    if (ac.takingOff) {
+        // A run the data give up (back to taxi speed on the ground, still before rotation) was no
+        // take-off: the aircraft taxis on instead of leaving the ground.
+        if (ac.phase == Phase::Taxi && !s.airborne && !last.airborne && s.speed < kTaxiKt &&
+            last.speed < kTaxiKt) {
+            ac.takingOff = false;
+            setThrottle(ac, 0);
+            setLights(ac.objectId, true, true, false, true, false, true, true);
+        }
+        return;
+    }
     if (ac.landingFlags.rollout) {
         if (last.airborne && s.airborne) {
             setPhase(ac, Phase::Taxi);
@@ -534,8 +561,9 @@ void takeOffChecks(LiveAc& ac, Sample& s) {
     // A report in the air at a standstill is no lift-off: a wrong altitude or flag.
     const bool liftOff = s.airborne && (s.speed >= 43 || last.airborne);
     if (ac.phase == Phase::Taxi &&
-        (liftOff || (last.speed >= 43 && s.speed >= 43 && takeOffRunInData(ac, s))))
+        (liftOff || (last.speed >= 43 && s.speed >= 43 && takeOffRunInData(ac, s)))) {
         prepareTakeOff(ac);
+    }
 }
 
 // ---- Samples in ------------------------------------------------------------------------------
@@ -613,18 +641,24 @@ bool checkNewPosDuringLanding(LiveAc& ac, Sample& s) {
         return true;
     }
     if (samePlace(s, st.back())) return false;
-    const auto off = [&](const Sample& from) {
-        return std::fabs(core::angleDiff(ac.heading, core::bearingRad(from.lat, from.lon, s.lat, s.lon))) /
+    // Behind means against the way the reports were going, not against where the aircraft points
+    // now: it is half a minute behind them, and a turn off the runway is no report from behind.
+    const auto off = [&](std::size_t i) {
+        const Sample& from = st[i];
+        const double way = i >= 1 && !samePlace(st[i - 1], from)
+                               ? core::bearingRad(st[i - 1].lat, st[i - 1].lon, from.lat, from.lon)
+                               : ac.heading;
+        return std::fabs(core::angleDiff(way, core::bearingRad(from.lat, from.lon, s.lat, s.lon))) /
                core::kRadPerDeg;
     };
     if (st.size() >= 2) {
         const std::size_t size = st.size();
-        if (off(st.back()) >= 90) {
+        if (off(st.size() - 1) >= 90) {
             st.pop_back();
-            if (size >= 3 && st.size() >= 2 && off(st.back()) >= 90) st.pop_back();
+            if (size >= 3 && st.size() >= 2 && off(st.size() - 1) >= 90) st.pop_back();
         }
     } else {
-        const double d = off(st.back());
+        const double d = off(st.size() - 1);
         if (ac.landingFlags.landing) {
             if (d >= 90) return false;
         } else if (d >= 150) {
