@@ -432,3 +432,40 @@ TEST_F(ScenarioTest, AFeedThatFreezesOrFallsSilentOnTheGroundIsCaughtUp) {
 
 } // namespace
 } // namespace orv
+
+namespace orv {
+namespace {
+
+// The last report is the one that says where it stopped, even when the thinning of points along
+// a straight line would have had no use for it: the data end 14 s after a report, at 2 kt.
+TEST_F(ScenarioTest, TheLastReportOfASlowCreepIsWhereItRests) {
+    const double startLat = 47.4500, lon = 8.5600, mPerS = 10 * 1852.0 / 3600.0;
+    std::string text;
+    double along = 0;
+    const auto line = [&](double t, double kt) {
+        text +=
+            fmt::format("RTTFC,4992002,{:.6f},{:.6f},0,0,1,0.0,{:.1f},SWR124,A320,null,null,null,{:.2f},adsb,"
+                        "null,adsb_icao,0,-1,-1,-1,-1,-1,-1,-1,0,none,null\n",
+                        startLat + along / 111120.0, lon, kt, 1.7e9 + t);
+    };
+    for (double t = 0; t <= 60; t += 1, along += mPerS) line(t, 10);
+    for (double t = 74; t < 74 + 3 * 14; t += 14) {
+        along += 14 * 2 * 1852.0 / 3600.0;
+        line(t, 2);
+    }
+    test::writeBytes(dir.path() / "creep.rttfc", text);
+    scenario::Config c;
+    c.recording = dir.path() / "creep.rttfc";
+    c.airport = "LSZH";
+    c.runSeconds = 116 + 30 + 90;
+    c.titles = titles;
+    const auto [r, report] = runAndReport(c);
+    ASSERT_EQ(r.error, "");
+    ASSERT_EQ(report.size(), 1u);
+    ASSERT_TRUE(report[0].cameToRest);
+    const auto& last = r.fed.back();
+    EXPECT_LT(metres(report[0].restLat, report[0].restLon, last.latitude, last.longitude), 5.0);
+}
+
+} // namespace
+} // namespace orv

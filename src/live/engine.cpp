@@ -658,8 +658,10 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
             if (r.airborne && v > 120 && dHdg <= 1.0 && t - prev <= kAirThinningNm / (v / 3600.0)) return;
             if (!r.airborne && v <= 30 && dHdg <= 2.0 &&
                 t - prev <= (v > 0 ? std::min(kGroundThinningNm / (v / 3600.0), kGroundThinningMaxSeconds)
-                                   : kGroundThinningMaxSeconds))
+                                   : kGroundThinningMaxSeconds)) {
+                ac->thinned = toSample(r); // kept in case no report follows it
                 return;
+            }
         }
     }
     if (ac->simState == SimState::Buffer && !altitudeAcceptable(r.altitude)) return;
@@ -680,6 +682,7 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
             core::distanceNm(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) /
             (t - ac->lastTimestamp) * 3600.0;
     ac->lastTimestamp = t;
+    ac->thinned.tick = 0;
     ac->lastFeedSpeed = r.groundSpeed;
     ac->lastFeedPos = {r.latitude, r.longitude};
     try {
@@ -1136,6 +1139,15 @@ bool noNewData(LiveAc& ac) {
     auto& st = ac.stream;
     if (st.empty()) return false;
     if (ac.phase == Phase::Parking) arrived(ac);
+    // A report thinned out as adding nothing on a straight line is the last word when none came
+    // after it: the aircraft goes on to it instead of stopping short.
+    if (ac.thinned.tick > 0 && ac.onGround) {
+        const Sample last = ac.thinned;
+        ac.thinned.tick = 0;
+        const std::size_t before = st.size();
+        addSample(ac, last);
+        if (st.size() > before) return true;
+    }
     const bool taxiing = (ac.phase == Phase::Taxi && !ac.takingOff && !ac.landingFlags.rollout) ||
                          ac.phase == Phase::PushedBack;
     if (taxiing) {

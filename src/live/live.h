@@ -179,6 +179,7 @@ struct LiveAc : AcIdentity {
     double lat = 0, lon = 0, pitch = 0, bank = 0, heading = 0, alt = 0, vsFps = 0, tas = 0;
     // Stream and motion.
     SampleStream stream;
+    Sample thinned; // the last ground report thinned out as adding nothing; tick 0: none
     double lastTimestamp = 0;
     double lastFeedSpeed = 0; // the speed of the last point taken from the feed
     LatLonPos lastFeedPos;    // and where it was

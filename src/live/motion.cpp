@@ -574,6 +574,7 @@ constexpr double kSettleSpotM = 2.0; // reports this close together are one spot
 constexpr int kSettleReports = 3;    // and this many of them in a row a spot the data settled on
 constexpr double kSettleMoveM = 3.0; // farther than this from where the aircraft waits, it moves there
 constexpr double kSettleSpeedKt = 3.0;
+constexpr double kCreepOnWithinDeg = 20; // a creep this close to the way it was going goes on
 
 // The data came to rest a few metres from where the aircraft waits (the last creep to a stand or
 // a holding point, or a stand whose reports flipped to another spot): instead of another wait
@@ -619,6 +620,16 @@ bool filterSample(LiveAc& ac, Sample& s) {
         if (flying) return false;
         if (ac.takingOff && s.speed > 0 && last.speed >= 50) return false;
         if (settledElsewhere(ac, s, last)) return true;
+        // A few metres more along the way it was going is the end of its taxi, not jitter.
+        const auto& st = ac.stream;
+        const bool moving = st.size() >= 2 ? !last.stationary && !samePlace(st[st.size() - 2], last)
+                                           : ac.phase == Phase::Taxi && ac.simState == SimState::Active;
+        const double way = st.size() >= 2 ? core::bearingRad(st[st.size() - 2].lat, st[st.size() - 2].lon,
+                                                             last.lat, last.lon)
+                                          : ac.heading;
+        if (moving && std::fabs(core::angleDiff(way, core::bearingRad(last.lat, last.lon, s.lat, s.lon))) <
+                          kCreepOnWithinDeg * core::kRadPerDeg)
+            return true;
         // A creep of a few metres is a wait where it stands.
         const std::int32_t tick = s.tick;
         const double time = s.track;
