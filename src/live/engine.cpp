@@ -1302,10 +1302,14 @@ void advance(LiveAc& ac) {
         const auto& st = ac.stream;
         const double v = std::max(st[0].speed, st.size() > 1 ? st[1].speed : 0.0);
         const double capNm = std::max(kGroundStepMinKt, kGroundStepFactor * v) / 360000.0;
-        const double d = core::distanceNm(lat0, lon0, ac.lat, ac.lon);
-        if (d > capNm) {
-            ac.lat = lat0 + (ac.lat - lat0) * capNm / d;
-            ac.lon = lon0 + (ac.lon - lon0) * capNm / d;
+        // A frame's step is metres: flat earth is exact enough, and one cosine is cheap.
+        const double northNm = (ac.lat - lat0) * 60.0;
+        const double eastNm = (ac.lon - lon0) * 60.0 * std::cos(lat0 * core::kRadPerDeg);
+        const double d2 = northNm * northNm + eastNm * eastNm;
+        if (d2 > capNm * capNm) {
+            const double f = capNm / std::sqrt(d2);
+            ac.lat = lat0 + (ac.lat - lat0) * f;
+            ac.lon = lon0 + (ac.lon - lon0) * f;
         }
     }
     attitude(ac);
