@@ -268,6 +268,7 @@ TEST_F(MotionTest, AirSegmentCases) {
         int qnh;
         double dAlt;
         bool gearDown;
+        bool climbOut = false; // in the take-off's climb-out
     };
     const double dt = 1000;
     const Case cases[] = {
@@ -275,8 +276,10 @@ TEST_F(MotionTest, AirSegmentCases) {
          -601 / 6000.0, false},
         {"1: landing, descending: to the next point", true, true, true, 1500, 1400, -600, -600, 500, 1013,
          -100 / dt, false},
-        {"2: low and slow climb: at least 0.2 ft a tick", true, true, false, 1500, 1550, 0, 0, 500, 1013, 0.2,
-         false},
+        {"2: low and slow climb-out: at least 0.2 ft a tick", true, true, false, 1500, 1550, 0, 0, 500, 1013,
+         0.2, false, true},
+        {"2: low and slow in a circuit: to the next point", true, true, false, 1500, 1550, 0, 0, 500, 1013,
+         50 / dt, false},
         {"2: low, steep climb: at most the climb step", true, true, false, 1500, 3000, 0, 0, 500, 1013, 0.6,
          false},
         {"2: high descent: to the next point", true, true, false, 9000, 8000, 0, 0, 5000, 1013, -1.0, false},
@@ -297,6 +300,7 @@ TEST_F(MotionTest, AirSegmentCases) {
         feed::gQnh = c.qnh;
         LiveAc& ac = aircraft(false);
         ac.landingFlags.landing = c.landing;
+        if (c.climbOut) ac.phase = Phase::TakeOff;
         ac.alt = c.alt;
         ac.heightAgl = c.agl;
         gEngine.tick = 0;

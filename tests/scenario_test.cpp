@@ -469,3 +469,52 @@ TEST_F(ScenarioTest, TheLastReportOfASlowCreepIsWhereItRests) {
 
 } // namespace
 } // namespace orv
+
+namespace orv {
+namespace {
+
+// A touch-and-go on LSZH 14 and then a low circuit that sinks: once climbed out, the aircraft
+// follows the reports down instead of climbing on by itself (which made a saw-tooth of 400 ft).
+TEST_F(ScenarioTest, ALowCircuitAfterATouchAndGoFollowsTheReports) {
+    const double lat14 = 47.483090, lon14 = 8.534713, lat32 = 47.461296, lon32 = 8.564453, elevation = 1417;
+    const double k = std::cos(lat14 * core::kRadPerDeg);
+    const double dx = (lon32 - lon14) * 111120 * k, dy = (lat32 - lat14) * 111120,
+                 length = std::hypot(dx, dy);
+    std::string text;
+    std::vector<double> altitudeAt; // the reported altitude at each second
+    const auto line = [&](double t, double along, double altitude, double kt, bool ground, double vs) {
+        text += fmt::format(
+            "RTTFC,4992003,{:.6f},{:.6f},{:.0f},{:.0f},{},137.0,{:.1f},SWR125,A320,null,null,null,"
+            "{:.2f},adsb,null,adsb_icao,{:.0f},-1,-1,-1,-1,-1,-1,-1,{:.0f},none,null\n",
+            lat14 + dy / length * along / 111120, lon14 + dx / length * along / (111120 * k), altitude, vs,
+            ground ? 1 : 0, kt, 1.7e9 + t, altitude, vs);
+        altitudeAt.push_back(ground ? elevation : altitude);
+    };
+    const double v = 72; // m/s, 140 kt
+    for (int t = 0; t <= 60; ++t)
+        line(t, -v * (60 - t), elevation + v * (60 - t) * 0.0524 * 3.28, 140, false, -742);
+    line(61, v, 0, 169, true, 0);
+    for (int t = 62; t < 200; ++t) {
+        const double up = t < 97 ? (t - 61) * 17.0 : t < 110 ? 600.0 : 600.0 - (t - 110) * 4.0;
+        line(t, v * (t - 60) * 1.05, elevation + up, 150, false, t < 97 ? 1020 : t < 110 ? 0 : -240);
+    }
+    test::writeBytes(dir.path() / "circuit.rttfc", text);
+    scenario::Config c;
+    c.recording = dir.path() / "circuit.rttfc";
+    c.airport = "LSZH";
+    c.runSeconds = 200 + 30;
+    c.titles = titles;
+    const auto [r, report] = runAndReport(c);
+    ASSERT_EQ(r.error, "");
+    ASSERT_EQ(r.objects.size(), 1u);
+    ASSERT_TRUE(report[0].touchedDown);
+    for (double t = 160; t <= 220; t += 5) {
+        const auto where = positionAt(r.objects[0], t);
+        ASSERT_TRUE(where) << t;
+        EXPECT_NEAR(where->altitudeFt, altitudeAt[static_cast<std::size_t>(t - 30)], 150.0)
+            << "at " << t << " s";
+    }
+}
+
+} // namespace
+} // namespace orv

@@ -901,9 +901,12 @@ void setAirSegment(LiveAc& ac, std::int32_t dt) {
                     ac.delta.alt = (alt1 - ac.alt) / dt;
                 }
             } else {
+                // Only a climb-out keeps climbing low down whatever the points say; a low circuit
+                // after a touch-and-go follows them down.
                 const double r = (alt1 - ac.alt) / dt;
-                ac.delta.alt = agl(ac) <= 1000 ? std::min(ac.maxClimbStep, std::max(r, 0.2))
-                                               : std::min(r, ac.maxClimbStep);
+                ac.delta.alt = ac.phase == Phase::TakeOff && agl(ac) <= 1000
+                                   ? std::min(ac.maxClimbStep, std::max(r, 0.2))
+                                   : std::min(r, ac.maxClimbStep);
             }
         } else if (a0 && !a1) {
             descend();
