@@ -518,3 +518,40 @@ TEST_F(ScenarioTest, ALowCircuitAfterATouchAndGoFollowsTheReports) {
 
 } // namespace
 } // namespace orv
+
+namespace orv {
+namespace {
+
+// A helicopter flies east 400 ft above LSZH and then hovers (its reports stay on one spot at
+// 0 kt): it hovers too, instead of being taken for an aeroplane on the ground and set down.
+TEST_F(ScenarioTest, AHelicopterHovers) {
+    const double lat = 47.440, lon = 8.540, elevation = 1417;
+    std::string text;
+    for (int t = 0; t < 150; ++t) {
+        const double east = std::min(t, 59) * 46.3; // 90 kt, then a hover
+        text +=
+            fmt::format("RTTFC,4992010,{:.6f},{:.6f},{:.0f},0,0,90.0,{:.1f},HBZRA,EC35,null,null,null,{:.2f},"
+                        "adsb,null,adsb_icao,{:.0f},-1,-1,-1,-1,-1,-1,-1,0,none,A7\n",
+                        lat, lon + east / (111120 * std::cos(lat * core::kRadPerDeg)), elevation + 400,
+                        t < 60 ? 90.0 : 0.0, 1.7e9 + t, elevation + 400);
+    }
+    test::writeBytes(dir.path() / "hover.rttfc", text);
+    scenario::Config c;
+    c.recording = dir.path() / "hover.rttfc";
+    c.airport = "LSZH";
+    c.runSeconds = 150 + 30;
+    c.titles = titles;
+    const auto [r, report] = runAndReport(c);
+    ASSERT_EQ(r.error, "");
+    ASSERT_EQ(r.objects.size(), 1u);
+    EXPECT_FALSE(report[0].touchedDown);
+    double off = 0;
+    for (const auto& p : r.objects[0].positions)
+        off = std::max(off, std::fabs(p.altitudeFt - elevation - 400));
+    EXPECT_LT(off, 50.0) << "ft off its height";
+    const double removedAt = r.objects[0].removedAt;
+    EXPECT_TRUE(removedAt < 0 || removedAt > 175) << "hovering to the end of its reports, not " << removedAt;
+}
+
+} // namespace
+} // namespace orv

@@ -314,7 +314,10 @@ bool TrafficReader::checkAltitude(TrafficSample& s) {
                 (h <= 108.0 && gs <= 43.0))
                 a = 0.0;
         }
-        if (a > 0.0 && s.groundSpeed <= 35.0) a = 0.0;
+        // Slow means on the ground, except for a helicopter: it hovers.
+        if (a > 0.0 && s.groundSpeed <= 35.0 &&
+            refdata::category(s.modelCode) != refdata::Category::Rotorcraft)
+            a = 0.0;
     }
     s.altitude = a;
     if (!params::gParams.AIRBORNE_ONLY.load(std::memory_order_relaxed)) return true;

@@ -647,9 +647,11 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
         }
         // Against the feed's own last speed: a wait or a coasting point made up here says 0 and
         // would shut out a moving aircraft for good.
+        // A helicopter does stop in the air and go on from a hover.
         const double v = r.groundSpeed, lv = ac->lastFeedSpeed;
-        if ((lv > 5 && v >= 10 * lv) || (v > 5 && lv >= 10 * v) || (lv <= 5 && v >= 80) ||
-            (v <= 5 && lv >= 80))
+        if (ac->category != refdata::Category::Rotorcraft &&
+            ((lv > 5 && v >= 10 * lv) || (v > 5 && lv >= 10 * v) || (lv <= 5 && v >= 80) ||
+             (v <= 5 && lv >= 80)))
             return;
         if (ac->extrapolateCount < 1) {
             const double dHdg =
