@@ -380,17 +380,41 @@ TEST(ScenarioCommand, RunsAFileAndReports) {
 namespace orv {
 namespace {
 
+// A made-up report, in the recordings' line format.
+struct MadeUp {
+    std::uint32_t hexid = 4992001;
+    const char *callsign = "SWR123", *type = "A320", *category = "null";
+    double t = 0, lat = 0, lon = 0, altitudeFt = 0, vsFpm = 0, kt = 0, trackDeg = 0;
+    bool onGround = true;
+};
+std::string rttfc(const MadeUp& m) {
+    return fmt::format(
+        "RTTFC,{},{:.6f},{:.6f},{:.0f},{:.0f},{},{:.1f},{:.1f},{},{},null,null,null,{:.2f},adsb,"
+        "null,adsb_icao,{:.0f},-1,-1,-1,-1,-1,-1,-1,{:.0f},none,{}\n",
+        m.hexid, m.lat, m.lon, m.altitudeFt, m.vsFpm, m.onGround ? 1 : 0, m.trackDeg, m.kt, m.callsign,
+        m.type, 1.7e9 + m.t, m.altitudeFt, m.vsFpm, m.category);
+}
+
+// Made-up reports run at LSZH for `seconds` of virtual time.
+Run runMadeUp(const fs::path& file, const std::string& text, double seconds,
+              const std::vector<std::string>& titles) {
+    test::writeBytes(file, text);
+    scenario::Config c;
+    c.recording = file;
+    c.airport = "LSZH";
+    c.runSeconds = seconds;
+    c.titles = titles;
+    return runAndReport(c);
+}
+
 // A made-up taxi at LSZH, 15 kt due north, one report a second, where the feed fails: `silent`
 // seconds from 60 s on either repeat the last position (`frozen`) or say nothing; then the reports
 // go on from where the aircraft really is, and it stops at 60 s after that and stays.
-fs::path taxiWithAHole(const fs::path& folder, double silent, bool frozen) {
-    const double startLat = 47.4500, lon = 8.5600, mPerS = 15 * 1852.0 / 3600.0;
+std::string taxiWithAHole(double silent, bool frozen) {
+    const double startLat = 47.4500, mPerS = 15 * 1852.0 / 3600.0;
     std::string text;
     const auto line = [&](double t, double metres, double kt) {
-        text +=
-            fmt::format("RTTFC,4992001,{:.6f},{:.6f},0,0,1,0.0,{:.1f},SWR123,A320,null,null,null,{:.2f},adsb,"
-                        "null,adsb_icao,0,-1,-1,-1,-1,-1,-1,-1,0,none,null\n",
-                        startLat + metres / 111120.0, lon, kt, 1.7e9 + t);
+        text += rttfc({.t = t, .lat = startLat + metres / 111120.0, .lon = 8.5600, .kt = kt});
     };
     const double moveEnd = 60 + silent + 60;
     for (double t = 0; t <= moveEnd + 60; t += 1) {
@@ -400,9 +424,7 @@ fs::path taxiWithAHole(const fs::path& folder, double silent, bool frozen) {
             line(t, std::min(t, moveEnd) * mPerS, t < moveEnd ? 15 : 0);
         }
     }
-    const fs::path file = folder / "hole.rttfc";
-    test::writeBytes(file, text);
-    return file;
+    return text;
 }
 
 TEST_F(ScenarioTest, AFeedThatFreezesOrFallsSilentOnTheGroundIsCaughtUp) {
@@ -413,12 +435,8 @@ TEST_F(ScenarioTest, AFeedThatFreezesOrFallsSilentOnTheGroundIsCaughtUp) {
     };
     for (const auto& k : {Case{"frozen for 45 s", 45, true}, Case{"silent for 3 minutes", 180, false}}) {
         SCOPED_TRACE(k.name);
-        scenario::Config c;
-        c.recording = taxiWithAHole(dir.path(), k.silent, k.frozen);
-        c.airport = "LSZH";
-        c.runSeconds = 60 + k.silent + 120 + 30 + 60;
-        c.titles = titles;
-        const auto [r, report] = runAndReport(c);
+        const auto [r, report] = runMadeUp(dir.path() / "hole.rttfc", taxiWithAHole(k.silent, k.frozen),
+                                           60 + k.silent + 120 + 30 + 60, titles);
         ASSERT_EQ(r.error, "");
         ASSERT_EQ(r.objects.size(), 1u) << "caught up with, not made again";
         const auto& m = report[0];
@@ -430,48 +448,32 @@ TEST_F(ScenarioTest, AFeedThatFreezesOrFallsSilentOnTheGroundIsCaughtUp) {
     }
 }
 
-} // namespace
-} // namespace orv
-
-namespace orv {
-namespace {
-
 // The last report is the one that says where it stopped, even when the thinning of points along
 // a straight line would have had no use for it: the data end 14 s after a report, at 2 kt.
 TEST_F(ScenarioTest, TheLastReportOfASlowCreepIsWhereItRests) {
-    const double startLat = 47.4500, lon = 8.5600, mPerS = 10 * 1852.0 / 3600.0;
+    const double startLat = 47.4500, mPerS = 10 * 1852.0 / 3600.0;
     std::string text;
     double along = 0;
     const auto line = [&](double t, double kt) {
-        text +=
-            fmt::format("RTTFC,4992002,{:.6f},{:.6f},0,0,1,0.0,{:.1f},SWR124,A320,null,null,null,{:.2f},adsb,"
-                        "null,adsb_icao,0,-1,-1,-1,-1,-1,-1,-1,0,none,null\n",
-                        startLat + along / 111120.0, lon, kt, 1.7e9 + t);
+        text += rttfc({.hexid = 4992002,
+                       .callsign = "SWR124",
+                       .t = t,
+                       .lat = startLat + along / 111120.0,
+                       .lon = 8.5600,
+                       .kt = kt});
     };
     for (double t = 0; t <= 60; t += 1, along += mPerS) line(t, 10);
     for (double t = 74; t < 74 + 3 * 14; t += 14) {
         along += 14 * 2 * 1852.0 / 3600.0;
         line(t, 2);
     }
-    test::writeBytes(dir.path() / "creep.rttfc", text);
-    scenario::Config c;
-    c.recording = dir.path() / "creep.rttfc";
-    c.airport = "LSZH";
-    c.runSeconds = 116 + 30 + 90;
-    c.titles = titles;
-    const auto [r, report] = runAndReport(c);
+    const auto [r, report] = runMadeUp(dir.path() / "creep.rttfc", text, 116 + 30 + 90, titles);
     ASSERT_EQ(r.error, "");
     ASSERT_EQ(report.size(), 1u);
     ASSERT_TRUE(report[0].cameToRest);
     const auto& last = r.fed.back();
     EXPECT_LT(metres(report[0].restLat, report[0].restLon, last.latitude, last.longitude), 5.0);
 }
-
-} // namespace
-} // namespace orv
-
-namespace orv {
-namespace {
 
 // A touch-and-go on LSZH 14 and then a low circuit that sinks: once climbed out, the aircraft
 // follows the reports down instead of climbing on by itself (which made a saw-tooth of 400 ft).
@@ -483,11 +485,16 @@ TEST_F(ScenarioTest, ALowCircuitAfterATouchAndGoFollowsTheReports) {
     std::string text;
     std::vector<double> altitudeAt; // the reported altitude at each second
     const auto line = [&](double t, double along, double altitude, double kt, bool ground, double vs) {
-        text += fmt::format(
-            "RTTFC,4992003,{:.6f},{:.6f},{:.0f},{:.0f},{},137.0,{:.1f},SWR125,A320,null,null,null,"
-            "{:.2f},adsb,null,adsb_icao,{:.0f},-1,-1,-1,-1,-1,-1,-1,{:.0f},none,null\n",
-            lat14 + dy / length * along / 111120, lon14 + dx / length * along / (111120 * k), altitude, vs,
-            ground ? 1 : 0, kt, 1.7e9 + t, altitude, vs);
+        text += rttfc({.hexid = 4992003,
+                       .callsign = "SWR125",
+                       .t = t,
+                       .lat = lat14 + dy / length * along / 111120,
+                       .lon = lon14 + dx / length * along / (111120 * k),
+                       .altitudeFt = altitude,
+                       .vsFpm = vs,
+                       .kt = kt,
+                       .trackDeg = 137,
+                       .onGround = ground});
         altitudeAt.push_back(ground ? elevation : altitude);
     };
     const double v = 72; // m/s, 140 kt
@@ -498,13 +505,7 @@ TEST_F(ScenarioTest, ALowCircuitAfterATouchAndGoFollowsTheReports) {
         const double up = t < 97 ? (t - 61) * 17.0 : t < 110 ? 600.0 : 600.0 - (t - 110) * 4.0;
         line(t, v * (t - 60) * 1.05, elevation + up, 150, false, t < 97 ? 1020 : t < 110 ? 0 : -240);
     }
-    test::writeBytes(dir.path() / "circuit.rttfc", text);
-    scenario::Config c;
-    c.recording = dir.path() / "circuit.rttfc";
-    c.airport = "LSZH";
-    c.runSeconds = 200 + 30;
-    c.titles = titles;
-    const auto [r, report] = runAndReport(c);
+    const auto [r, report] = runMadeUp(dir.path() / "circuit.rttfc", text, 200 + 30, titles);
     ASSERT_EQ(r.error, "");
     ASSERT_EQ(r.objects.size(), 1u);
     ASSERT_TRUE(report[0].touchedDown);
@@ -516,12 +517,6 @@ TEST_F(ScenarioTest, ALowCircuitAfterATouchAndGoFollowsTheReports) {
     }
 }
 
-} // namespace
-} // namespace orv
-
-namespace orv {
-namespace {
-
 // A helicopter flies east 400 ft above LSZH and then hovers (its reports stay on one spot at
 // 0 kt): it hovers too, instead of being taken for an aeroplane on the ground and set down.
 TEST_F(ScenarioTest, AHelicopterHovers) {
@@ -529,19 +524,19 @@ TEST_F(ScenarioTest, AHelicopterHovers) {
     std::string text;
     for (int t = 0; t < 150; ++t) {
         const double east = std::min(t, 59) * 46.3; // 90 kt, then a hover
-        text +=
-            fmt::format("RTTFC,4992010,{:.6f},{:.6f},{:.0f},0,0,90.0,{:.1f},HBZRA,EC35,null,null,null,{:.2f},"
-                        "adsb,null,adsb_icao,{:.0f},-1,-1,-1,-1,-1,-1,-1,0,none,A7\n",
-                        lat, lon + east / (111120 * std::cos(lat * core::kRadPerDeg)), elevation + 400,
-                        t < 60 ? 90.0 : 0.0, 1.7e9 + t, elevation + 400);
+        text += rttfc({.hexid = 4992010,
+                       .callsign = "HBZRA",
+                       .type = "EC35",
+                       .category = "A7",
+                       .t = double(t),
+                       .lat = lat,
+                       .lon = lon + east / (111120 * std::cos(lat * core::kRadPerDeg)),
+                       .altitudeFt = elevation + 400,
+                       .kt = t < 60 ? 90.0 : 0.0,
+                       .trackDeg = 90,
+                       .onGround = false});
     }
-    test::writeBytes(dir.path() / "hover.rttfc", text);
-    scenario::Config c;
-    c.recording = dir.path() / "hover.rttfc";
-    c.airport = "LSZH";
-    c.runSeconds = 150 + 30;
-    c.titles = titles;
-    const auto [r, report] = runAndReport(c);
+    const auto [r, report] = runMadeUp(dir.path() / "hover.rttfc", text, 150 + 30, titles);
     ASSERT_EQ(r.error, "");
     ASSERT_EQ(r.objects.size(), 1u);
     EXPECT_FALSE(report[0].touchedDown);

@@ -135,12 +135,9 @@ void fixedSet(const fs::path& out) {
 
     // What a typical install adds: generic paints of the common families, a few more airlines,
     // and at least one model of every category, so that runs see the matches users get.
-    for (const char* type : {"A319", "A20N", "A21N", "A321", "B737", "B38M", "B738", "BCS3", "CRJ9", "E190",
-                             "E195", "DH8D", "AT76"})
-        writeFile(fsltl / fmt::format("FSLTL_{}", type) / "aircraft.cfg",
-                  cfg(designator(type), {{fmt::format("FSLTL_{}_ZZZZ Generic", type), "ZZZZ"}}, true),
-                  Enc::Utf8);
-    for (const char* type : {"A332", "A333", "A359", "B744", "B748", "B763", "B788", "B789", "B77L"})
+    for (const char* type :
+         {"A319", "A20N", "A21N", "A321", "B737", "B38M", "B738", "BCS3", "CRJ9", "E190", "E195",
+          "DH8D", "AT76", "A332", "A333", "A359", "B744", "B748", "B763", "B788", "B789", "B77L"})
         writeFile(fsltl / fmt::format("FSLTL_{}_Generic", type) / "aircraft.cfg",
                   cfg(designator(type), {{fmt::format("FSLTL_{}_ZZZZ Generic", type), "ZZZZ"}}, true),
                   Enc::Utf8);

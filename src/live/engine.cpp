@@ -633,7 +633,7 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
                 return;
             }
             if (!stays && !movesOn) {
-                a = {t, t, r.latitude, r.longitude, r.groundSpeed};
+                a = {t, t, r.latitude, r.longitude};
                 return;
             }
             // It goes at the speed the track goes on with: the jump itself was the feed catching up.
@@ -671,18 +671,15 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
     Sample sample = toSample(r);
     // On the ground the feed's speed is often stale: a speed the positions contradict by more than
     // half is replaced by theirs, so that a taxiing aircraft neither races, stops nor "takes off".
-    if (!r.airborne && !keepSpeed && ac->lastTimestamp > 0 && t - ac->lastTimestamp >= 2.0) {
-        const double measured =
-            core::distanceNm(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) /
-            (t - ac->lastTimestamp) * 3600.0;
-        if (measured < 1.0 ? r.groundSpeed > 5.0
-                           : (r.groundSpeed > 1.25 * measured || r.groundSpeed < measured / 1.25))
+    if (ac->lastTimestamp > 0 && t > ac->lastTimestamp) {
+        const double measured = knotsBetween(ac->lastFeedPos.lat, ac->lastFeedPos.lon, ac->lastTimestamp,
+                                             r.latitude, r.longitude, t);
+        if (!r.airborne && !keepSpeed && t - ac->lastTimestamp >= 2.0 &&
+            (measured < 1.0 ? r.groundSpeed > 5.0
+                            : (r.groundSpeed > 1.25 * measured || r.groundSpeed < measured / 1.25)))
             sample.speed = sample.tas = measured < 1.0 ? 0.0 : measured;
+        ac->feedMovedKt = measured;
     }
-    if (ac->lastTimestamp > 0 && t > ac->lastTimestamp)
-        ac->feedMovedKt =
-            core::distanceNm(ac->lastFeedPos.lat, ac->lastFeedPos.lon, r.latitude, r.longitude) /
-            (t - ac->lastTimestamp) * 3600.0;
     ac->lastTimestamp = t;
     ac->thinned.tick = 0;
     ac->lastFeedSpeed = r.groundSpeed;

@@ -185,7 +185,7 @@ struct LiveAc : AcIdentity {
     LatLonPos lastFeedPos;    // and where it was
     double feedMovedKt = 0;   // the speed its positions showed between the last two points taken
     struct SetAside {
-        double first = 0, time = 0, lat = 0, lon = 0, speed = 0; // first 0: none
+        double first = 0, time = 0, lat = 0, lon = 0; // first 0: none
     } aside;               // a ground report out of reach, kept in case the track goes on from it
     LatLonPos settleSpot;  // where the latest reports close together lie
     int settleReports = 0; // how many in a row
