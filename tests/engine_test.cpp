@@ -152,6 +152,40 @@ TEST_F(EngineTest, GroundReportsOutOfReachOrFrozenAreSetAside) {
     }
 }
 
+// Reports of a taxi every 2 s, 30 m apart, whose time stamps (offsets from their arrival) break.
+TEST_F(EngineTest, ABrokenTimeStampIsHeldUntilTheNextReportAgrees) {
+    struct Case {
+        const char* name;
+        std::vector<double> stampOffsetS;
+        std::vector<int> taken;           // which reports reach the stream
+        std::vector<int> arrivalDelayS{}; // a batch that comes late, stamped right
+    };
+    const Case cases[] = {
+        {"one report an hour ahead", {0, 0, 3600, 0, 0}, {0, 1, 3, 4}},
+        {"one report an hour behind", {0, 0, -3600, 0, 0}, {0, 1, 3, 4}},
+        {"the source's clock moves on for good", {0, 0, 600, 600, 600}, {0, 1, 3, 4}},
+        {"a batch half a minute late is no break", {0, 0, 0, 0, 0}, {0, 1, 2, 3, 4}, {0, 0, 25, 25, 25}},
+    };
+    for (const auto& c : cases) {
+        live::reset();
+        std::vector<int> got;
+        for (std::size_t i = 0; i < c.stampOffsetS.size(); ++i) {
+            gEngine.tick =
+                200 * static_cast<std::int32_t>(i) + (c.arrivalDelayS.empty() ? 0 : 100 * c.arrivalDelayS[i]);
+            auto r = record(100 + 2.0 * static_cast<double>(i) + c.stampOffsetS[i], 29, 0, false);
+            r.latitude += 30.0 * static_cast<double>(i) / 111120.0;
+            decode(r);
+        }
+        ASSERT_EQ(gEngine.liveTable.size(), 1u) << c.name;
+        const auto& st = gEngine.liveTable[0].stream;
+        for (std::size_t i = 0; i < st.size(); ++i)
+            got.push_back(static_cast<int>(std::lround((st[i].lat - kMspLat - 0.1) * 111120.0 / 30.0)));
+        EXPECT_EQ(got, c.taken) << c.name;
+        for (std::size_t i = 1; i < st.size(); ++i)
+            EXPECT_LT(st[i].speed, 40.0) << c.name << ": no speed made up across the break";
+    }
+}
+
 TEST_F(EngineTest, ANewRegistrationRespawnsWithItsLivery) {
     for (const bool guidChanges : {true, false}) {
         live::reset();

@@ -39,6 +39,9 @@ constexpr double kReachMinKt = 50;
 constexpr double kReachMaxKt = 220; // no faster on the ground, whatever a jump before made it seem
 constexpr double kAsideMaxSeconds = 10;
 constexpr double kAsideSameSpotM = 5;
+constexpr double kTicksPerSecond = 100;
+constexpr double kClockJumpSeconds = 60; // far beyond the feed's batching of a few seconds
+constexpr double kClockAgreeSeconds = 5;
 // After a wait without news, a place farther than the holding threshold is caught up with when
 // reaching it took no more than this speed.
 constexpr double kHoldCatchUpKt = 40;
@@ -601,11 +604,33 @@ void decode(const feed::TrafficSample& r) {
 
 namespace {
 
+// A report whose own time has run away from the time it came at, by a minute or more either way,
+// is a broken time stamp: used alone it would freeze the aircraft (every later report would look
+// old) or make up a speed. It is held; when the next report agrees with it the source's clock
+// moved, and the reports are taken on the new clock from there.
+bool clockAgrees(LiveAc& ac, const feed::TrafficSample& r) {
+    const double arrivedS = (r.tick - ac.lastArrivalTick) / kTicksPerSecond;
+    if (std::fabs(r.timestamp - ac.lastTimestamp - arrivedS) <= kClockJumpSeconds) return true;
+    auto& j = ac.clockJump;
+    const bool confirmed =
+        j.tick != 0 && r.timestamp > j.stamp &&
+        std::fabs(r.timestamp - j.stamp - (r.tick - j.tick) / kTicksPerSecond) <= kClockAgreeSeconds;
+    if (!confirmed) {
+        j = {r.timestamp, r.tick};
+        ++ac.brokenTimestamps;
+        return false;
+    }
+    ac.lastTimestamp = r.timestamp - arrivedS; // the last report's time on the new clock
+    j = {};
+    return true;
+}
+
 void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bool keepSpeed) {
     if (ac->simState == SimState::LiveryRespawn || ac->simState == SimState::RemovingFromSim) return;
     const double t = r.timestamp;
     if (!ac->stream.empty()) {
         const Sample& last = ac->stream.back();
+        if (!clockAgrees(*ac, r)) return;
         const double prev = ac->lastTimestamp;
         if (t <= prev + 1.0) return;
         // A feed that freezes on a moving aircraft on the ground repeats its last position and
@@ -681,6 +706,7 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
         ac->feedMovedKt = measured;
     }
     ac->lastTimestamp = t;
+    ac->lastArrivalTick = r.tick;
     ac->thinned.tick = 0;
     ac->lastFeedSpeed = r.groundSpeed;
     ac->lastFeedPos = {r.latitude, r.longitude};
@@ -713,6 +739,7 @@ void addNewAc(const feed::TrafficSample& r) {
     t.push_back(makeLiveAc(id, r.hexid, gEngine.rng));
     LiveAc& ac = t.back();
     ac.lastTimestamp = r.timestamp;
+    ac.lastArrivalTick = r.tick;
     ac.lastFeedSpeed = r.groundSpeed;
     ac.lastFeedPos = {r.latitude, r.longitude};
     addSample(ac, toSample(r));
