@@ -29,7 +29,7 @@ fidelity: deps
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null
-	@cmake --build --preset fuzz --target fuzz-traffic-line fuzz-xml-readers fuzz-simconnect-messages fuzz-emulator-packets fuzz-aircraft-cfg
+	@cmake --build --preset fuzz --target fuzz-traffic-line fuzz-xml-readers fuzz-simconnect-messages fuzz-emulator-packets fuzz-aircraft-cfg fuzz-airport-file
 	@mkdir -p build/fuzz/corpus-line build/fuzz/corpus-xml
 	@./build/fuzz/fuzz/fuzz-traffic-line -max_total_time=$${FUZZ_SECONDS:-60} -max_len=1024 build/fuzz/corpus-line fuzz/corpus/traffic-line
 	@./build/fuzz/fuzz/fuzz-xml-readers -max_total_time=$${FUZZ_SECONDS:-60} -max_len=2048 build/fuzz/corpus-xml fuzz/corpus/xml-readers
@@ -38,6 +38,8 @@ fuzz: deps
 	@./build/fuzz/fuzz/fuzz-emulator-packets -max_total_time=$${FUZZ_SECONDS:-60} -max_len=4096 build/fuzz/corpus-emulator fuzz/corpus/emulator-packets
 	@mkdir -p build/fuzz/corpus-cfg
 	@./build/fuzz/fuzz/fuzz-aircraft-cfg -max_total_time=$${FUZZ_SECONDS:-60} -max_len=8192 build/fuzz/corpus-cfg fuzz/corpus/aircraft-cfg
+	@mkdir -p build/fuzz/corpus-airport-file
+	@./build/fuzz/fuzz/fuzz-airport-file -max_total_time=$${FUZZ_SECONDS:-60} -max_len=16384 build/fuzz/corpus-airport-file fuzz/corpus/airport-file
 
 format:
 	@clang-format -i $$(git ls-files '*.cpp' '*.h')

@@ -254,7 +254,7 @@ TEST(ParameterCatalogue, ListsInFileOrderWithTheirDefaultsAndRanges) {
     EXPECT_EQ(l.checkBoxes.size(), 21u);
     EXPECT_EQ(l.ints.size(), 7u);
     EXPECT_EQ(l.choiceInts.size(), 7u);
-    EXPECT_EQ(l.strings.size(), 22u);
+    EXPECT_EQ(l.strings.size(), 23u);
     EXPECT_EQ(l.texts.size(), 2u);
     EXPECT_EQ(buttons().size(), 7u);
     EXPECT_EQ(l.checkBoxes.front()->name, "ALWAYS_ON_TOP");
@@ -294,7 +294,7 @@ TEST(ParameterCatalogue, AFreshFileHoldsEveryListedParameterInOrder) {
     std::vector<std::string> names;
     for (auto e : doc.child("root").child("parameters").children("parameter"))
         names.emplace_back(e.attribute("name").as_string());
-    ASSERT_EQ(names.size(), 60u);
+    ASSERT_EQ(names.size(), 61u);
     EXPECT_EQ(names.front(), "RANDOM");
     EXPECT_EQ(names[1], "ALWAYS_ON_TOP");
     EXPECT_EQ(names.back(), "SIM_CHOICE");

@@ -53,6 +53,12 @@ int main(int argc, char** argv) {
         "OUT_FOLDER [--files N]: a Community folder of AI livery packages shaped like the real ones, "
         "the fixed set in data/liveries, or with --files a corpus of N aircraft.cfg files for benchmarks",
         rest);
+    addCommand(app, "site",
+               "OUT [--data DIR]: the data site's file tree (downloads/MSFS/archive/stock/CODE.xml for each "
+               "stock airport of the directory), from the stand lists and traffic sources in data/",
+               rest);
+    addCommand(app, "serve", "DIR [--port N]: serves a data site's tree on 127.0.0.1 (port 0: any free port)",
+               rest);
     addCommand(app, "encrypt", "IN OUT: a plain reference file into the program's encrypted form", rest);
     addCommand(app, "decrypt", "IN OUT: an encrypted reference file back into plain text", rest);
     CLI11_PARSE(app, argc, argv);
@@ -61,6 +67,7 @@ int main(int argc, char** argv) {
         if (command == "convert") return orv::tools::convertMain(rest);
         if (command == "refdata") return orv::tools::refdataMain(rest);
         if (command == "liveries") return orv::tools::liveriesMain(rest);
+        if (command == "site" || command == "serve") return orv::tools::airportsMain(command, rest);
         return crypt(command, rest);
     } catch (const std::exception& e) {
         std::cerr << "orvelline-data: " << e.what() << '\n';

@@ -54,6 +54,16 @@ std::string dbaseXml(const std::filesystem::path& sourceFolder);
 std::string aigRegcodesXml(const std::filesystem::path& source);
 int liveriesMain(const std::vector<std::string>& args);
 int refdataMain(const std::vector<std::string>& args);
+// Lines of a small source file without comments (#) and blank lines, split at commas.
+std::vector<std::vector<std::string>> readRows(const std::filesystem::path& file, bool header);
+// The made-up demo fleet: registrations with their airline and type.
+struct FleetAircraft {
+    std::string reg, airline, type;
+    bool cargo = false;
+};
+std::vector<FleetAircraft> demoFleet(const std::filesystem::path& sourceFolder);
+// Stock airport files from the stand lists, the data site's tree, and a loopback server for it.
+int airportsMain(const std::string& command, const std::vector<std::string>& args);
 // Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
 
 } // namespace orv::tools

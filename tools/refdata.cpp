@@ -16,8 +16,6 @@
 
 namespace orv::tools {
 
-namespace {
-
 // Lines of a small source file without comments (#) and blank lines, split at commas.
 std::vector<std::vector<std::string>> readRows(const fs::path& file, bool header) {
     std::vector<std::string> lines;
@@ -36,17 +34,36 @@ std::vector<std::vector<std::string>> readRows(const fs::path& file, bool header
     return rows;
 }
 
+std::vector<FleetAircraft> demoFleet(const fs::path& sourceFolder) {
+    std::vector<FleetAircraft> fleet;
+    std::map<std::string, unsigned> counters; // per prefix, so registrations stay unique
+    for (const auto& r : readRows(sourceFolder / "demo-fleet.csv", false)) {
+        const std::string &prefix = r.at(0), &airline = r.at(2), &type = r.at(3);
+        const int nLetters = std::stoi(r.at(1));
+        const int count = std::stoi(r.at(4));
+        for (int i = 0; i < count; ++i) {
+            const unsigned n = counters[prefix]++;
+            // US style N123AB; elsewhere the prefix and letters, as in D-AHAA.
+            const auto letters = [](unsigned k, int width) {
+                std::string t(static_cast<std::size_t>(width), 'A');
+                for (int j = width - 1; j >= 0; --j, k /= 26)
+                    t[static_cast<std::size_t>(j)] = static_cast<char>('A' + k % 26);
+                return t;
+            };
+            fleet.push_back({nLetters == 0 ? fmt::format("{}{}{}", prefix, 100 + n % 900, letters(n / 900, 2))
+                                           : prefix + letters(n + 7 * 26, nLetters),
+                             airline, type, r.at(5) == "true"});
+        }
+    }
+    return fleet;
+}
+
+namespace {
+
 std::string joined(const std::vector<std::string>& v) {
     std::string out;
     for (const auto& s : v) out += (out.empty() ? "" : ",") + s;
     return out;
-}
-
-std::string letters(unsigned n, int count) {
-    std::string s(static_cast<std::size_t>(count), 'A');
-    for (int i = count - 1; i >= 0; --i, n /= 26)
-        s[static_cast<std::size_t>(i)] = static_cast<char>('A' + n % 26);
-    return s;
 }
 
 // The plain text lives on disk only for the moment the encryption reads it.
@@ -62,9 +79,10 @@ void writeEncrypted(const std::string& xml, const fs::path& encrypted) {
 } // namespace
 
 std::string airportsXml(const fs::path& airportsCsv, const fs::path& standCountsCsv, std::size_t& skipped) {
-    std::map<std::string, int> stands;
+    // icao, stands, stock: the stock status says the data site has the airport's file.
+    std::map<std::string, std::pair<int, int>> stands;
     for (const auto& r : readRows(standCountsCsv, true))
-        if (r.size() >= 2) stands[r[0]] = std::stoi(r[1]);
+        if (r.size() >= 2) stands[r[0]] = {std::stoi(r[1]), r.size() >= 3 ? std::stoi(r[2]) : 0};
     pugi::xml_document doc;
     auto section = doc.append_child("root").append_child("airports");
     std::set<std::string> seen;
@@ -85,7 +103,8 @@ std::string airportsXml(const fs::path& airportsCsv, const fs::path& standCounts
         ap.append_attribute("lo") = r[4].c_str();
         ap.append_attribute("a") = r[5].c_str();
         const auto s = stands.find(icao);
-        ap.append_attribute("i") = s == stands.end() ? 0 : s->second;
+        ap.append_attribute("i") = s == stands.end() ? 0 : s->second.first;
+        if (s != stands.end() && s->second.second > 0) ap.append_attribute("k") = s->second.second;
         if (refdata::IataCode::tryMake(r[2])) ap.append_attribute("s") = r[2].c_str();
     }
     std::ostringstream out;
@@ -194,20 +213,8 @@ std::string dbaseXml(const fs::path& src) {
     };
     for (const auto& r : readRows(src / "registrations.csv", false))
         record(r.at(0), r.at(1), r.at(2), r.at(3), r.at(4));
-    std::map<std::string, unsigned> counters; // per prefix, so registrations stay unique
-    for (const auto& r : readRows(src / "demo-fleet.csv", false)) {
-        const std::string &prefix = r.at(0), &airline = r.at(2), &type = r.at(3);
-        const int nLetters = std::stoi(r.at(1));
-        const int count = std::stoi(r.at(4));
-        for (int i = 0; i < count; ++i) {
-            const unsigned n = counters[prefix]++;
-            // US style N123AB; elsewhere the prefix and letters, as in D-AHAA.
-            const std::string reg = nLetters == 0
-                                        ? fmt::format("{}{}{}", prefix, 100 + n % 900, letters(n / 900, 2))
-                                        : prefix + letters(n + 7 * 26, nLetters);
-            record(reg, airline, type, airline, r.at(5));
-        }
-    }
+    for (const auto& a : demoFleet(src))
+        record(a.reg, a.airline, a.type, a.airline, a.cargo ? "true" : "false");
     std::ostringstream out;
     doc.save(out, "  ");
     return out.str();

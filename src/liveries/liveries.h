@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -94,6 +95,7 @@ struct Store {
         airlineTitles;
     std::array<std::unordered_map<refdata::ModelId, TitleViews>, 2> genericTitles;
     std::unordered_map<std::string_view, std::string_view> titles; // every installed title, by itself
+    std::unordered_map<std::string_view, refdata::AirlineModelKey> titleKeys; // its airline and type
     std::unordered_map<std::string, std::string_view, StringHash, std::equal_to<>> regcodeTitles;
     std::set<std::string, std::less<>> specialRegcodes, uniqueRegcodes;
     TitleViews specialTitles;
@@ -115,6 +117,8 @@ void updateLiveriesFromDbase();
 void afterScan(std::size_t folders);
 void processLiveries();
 std::string_view titleInstalled(std::string_view title);
+// The airline and type of an installed livery that carries this registration.
+std::optional<refdata::AirlineModelKey> registrationKey(std::string_view reg);
 [[nodiscard]] bool applyAigRegcodes(); // false when the shipped list can't be opened
 void applyRegcodeFiles();
 

@@ -85,6 +85,7 @@ void Store::reset() {
     list.clear();
     index.clear();
     titles.clear();
+    titleKeys.clear();
     for (auto& m : airlineTitles) m.clear();
     for (auto& m : genericTitles) m.clear();
     regcodeTitles.clear();
@@ -270,6 +271,14 @@ std::string_view titleInstalled(std::string_view title) {
     return it == gStore.titles.end() ? std::string_view() : it->second;
 }
 
+std::optional<refdata::AirlineModelKey> registrationKey(std::string_view reg) {
+    const auto it = gStore.regcodeTitles.find(reg);
+    if (it == gStore.regcodeTitles.end()) return std::nullopt;
+    const auto k = gStore.titleKeys.find(it->second);
+    if (k == gStore.titleKeys.end()) return std::nullopt;
+    return k->second;
+}
+
 namespace {
 
 void buildIndex() {
@@ -285,6 +294,7 @@ void buildIndex() {
             for (const auto& e : entries) {
                 s.airlineTitles[e.cargo ? 1 : 0][airline][model].push_back(e.title);
                 s.titles.emplace(e.title, e.title);
+                s.titleKeys.emplace(e.title, refdata::airlineModelKey(airline, model));
             }
 }
 

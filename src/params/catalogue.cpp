@@ -75,6 +75,7 @@ struct Catalogue {
     StringParameter ADDONS_SCAN_VERSION{"ADDONS_SCAN_VERSION", ""};
     StringParameter MYSIMADDON24_VERSION{"MYSIMADDON24_VERSION", ""};
     StringParameter MSFS_2024_INSTALL_PATH{"MSFS_2024_INSTALL_PATH", ""};
+    StringParameter DATA_SITE{"DATA_SITE", ""}; // base URL of the data site; empty: no downloads
     ChoiceTextParameter AI_PACKAGE_SELECTOR{
         "AI_PACKAGE_SELECTOR",
         "AIG, FSLTL, JF, MTL",
@@ -167,6 +168,7 @@ struct Catalogue {
                          &ADDONS_SCAN_VERSION,
                          &MYSIMADDON24_VERSION,
                          &MSFS_2024_INSTALL_PATH,
+                         &DATA_SITE,
                          &AI_PACKAGE_SELECTOR,
                          &DESTINATION};
         lists.texts = {&BLOCK_CALLSIGN, &SIM_CHOICE};

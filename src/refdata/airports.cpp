@@ -75,6 +75,7 @@ std::size_t parseAirportsXml(const fs::path& plain) {
             } else {
                 core::log(fmt::format("Missing stands for airport '{}'", code.view()));
             }
+            r.stockStatus = ap.attribute("k").as_int(0); // optional: no stock file when missing
             if (const auto s = ap.attribute("s")) {
                 try {
                     r.iata = IataCode(s.as_string());

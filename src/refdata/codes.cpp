@@ -59,6 +59,12 @@ class InternTable {
         return id;
     }
 
+    std::uint16_t find(std::string_view text) {
+        std::lock_guard lock(mutex_);
+        const auto it = index_.find(text);
+        return it == index_.end() ? 0 : it->second;
+    }
+
     std::string_view textOf(std::uint16_t id) const noexcept {
         if (id >= size_.load(std::memory_order_acquire)) return {};
         return slots_[id];
@@ -92,6 +98,12 @@ AirlineId airlineId(std::string_view code) {
 }
 ModelId modelId(std::string_view code) {
     return models().idOf(code);
+}
+AirlineId knownAirlineId(std::string_view code) {
+    return airlines().find(code);
+}
+ModelId knownModelId(std::string_view code) {
+    return models().find(code);
 }
 std::string_view airlineCode(AirlineId id) noexcept {
     return airlines().textOf(id);

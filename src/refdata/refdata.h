@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -83,6 +84,9 @@ std::uint64_t fnv1a(std::string_view text) noexcept;
 
 AirlineId airlineId(std::string_view code);
 ModelId modelId(std::string_view code);
+// Look-ups that never add: 0 for a code the tables do not hold (files from outside use these).
+AirlineId knownAirlineId(std::string_view code);
+ModelId knownModelId(std::string_view code);
 std::string_view airlineCode(AirlineId id) noexcept;
 std::string_view modelCode(ModelId id) noexcept;
 std::size_t airlineCount() noexcept;
@@ -151,6 +155,7 @@ struct AirportRecord {
     double longitude = 0.0;
     float elevation = 0.0f;
     std::int32_t stands = 0;
+    std::int32_t stockStatus = 0; // 1 or more: the data site has a stock airport file for it
 };
 
 // Reads input/airports.enc of the program folder once per process; whether any airport is known.
@@ -166,6 +171,19 @@ const AirportRecord* airportRecord(const AirportCode& code); // null when not in
 const AirportRecord* airportByName(std::string_view text);
 const AirportRecord* airportInText(std::string_view text);
 const std::vector<AirportRecord>& airports();
+
+// ---- Downloads from the data site -------------------------------------------------------------
+
+struct DownloadLimits {
+    std::size_t maxBytes = std::size_t{64} << 20;
+    std::chrono::milliseconds connectTimeout{10000}, totalTimeout{60000};
+};
+// Fetches `url` into `target` through a temporary file; empty on success, else why not.
+// Certificates are checked; a file past the cap, an HTTP error or a time-out leaves no file.
+std::string download(const std::string& url, const std::filesystem::path& target,
+                     const DownloadLimits& limits = {});
+// The data site's base URL from the settings, ending in "/"; empty when none is set.
+std::string dataSiteBase();
 
 // Distance in nautical miles from a position to an airport's nearest stand, with the stand's
 // name; the airport files fill this in. Without it the closest airport simply wins.
