@@ -256,18 +256,37 @@ struct Emulator::Impl {
     }
     DWORD resolve(DWORD id) const { return id == SIMCONNECT_OBJECT_ID_USER ? config.userObjectId : id; }
 
-    Value value(DWORD id, const Datum& d) const {
-        const bool isUser = id == config.userObjectId;
-        const ObjectRecord* o = isUser ? nullptr : &objects.at(id);
-        const PositionRecord& p = isUser ? user : o->now;
-        const double ground = groundAt(p.latitude, p.longitude);
-        const double above = std::max(0.0, p.altitudeFt - ground);
-        const bool onGround =
-            isUser ? (config.user.path.empty() || above < 1.0) : above <= config.staticCgFt + 1.0;
-        const auto angle = [&](double rad) { return angleInDegrees(d.units) ? rad / core::kRadPerDeg : rad; };
-        const std::time_t zulu = static_cast<std::time_t>(config.zuluStart + static_cast<std::int64_t>(time));
+    // What every value of one object's data block shares, worked out once a block.
+    struct Situation {
+        bool isUser = false;
+        const ObjectRecord* o = nullptr;
+        const PositionRecord* p = nullptr;
+        double ground = 0, above = 0;
+        bool onGround = false;
         std::tm tm{};
-        gmtime_r(&zulu, &tm);
+    };
+    Situation situation(DWORD id) const {
+        Situation s;
+        s.isUser = id == config.userObjectId;
+        s.o = s.isUser ? nullptr : &objects.at(id);
+        s.p = s.isUser ? &user : &s.o->now;
+        s.ground = groundAt(s.p->latitude, s.p->longitude);
+        s.above = std::max(0.0, s.p->altitudeFt - s.ground);
+        s.onGround =
+            s.isUser ? (config.user.path.empty() || s.above < 1.0) : s.above <= config.staticCgFt + 1.0;
+        const std::time_t zulu = static_cast<std::time_t>(config.zuluStart + static_cast<std::int64_t>(time));
+        gmtime_r(&zulu, &s.tm);
+        return s;
+    }
+
+    Value value(const Situation& s, const Datum& d) const {
+        const bool isUser = s.isUser;
+        const ObjectRecord* o = s.o;
+        const PositionRecord& p = *s.p;
+        const double ground = s.ground, above = s.above;
+        const bool onGround = s.onGround;
+        const std::tm& tm = s.tm;
+        const auto angle = [&](double rad) { return angleInDegrees(d.units) ? rad / core::kRadPerDeg : rad; };
         switch (d.var) {
         case Var::Latitude:
             return {d.units.rfind("radian", 0) == 0 ? p.latitude * core::kRadPerDeg : p.latitude, {}};
@@ -323,8 +342,9 @@ struct Emulator::Impl {
 
     std::vector<std::uint8_t> dataBlock(DWORD id, const std::vector<Datum>& def) const {
         DataWriter w;
+        const Situation at = situation(id);
         for (const auto& d : def) {
-            const Value v = value(id, d);
+            const Value v = value(at, d);
             switch (d.type) {
             case SIMCONNECT_DATATYPE_INT32:
                 w.u32(static_cast<DWORD>(saturate<std::int32_t>(v.number)));
@@ -628,7 +648,8 @@ struct Emulator::Impl {
     void moveUserAlongPath() {
         const auto& path = config.user.path;
         if (path.size() < 2 || config.user.speedKts <= 0) return;
-        double along = config.user.speedKts * 1852.0 / 3600.0 * time;
+        double along =
+            config.user.speedKts * 1852.0 / 3600.0 * std::max(0.0, time - config.user.departAtSeconds);
         for (std::size_t i = 0; i + 1 < path.size(); ++i) {
             const auto &a = path[i], &b = path[i + 1];
             const double len = distanceMeters(a.latitude, a.longitude, b.latitude, b.longitude);

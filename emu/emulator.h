@@ -34,6 +34,7 @@ struct UserScript {
     double headingDeg = 0;
     std::vector<Waypoint> path;
     double speedKts = 0;
+    double departAtSeconds = 0; // stands at the path's first point until then
     std::int64_t lightStates = 0;
 };
 

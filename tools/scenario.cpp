@@ -1,4 +1,7 @@
 #include "scenario.h"
+#include "airportfile/airportfile.h"
+#include "parking/parking.h"
+#include "platform/platform.h"
 
 #include <algorithm>
 #include <charconv>
@@ -63,6 +66,8 @@ void resetAll() {
     }
     core::gRun.reset();
     feed::gQnh = 1013;
+    parking::reset();
+    airportfile::gPark.reset();
 }
 
 // One frame's share of the burst: made-up airliners circling the airport, each line a little on.
@@ -91,7 +96,10 @@ void feedBurst(const Config& config, const refdata::AirportRecord* airport, doub
 Result run(const Config& config) {
     Result result;
     std::vector<std::string> raw;
-    if (auto r = core::readAllLines(config.recording, raw, 4096); std::holds_alternative<std::string>(r)) {
+    if (config.recording.empty()) {
+        // No traffic: a run of the static parking alone.
+    } else if (auto r = core::readAllLines(config.recording, raw, 4096);
+               std::holds_alternative<std::string>(r)) {
         result.error = fmt::format("{}: {}", config.recording.string(), std::get<std::string>(r));
         return result;
     }
@@ -125,6 +133,13 @@ Result run(const Config& config) {
     ec.airports = {{config.airport, airport->latitude, airport->longitude, airport->elevation}};
     ec.user.latitude = airport->latitude;
     ec.user.longitude = airport->longitude;
+    std::optional<platform::VirtualClock> clock;
+    if (config.parking.on) {
+        ec.user = config.parking.user;
+        ec.zuluStart = config.parking.utcStart;
+        clock.emplace(platform::UtcTime{std::chrono::seconds{config.parking.utcStart}});
+        platform::setClock(&*clock);
+    }
     emu::Emulator emulator(ec);
     result.airportElevationFt = airport->elevation;
 
@@ -180,11 +195,21 @@ Result run(const Config& config) {
                 feedBurst(config, airport, recordingStart + config.fromSeconds + t, k, burstLine);
             live::engineFrame();
             if (k % 100 == 0) live::writeFlightPlans(); // as the one-second step does
+            if (config.parking.on && k % 100 == 0) {
+                // The program's loop: the park airport's tick on the 16th seconds that are no
+                // 5th, the adjustment every 20 minutes.
+                const auto c = k / 100;
+                sim::requestUserOnGround();
+                if (c % 5 != 0 && c % 16 == 0) parking::parkAirportTick();
+                if (c > 0 && c % 1200 == 0) parking::recalculate();
+                if (config.parking.onSecond) config.parking.onSecond(t);
+            }
             if (config.onFrame) config.onFrame(t);
         }
         sim::pollOnce();
         pump();
         emulator.advanceTo(t + 0.01);
+        if (clock) clock->advance(std::chrono::milliseconds(10));
     }
     result.objects = emulator.objects();
     result.noMatch = live::noMatchList();
@@ -193,6 +218,7 @@ Result run(const Config& config) {
     for (int i = 0; i < 10 && sim::pollOnce() != sim::Pass::End; ++i) pump();
     sim::setApiFactory({});
     resetAll();
+    if (clock) platform::setClock(nullptr);
     return result;
 }
 

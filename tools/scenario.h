@@ -33,6 +33,14 @@ struct Config {
         int linesPerSecond = 0;
         int aircraft = 500;
     } burst;
+    // Static parking at the airport, ticked as the program's loop ticks it, on a virtual clock
+    // that starts at `utcStart`; the user parks at `user` and may later fly its path away.
+    struct Parking {
+        bool on = false;
+        std::int64_t utcStart = 1738717920; // Wednesday 5 Feb 2025 01:12 UTC
+        emu::UserScript user;
+        std::function<void(double seconds)> onSecond; // after each second's ticks
+    } parking;
     // Called after every engine frame with the virtual time (tests look at the engine here).
     std::function<void(double seconds)> onFrame;
 };

@@ -1,5 +1,6 @@
 // The engine frame: samples in, objects created, a position for every aircraft every 10 ms.
 #include "live/internal.h"
+#include "parking/parking.h"
 
 #include <algorithm>
 #include <atomic>
@@ -440,8 +441,11 @@ struct EventHandler {
     void operator()(const sim::LiveCreated& ev) const { onLiveCreated(ev); }
     void operator()(const sim::StaticCreated& ev) const {
         gEngine.pending.push_back({ev.objectId, ev.hexid, true, 0});
+        parking::onStaticCreated(ev.hexid, ev.objectId);
     }
-    void operator()(const sim::ObjectRemoved& ev) const { onRemoved(ev.objectId); }
+    void operator()(const sim::ObjectRemoved& ev) const {
+        if (!parking::onObjectRemoved(ev.objectId)) onRemoved(ev.objectId);
+    }
     void operator()(const sim::ForeignInRange& ev) const {
         if (LiveAc* ac = findByObjectId(ev.objectId))
             inRangeReport(*ac, ev.onGround, ev.groundAltitude, ev.heightAgl);
@@ -554,8 +558,27 @@ void pace() {
         e.removeQueue.erase(e.removeQueue.begin());
         ++e.removed;
     }
+    if (!parking::gParking.removals.empty()) {
+        e.removeQueue.insert(e.removeQueue.end(), parking::gParking.removals.begin(),
+                             parking::gParking.removals.end());
+        parking::gParking.removals.clear();
+    }
     if (e.tick % 50 == 0) {
-        auto* queue = !e.spawnQueue.empty() ? &e.spawnQueue : &e.staticSpawnQueue;
+        const bool liveWaiting = !e.spawnQueue.empty();
+        auto* queue = liveWaiting ? &e.spawnQueue : &e.staticSpawnQueue;
+        // A live aircraft never waits for a static one: statics are prepared only on a free turn.
+        if (!liveWaiting)
+            if (auto c = parking::nextStatic()) {
+                SpawnRequest r;
+                r.init.Latitude = c->latitude, r.init.Longitude = c->longitude,
+                r.init.Altitude = c->altitudeFt;
+                r.init.Heading = c->headingDeg;
+                r.init.OnGround = 1;
+                r.callsign = std::move(c->callsign);
+                r.livery = c->title;
+                r.hexid = c->hexid;
+                e.staticSpawnQueue.push_back(std::move(r));
+            }
         if (!queue->empty()) {
             const auto& r = queue->front();
             sim::CreateRecord c;

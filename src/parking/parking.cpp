@@ -1,12 +1,14 @@
 #include "parking/parking.h"
 
 #include <algorithm>
+#include <cmath>
 #include <set>
 
 #include <fmt/format.h>
 
 #include "core/core.h"
 #include "params/params.h"
+#include "sim/sim.h"
 
 namespace orv::parking {
 
@@ -23,14 +25,215 @@ bool isCode(const std::string& token) {
 
 } // namespace
 
-bool checkParkAirports() {
+namespace {
+
+namespace af = airportfile;
+
+// The stand under the user, cached while the user stays put.
+struct UserStandCache {
+    double latitude = 1000, longitude = 1000;
+    bool onGround = false;
+    std::string stand;
+} userStandCache;
+
+constexpr double kUserStandNm = 0.029697624190064796; // 55 m
+
+fs::path parkAirportsFile() {
+    return core::gPaths.programFolder / "airports" / params::names::kMyParkAirports;
+}
+
+// Writes the head of the list back to the file: its line first, the others sorted, no doubles.
+void updateParkAirportsFile() {
+    if (listed.empty()) return;
+    const auto& head = listed.front();
+    const std::string code(head.code.view());
+    const std::string line =
+        head.reservedStand.empty() ? code : fmt::format("{},{}", code, head.reservedStand);
+    const fs::path file = parkAirportsFile();
+    const std::string name = file.filename().string();
+    std::vector<std::string> lines;
+    std::error_code ec;
+    if (!fs::exists(file, ec)) {
+        fs::create_directories(file.parent_path(), ec);
+        if (core::writeText(line, file, true)) core::log(fmt::format("{} created with {}", name, line));
+        return;
+    }
+    (void)core::readAllLines(file, lines, 64);
+    bool found = false;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        const auto tokens = core::splitList(lines[i]);
+        if (!tokens.empty() && core::trim(tokens[0]) == code) {
+            if (!found) core::log(fmt::format("{}:{} updated stand", name, i + 1));
+            lines[i].clear();
+            found = true;
+        }
+    }
+    if (!found) core::log(fmt::format("{}:{} new entry", name, lines.size() + 1));
+    std::vector<std::string> rest;
+    for (auto& l : lines)
+        if (!core::trim(l).empty()) rest.push_back(core::trim(l));
+    std::sort(rest.begin(), rest.end());
+    rest.erase(std::unique(rest.begin(), rest.end()), rest.end());
+    std::string text = line;
+    for (const auto& l : rest) text += "\n" + l;
+    if (!core::writeText(text, file, true)) core::log(fmt::format("Failed to write {}", file.string()));
+}
+
+void searchParkAirport(const sim::UserPosition& user) {
+    auto& P = gParking;
+    if (user.onGround) {
+        const auto closest = refdata::closestAirport(user.latitude, user.longitude);
+        if (!closest) {
+            core::log("User aircraft on the ground, no RT supported airport in sight");
+            return;
+        }
+        const auto text = fmt::format("User aircraft on the ground at {}", closest->code.view());
+        if (!af::hasApf(closest->code)) {
+            core::log(text + ", no airport file found");
+            return;
+        }
+        core::log(text);
+        if (!setParkAirport(closest->code)) return;
+    } else {
+        if (listed.empty()) return;
+        const auto& head = listed.front();
+        if (head.distance > params::parameter<params::IntParameter>("AIRP_RANGE").value ||
+            user.altitude > params::gParams.AIRP_HEIGHT.load())
+            return;
+        if (!setParkAirport(head.code)) return;
+        core::log(fmt::format("{} in sight at {:.1F} nm", head.code.view(), head.distance));
+    }
+    P.pendingLoad = true;
+    core::log("Calculating static parked aircraft ...");
+}
+
+} // namespace
+
+std::string userStand(core::LatLon user, bool onGround) {
+    auto& c = userStandCache;
+    if (c.latitude == user.latitude && c.longitude == user.longitude && c.onGround == onGround)
+        return c.stand;
+    c = {user.latitude, user.longitude, onGround, {}};
+    if (!onGround) return {};
+    double best = kUserStandNm;
+    for (const auto& s : af::gPark.stands) {
+        const double d = core::distanceNm(user.latitude, user.longitude, s.latitude, s.longitude);
+        if (d <= best) best = d, c.stand = s.id;
+    }
+    return c.stand;
+}
+
+bool setParkAirport(const refdata::AirportCode& code) {
+    const auto* record = refdata::airportRecord(code);
+    if (!record) {
+        af::gPark.code = {};
+        return false;
+    }
+    af::gPark.code = code;
+    af::gPark.position = {record->latitude, record->longitude};
+    core::log(fmt::format("\nThe park airport is {}", code.view()));
     return true;
 }
+
+std::string readParkedFile() {
+    auto& P = gParking;
+    af::gPark.stands.clear();
+    const auto xml = af::findApf(af::gPark.code);
+    if (xml.empty()) return fmt::format("{} {} not found", "readParkedFile", af::gPark.code.view());
+    af::gPark.airport = {};
+    if (auto err = af::readApf(xml); !err.empty()) return err;
+    std::string under;
+    if (const auto user = sim::userPosition())
+        under = userStand({user->latitude, user->longitude}, user->onGround);
+    if (!listed.empty() && listed.front().code == af::gPark.code) {
+        if (!under.empty() && under != listed.front().reservedStand) {
+            listed.front().reservedStand = under;
+            updateParkAirportsFile();
+        }
+    } else if (!under.empty()) {
+        listed.insert(listed.begin(), {under, af::gPark.position.latitude, af::gPark.position.longitude, 0.0,
+                                       af::gPark.code});
+        updateParkAirportsFile();
+    }
+    af::gPark.stands.shrink_to_fit();
+    af::gPark.updateCount = 0;
+    P.reservedStand.clear();
+    if (!listed.empty() && listed.front().code == af::gPark.code) {
+        const auto& r = listed.front().reservedStand;
+        if (std::any_of(af::gPark.stands.begin(), af::gPark.stands.end(),
+                        [&](const af::Stand& s) { return s.id == r; }))
+            P.reservedStand = r;
+    }
+    return {};
+}
+
+void parkAirportTick(bool) {
+    auto& P = gParking;
+    if (P.loading && P.stack.empty()) P.loading = false;
+    if (P.pendingLoad) {
+        P.pendingLoad = false;
+        if (auto err = readParkedFile(); !err.empty()) {
+            core::log(err);
+            leaveParkAirport();
+        } else {
+            calcStatics();
+        }
+        return;
+    }
+    const auto user = sim::userPosition();
+    if (!user || (std::fabs(user->latitude) < 0.0001 && std::fabs(user->longitude) < 0.0001)) return;
+    refreshDistances({user->latitude, user->longitude});
+    if (af::gPark.code.empty()) {
+        searchParkAirport(*user);
+        return;
+    }
+    if (user->onGround) return;
+    const double distance = core::distanceNm({user->latitude, user->longitude}, af::gPark.position);
+    const bool inSight = distance <= params::parameter<params::IntParameter>("AIRP_RANGE").value &&
+                         user->altitude <= params::gParams.AIRP_HEIGHT.load();
+    if (inSight) {
+        if (listed.empty() || listed.front().code == af::gPark.code) return;
+        const auto& head = listed.front();
+        if (head.distance <= params::parameter<params::IntParameter>("AIRP_RANGE").value &&
+            head.distance < distance) {
+            core::log(
+                fmt::format("\n{} {} is in sight ({:.1F} nm), parked aircraft at {} will be removed first",
+                            core::timeText(), head.code.view(), head.distance, af::gPark.code.view()));
+            leaveParkAirport();
+        }
+        return;
+    }
+    core::log(fmt::format("\n{} {} is out of sight ({:.1F} nm), parked aircraft will be removed",
+                          core::timeText(), af::gPark.code.view(), distance));
+    leaveParkAirport();
+}
+
+bool checkParkAirports() {
+    const std::string before = gParking.reservedStand;
+    if (!readMyParkAirports()) return false;
+    if (!af::gPark.code.empty() && !listed.empty() && listed.front().code == af::gPark.code &&
+        listed.front().reservedStand != before) {
+        core::log(
+            fmt::format("reserved stand changed from '{}' to '{}'", before, listed.front().reservedStand));
+        gParking.reservedStand = listed.front().reservedStand;
+        return false;
+    }
+    return true;
+}
+
 void followUp() {}
-void idleRefresh() {}
-void recalculate() {}
+void idleRefresh() {
+    parkAirportTick();
+}
+void recalculate() {
+    if (params::gParams.INITIAL_LOAD_ONLY) return;
+    adjustStatics();
+}
 void saveUserStand() {}
-void reset() {}
+void reset() {
+    gParking.reset();
+    userStandCache = {};
+}
 
 bool readMyParkAirports() {
     constexpr std::size_t kManyAirports = 3000;

@@ -1,0 +1,163 @@
+#include <atomic>
+#include <map>
+#include <thread>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <pugixml.hpp>
+
+#include "airportfile/airportfile.h"
+#include "core/core.h"
+#include "params/params.h"
+#include "parking/parking.h"
+#include "program_home.h"
+#include "recording.h"
+#include "scenario.h"
+#include "support.h"
+
+namespace orv {
+namespace {
+
+namespace af = airportfile;
+
+TEST(StaticParkingTest, FitHoursAndWantedPositions) {
+    struct Fit {
+        int steps;
+        double hours;
+    };
+    for (const auto& f : {Fit{0, 0.5}, Fit{1, 1.0}, Fit{9, 5.0}, Fit{10, 6}, Fit{11, 6}, Fit{25, 12},
+                          Fit{26, 15}, Fit{43, 21}, Fit{44, 24}, Fit{47, 24}})
+        EXPECT_EQ(parking::fitHours(f.steps), f.hours) << f.steps;
+
+    struct Wanted {
+        int stands, percentage, maxPark, wanted;
+    };
+    const Wanted cases[] = {{2, 30, 500, 1},    {3, 50, 500, 2},    {4, 30, 500, 1}, {1, 10, 500, 1},
+                            {199, 30, 500, 60}, {199, 100, 50, 50}, {199, 100, 0, 0}};
+    for (const auto& c : cases) {
+        af::gPark.stands.assign(static_cast<std::size_t>(c.stands), {});
+        params::set(params::parameter<params::ChoiceIntParameter>("parking_percentage"), c.percentage,
+                    params::Save::no);
+        params::set(params::parameter<params::ChoiceIntParameter>("MAX_PARK_SEL"), c.maxPark,
+                    params::Save::no);
+        EXPECT_EQ(parking::wantedPositions(), c.wanted) << c.stands << " stands at " << c.percentage << "%";
+    }
+    af::gPark.reset();
+    params::set(params::parameter<params::ChoiceIntParameter>("parking_percentage"), 30, params::Save::no);
+    params::set(params::parameter<params::ChoiceIntParameter>("MAX_PARK_SEL"), 500, params::Save::no);
+}
+
+// The user parks at KMSP; the data site serves the stock file; statics come and go with the
+// made-up traffic week over a day, and go when the user flies away.
+class ParkAirportScenario : public test::ProgramHome {
+  protected:
+    void SetUp() override {
+        ProgramHome::SetUp();
+        const fs::path site = dir.path() / "site";
+        ASSERT_EQ(
+            tools::airportsMain("site", {site.string(), "--data", std::string(ORV_SOURCE_DIR) + "/data"}), 0);
+        server.set_mount_point("/", site.string());
+        server.set_logger([this](const httplib::Request& r, const httplib::Response&) {
+            if (r.path.find("KMSP.xml") != std::string::npos) ++asked;
+        });
+        port = server.bind_to_any_port("127.0.0.1");
+        thread = std::thread([this] { server.listen_after_bind(); });
+        params::set(params::parameter<params::StringParameter>("DATA_SITE"),
+                    fmt::format("http://127.0.0.1:{}/", port), params::Save::no);
+        pugi::xml_document doc;
+        ASSERT_TRUE(doc.load_file((site / "downloads/MSFS/archive/stock/KMSP.xml").c_str()));
+        stands = af::readStands(doc, 1);
+        af::numberAndLinkStands(stands);
+    }
+    void TearDown() override {
+        server.stop();
+        thread.join();
+        params::set(params::parameter<params::StringParameter>("DATA_SITE"), "", params::Save::no);
+        ProgramHome::TearDown();
+    }
+    const af::Stand& standAt(double lat, double lon, double& metres) const {
+        const af::Stand* best = &stands.front();
+        metres = 1e9;
+        for (const auto& s : stands) {
+            const double d = core::distanceNm(lat, lon, s.latitude, s.longitude) * core::kMetresPerNm;
+            if (d < metres) metres = d, best = &s;
+        }
+        return *best;
+    }
+
+    httplib::Server server;
+    std::thread thread;
+    int port = 0;
+    std::atomic<int> asked{0};
+    std::vector<af::Stand> stands;
+};
+
+TEST_F(ParkAirportScenario, StaticsFollowTheScheduleAndLeaveWithTheUser) {
+    const af::Stand* userStand = nullptr;
+    for (const auto& s : stands)
+        if (s.id == "E1") userStand = &s;
+    ASSERT_TRUE(userStand);
+    constexpr double kDaySeconds = 24 * 3600.0;
+    scenario::Config c;
+    c.airport = "KMSP";
+    c.titles = titles;
+    c.runSeconds = kDaySeconds + 15 * 60;
+    c.parking.on = true;
+    c.parking.user.latitude = userStand->latitude;
+    c.parking.user.longitude = userStand->longitude;
+    c.parking.user.altitudeFt = 841;
+    // After a day parked, it flies off north-west to 40 nm at 300 kt.
+    c.parking.user.path = {{userStand->latitude, userStand->longitude, 841},
+                           {userStand->latitude + 0.01, userStand->longitude, 841},
+                           {userStand->latitude + 0.6, userStand->longitude - 0.6, 6000}};
+    c.parking.user.speedKts = 300;
+    c.parking.user.departAtSeconds = kDaySeconds;
+    struct Check {
+        double t;
+        std::size_t planned, active;
+    };
+    std::vector<Check> checks;
+    c.parking.onSecond = [&](double t) {
+        // Two and a half minutes after each adjustment its stack has been worked off.
+        if (static_cast<long>(t) % 1200 == 150 && af::gPark.code == refdata::AirportCode("KMSP")) {
+            std::size_t active = 0;
+            for (const auto& a : parking::gParking.statics) active += a.state == 2;
+            checks.push_back({t, parking::gParking.planned, active});
+        }
+    };
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    EXPECT_GE(asked.load(), 1) << "the site was asked for KMSP.xml";
+    EXPECT_TRUE(log.contains("The park airport is KMSP"));
+
+    // Each static on its stand, never on the user's, never beside another at the same time.
+    std::size_t statics = 0, removedBeforeLeaving = 0;
+    std::map<std::uint32_t, std::vector<const emu::ObjectRecord*>> byStand;
+    for (const auto& o : r.objects) {
+        double metres = 0;
+        const auto& s = standAt(o.now.latitude, o.now.longitude, metres);
+        ++statics;
+        EXPECT_LT(metres, 1.0) << o.tail;
+        EXPECT_LT(std::fabs(core::angleDiff(o.now.heading, s.headingRad)) * core::kDegPerRad, 2.0) << o.tail;
+        EXPECT_NE(s.id, userStand->id) << o.tail << " on the reserved stand";
+        if (o.removedAt >= 0 && o.removedAt < kDaySeconds) ++removedBeforeLeaving;
+        EXPECT_GE(o.removedAt, 0.0) << o.tail << " still there after the user left";
+        byStand[s.number].push_back(&o);
+    }
+    for (const auto& [number, objects] : byStand)
+        for (const auto n : stands[number - 1].adjacent)
+            for (const auto* a : objects)
+                for (const auto* b : byStand[n])
+                    EXPECT_FALSE(a->createdAt < b->removedAt && b->createdAt < a->removedAt)
+                        << a->tail << " and " << b->tail << " on adjacent stands at once";
+    EXPECT_GT(statics, 60u);
+    EXPECT_GT(removedBeforeLeaving, 10u) << "statics leave with the schedule";
+    ASSERT_GE(checks.size(), 60u);
+    for (const auto& k : checks) EXPECT_EQ(k.active, k.planned) << "at " << k.t << " s";
+    EXPECT_TRUE(log.contains("is out of sight"));
+    std::printf("%zu statics in a day, %zu left before the user did\n", statics, removedBeforeLeaving);
+}
+
+} // namespace
+} // namespace orv
