@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 #include <httplib.h>
+#include <pugixml.hpp>
 
 #include "airportfile/airportfile.h"
 #include "core/core.h"
@@ -158,8 +159,14 @@ int siteMain(const std::vector<std::string>& args) {
         const auto apf = stockAirport(data, r[0], fleet);
         std::size_t options = 0;
         for (const auto& s : apf.stands) options += s.options.size();
-        if (!af::writeApf(apf, stock / (r[0] + ".xml"), af::WriteMode::Archived, af::SimVersion::Msfs2020))
-            throw std::runtime_error(fmt::format("cannot write {}", (stock / (r[0] + ".xml")).string()));
+        const fs::path file = stock / (r[0] + ".xml");
+        if (!af::writeApf(apf, file, af::WriteMode::Archived, af::SimVersion::Msfs2020))
+            throw std::runtime_error(fmt::format("cannot write {}", file.string()));
+        // What the program will read: every stand, under an id of its own.
+        pugi::xml_document doc;
+        if (!doc.load_file(file.c_str()) || af::readStands(doc, 1).size() != apf.stands.size())
+            throw std::runtime_error(
+                fmt::format("{} does not read back with its {} stands", file.string(), apf.stands.size()));
         std::cout << fmt::format("{}: {} stands, {} flights\n", r[0], apf.stands.size(), options);
     }
     std::error_code ec;

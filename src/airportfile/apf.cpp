@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <numeric>
 #include <set>
 #include <sstream>
 #include <tuple>
@@ -199,16 +200,31 @@ void numberAndLinkStands(std::vector<Stand>& stands) {
         stands[i].adjacent.clear();
         stands[i].adjacent.reserve(8);
     }
-    for (std::size_t a = 0; a < stands.size(); ++a)
-        for (std::size_t b = a + 1; b < stands.size(); ++b) {
-            const double d = core::distanceNm(stands[a].latitude, stands[a].longitude, stands[b].latitude,
-                                              stands[b].longitude);
-            if (stands[a].radiusNm + stands[b].radiusNm > kAdjacentFactor * d) {
-                stands[a].adjacent.push_back(stands[b].number);
-                stands[b].adjacent.push_back(stands[a].number);
+    // Pairs are looked for in order of latitude: two stands further apart north to south than
+    // the largest two radii can't overlap, so each stand meets only its neighbours.
+    std::vector<std::size_t> byLatitude(stands.size());
+    std::iota(byLatitude.begin(), byLatitude.end(), std::size_t{0});
+    std::sort(byLatitude.begin(), byLatitude.end(),
+              [&](std::size_t a, std::size_t b) { return stands[a].latitude < stands[b].latitude; });
+    double largest = 0;
+    for (const auto& s : stands) largest = std::max(largest, s.radiusNm);
+    const double reachDeg = 2 * largest / kAdjacentFactor / 60.0;
+    for (std::size_t i = 0; i < byLatitude.size(); ++i) {
+        auto& a = stands[byLatitude[i]];
+        for (std::size_t j = i + 1; j < byLatitude.size(); ++j) {
+            auto& b = stands[byLatitude[j]];
+            if (b.latitude - a.latitude > reachDeg) break;
+            const double d = core::distanceNm(a.latitude, a.longitude, b.latitude, b.longitude);
+            if (a.radiusNm + b.radiusNm > kAdjacentFactor * d) {
+                a.adjacent.push_back(b.number);
+                b.adjacent.push_back(a.number);
             }
         }
-    for (auto& s : stands) s.options.shrink_to_fit();
+    }
+    for (auto& s : stands) {
+        std::sort(s.adjacent.begin(), s.adjacent.end());
+        s.options.shrink_to_fit();
+    }
 }
 
 std::pair<std::int32_t, std::int32_t> qualityFactors(const std::vector<Stand>& stands) {
