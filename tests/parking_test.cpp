@@ -48,6 +48,23 @@ TEST(StaticParkingTest, FitHoursAndWantedPositions) {
     params::set(params::parameter<params::ChoiceIntParameter>("MAX_PARK_SEL"), 500, params::Save::no);
 }
 
+TEST(StaticParkingTest, TheUsersStandIsTheNearestWithin55Metres) {
+    af::gPark.reset();
+    af::Stand a;
+    a.id = "A1", a.latitude = 44.88, a.longitude = -93.2;
+    af::gPark.stands = {a};
+    struct Case {
+        double metresNorth;
+        bool onGround;
+        const char* stand;
+    };
+    for (const auto& c : {Case{54, true, "A1"}, Case{56, true, ""}, Case{10, false, ""}, Case{0, true, "A1"}})
+        EXPECT_EQ(parking::userStand({44.88 + c.metresNorth / 1852.0 / 60.0, -93.2}, c.onGround), c.stand)
+            << c.metresNorth << " m, on the ground " << c.onGround;
+    af::gPark.reset();
+    parking::reset();
+}
+
 // The user parks at KMSP; the data site serves the stock file; statics come and go with the
 // made-up traffic week over a day, and go when the user flies away.
 class ParkAirportScenario : public test::ProgramHome {
@@ -143,6 +160,7 @@ TEST_F(ParkAirportScenario, StaticsFollowTheScheduleAndLeaveWithTheUser) {
         EXPECT_NE(s.id, userStand->id) << o.tail << " on the reserved stand";
         if (o.removedAt >= 0 && o.removedAt < kDaySeconds) ++removedBeforeLeaving;
         EXPECT_GE(o.removedAt, 0.0) << o.tail << " still there after the user left";
+        EXPECT_TRUE(o.released) << o.tail << ": the simulator's AI never had it";
         byStand[s.number].push_back(&o);
     }
     for (const auto& [number, objects] : byStand)
@@ -156,6 +174,10 @@ TEST_F(ParkAirportScenario, StaticsFollowTheScheduleAndLeaveWithTheUser) {
     ASSERT_GE(checks.size(), 60u);
     for (const auto& k : checks) EXPECT_EQ(k.active, k.planned) << "at " << k.t << " s";
     EXPECT_TRUE(log.contains("is out of sight"));
+    std::vector<std::string> lines;
+    (void)core::readAllLines(core::gPaths.programFolder / "airports/my_park_airports.txt", lines, 4);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front(), "KMSP,E1") << "the user's stand is kept for the next visit";
     std::printf("%zu statics in a day, %zu left before the user did\n", statics, removedBeforeLeaving);
 }
 

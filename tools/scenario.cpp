@@ -21,6 +21,7 @@
 #include "core/core.h"
 #include "core/geo.h"
 #include "feed/feed.h"
+#include "live/internal.h"
 #include "live/live.h"
 #include "liveries/internal.h"
 #include "params/params.h"
@@ -145,6 +146,7 @@ Result run(const Config& config) {
 
     resetAll();
     live::reserveContainers();
+    parking::gParking.live.callsignInUse = live::callsignInUse;
     feed::gQnh = config.qnh;
     feed::TrafficArea area;
     area.reference = {airport->latitude, airport->longitude};
@@ -169,8 +171,24 @@ Result run(const Config& config) {
     const double recordingStart = first;
     std::string burstLine;
     const auto frames = static_cast<std::int64_t>(std::llround(config.runSeconds * 100));
+    // A second in which nothing can happen (parking runs with no traffic, no statics to make or
+    // remove, no aircraft in the engine) is run as one frame: a day of static parking would
+    // otherwise cost 8.6 million frames.
+    const auto idleSecond = [&](std::int64_t k, double t) {
+        if (!config.parking.on || k % 100 != 0 || !core::gRun.simRunning || config.onFrame) return false;
+        if (next < lines.size() && lines[next].time <= t + 1.0) return false;
+        const auto& e = live::gEngine;
+        if (!e.liveTable.empty() || !e.spawnQueue.empty() || !e.staticSpawnQueue.empty() ||
+            !e.removeQueue.empty() || !e.pending.empty())
+            return false;
+        const auto& P = parking::gParking;
+        if (!P.stack.empty() || !P.removals.empty() || P.pendingLoad) return false;
+        return std::all_of(P.statics.begin(), P.statics.end(),
+                           [](const parking::StaticAc& a) { return a.state == 2; });
+    };
     for (std::int64_t k = 0; k < frames; ++k) {
         const double t = static_cast<double>(k) / 100.0;
+        const bool skipSecond = idleSecond(k, t) && k + 100 <= frames;
         sim::pollOnce();
         pump();
         if (core::gRun.simRunning) {
@@ -193,6 +211,7 @@ Result run(const Config& config) {
             }
             if (t >= config.burst.fromSeconds && t < config.burst.toSeconds)
                 feedBurst(config, airport, recordingStart + config.fromSeconds + t, k, burstLine);
+            if (skipSecond) core::gRun.engineTick.fetch_add(99, std::memory_order_relaxed);
             live::engineFrame();
             if (k % 100 == 0) live::writeFlightPlans(); // as the one-second step does
             if (config.parking.on && k % 100 == 0) {
@@ -208,8 +227,10 @@ Result run(const Config& config) {
         }
         sim::pollOnce();
         pump();
-        emulator.advanceTo(t + 0.01);
-        if (clock) clock->advance(std::chrono::milliseconds(10));
+        const int step = skipSecond ? 100 : 1;
+        emulator.advanceTo(t + 0.01 * step);
+        if (clock) clock->advance(std::chrono::milliseconds(10 * step));
+        k += step - 1;
     }
     result.objects = emulator.objects();
     result.noMatch = live::noMatchList();

@@ -255,6 +255,8 @@ using FlightLookup = std::function<std::optional<std::pair<std::string, std::str
 void setFlightLookup(FlightLookup lookup);
 void writeFlightPlans(); // the flight plan files of the aircraft created or removed since the last call
 void publishCallsignLookup();
+// Whether a live aircraft flies under this callsign; on the worker thread, as the engine.
+bool callsignInUse(std::string_view callsign);
 void collisionChecks();
 void duplicatesSweep();
 void clearGhosts();

@@ -78,6 +78,11 @@ void onRemoved(std::uint32_t objectId) {
     t.erase(it);
 }
 
+bool callsignInUse(std::string_view callsign) {
+    const auto& t = gEngine.liveTable;
+    return std::any_of(t.begin(), t.end(), [&](const LiveAc& ac) { return ac.callsign == callsign; });
+}
+
 void onBlocked(std::uint32_t hexid) {
     LiveAc* ac = findByHexid(hexid);
     if (!ac) return;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <mutex>
 #include <set>
 
 #include <fmt/format.h>
@@ -221,9 +222,36 @@ bool checkParkAirports() {
     return true;
 }
 
-void followUp() {}
+namespace {
+std::mutex statusLock;
+ParkStatus published; // guarded by statusLock
+} // namespace
+
+void publishStatus() {
+    ParkStatus s;
+    if (!af::gPark.code.empty()) {
+        s.airport = std::string(af::gPark.code.view());
+        s.quality = af::qualityText(af::gPark.qfReal, af::gPark.qfSoft);
+        s.reservedStand = gParking.reservedStand;
+        for (const auto& a : gParking.statics) s.statics += a.state == 2;
+        s.planned = gParking.planned;
+        s.percentage = gParking.shownPercentage;
+    }
+    std::lock_guard lock(statusLock);
+    published = std::move(s);
+}
+
+ParkStatus parkStatus() {
+    std::lock_guard lock(statusLock);
+    return published;
+}
+
+void followUp() {
+    publishStatus();
+}
 void idleRefresh() {
     parkAirportTick();
+    publishStatus();
 }
 void recalculate() {
     if (params::gParams.INITIAL_LOAD_ONLY) return;
@@ -233,6 +261,7 @@ void saveUserStand() {}
 void reset() {
     gParking.reset();
     userStandCache = {};
+    publishStatus();
 }
 
 bool readMyParkAirports() {

@@ -110,4 +110,13 @@ void onStaticCreated(std::uint32_t hexid, std::uint32_t objectId);
 bool onObjectRemoved(std::uint32_t objectId); // true when it was a static aircraft
 std::string userStand(core::LatLon user, bool onGround);
 
+// What the status display shows of static parking: published by the worker, read by front ends.
+struct ParkStatus {
+    std::string airport, quality, reservedStand;
+    std::size_t statics = 0, planned = 0;
+    std::int32_t percentage = 0;
+};
+void publishStatus();
+ParkStatus parkStatus();
+
 } // namespace orv::parking

@@ -14,6 +14,7 @@
 #include "live/live.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
+#include "parking/parking.h"
 #include "platform/platform.h"
 #include "refdata/refdata.h"
 #include "run/run.h"
@@ -45,10 +46,20 @@ void printStatus() {
         return;
     }
     const auto live = live::liveCounts();
+    const auto park = parking::parkStatus();
+    const std::string parkText =
+        park.airport.empty()
+            ? std::string("; no park airport")
+            : fmt::format(
+                  "; park airport {} (quality {}): {} static aircraft of {} planned{}", park.airport,
+                  core::trim(park.quality).empty() ? std::string("not known yet") : core::trim(park.quality),
+                  park.statics, park.planned,
+                  park.reservedStand.empty() ? std::string()
+                                             : fmt::format(", stand {} kept free", park.reservedStand));
     std::cout << fmt::format(
                      "[{}] simulator: {}{}; {} liveries; RealTraffic: {}; traffic lines {} (queued {}, "
                      "dropped {}, ignored {}, failed {}{}), engine took {}; live aircraft: {} active, {} "
-                     "waiting, {} being created, {} leaving; weather: {}",
+                     "waiting, {} being created, {} leaving; weather: {}{}",
                      core::timeText(), simText.empty() ? "waiting" : simText,
                      user ? fmt::format(", user at {:.4f},{:.4f} near {}", user->latitude, user->longitude,
                                         sim::nearestArea())
@@ -66,7 +77,8 @@ void printStatus() {
                                      : std::string()),
                      live::samplesTaken(), live.active, live.buffered, live.creating, live.leaving,
                      feed::gQnhReader.received ? fmt::format("QNH {} hPa", feed::gQnh.load())
-                                               : std::string("none yet"))
+                                               : std::string("none yet"),
+                     parkText)
               << std::endl;
 }
 

@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 
-#include "airportfile/airportfile.h"
 #include "core/core.h"
 #include "feed/feed.h"
 #include "live/live.h"
@@ -160,6 +159,7 @@ void installHooks() {
         live::resetSamplesTaken();
     });
     sim::setOnUserLeaving([] { parking::saveUserStand(); });
+    parking::gParking.live.callsignInUse = live::callsignInUse;
 }
 
 void startUpORVL() {
