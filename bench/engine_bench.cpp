@@ -17,6 +17,7 @@
 #include "core/core.h"
 #include "core/geo.h"
 #include "feed/feed.h"
+#include "fill.h"
 #include "live/internal.h"
 #include "params/params.h"
 #include "refdata/refdata.h"
@@ -70,10 +71,14 @@ struct Home {
     }
 };
 
+} // namespace
+
+namespace orv::bench {
+
 // Aircraft spread over 40 nm, each on a straight track with a point every 8 s for 20 minutes; the
 // first `taxiing` of them on the ground instead, zig-zagging at 15 kt with a turn every 100 m, so
 // that every segment is a curve.
-void fillTable(std::mt19937& rng, int taxiing) {
+void fillLiveTable(std::mt19937& rng, int taxiing) {
     live::reset();
     reserveContainers();
     sim::reset();
@@ -122,12 +127,18 @@ void fillTable(std::mt19937& rng, int taxiing) {
     }
 }
 
+} // namespace orv::bench
+
+namespace {
+
+using orv::bench::fillLiveTable;
+
 // churn: every 10 frames the simulator removes a record from the middle of the table and a new
 // aircraft arrives, the paced rates of removal and more than those of creation.
 void engineFrames(benchmark::State& state, int taxiing, bool churn = false) {
     static Home home;
     std::mt19937 rng(42);
-    fillTable(rng, taxiing);
+    fillLiveTable(rng, taxiing);
     // Room for all of them, so that the buffer's arrivals do not push the farthest ones out.
     const int maxLive = params::gParams.MAX_LIVE_SEL;
     params::gParams.MAX_LIVE_SEL = 2 * kAircraft;

@@ -11,6 +11,7 @@
 
 #include "airportfile/airportfile.h"
 #include "core/core.h"
+#include "fill.h"
 #include "live/internal.h"
 #include "params/params.h"
 #include "parking/parking.h"
@@ -171,15 +172,14 @@ void BM_ReadAirportFile1000Stands(benchmark::State& state) {
 }
 BENCHMARK(BM_ReadAirportFile1000Stands)->Unit(benchmark::kMillisecond);
 
-// The engine frame while 300 statics are made one each 50 frames and removed again, with no live
-// aircraft: what the statics add to a frame, at its worst.
-void BM_EngineFrameWhile300StaticsComeAndGo(benchmark::State& state) {
+// The engine frame with 1,000 live aircraft in flight while 300 statics are made, one each 50
+// frames, and removed again.
+void BM_EngineFrame1000LiveWhile300StaticsComeAndGo(benchmark::State& state) {
     platform::setClock(&wednesday);
     loadEham();
     params::set(params::parameter<params::ChoiceIntParameter>("MAX_PARK_SEL"), 500, params::Save::no);
-    live::reset();
-    live::reserveContainers();
-    sim::reset();
+    std::mt19937 rng(42);
+    orv::bench::fillLiveTable(rng, 0);
     parking::calcStatics();
     auto& P = parking::gParking;
     while (P.stack.size() < 300 && !P.stack.empty()) P.stack.push_back(P.stack[P.stack.size() % 50]);
@@ -214,7 +214,7 @@ void BM_EngineFrameWhile300StaticsComeAndGo(benchmark::State& state) {
     parking::reset();
     platform::setClock(nullptr);
 }
-BENCHMARK(BM_EngineFrameWhile300StaticsComeAndGo)
+BENCHMARK(BM_EngineFrame1000LiveWhile300StaticsComeAndGo)
     ->UseManualTime()
     ->Iterations(16000)
     ->Unit(benchmark::kMicrosecond);

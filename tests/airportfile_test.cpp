@@ -7,6 +7,7 @@
 
 #include "airportfile/airportfile.h"
 #include "core/core.h"
+#include "liveries/liveries.h"
 #include "params/params.h"
 #include "program_home.h"
 #include "support.h"
@@ -440,6 +441,152 @@ TEST_F(DataSiteTest, TheParkAirportsFileComesFromTheSiteOrTheReasonIsLogged) {
     EXPECT_NE(why.find("larger than 1000 bytes"), std::string::npos) << why;
     EXPECT_EQ(test::readBytes(kept), "good");
     EXPECT_FALSE(leftovers());
+}
+
+} // namespace
+} // namespace orv
+
+namespace orv {
+namespace {
+
+namespace af = airportfile;
+
+class LearningTest : public test::ProgramHome {
+  protected:
+    void SetUp() override {
+        ProgramHome::SetUp();
+        af::gPark.reset();
+        af::gPark.code = refdata::AirportCode("KMSP");
+        af::Stand g11;
+        g11.id = "G11", g11.latitude = 44.880426, g11.longitude = -93.209817,
+        g11.radiusNm = 20 * af::kNmPerMetre;
+        af::Stand f8 = g11;
+        f8.id = "F8", f8.latitude = 44.8831412;
+        af::gPark.stands = {g11, f8};
+        af::numberAndLinkStands(af::gPark.stands);
+    }
+    void TearDown() override {
+        af::gPark.reset();
+        ProgramHome::TearDown();
+    }
+    static af::LearnedAircraft n899dn(const char* cs = "DAL1812") {
+        af::LearnedAircraft a;
+        a.reg = "N899DN", a.cs = cs;
+        return a;
+    }
+    static std::vector<std::pair<std::uint32_t, std::string>> options(const af::Stand& s) {
+        std::vector<std::pair<std::uint32_t, std::string>> out;
+        for (const auto& o : s.options) out.emplace_back(o.day, af::bitset2hours(o.hours).value_or("?"));
+        return out;
+    }
+};
+
+TEST_F(LearningTest, AStayOnAStandBecomesOptionsOfItsDayAndHalfHours) {
+    ASSERT_TRUE(liveries::registrationKey("N899DN")) << "the fixture's N899DN livery";
+    using Seen = std::vector<std::pair<af::DayHalfHour, af::LearnKind>>;
+    using K = af::LearnKind;
+    struct Case {
+        const char* name;
+        Seen seen;
+        std::vector<std::pair<std::uint32_t, std::string>> options;
+        int updates;
+    };
+    const Case cases[] = {
+        {"two half hours are one option", {{{3, 2}, K::Arrival}, {{3, 3}, K::FoundAtSpawn}}, {{3, "2:3"}}, 2},
+        {"an arrival and a departure 2 h later",
+         {{{3, 2}, K::Arrival}, {{3, 6}, K::Departure}},
+         {{3, "2:6"}},
+         2},
+        {"over midnight, two days",
+         {{{2, 46}, K::Arrival}, {{3, 1}, K::Departure}},
+         {{2, "46:47"}, {3, "0:1"}},
+         3},
+        {"over Sunday midnight", {{{7, 47}, K::Arrival}, {{1, 0}, K::Departure}}, {{7, "47"}, {1, "0"}}, 3},
+        {"a gap of 6 half hours starts anew",
+         {{{3, 2}, K::Arrival}, {{3, 8}, K::Departure}},
+         {{3, "2"}, {3, "8"}},
+         2},
+        {"the same half hour twice is one update",
+         {{{3, 2}, K::Arrival}, {{3, 2}, K::FoundAtSpawn}},
+         {{3, "2"}},
+         1},
+    };
+    for (const auto& c : cases) {
+        af::gPark.stands[0].options.clear();
+        af::gPark.updateCount = 0;
+        for (const auto& [at, kind] : c.seen) af::addRealStandOption(1, n899dn(), kind, at);
+        EXPECT_EQ(options(af::gPark.stands[0]), c.options) << c.name;
+        EXPECT_EQ(af::gPark.updateCount, c.updates) << c.name;
+    }
+    // An archived option of the same registration that holds the half hour teaches nothing.
+    af::gPark.stands[0].options.clear();
+    af::gPark.updateCount = 0;
+    af::StandOption archived;
+    archived.reg = "N899DN", archived.day = 3, archived.hours = af::hours2bitset("2:7"), archived.real = 1;
+    archived.archived = 1, archived.number = 1;
+    af::gPark.stands[0].options.push_back(archived);
+    af::addRealStandOption(1, n899dn(), K::Arrival, {3, 4});
+    EXPECT_EQ(af::gPark.updateCount, 0);
+    EXPECT_EQ(af::gPark.stands[0].options.size(), 1u);
+    // Unknown registrations and stands are passed over.
+    auto unknown = n899dn();
+    unknown.reg = "N000ZZ";
+    af::addRealStandOption(1, unknown, K::Arrival, {3, 9});
+    af::addRealStandOption(9, n899dn(), K::Arrival, {3, 9});
+    EXPECT_EQ(af::gPark.updateCount, 0);
+}
+
+TEST_F(LearningTest, WhatWasLearnedComesBackOnTheNextVisit) {
+    af::gPark.airport = {"KMSP", "stock", 841};
+    af::gPark.loadedFrom = "airports\\park_airport.xml";
+    af::addRealStandOption(1, n899dn(), af::LearnKind::Arrival, {3, 2});
+    af::addRealStandOption(1, n899dn("DAL2418"), af::LearnKind::Departure, {3, 6});
+    af::gPark.stands[1].radiusNm = 30 * af::kNmPerMetre, af::gPark.stands[1].radiusChange = true;
+    params::set(params::parameter<params::ChoiceIntParameter>("parking_percentage"), 55, params::Save::no);
+    ASSERT_TRUE(af::saveUpdatedApf(af::SimVersion::Msfs2020));
+    EXPECT_TRUE(log.contains("'airports\\learned\\stock\\KMSP.xml' saved with 2 updates"));
+    const fs::path file = core::gPaths.programFolder / "airports/learned/stock/KMSP.xml";
+    ASSERT_TRUE(fs::exists(file));
+
+    // The next visit: the archived stands again, then the learned file over them.
+    const auto merge = [&] {
+        SetUp();
+        af::gPark.airport = {"KMSP", "stock", 841};
+        params::set(params::parameter<params::ChoiceIntParameter>("parking_percentage"), 30,
+                    params::Save::no);
+        af::readLearned("airports\\learned\\stock\\KMSP.xml");
+    };
+    merge();
+    ASSERT_EQ(af::gPark.stands[0].options.size(), 1u);
+    const auto& o = af::gPark.stands[0].options[0];
+    EXPECT_EQ(o.reg + " " + o.cs + ":" + o.cs2, "N899DN DAL1812:DAL2418");
+    EXPECT_EQ(o.day, 3u);
+    EXPECT_EQ(o.archived, 0u);
+    EXPECT_EQ(o.hours, af::hours2bitset("2:6"));
+    EXPECT_TRUE(o.cpl);
+    EXPECT_NEAR(af::gPark.stands[1].radiusNm * 1852.0, 30.0, 1e-9);
+    EXPECT_EQ(params::parameter<params::ChoiceIntParameter>("parking_percentage").value, 55)
+        << "the airport's own setting comes back with it";
+
+    // A file of an older version keeps its stand changes and settings, not its options.
+    auto text = test::readBytes(file);
+    const auto at = text.find("name=\"version\" value=\"");
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at, text.find('"', at + 22) - at, "name=\"version\" value=\"11.9.9");
+    test::writeBytes(file, text);
+    merge();
+    EXPECT_TRUE(af::gPark.stands[0].options.empty());
+    EXPECT_NEAR(af::gPark.stands[1].radiusNm * 1852.0, 30.0, 1e-9);
+    EXPECT_TRUE(log.contains("older ORVL version than 11.10.0"));
+
+    // A broken one is kept as KMSP.0.xml, and the airport stays usable.
+    test::writeBytes(file, "<root><parkpositions><parkpos id=");
+    merge();
+    EXPECT_TRUE(fs::exists(core::gPaths.programFolder / "airports/learned/stock/KMSP.0.xml"));
+    EXPECT_TRUE(log.contains("found, but could not be loaded, saved as *.0.xml"));
+    EXPECT_EQ(af::gPark.stands.size(), 2u);
+    EXPECT_EQ(test::readBytes(core::gPaths.programFolder / "airports/learned/stock/KMSP.0.xml"),
+              "<root><parkpositions><parkpos id=");
 }
 
 } // namespace

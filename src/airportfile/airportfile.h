@@ -115,7 +115,8 @@ struct ParkAirportFile {
     std::int32_t qfReal = -1, qfSoft = -1, rtTrafficWeek = 0;
     std::int32_t updateCount = 0;
     AirportSettings settingsAtLoad;
-    std::string loadedFrom; // the file that was read, relative to the program folder
+    std::string loadedFrom;     // the file that was read, relative to the program folder
+    bool learnedBroken = false; // its learned file did not load: it is kept as *.0.xml
     void reset() { *this = {}; }
 };
 extern ParkAirportFile gPark;
@@ -145,5 +146,33 @@ bool writeApf(const Apf& apf, const fs::path& path, WriteMode mode, SimVersion s
 double closestStand(const refdata::AirportCode& code, core::LatLon position, std::string& standId);
 // Downloads a file of the data site (its path below downloads/MSFS/) to `target`.
 std::string downloadApf(const std::string& xml, const fs::path& target);
+
+// ---- Learning ---------------------------------------------------------------------------------
+
+// Merges the learned file at `path` (relative) into gPark: its settings, stand changes, manual
+// stands and options; a handmade one replaces the stands. A broken one is kept as *.0.xml.
+void readLearned(const std::string& path);
+// Writes what gPark learned to airports/learned/<publisher>/CODE.xml; false when it failed.
+bool saveUpdatedApf(SimVersion sim);
+// The eight settings back to what they were before the park airport's files set them.
+void restoreAirportSettings();
+// Copies NAME.EXT to NAME.0.EXT beside it; false when there was nothing or the copy failed.
+bool save1GenerationOf(const fs::path& path);
+
+// What learning needs of a live aircraft on a stand.
+struct LearnedAircraft {
+    std::string reg, cs;
+    refdata::AirlineId airline = 0;
+    refdata::ModelId type = 0;
+    bool longStay = false; // a cargo stand's stay: options join over up to 12 half hours
+    bool heavy = false;    // 8 half hours; others 6
+};
+enum class LearnKind { Arrival = 0, FoundAtSpawn = 1, Departure = 2, Removed = 3 };
+// A live aircraft seen on a stand at `now`: a new option, or the one it is in grown to now.
+void addRealStandOption(std::uint32_t standNumber, const LearnedAircraft& aircraft, LearnKind kind,
+                        DayHalfHour now);
+bool addOption(Stand& stand, const LearnedAircraft& a, DayHalfHour now, bool completed);
+bool extendOption(Stand& stand, std::size_t index, DayHalfHour prev, DayHalfHour now,
+                  const LearnedAircraft& a, bool completed);
 
 } // namespace orv::airportfile

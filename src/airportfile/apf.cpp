@@ -370,8 +370,10 @@ std::string readApf(const std::string& xml) {
         gPark.settingsAtLoad = currentSettings();
         const auto learned = learnedPath(xml, gPark.airport.publisher);
         if (!learned.empty() && fs::exists(onDisk(learned))) {
-            // Merging what was learned comes with learning; its settings are its own.
-            core::log(fmt::format("learned file {} is not merged", learned));
+            // The learned file brings its own settings: the quality rules don't touch them.
+            readLearned(learned);
+            std::tie(gPark.qfReal, gPark.qfSoft) = qualityFactors(gPark.stands);
+            if (gPark.handmade) core::log("A handmade airport file overruled the archived file!");
         } else {
             core::log("learned does not exist");
             if (gPark.qfReal < 0 && gPark.qfSoft < 0)
@@ -380,7 +382,8 @@ std::string readApf(const std::string& xml) {
         }
         numberAndLinkStands(gPark.stands);
         gPark.loadedFrom = file;
-        core::log(fmt::format("Airport file read from '{}' for {}", xml, gPark.airport.publisher));
+        core::log(fmt::format("Airport file read from '{}' for {}", gPark.handmade ? learned : xml,
+                              gPark.airport.publisher));
         core::log(fmt::format("{:24}: {}", "publisher", gPark.airport.publisher));
         core::log(fmt::format("{:24}: {} ft", "altitude", gPark.airport.altitudeFt));
         core::log(fmt::format("{:24}: {}", "num_parkpos", gPark.stands.size()));

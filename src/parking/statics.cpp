@@ -509,7 +509,13 @@ void leaveParkAirport() {
     auto& P = gParking;
     for (std::size_t i = 0; i < P.statics.size(); ++i) removeStatic(i);
     dropGone();
-    af::flushLiveAirports();
+    if (!af::gPark.loadedFrom.empty()) {
+        const bool msfs2024 = params::parameter<params::StringParameter>("SIM_CHOICE").value == "MSFS 2024";
+        (void)af::saveUpdatedApf(msfs2024 ? af::SimVersion::Msfs2024 : af::SimVersion::Msfs2020);
+        af::restoreAirportSettings();
+        af::gPark.loadedFrom.clear();
+        af::gPark.learnedBroken = false;
+    }
     P.stack.clear();
     P.wantedOut.clear();
     P.survivors.clear();
