@@ -178,6 +178,8 @@ TEST_F(ParkAirportScenario, StaticsFollowTheScheduleAndLeaveWithTheUser) {
     (void)core::readAllLines(core::gPaths.programFolder / "airports/my_park_airports.txt", lines, 4);
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.front(), "KMSP,E1") << "the user's stand is kept for the next visit";
+    EXPECT_TRUE(fs::exists(core::gPaths.programFolder / "airports/learned/stock/KMSP.xml"))
+        << "the learned file is written on leaving";
     std::printf("%zu statics in a day, %zu left before the user did\n", statics, removedBeforeLeaving);
 }
 

@@ -509,23 +509,12 @@ void leaveParkAirport() {
     auto& P = gParking;
     for (std::size_t i = 0; i < P.statics.size(); ++i) removeStatic(i);
     dropGone();
-    if (!af::gPark.loadedFrom.empty()) {
-        const bool msfs2024 = params::parameter<params::StringParameter>("SIM_CHOICE").value == "MSFS 2024";
-        (void)af::saveUpdatedApf(msfs2024 ? af::SimVersion::Msfs2024 : af::SimVersion::Msfs2020);
-        af::restoreAirportSettings();
-        af::gPark.loadedFrom.clear();
-        af::gPark.learnedBroken = false;
-    }
+    af::flushLiveAirports();
     P.stack.clear();
     P.wantedOut.clear();
     P.survivors.clear();
     P.pendingLoad = P.loading = false;
     P.reservedStand.clear();
-    af::gPark.stands.clear();
-    af::gPark.handmade = false;
-    af::gPark.updateCount = 0;
-    af::gPark.code = {};
-    af::gPark.airport = {};
 }
 
 void flushStatics() {
