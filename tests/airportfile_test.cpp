@@ -591,3 +591,65 @@ TEST_F(LearningTest, WhatWasLearnedComesBackOnTheNextVisit) {
 
 } // namespace
 } // namespace orv
+
+#include <csignal>
+#include <random>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace orv {
+namespace {
+
+// A child saves the learned file over and over, alternating between two versions, and is killed
+// at a random moment: the file is always one of them, whole.
+TEST(LearnedFileTest, AKillWhileSavingLeavesTheOldOrTheNewFileWhole) {
+    test::TempDir dir;
+    const fs::path file = dir.path() / "airports/learned/stock/KMSP.xml";
+    const auto version = [](int n) {
+        af::Apf apf;
+        apf.code = refdata::AirportCode("KMSP");
+        apf.publisher = "stock";
+        for (int i = 0; i < 400; ++i) {
+            af::Stand s;
+            s.id = fmt::format("S{}", i);
+            s.radiusChange = true, s.radiusNm = (20 + n) * af::kNmPerMetre;
+            af::StandOption o;
+            o.reg = fmt::format("N{}V{}", i, n), o.day = 1, o.hours.set(n), o.real = 1, o.number = 1;
+            s.options.push_back(o);
+            apf.stands.push_back(std::move(s));
+        }
+        return apf;
+    };
+    const af::Apf versions[2] = {version(1), version(2)};
+    ASSERT_TRUE(af::writeApf(versions[0], file, af::WriteMode::Learned, af::SimVersion::Msfs2020));
+    // The time of writing in the meta rows differs from save to save; the rest must not.
+    const auto undated = [](std::string text) {
+        const auto at = text.find("name=\"date\" value=\"");
+        if (at != std::string::npos) text.erase(at, text.find('"', at + 20) - at);
+        return text;
+    };
+    const std::string texts[2] = {
+        undated(test::readBytes(file)), [&] {
+            EXPECT_TRUE(af::writeApf(versions[1], file, af::WriteMode::Learned, af::SimVersion::Msfs2020));
+            return undated(test::readBytes(file));
+        }()};
+    std::mt19937 rng(11);
+    for (int kill = 0; kill < 50; ++kill) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            for (int n = 0;; ++n)
+                (void)af::writeApf(versions[n % 2], file, af::WriteMode::Learned, af::SimVersion::Msfs2020);
+        }
+        ::usleep(static_cast<useconds_t>(2000 + rng() % 20000));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        const auto text = undated(test::readBytes(file));
+        EXPECT_TRUE(text == texts[0] || text == texts[1])
+            << "kill " << kill << ": " << text.size() << " bytes";
+    }
+}
+
+} // namespace
+} // namespace orv
