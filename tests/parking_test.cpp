@@ -185,3 +185,54 @@ TEST_F(ParkAirportScenario, StaticsFollowTheScheduleAndLeaveWithTheUser) {
 
 } // namespace
 } // namespace orv
+
+namespace orv {
+namespace {
+
+// The real landing of DAL1812 with KMSP's airport file: it taxis in and parks on G11.
+TEST_F(ParkAirportScenario, Dal1812ParksOnG11) {
+    const af::Stand *e1 = nullptr, *g11 = nullptr;
+    for (const auto& s : stands) {
+        if (s.id == "E1") e1 = &s;
+        if (s.id == "G11") g11 = &s;
+    }
+    ASSERT_TRUE(e1 && g11);
+    scenario::Config c;
+    c.recording = fs::path(ORV_SOURCE_DIR) / "data/recordings/kmsp-n899dn.rttfc";
+    c.airport = "KMSP";
+    c.fromSeconds = 14000;
+    c.toSeconds = 14500;
+    c.runSeconds = 500 + 30 + 300;
+    c.qnh = 1035;
+    c.titles = titles;
+    c.parking.on = true;
+    c.parking.user.latitude = e1->latitude, c.parking.user.longitude = e1->longitude;
+    c.parking.user.altitudeFt = 841;
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    const emu::ObjectRecord* dal = nullptr;
+    for (const auto& o : r.objects)
+        if (o.tail == "DAL1812") dal = &o;
+    ASSERT_TRUE(dal);
+    const double off =
+        core::distanceNm(dal->now.latitude, dal->now.longitude, g11->latitude, g11->longitude) *
+        core::kMetresPerNm;
+    const double headingOff =
+        std::fabs(core::angleDiff(dal->now.heading, g11->headingRad)) * core::kDegPerRad;
+    std::printf("DAL1812 rests %.2f m and %.1f deg off G11\n", off, headingOff);
+    EXPECT_LT(off, 1.0);
+    EXPECT_LT(headingOff, 2.0);
+    EXPECT_TRUE(std::any_of(dal->events.begin(), dal->events.end(), [](const emu::EventRecord& e) {
+        return e.name == "ENGINE_AUTO_SHUTDOWN";
+    })) << "engines off at the stand";
+    EXPECT_TRUE(log.contains("G11     : DAL1812  arrived at stand"));
+    for (const auto& o : r.objects) {
+        if (&o == dal || o.removedAt >= 0) continue;
+        EXPECT_GT(core::distanceNm(o.now.latitude, o.now.longitude, g11->latitude, g11->longitude) * 1852.0,
+                  20.0)
+            << o.tail << " still stands on G11";
+    }
+}
+
+} // namespace
+} // namespace orv

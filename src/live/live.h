@@ -211,6 +211,7 @@ struct LiveAc : AcIdentity {
     std::optional<double> groundAltitude; // feet, from the simulator's in-range report
     // Stand.
     StandTarget stand;
+    LatLonPos lastCheckedPos; // the last stream end try2Park looked at
     bool atStand = false;
     LandingFlags landingFlags;
     bool towed = false, takingOff = false, above10000 = false, below10000 = false, pushRequested = false,

@@ -7,10 +7,12 @@
 #include <fmt/format.h>
 #include <gsl/narrow>
 
+#include "airportfile/airportfile.h"
 #include "core/core.h"
 #include "core/geo.h"
 #include "live/internal.h"
 #include "params/params.h"
+#include "parking/parking.h"
 #include "platform/platform.h"
 
 namespace orv::live {
@@ -395,11 +397,6 @@ void nextPosGround(LiveAc& ac) {
         }
     }
     nextTimeGround(ac);
-}
-
-bool try2Park(LiveAc& ac, bool) {
-    if (ac.stream.empty()) core::log(fmt::format("{} empty sz?", "try2Park"));
-    return false;
 }
 
 void setGroundSegment(LiveAc& ac, std::int32_t) {
@@ -1085,12 +1082,196 @@ double groundAltitude(const LiveAc& ac) {
 
 // ---- Stands (they come with the airport files) -------------------------------------------------
 
-bool parkAtSpawn(LiveAc&) {
-    return false;
+namespace {
+
+namespace af = airportfile;
+
+constexpr double kStretchNm = 0.010799;   // 20 m: a stand this near takes the aircraft, too small or not
+constexpr double kUserStandNm = 0.029698; // 55 m
+constexpr double kOptionNm = 0.045896;    // 85 m: a stand whose schedule names the aircraft
+constexpr double kFitNm = 0.000972;       // 1.8 m: how much larger than the stand the aircraft may be
+constexpr double kOneMetreNm = 0.00054;
+constexpr double kArrivedNm = 0.00108;     // 2 m
+constexpr double kSpawnCreepNm = 0.018898; // 35 m
+
+bool namesAircraft(const af::StandOption& o, const LiveAc& ac) {
+    return o.number != 0 && o.real == 1 &&
+           (o.cs == ac.callsign || o.cs2 == ac.callsign ||
+            (o.airline == ac.airlineCode && o.type == ac.modelCode));
 }
 
-bool arrived(LiveAc&) {
-    return false;
+// The stand an aircraft at (lat, lon) would park on: the nearest within `maxNm` that it fits (or
+// one within 20 m, widened to it), else one within 85 m whose schedule names it.
+af::Stand* closestStand(double lat, double lon, const LiveAc& ac, double maxNm, bool useOptions) {
+    af::Stand *best = nullptr, *option = nullptr;
+    double bestNm = 1e9, optionNm = 1e9;
+    bool stretched = false;
+    for (auto& s : af::gPark.stands) {
+        const double d = core::distanceNm(lat, lon, s.latitude, s.longitude);
+        const bool fit = ac.halfSize - s.radiusNm <= kFitNm;
+        if (d <= maxNm && d < bestNm && (fit || d <= kStretchNm)) {
+            best = &s, bestNm = d, stretched = !fit;
+            useOptions = false;
+            continue;
+        }
+        if (useOptions && d <= kOptionNm && d < optionNm && fit && !ac.callsign.empty() &&
+            std::any_of(s.options.begin(), s.options.end(),
+                        [&](const af::StandOption& o) { return namesAircraft(o, ac); }))
+            option = &s, optionNm = d;
+    }
+    af::Stand* r = best ? best : option;
+    if (!r || r->heli != (ac.category == refdata::Category::Rotorcraft)) return nullptr;
+    if (r == best && stretched) {
+        r->radiusChange = true;
+        r->radiusNm = ac.halfSize - kOneMetreNm;
+        ++af::gPark.updateCount;
+    }
+    return r;
+}
+
+// The user's own stand and the one kept for the user are never taken.
+bool usersStand(const af::Stand& s) {
+    if (!parking::gParking.reservedStand.empty() && s.id == parking::gParking.reservedStand) return true;
+    const auto& u = gEngine.user;
+    return gEngine.userKnown && parking::userStand({u.latitude, u.longitude}, u.altAboveGround < 5.0) == s.id;
+}
+
+af::LearnedAircraft learned(const LiveAc& ac) {
+    af::LearnedAircraft a;
+    a.reg = ac.registration, a.cs = ac.callsign;
+    a.airline = ac.airlineCode, a.type = ac.modelCode;
+    a.longStay = ac.stand.cargo;
+    a.heavy = ac.category == refdata::Category::Heavy;
+    return a;
+}
+
+af::DayHalfHour standNow() {
+    const auto t = platform::clock().utcNow().time_since_epoch();
+    return af::dayHalfHour(std::chrono::duration_cast<std::chrono::seconds>(t).count());
+}
+
+void takeStand(LiveAc& ac, const af::Stand& s) {
+    ac.stand = {};
+    ac.stand.pos = {s.latitude, s.longitude};
+    ac.stand.heading = s.headingRad;
+    ac.stand.id = static_cast<std::int32_t>(s.number);
+    ac.stand.cargo = s.cargo;
+}
+
+// Another live aircraft parked there goes; statics on the stand or touching it go too.
+void clearStandFor(const LiveAc& ac, const af::Stand& s) {
+    for (auto& other : gEngine.liveTable)
+        if (&other != &ac && other.phase == Phase::Parked &&
+            other.stand.id == static_cast<std::int32_t>(s.number) && other.simState == SimState::Active) {
+            core::log(
+                fmt::format("{:8}: {:8} removed, {} wants to park there", s.id, other.callsign, ac.callsign));
+            removeAircraftFromSim(other);
+        }
+    parking::clearStaticsFor(s.number, ac.halfSize);
+}
+
+void drive2Stand(LiveAc& ac, LatLonPos target) {
+    auto& st = ac.stream;
+    Sample& last = st.back();
+    const double d = core::distanceNm(last.lat, last.lon, target.lat, target.lon);
+    const double speed = ac.standSpeed > 0 ? ac.standSpeed : 5.0;
+    const auto t = static_cast<std::int32_t>(std::max(std::round(d * 360000.0 / speed), 100.0));
+    Sample s = last;
+    s.lat = target.lat, s.lon = target.lon, s.alt = ac.alt;
+    s.speed = s.tas = speed;
+    s.track = ac.stand.heading * core::kDegPerRad;
+    s.vs = 0;
+    s.tick = st.front().tick + t;
+    s.airborne = false;
+    s.stationary = d < 1e-7;
+    s.bank = ac.bank, s.hasBank = true;
+    last.speed = speed;
+    st.push_back(s);
+    s.speed = s.tas = 0;
+    s.stationary = true;
+    s.tick += 50;
+    st.push_back(s);
+    ac.targetHeading = ac.stand.heading;
+    if (ac.extrapolateCount >= 1) {
+        ac.extrapolateCount = 0;
+        setClamps(ac, 3000, ac.takingOff ? 5000 : 3000);
+    }
+}
+
+} // namespace
+
+bool try2Park(LiveAc& ac, bool justLanded) {
+    auto& st = ac.stream;
+    if (st.empty()) {
+        core::log(fmt::format("{} empty sz?", "try2Park"));
+        return false;
+    }
+    const Sample& last = st.back();
+    if (ac.lastCheckedPos.lat == last.lat && ac.lastCheckedPos.lon == last.lon) return false;
+    ac.lastCheckedPos = {last.lat, last.lon};
+    af::Stand* s = closestStand(last.lat, last.lon, ac, justLanded ? kUserStandNm : kStretchNm, justLanded);
+    if (!s || usersStand(*s)) return false;
+    clearStandFor(ac, *s);
+    takeStand(ac, *s);
+    while (st.size() > 1) st.pop_back();
+    setPhase(ac, Phase::Parking);
+    drive2Stand(ac, ac.stand.pos);
+    return true;
+}
+
+bool parkAtSpawn(LiveAc& ac) {
+    auto& st = ac.stream;
+    if (af::gPark.stands.empty() || st.empty()) return false;
+    const auto airport = currentAirport();
+    if (!airport || core::distanceNm(st[0].lat, st[0].lon, airport->latitude, airport->longitude) > 5.0)
+        return false;
+    Sample head = st[0];
+    if (!head.stationary) {
+        if (st.size() < 2 || st[1].speed > 5 ||
+            core::distanceNm(head.lat, head.lon, st.back().lat, st.back().lon) > kSpawnCreepNm)
+            return false;
+        head = st.back();
+    }
+    af::Stand* s = closestStand(head.lat, head.lon, ac, kUserStandNm, head.stationary);
+    if (!s || usersStand(*s)) return false;
+    for (const auto& other : gEngine.liveTable)
+        if (&other != &ac && other.phase == Phase::Parked &&
+            other.stand.id == static_cast<std::int32_t>(s->number)) {
+            ac.dropNow = true;
+            return false;
+        }
+    clearStandFor(ac, *s);
+    takeStand(ac, *s);
+    while (st.size() > 1) st.pop_back();
+    st[0].lat = s->latitude, st[0].lon = s->longitude;
+    st[0].stationary = true;
+    st[0].speed = st[0].tas = 0;
+    ac.parkedWallClock = wallTime100ns();
+    af::addRealStandOption(s->number, learned(ac), af::LearnKind::FoundAtSpawn, standNow());
+    return true;
+}
+
+bool arrived(LiveAc& ac) {
+    const double d = core::distanceNm(ac.lat, ac.lon, ac.stand.pos.lat, ac.stand.pos.lon);
+    if (d > kArrivedNm) {
+        setPhase(ac, Phase::Taxi);
+        return false;
+    }
+    setPhase(ac, Phase::Parked);
+    if (ac.towed) core::log(fmt::format("          towed aircraft {} parks", ac.callsign));
+    ac.stream[0].stationary = true;
+    ac.parkedWallClock = wallTime100ns();
+    ac.stand.firstDistance = ac.stand.lastDistance = 0;
+    ac.stand.distanceCount = 0;
+    setParkedLights(ac);
+    const auto* s = ac.stand.id >= 1 && static_cast<std::size_t>(ac.stand.id) <= af::gPark.stands.size()
+                        ? &af::gPark.stands[static_cast<std::size_t>(ac.stand.id) - 1]
+                        : nullptr;
+    core::log(fmt::format("{:8}: {:8} arrived at stand", s ? s->id : std::string("?"), ac.callsign));
+    queueRoute(ac);
+    af::addRealStandOption(static_cast<std::uint32_t>(ac.stand.id), learned(ac), af::LearnKind::Arrival,
+                           standNow());
+    return true;
 }
 
 bool userProximity(LiveAc&) {

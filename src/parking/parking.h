@@ -109,6 +109,9 @@ std::optional<StaticCreate> nextStatic();
 void onStaticCreated(std::uint32_t hexid, std::uint32_t objectId);
 bool onObjectRemoved(std::uint32_t objectId); // true when it was a static aircraft
 std::string userStand(core::LatLon user, bool onGround);
+// A live aircraft of this half size takes the stand: the statics on it, or on a neighbour it would
+// touch, are removed.
+void clearStaticsFor(std::uint32_t standNumber, double halfSizeNm);
 
 // What the status display shows of static parking: published by the worker, read by front ends.
 struct ParkStatus {

@@ -517,6 +517,23 @@ void leaveParkAirport() {
     P.reservedStand.clear();
 }
 
+void clearStaticsFor(std::uint32_t standNumber, double halfSizeNm) {
+    const auto* s = standByNumber(standNumber);
+    if (!s) return;
+    for (std::size_t i = 0; i < gParking.statics.size(); ++i) {
+        auto& a = gParking.statics[i];
+        if (a.state == 0) continue;
+        const bool here = a.stand == standNumber;
+        const bool touching = adjacentTo(*s, a.stand) &&
+                              halfSizeNm + refdata::halfSpan(a.type) >
+                                  core::distanceNm(a.latitude, a.longitude, s->latitude, s->longitude);
+        if (!here && !touching) continue;
+        core::log(fmt::format("{:8}: static aircraft {} removed for a live arrival", s->id, a.cs));
+        removeStatic(i);
+    }
+    dropGone();
+}
+
 void flushStatics() {
     if (gParking.loading) return;
     leaveParkAirport();
