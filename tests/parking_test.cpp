@@ -9,6 +9,7 @@
 
 #include "airportfile/airportfile.h"
 #include "core/core.h"
+#include "live/internal.h"
 #include "params/params.h"
 #include "parking/parking.h"
 #include "program_home.h"
@@ -232,6 +233,60 @@ TEST_F(ParkAirportScenario, Dal1812ParksOnG11) {
                   20.0)
             << o.tail << " still stands on G11";
     }
+}
+
+} // namespace
+} // namespace orv
+
+namespace orv {
+namespace {
+
+// DAL2418's real departure from its start at the gate: found on G11, it leaves with a push-back.
+TEST_F(ParkAirportScenario, Dal2418StartsOnG11AndPushesBack) {
+    const af::Stand *e1 = nullptr, *g11 = nullptr;
+    for (const auto& s : stands) {
+        if (s.id == "E1") e1 = &s;
+        if (s.id == "G11") g11 = &s;
+    }
+    ASSERT_TRUE(e1 && g11);
+    scenario::Config c;
+    c.recording = fs::path(ORV_SOURCE_DIR) / "data/recordings/kmsp-n899dn.rttfc";
+    c.airport = "KMSP";
+    c.fromSeconds = 22560; // parked at G11, a minute and a half before the push-back
+    c.toSeconds = 23300;
+    c.runSeconds = 740 + 30;
+    c.qnh = 1035;
+    c.titles = titles;
+    c.parking.on = true;
+    c.parking.user.latitude = e1->latitude, c.parking.user.longitude = e1->longitude;
+    c.parking.user.altitudeFt = 841;
+    std::vector<live::Phase> phases;
+    c.onFrame = [&](double) {
+        const live::LiveAc* ac = live::findByHexid(0xac671b);
+        if (ac && (phases.empty() || phases.back() != ac->phase)) phases.push_back(ac->phase);
+    };
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    const emu::ObjectRecord* dal = nullptr;
+    for (const auto& o : r.objects)
+        if (o.tail == "DAL1812" || o.tail == "DAL2418") dal = &o;
+    ASSERT_TRUE(dal);
+    ASSERT_FALSE(dal->positions.empty());
+    const auto& first = dal->positions.front();
+    const double off =
+        core::distanceNm(first.latitude, first.longitude, g11->latitude, g11->longitude) * 1852.0;
+    std::printf("created %.2f m and %.1f deg off G11; phases:", off,
+                std::fabs(core::angleDiff(first.heading, g11->headingRad)) * core::kDegPerRad);
+    for (auto p : phases) std::printf(" %s", std::string(live::phaseName(p)).c_str());
+    std::printf("\n");
+    if (std::getenv("ORV_SHOW_LOG")) std::printf("%s\n", log.text().c_str());
+    EXPECT_LT(off, 1.0);
+    ASSERT_GE(phases.size(), 3u);
+    EXPECT_EQ(phases[1], live::Phase::Parked);
+    EXPECT_TRUE(std::find(phases.begin(), phases.end(), live::Phase::PushingBack) != phases.end());
+    const auto report = scenario::motionReport(r, {});
+    ASSERT_FALSE(report.empty());
+    EXPECT_LE(report[0].maxStepGroundKt, 40.0) << "no jump off the stand";
 }
 
 } // namespace

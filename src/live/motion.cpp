@@ -693,7 +693,9 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
     switch (ac.phase) {
     case Phase::Parked:
     case Phase::Parking: {
-        if (ac.simState != SimState::Active) break;
+        // One parked at its spawn judges the reports of its stand while the simulator makes it,
+        // or a few metres of scatter around the stand would set it taxiing before it is there.
+        if (ac.simState != SimState::Active && !(ac.phase == Phase::Parked && ac.stand.id != 0)) break;
         ac.atStand = true;
         const double d = core::distanceNm(s.lat, s.lon, ac.stand.pos.lat, ac.stand.pos.lon);
         const double limit = ac.previousPhase == Phase::Parking ? 2 * 0.0458963 : 0.0458963;
