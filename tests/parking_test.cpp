@@ -291,3 +291,50 @@ TEST_F(ParkAirportScenario, Dal2418StartsOnG11AndPushesBack) {
 
 } // namespace
 } // namespace orv
+
+namespace orv {
+namespace {
+
+// At LSZH, with its stock file: CAI3208's data end 78 m from the nearest stand of the list (the
+// stand it used is not in it), beyond the 55 m in which a landed aircraft looks for one: it stays
+// where its data end instead of being pulled onto a stand it did not use.
+TEST_F(ParkAirportScenario, Cai3208RestsWhereItsDataEndWithNoStandInReach) {
+    pugi::xml_document doc;
+    ASSERT_TRUE(doc.load_file((dir.path() / "site/downloads/MSFS/archive/stock/LSZH.xml").c_str()));
+    auto lszh = af::readStands(doc, 1);
+    scenario::Config c;
+    c.recording = fs::path(ORV_SOURCE_DIR) / "data/recordings/lszh-3flights.rttfc";
+    c.airport = "LSZH";
+    c.overlayFlights = true;
+    c.callsigns = {"CAI3208"};
+    c.runSeconds = 1053;
+    c.titles = titles;
+    c.parking.on = true;
+    c.parking.utcStart = 1561000000;
+    // The user parked at the far end of the stand list.
+    c.parking.user.latitude = lszh.back().latitude, c.parking.user.longitude = lszh.back().longitude;
+    c.parking.user.altitudeFt = 1417;
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    ASSERT_FALSE(r.fed.empty());
+    const auto& last = r.fed.back();
+    double nearestM = 1e9;
+    for (const auto& s : lszh)
+        nearestM = std::min(
+            nearestM, core::distanceNm(last.latitude, last.longitude, s.latitude, s.longitude) * 1852.0);
+    const emu::ObjectRecord* cai = nullptr;
+    for (const auto& o : r.objects)
+        if (o.tail == "CAI3208") cai = &o;
+    ASSERT_TRUE(cai);
+    const double off =
+        core::distanceNm(cai->now.latitude, cai->now.longitude, last.latitude, last.longitude) * 1852.0;
+    std::printf(
+        "CAI3208's last report is %.1f m from the nearest listed stand; it rests %.2f m from that report\n",
+        nearestM, off);
+    EXPECT_GT(nearestM, 55.0);
+    EXPECT_LT(off, 5.0);
+    EXPECT_FALSE(log.contains("CAI3208  arrived at stand"));
+}
+
+} // namespace
+} // namespace orv
