@@ -649,6 +649,11 @@ TEST(LearnedFileTest, AKillWhileSavingLeavesTheOldOrTheNewFileWhole) {
         EXPECT_TRUE(text == texts[0] || text == texts[1])
             << "kill " << kill << ": " << text.size() << " bytes";
     }
+    // What killed saves leave behind goes with the next clean-up; other files stay.
+    test::writeBytes(fs::path(file) += ".99.tmp", "<root><parkpos");
+    af::removeLeftoverTemps(file);
+    for (const auto& e : fs::directory_iterator(file.parent_path()))
+        EXPECT_EQ(e.path().filename(), "KMSP.xml") << "left behind";
 }
 
 } // namespace

@@ -156,6 +156,8 @@ void readLearned(const std::string& path);
 bool saveUpdatedApf(SimVersion sim);
 // The eight settings back to what they were before the park airport's files set them.
 void restoreAirportSettings();
+// Removes the temporary files that saves of `path` cut off by a crash left beside it.
+void removeLeftoverTemps(const fs::path& path);
 // Copies NAME.EXT to NAME.0.EXT beside it; false when there was nothing or the copy failed.
 bool save1GenerationOf(const fs::path& path);
 

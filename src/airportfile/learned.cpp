@@ -128,6 +128,18 @@ void mergeLearnedStand(pugi::xml_node node, Stand& stand, bool clearFlights) {
 
 } // namespace
 
+void removeLeftoverTemps(const fs::path& path) {
+    // Saves cut off by a crash leave their temporary files ("KMSP.xml.N.tmp") beside the file.
+    const std::string prefix = path.filename().string() + ".";
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(path.parent_path(), ec)) {
+        const std::string name = e.path().filename().string();
+        if (name.size() > prefix.size() + 4 && name.compare(0, prefix.size(), prefix) == 0 &&
+            name.compare(name.size() - 4, 4, ".tmp") == 0)
+            fs::remove(e.path(), ec);
+    }
+}
+
 bool save1GenerationOf(const fs::path& path) {
     const std::string name = path.filename().string();
     const auto dot = name.rfind('.');
@@ -263,6 +275,7 @@ bool saveUpdatedApf(SimVersion sim) {
     core::log(fmt::format("{}{} '{}' saved with {} update{}", core::timeText(),
                           gPark.handmade ? " handmade" : "", path, gPark.updateCount,
                           gPark.updateCount == 1 ? "" : "s"));
+    removeLeftoverTemps(onDisk(path));
     return true;
 }
 
