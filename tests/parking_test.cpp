@@ -241,6 +241,54 @@ TEST_F(ParkAirportScenario, Dal1812ParksOnG11) {
 namespace orv {
 namespace {
 
+// The loop closes: DAL1812's stay on G11 on a Thursday, when the stock file has no flight of it
+// there, is learned; after a restart, the next Thursday's statics at that half hour put N899DN on G11.
+TEST_F(ParkAirportScenario, AStayLearnedComesBackAsAStaticTheNextWeek) {
+    const af::Stand *e1 = nullptr, *g11 = nullptr;
+    for (const auto& s : stands) {
+        if (s.id == "E1") e1 = &s;
+        if (s.id == "G11") g11 = &s;
+    }
+    ASSERT_TRUE(e1 && g11);
+    constexpr std::int64_t kThursday = 1738717920 + 86400; // 6 Feb 2025 01:12 UTC
+    scenario::Config c;
+    c.recording = fs::path(ORV_SOURCE_DIR) / "data/recordings/kmsp-n899dn.rttfc";
+    c.airport = "KMSP";
+    c.fromSeconds = 14000;
+    c.toSeconds = 14500;
+    c.runSeconds = 500 + 30 + 300;
+    c.qnh = 1035;
+    c.titles = titles;
+    c.parking.on = true;
+    c.parking.utcStart = kThursday;
+    c.parking.user.latitude = e1->latitude, c.parking.user.longitude = e1->longitude;
+    c.parking.user.altitudeFt = 841;
+    ASSERT_EQ(scenario::run(c).error, "");
+    pugi::xml_document learned;
+    ASSERT_TRUE(learned.load_file((core::gPaths.programFolder / "airports/learned/stock/KMSP.xml").c_str()));
+    const auto opt = learned.select_node("//parkpos[@id='G11']/opt[@reg='N899DN']").node();
+    ASSERT_TRUE(opt) << "N899DN's stay on G11 is in the learned file";
+    EXPECT_EQ(opt.attribute("day").as_int(), 4);
+    EXPECT_EQ(std::string(opt.attribute("hh").as_string()), "2");
+
+    // The next week: no traffic, the same half hour.
+    scenario::Config next;
+    next.airport = "KMSP";
+    next.titles = titles;
+    next.runSeconds = 240;
+    next.parking = c.parking;
+    next.parking.utcStart = kThursday + 7 * 86400;
+    const auto r = scenario::run(next);
+    ASSERT_EQ(r.error, "");
+    bool onG11 = false;
+    for (const auto& o : r.objects) {
+        const double m = core::distanceNm(o.now.latitude, o.now.longitude, g11->latitude, g11->longitude) *
+                         core::kMetresPerNm;
+        if (m < 1.0) onG11 = o.title.find("N899DN") != std::string::npos;
+    }
+    EXPECT_TRUE(onG11) << "a static N899DN stands on G11";
+}
+
 // DAL2418's real departure from its start at the gate: found on G11, it leaves with a push-back.
 TEST_F(ParkAirportScenario, Dal2418StartsOnG11AndPushesBack) {
     const af::Stand *e1 = nullptr, *g11 = nullptr;

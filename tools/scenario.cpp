@@ -232,6 +232,8 @@ Result run(const Config& config) {
         if (clock) clock->advance(std::chrono::milliseconds(10 * step));
         k += step - 1;
     }
+    // The run ends as the program would close: what was learned at the park airport is written.
+    if (config.parking.on) airportfile::flushLiveAirports();
     result.objects = emulator.objects();
     result.noMatch = live::noMatchList();
     emulator.quit();
