@@ -66,6 +66,40 @@ TEST(StaticParkingTest, TheUsersStandIsTheNearestWithin55Metres) {
     parking::reset();
 }
 
+// A static is not placed on a stand a live aircraft is parked on, nor beside it.
+TEST(StaticParkingTest, NoStaticOnOrBesideALiveAircraftsStand) {
+    test::LogCapture log;
+    af::gPark.reset();
+    parking::reset();
+    const auto stand = [](const char* id, double northM) {
+        af::Stand s;
+        s.id = id, s.latitude = 44.88 + northM / 1852.0 / 60.0, s.longitude = -93.2,
+        s.radiusNm = 20 * af::kNmPerMetre;
+        return s;
+    };
+    af::gPark.stands = {stand("A1", 0), stand("A2", 35), stand("B1", 500)};
+    af::numberAndLinkStands(af::gPark.stands);
+    parking::gParking.live.parkedOn = [](std::uint32_t n) {
+        return n == 1 ? std::string("DAL1") : std::string();
+    };
+    for (const std::uint32_t n : {1u, 2u}) {
+        parking::StaticItem item;
+        item.stand = n, item.cs = fmt::format("KLM{}", n);
+        parking::gParking.stack = {item};
+        EXPECT_FALSE(parking::nextStatic());
+    }
+    EXPECT_TRUE(log.contains("A1      : no static parking for KLM1, live aircraft DAL1 standing here"));
+    EXPECT_TRUE(log.contains("A2      : no static parking for KLM2, live aircraft DAL1 is adjacent at A1"));
+    parking::StaticItem far;
+    far.stand = 3, far.cs = "KLM3";
+    parking::gParking.stack = {far};
+    (void)parking::nextStatic();
+    EXPECT_FALSE(log.contains("no static parking for KLM3"));
+    parking::gParking.live.parkedOn = nullptr;
+    af::gPark.reset();
+    parking::reset();
+}
+
 // The user parks at KMSP; the data site serves the stock file; statics come and go with the
 // made-up traffic week over a day, and go when the user flies away.
 class ParkAirportScenario : public test::ProgramHome {

@@ -147,6 +147,7 @@ Result run(const Config& config) {
     resetAll();
     live::reserveContainers();
     parking::gParking.live.callsignInUse = live::callsignInUse;
+    parking::gParking.live.parkedOn = live::parkedOn;
     feed::gQnh = config.qnh;
     feed::TrafficArea area;
     area.reference = {airport->latitude, airport->longitude};

@@ -258,6 +258,8 @@ void writeFlightPlans(); // the flight plan files of the aircraft created or rem
 void publishCallsignLookup();
 // Whether a live aircraft flies under this callsign; on the worker thread, as the engine.
 bool callsignInUse(std::string_view callsign);
+// The callsign of the live aircraft parked on a stand of the park airport, or empty.
+std::string parkedOn(std::uint32_t stand);
 void collisionChecks();
 void duplicatesSweep();
 void clearGhosts();

@@ -83,6 +83,14 @@ bool callsignInUse(std::string_view callsign) {
     return std::any_of(t.begin(), t.end(), [&](const LiveAc& ac) { return ac.callsign == callsign; });
 }
 
+std::string parkedOn(std::uint32_t stand) {
+    for (const auto& ac : gEngine.liveTable)
+        if ((ac.phase == Phase::Parked || ac.phase == Phase::Parking) &&
+            ac.stand.id == static_cast<std::int32_t>(stand))
+            return ac.callsign;
+    return {};
+}
+
 void onBlocked(std::uint32_t hexid) {
     LiveAc* ac = findByHexid(hexid);
     if (!ac) return;

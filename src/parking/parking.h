@@ -71,6 +71,8 @@ struct StaticCreate {
 // What the engine knows of live aircraft, for the duplicate tests; set by the run sequence.
 struct LiveView {
     std::function<bool(std::string_view callsign)> callsignInUse;
+    // The callsign of the live aircraft parked on a stand (by number), or empty.
+    std::function<std::string(std::uint32_t stand)> parkedOn;
 };
 
 // All of it lives on the worker thread, which runs both the ticks and the engine frame.

@@ -438,6 +438,23 @@ std::optional<StaticCreate> nextStatic() {
         core::log(fmt::format("stand with id {} not found", item.stand));
         return std::nullopt;
     }
+    // A live aircraft parked here or beside it keeps the stand free of statics.
+    if (P.live.parkedOn) {
+        if (const auto cs = P.live.parkedOn(s->number); !cs.empty()) {
+            core::log(fmt::format("{:8}: no static parking for {}, live aircraft {} standing here", s->id,
+                                  item.cs, cs));
+            return std::nullopt;
+        }
+        for (const auto n : s->adjacent)
+            if (const auto cs = P.live.parkedOn(n); !cs.empty()) {
+                const auto* other = standByNumber(n);
+                core::log(fmt::format(
+                    "{:8}: no static parking for {}, live aircraft {} is adjacent at {}, possibly "
+                    "colliding",
+                    s->id, item.cs, cs, other ? other->id : std::string()));
+                return std::nullopt;
+            }
+    }
     for (const auto& a : P.statics) {
         if (a.state == 0 || !adjacentTo(*s, a.stand)) continue;
         const auto* other = standByNumber(a.stand);

@@ -160,6 +160,7 @@ void installHooks() {
     });
     sim::setOnUserLeaving([] { parking::saveUserStand(); });
     parking::gParking.live.callsignInUse = live::callsignInUse;
+    parking::gParking.live.parkedOn = live::parkedOn;
 }
 
 void startUpORVL() {
