@@ -128,6 +128,32 @@ class ParkAirportScenario : public test::ProgramHome {
         params::set(params::parameter<params::StringParameter>("DATA_SITE"), "", params::Save::no);
         ProgramHome::TearDown();
     }
+    const af::Stand& stand(std::string_view id) const {
+        const auto it =
+            std::find_if(stands.begin(), stands.end(), [&](const af::Stand& s) { return s.id == id; });
+        if (it == stands.end()) throw std::runtime_error(fmt::format("no stand {} at KMSP", id));
+        return *it;
+    }
+    // N899DN's KMSP recording from `from` to `to` (seconds from its start), with the user parked
+    // at E1 and static parking on; run 30 s past the data plus `after`.
+    scenario::Config kmspRun(double from, double to, double after) const {
+        scenario::Config c;
+        c.recording = fs::path(ORV_SOURCE_DIR) / "data/recordings/kmsp-n899dn.rttfc";
+        c.airport = "KMSP";
+        c.fromSeconds = from;
+        c.toSeconds = to;
+        c.runSeconds = to - from + 30 + after;
+        c.qnh = 1035;
+        c.titles = titles;
+        c.parking.on = true;
+        parkUserAtE1(c);
+        return c;
+    }
+    void parkUserAtE1(scenario::Config& c) const {
+        const auto& e1 = stand("E1");
+        c.parking.user.latitude = e1.latitude, c.parking.user.longitude = e1.longitude;
+        c.parking.user.altitudeFt = 841;
+    }
     const af::Stand& standAt(double lat, double lon, double& metres) const {
         const af::Stand* best = &stands.front();
         metres = 1e9;
@@ -146,19 +172,14 @@ class ParkAirportScenario : public test::ProgramHome {
 };
 
 TEST_F(ParkAirportScenario, StaticsFollowTheScheduleAndLeaveWithTheUser) {
-    const af::Stand* userStand = nullptr;
-    for (const auto& s : stands)
-        if (s.id == "E1") userStand = &s;
-    ASSERT_TRUE(userStand);
+    const af::Stand* userStand = &stand("E1");
     constexpr double kDaySeconds = 24 * 3600.0;
     scenario::Config c;
     c.airport = "KMSP";
     c.titles = titles;
     c.runSeconds = kDaySeconds + 15 * 60;
     c.parking.on = true;
-    c.parking.user.latitude = userStand->latitude;
-    c.parking.user.longitude = userStand->longitude;
-    c.parking.user.altitudeFt = 841;
+    parkUserAtE1(c);
     // After a day parked, it flies off north-west to 40 nm at 300 kt.
     c.parking.user.path = {{userStand->latitude, userStand->longitude, 841},
                            {userStand->latitude + 0.01, userStand->longitude, 841},
@@ -218,31 +239,10 @@ TEST_F(ParkAirportScenario, StaticsFollowTheScheduleAndLeaveWithTheUser) {
     std::printf("%zu statics in a day, %zu left before the user did\n", statics, removedBeforeLeaving);
 }
 
-} // namespace
-} // namespace orv
-
-namespace orv {
-namespace {
-
 // The real landing of DAL1812 with KMSP's airport file: it taxis in and parks on G11.
 TEST_F(ParkAirportScenario, Dal1812ParksOnG11) {
-    const af::Stand *e1 = nullptr, *g11 = nullptr;
-    for (const auto& s : stands) {
-        if (s.id == "E1") e1 = &s;
-        if (s.id == "G11") g11 = &s;
-    }
-    ASSERT_TRUE(e1 && g11);
-    scenario::Config c;
-    c.recording = fs::path(ORV_SOURCE_DIR) / "data/recordings/kmsp-n899dn.rttfc";
-    c.airport = "KMSP";
-    c.fromSeconds = 14000;
-    c.toSeconds = 14500;
-    c.runSeconds = 500 + 30 + 300;
-    c.qnh = 1035;
-    c.titles = titles;
-    c.parking.on = true;
-    c.parking.user.latitude = e1->latitude, c.parking.user.longitude = e1->longitude;
-    c.parking.user.altitudeFt = 841;
+    const af::Stand* g11 = &stand("G11");
+    auto c = kmspRun(14000, 14500, 300); // from 5 minutes before touchdown to the gate
     const auto r = scenario::run(c);
     ASSERT_EQ(r.error, "");
     const emu::ObjectRecord* dal = nullptr;
@@ -269,34 +269,13 @@ TEST_F(ParkAirportScenario, Dal1812ParksOnG11) {
     }
 }
 
-} // namespace
-} // namespace orv
-
-namespace orv {
-namespace {
-
 // The loop closes: DAL1812's stay on G11 on a Thursday, when the stock file has no flight of it
 // there, is learned; after a restart, the next Thursday's statics at that half hour put N899DN on G11.
 TEST_F(ParkAirportScenario, AStayLearnedComesBackAsAStaticTheNextWeek) {
-    const af::Stand *e1 = nullptr, *g11 = nullptr;
-    for (const auto& s : stands) {
-        if (s.id == "E1") e1 = &s;
-        if (s.id == "G11") g11 = &s;
-    }
-    ASSERT_TRUE(e1 && g11);
+    const af::Stand* g11 = &stand("G11");
     constexpr std::int64_t kThursday = 1738717920 + 86400; // 6 Feb 2025 01:12 UTC
-    scenario::Config c;
-    c.recording = fs::path(ORV_SOURCE_DIR) / "data/recordings/kmsp-n899dn.rttfc";
-    c.airport = "KMSP";
-    c.fromSeconds = 14000;
-    c.toSeconds = 14500;
-    c.runSeconds = 500 + 30 + 300;
-    c.qnh = 1035;
-    c.titles = titles;
-    c.parking.on = true;
+    auto c = kmspRun(14000, 14500, 300);
     c.parking.utcStart = kThursday;
-    c.parking.user.latitude = e1->latitude, c.parking.user.longitude = e1->longitude;
-    c.parking.user.altitudeFt = 841;
     ASSERT_EQ(scenario::run(c).error, "");
     pugi::xml_document learned;
     ASSERT_TRUE(learned.load_file((core::gPaths.programFolder / "airports/learned/stock/KMSP.xml").c_str()));
@@ -325,23 +304,8 @@ TEST_F(ParkAirportScenario, AStayLearnedComesBackAsAStaticTheNextWeek) {
 
 // DAL2418's real departure from its start at the gate: found on G11, it leaves with a push-back.
 TEST_F(ParkAirportScenario, Dal2418StartsOnG11AndPushesBack) {
-    const af::Stand *e1 = nullptr, *g11 = nullptr;
-    for (const auto& s : stands) {
-        if (s.id == "E1") e1 = &s;
-        if (s.id == "G11") g11 = &s;
-    }
-    ASSERT_TRUE(e1 && g11);
-    scenario::Config c;
-    c.recording = fs::path(ORV_SOURCE_DIR) / "data/recordings/kmsp-n899dn.rttfc";
-    c.airport = "KMSP";
-    c.fromSeconds = 22560; // parked at G11, a minute and a half before the push-back
-    c.toSeconds = 23300;
-    c.runSeconds = 740 + 30;
-    c.qnh = 1035;
-    c.titles = titles;
-    c.parking.on = true;
-    c.parking.user.latitude = e1->latitude, c.parking.user.longitude = e1->longitude;
-    c.parking.user.altitudeFt = 841;
+    const af::Stand* g11 = &stand("G11");
+    auto c = kmspRun(22560, 23300, 0); // parked at G11, a minute and a half before the push-back
     std::vector<live::Phase> phases;
     c.onFrame = [&](double) {
         const live::LiveAc* ac = live::findByHexid(0xac671b);
@@ -370,12 +334,6 @@ TEST_F(ParkAirportScenario, Dal2418StartsOnG11AndPushesBack) {
     ASSERT_FALSE(report.empty());
     EXPECT_LE(report[0].maxStepGroundKt, 40.0) << "no jump off the stand";
 }
-
-} // namespace
-} // namespace orv
-
-namespace orv {
-namespace {
 
 // At LSZH, with its stock file: CAI3208's data end 78 m from the nearest stand of the list (the
 // stand it used is not in it), beyond the 55 m in which a landed aircraft looks for one: it stays

@@ -1,6 +1,6 @@
 #include "airportfile/airportfile.h"
 
-#include "params/params.h"
+#include "sim/sim.h"
 
 namespace orv::airportfile {
 
@@ -8,8 +8,7 @@ namespace orv::airportfile {
 // settings give way to the user's again.
 void flushLiveAirports() {
     if (!gPark.loadedFrom.empty()) {
-        const bool msfs2024 = params::parameter<params::StringParameter>("SIM_CHOICE").value == "MSFS 2024";
-        (void)saveUpdatedApf(msfs2024 ? SimVersion::Msfs2024 : SimVersion::Msfs2020);
+        (void)saveUpdatedApf(sim::msfs2020Selected() ? SimVersion::Msfs2020 : SimVersion::Msfs2024);
         restoreAirportSettings();
     }
     gPark.reset();

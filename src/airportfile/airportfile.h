@@ -55,6 +55,7 @@ struct DayHalfHour {
     friend bool operator==(DayHalfHour, DayHalfHour) = default;
 };
 DayHalfHour dayHalfHour(std::int64_t unixSeconds);
+DayHalfHour nowDayHalfHour(); // by the process clock, so virtual time in tests and scenario runs
 DayHalfHour stepBack(DayHalfHour t, int halfHours); // wraps over midnight to the day before
 
 // ---- Airport files ----------------------------------------------------------------------------

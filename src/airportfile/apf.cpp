@@ -11,10 +11,11 @@
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
-#include "airportfile/airportfile.h"
+#include "airportfile/internal.h"
 #include "core/core.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
+#include "sim/sim.h"
 
 namespace orv::airportfile {
 
@@ -35,24 +36,6 @@ std::string cleanId(std::string_view text) {
     if (first == std::string_view::npos) return {};
     const auto last = text.find_last_not_of(" \t\r\n");
     return std::string(text.substr(first, last - first + 1));
-}
-
-// The airline and type of an option: from the registration when an installed livery carries
-// it, else from the file's own codes.
-void optionCodes(StandOption& o, pugi::xml_node opt) {
-    if (!o.reg.empty()) {
-        if (const auto key = liveries::registrationKey(o.reg)) {
-            o.type = liveries::keyModel(*key);
-            const auto airline = liveries::keyAirline(*key);
-            if (!refdata::airlineCode(airline).empty())
-                o.airline = airline;
-            else
-                o.airline = refdata::knownAirlineId(opt.attribute("airl").as_string());
-            return;
-        }
-    }
-    o.airline = refdata::knownAirlineId(opt.attribute("airl").as_string());
-    o.type = refdata::knownModelId(opt.attribute("type").as_string());
 }
 
 std::optional<Stand> readStand(pugi::xml_node node, std::string id, std::uint32_t archived) {
@@ -77,25 +60,10 @@ std::optional<Stand> readStand(pugi::xml_node node, std::string id, std::uint32_
     s.options.reserve(count);
     std::uint32_t number = 0;
     for (auto opt : node.children("opt")) {
-        StandOption o;
-        const std::string_view hh = opt.attribute("hh").as_string();
-        o.day = opt.attribute("day").as_uint(0);
-        if (hh.empty() || o.day == 0 || o.day > 7) continue;
-        o.reg = opt.attribute("reg").as_string();
-        const std::string_view cs = opt.attribute("cs").as_string();
-        if (const auto colon = cs.find(':'); colon != std::string_view::npos) {
-            o.cs = cs.substr(0, colon);
-            o.cs2 = cs.substr(colon + 1);
-        } else {
-            o.cs = cs;
-        }
-        optionCodes(o, opt);
-        o.hours = hours2bitset(hh);
-        o.real = opt.attribute("soft").as_bool(false) ? 0 : 1;
-        o.cpl = opt.attribute("cpl").as_bool(false);
-        o.archived = archived;
-        o.number = ++number;
-        s.options.push_back(std::move(o));
+        auto o = readOption(opt, archived);
+        if (!o) continue;
+        o->number = ++number;
+        s.options.push_back(std::move(*o));
     }
     s.options.shrink_to_fit();
     return s;
@@ -136,12 +104,6 @@ std::string withBackslashes(std::string_view text) {
     return out;
 }
 
-fs::path onDisk(std::string_view relative) {
-    std::string p(relative);
-    std::replace(p.begin(), p.end(), '\\', '/');
-    return core::gPaths.programFolder / p;
-}
-
 // A publisher's name as a folder: "%20" and slashes become blanks, blanks at the ends go.
 std::string publisherFolder(std::string_view name) {
     std::string out;
@@ -157,6 +119,52 @@ std::string publisherFolder(std::string_view name) {
 }
 
 } // namespace
+
+// The airline and type of an option: from the registration when an installed livery carries
+// it, else from the file's own codes.
+namespace {
+
+void optionCodes(StandOption& o, pugi::xml_node opt) {
+    if (!o.reg.empty()) {
+        if (const auto key = liveries::registrationKey(o.reg)) {
+            o.type = liveries::keyModel(*key);
+            const auto airline = liveries::keyAirline(*key);
+            if (!refdata::airlineCode(airline).empty())
+                o.airline = airline;
+            else
+                o.airline = refdata::knownAirlineId(opt.attribute("airl").as_string());
+            return;
+        }
+    }
+    o.airline = refdata::knownAirlineId(opt.attribute("airl").as_string());
+    o.type = refdata::knownModelId(opt.attribute("type").as_string());
+}
+
+} // namespace
+
+fs::path onDisk(std::string_view relative) {
+    std::string p(relative);
+    std::replace(p.begin(), p.end(), '\\', '/');
+    return core::gPaths.programFolder / p;
+}
+
+std::optional<StandOption> readOption(pugi::xml_node opt, std::uint32_t archived) {
+    StandOption o;
+    const std::string_view hh = opt.attribute("hh").as_string();
+    o.day = opt.attribute("day").as_uint(0);
+    if (hh.empty() || o.day == 0 || o.day > 7) return std::nullopt;
+    o.reg = opt.attribute("reg").as_string();
+    const std::string_view cs = opt.attribute("cs").as_string();
+    const auto colon = cs.find(':');
+    o.cs = cs.substr(0, colon);
+    if (colon != std::string_view::npos) o.cs2 = cs.substr(colon + 1);
+    optionCodes(o, opt);
+    o.hours = hours2bitset(hh);
+    o.real = opt.attribute("soft").as_bool(false) ? 0 : 1;
+    o.cpl = opt.attribute("cpl").as_bool(false);
+    o.archived = archived;
+    return o;
+}
 
 AirportSettings currentSettings() {
     using params::parameter;
@@ -326,7 +334,7 @@ std::string downloadApf(const std::string& xml, const fs::path& target) {
     }
     std::string path = xml;
     std::replace(path.begin(), path.end(), '\\', '/');
-    const bool msfs2024 = params::parameter<params::ChoiceTextParameter>("SIM_CHOICE").value == "MSFS 2024";
+    const bool msfs2024 = !sim::msfs2020Selected();
     const bool shared = xml.find("simaddon") != std::string::npos || xml.find("stock") != std::string::npos;
     const std::string url = base + (msfs2024 && !shared ? "downloads/MSFS2024/" : "downloads/MSFS/") + path;
     if (auto why = refdata::download(url, target); !why.empty()) {

@@ -1,12 +1,14 @@
 // The half hours of a flight on a stand, and their text forms in airport files.
 #include <bit>
 #include <charconv>
+#include <chrono>
 #include <string>
 
 #include <fmt/format.h>
 
 #include "airportfile/airportfile.h"
 #include "core/core.h"
+#include "platform/platform.h"
 
 namespace orv::airportfile {
 
@@ -96,6 +98,11 @@ DayHalfHour dayHalfHour(std::int64_t unixSeconds) {
     // 1 January 1970 was a Thursday, day 4.
     const auto day = static_cast<int>(((days + 3) % 7 + 7) % 7) + 1;
     return {day, static_cast<int>(inDay / 1800)};
+}
+
+DayHalfHour nowDayHalfHour() {
+    const auto t = platform::clock().utcNow().time_since_epoch();
+    return dayHalfHour(std::chrono::duration_cast<std::chrono::seconds>(t).count());
 }
 
 DayHalfHour stepBack(DayHalfHour t, int halfHours) {

@@ -9,7 +9,7 @@
 #include <fmt/format.h>
 #include <pugixml.hpp>
 
-#include "airportfile/airportfile.h"
+#include "airportfile/internal.h"
 #include "core/core.h"
 #include "liveries/liveries.h"
 #include "params/params.h"
@@ -19,12 +19,6 @@ namespace orv::airportfile {
 namespace {
 
 constexpr int kHalfHoursPerWeek = 7 * HourBits::kHalfHours;
-
-fs::path onDisk(std::string_view relative) {
-    std::string p(relative);
-    std::replace(p.begin(), p.end(), '\\', '/');
-    return core::gPaths.programFolder / p;
-}
 
 // "11.9.3" before "11.10.0", component by component.
 bool olderThan(std::string_view version, std::array<int, 3> than) {
@@ -89,25 +83,10 @@ void mergeLearnedStand(pugi::xml_node node, Stand& stand, bool clearFlights) {
     if (clearFlights) return;
     std::uint32_t number = stand.options.empty() ? 1 : stand.options.back().number + 1;
     for (auto opt : node.children("opt")) {
-        StandOption o;
-        const std::string_view hh = opt.attribute("hh").as_string();
-        o.day = opt.attribute("day").as_uint(0);
-        if (hh.empty() || o.day == 0 || o.day > 7) continue;
-        o.hours = hours2bitset(hh);
+        auto read = readOption(opt, 0);
+        if (!read) continue;
+        StandOption& o = *read;
         if (o.hours.empty()) core::log("empty bit set");
-        o.reg = opt.attribute("reg").as_string();
-        const std::string_view cs = opt.attribute("cs").as_string();
-        const auto colon = cs.find(':');
-        o.cs = cs.substr(0, colon);
-        if (colon != std::string_view::npos) o.cs2 = cs.substr(colon + 1);
-        o.real = opt.attribute("soft").as_bool(false) ? 0 : 1;
-        o.cpl = opt.attribute("cpl").as_bool(false);
-        if (const auto key = liveries::registrationKey(o.reg)) {
-            o.airline = liveries::keyAirline(*key), o.type = liveries::keyModel(*key);
-        } else {
-            o.airline = refdata::knownAirlineId(opt.attribute("airl").as_string());
-            o.type = refdata::knownModelId(opt.attribute("type").as_string());
-        }
         const bool duplicate =
             std::any_of(stand.options.begin(), stand.options.end(), [&](const StandOption& x) {
                 return x.day == o.day && x.real == o.real && x.reg == o.reg && x.airline == o.airline &&
@@ -120,7 +99,6 @@ void mergeLearnedStand(pugi::xml_node node, Stand& stand, bool clearFlights) {
                                   refdata::airlineCode(o.airline), refdata::modelCode(o.type), o.cs, o.reg));
             continue;
         }
-        o.archived = 0;
         o.number = number++;
         stand.options.push_back(std::move(o));
     }

@@ -640,7 +640,6 @@ bool clockAgrees(LiveAc& ac, const feed::TrafficSample& r) {
         std::fabs(r.timestamp - j.stamp - (r.tick - j.tick) / kTicksPerSecond) <= kClockAgreeSeconds;
     if (!confirmed) {
         j = {r.timestamp, r.tick};
-        ++ac.brokenTimestamps;
         return false;
     }
     ac.lastTimestamp = r.timestamp - arrivedS; // the last report's time on the new clock

@@ -186,10 +186,9 @@ struct LiveAc : AcIdentity {
         double stamp = 0; // a report whose time ran away from its arrival, held for one report
         std::int32_t tick = 0;
     } clockJump;
-    std::uint32_t brokenTimestamps = 0; // reports held for a time stamp that ran away
-    double lastFeedSpeed = 0;           // the speed of the last point taken from the feed
-    LatLonPos lastFeedPos;              // and where it was
-    double feedMovedKt = 0;             // the speed its positions showed between the last two points taken
+    double lastFeedSpeed = 0; // the speed of the last point taken from the feed
+    LatLonPos lastFeedPos;    // and where it was
+    double feedMovedKt = 0;   // the speed its positions showed between the last two points taken
     struct SetAside {
         double first = 0, time = 0, lat = 0, lon = 0; // first 0: none
     } aside;               // a ground report out of reach, kept in case the track goes on from it

@@ -1147,11 +1147,6 @@ af::LearnedAircraft learned(const LiveAc& ac) {
     return a;
 }
 
-af::DayHalfHour standNow() {
-    const auto t = platform::clock().utcNow().time_since_epoch();
-    return af::dayHalfHour(std::chrono::duration_cast<std::chrono::seconds>(t).count());
-}
-
 void takeStand(LiveAc& ac, const af::Stand& s) {
     ac.stand = {};
     ac.stand.pos = {s.latitude, s.longitude};
@@ -1249,7 +1244,7 @@ bool parkAtSpawn(LiveAc& ac) {
     st[0].stationary = true;
     st[0].speed = st[0].tas = 0;
     ac.parkedWallClock = wallTime100ns();
-    af::addRealStandOption(s->number, learned(ac), af::LearnKind::FoundAtSpawn, standNow());
+    af::addRealStandOption(s->number, learned(ac), af::LearnKind::FoundAtSpawn, af::nowDayHalfHour());
     return true;
 }
 
@@ -1272,7 +1267,7 @@ bool arrived(LiveAc& ac) {
     core::log(fmt::format("{:8}: {:8} arrived at stand", s ? s->id : std::string("?"), ac.callsign));
     queueRoute(ac);
     af::addRealStandOption(static_cast<std::uint32_t>(ac.stand.id), learned(ac), af::LearnKind::Arrival,
-                           standNow());
+                           af::nowDayHalfHour());
     return true;
 }
 

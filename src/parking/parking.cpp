@@ -267,7 +267,7 @@ void reset() {
 bool readMyParkAirports() {
     constexpr std::size_t kManyAirports = 3000;
     listed.clear();
-    const fs::path file = core::gPaths.programFolder / "airports" / params::names::kMyParkAirports;
+    const fs::path file = parkAirportsFile();
     try {
         std::error_code ec;
         if (!fs::exists(file, ec)) return true; // the list is the user's choice

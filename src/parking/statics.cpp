@@ -5,6 +5,7 @@
 #include <cmath>
 #include <random>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include "core/core.h"
@@ -41,11 +42,6 @@ std::int32_t number(const char* name) {
 std::mt19937& rng() {
     thread_local std::mt19937 generator{std::random_device{}()};
     return generator;
-}
-
-DayHalfHour now() {
-    const auto t = platform::clock().utcNow().time_since_epoch();
-    return af::dayHalfHour(std::chrono::duration_cast<std::chrono::seconds>(t).count());
 }
 
 const char* dayName(int day) {
@@ -89,9 +85,8 @@ bool nameInUse(std::string_view name) {
     return false;
 }
 
+// Its registration or a callsign already stands, is on the stack or flies live.
 bool duplicate(const af::StandOption& o) {
-    for (const auto& i : gParking.stack)
-        if (!o.reg.empty() && i.reg == o.reg) return true;
     const auto& live = gParking.live.callsignInUse;
     for (const std::string* cs : {&o.cs, &o.cs2})
         if (!cs->empty() && live && live(*cs)) return true;
@@ -240,14 +235,11 @@ void applyReservedStand() {
 }
 
 void logTime(DayHalfHour t) {
-    const auto utc = platform::clock().utcNow();
-    const auto secs = std::chrono::duration_cast<std::chrono::seconds>(utc.time_since_epoch()).count();
-    const std::time_t tt = static_cast<std::time_t>(secs);
-    std::tm tm{};
-    gmtime_r(&tt, &tm);
-    char date[32];
-    std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &tm);
-    core::log(fmt::format("\n{} (utc) It is day {} ({}), {:.1F} hours", date, t.day, dayName(t.day),
+    const auto secs =
+        std::chrono::duration_cast<std::chrono::seconds>(platform::clock().utcNow().time_since_epoch())
+            .count();
+    core::log(fmt::format("\n{:%Y-%m-%d %H:%M:%S} (utc) It is day {} ({}), {:.1F} hours",
+                          fmt::gmtime(static_cast<std::time_t>(secs)), t.day, dayName(t.day),
                           (secs % 86400) / 3600.0));
 }
 
@@ -309,7 +301,7 @@ std::int32_t wantedPositions() {
 }
 
 void calcStatics() {
-    const DayHalfHour t = now();
+    const DayHalfHour t = af::nowDayHalfHour();
     logTime(t);
     auto& P = gParking;
     P.stack.clear();
@@ -342,7 +334,7 @@ void calcStatics() {
 void adjustStatics() {
     auto& P = gParking;
     if (af::gPark.code.empty() || af::gPark.stands.empty()) return;
-    const DayHalfHour t = now();
+    const DayHalfHour t = af::nowDayHalfHour();
     logTime(t);
     P.wantedOut.clear();
     P.stack.clear();
@@ -489,7 +481,7 @@ std::optional<StaticCreate> nextStatic() {
         fmt::format("{} {} {}", refdata::airlineCode(item.airline), refdata::modelCode(item.type), a.reg));
     if (!liveries::matchStaticLivery(m, s->id, s->cargo)) return std::nullopt;
     a.title = m.title;
-    const DayHalfHour start = af::stepBack(now(), item.offset);
+    const DayHalfHour start = af::stepBack(af::nowDayHalfHour(), item.offset);
     a.startDay = start.day, a.startHalfHour = start.halfHour;
     StaticCreate c{a.hexid,
                    a.latitude,
