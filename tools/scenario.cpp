@@ -187,8 +187,27 @@ Result run(const Config& config) {
         return std::all_of(P.statics.begin(), P.statics.end(),
                            [](const parking::StaticAc& a) { return a.state == 2; });
     };
+    // Each live aircraft on a stand, by hexid, where the engine last placed it there.
+    struct OnStand {
+        std::string tail;
+        std::int32_t stand = 0;
+        double lat = 0, lon = 0, heading = 0;
+        bool atSpawn = false;
+    };
+    std::map<std::uint32_t, OnStand> onStands;
+    const auto noteParked = [&] {
+        for (const auto& ac : live::gEngine.liveTable) {
+            if (ac.phase != live::Phase::Parked || ac.stand.id == 0 || ac.simState != live::SimState::Active)
+                continue;
+            auto [it, fresh] = onStands.try_emplace(ac.hexid);
+            if (fresh) it->second.atSpawn = ac.previousPhase == live::Phase::Birth;
+            it->second.tail = ac.callsign, it->second.stand = ac.stand.id;
+            it->second.lat = ac.lat, it->second.lon = ac.lon, it->second.heading = ac.heading;
+        }
+    };
     for (std::int64_t k = 0; k < frames; ++k) {
         const double t = static_cast<double>(k) / 100.0;
+        if (config.parking.on && k % 100 == 0) noteParked();
         const bool skipSecond = idleSecond(k, t) && k + 100 <= frames;
         sim::pollOnce();
         pump();
@@ -220,6 +239,10 @@ Result run(const Config& config) {
                 // 5th, the adjustment every 20 minutes.
                 const auto c = k / 100;
                 sim::requestUserOnGround();
+                live::routeQueueStep();
+                live::collisionChecks();
+                if (c % 5 == 0) live::removeAtReservedStand();
+                if (c % 5 != 0 && c % 61 == 0) live::duplicatesSweep();
                 if (c % 5 != 0 && c % 16 == 0) parking::parkAirportTick();
                 if (c > 0 && c % 1200 == 0) parking::recalculate();
                 if (config.parking.onSecond) config.parking.onSecond(t);
@@ -234,7 +257,18 @@ Result run(const Config& config) {
         k += step - 1;
     }
     // The run ends as the program would close: what was learned at the park airport is written.
-    if (config.parking.on) airportfile::flushLiveAirports();
+    if (config.parking.on) {
+        noteParked();
+        for (const auto& [hexid, p] : onStands) {
+            const auto& stands = airportfile::gPark.stands;
+            if (p.stand < 1 || static_cast<std::size_t>(p.stand) > stands.size()) continue;
+            const auto& s = stands[static_cast<std::size_t>(p.stand) - 1];
+            result.parked.push_back(
+                {p.tail, s.id, core::distanceNm(p.lat, p.lon, s.latitude, s.longitude) * core::kMetresPerNm,
+                 std::fabs(core::angleDiff(p.heading, s.headingRad)) * core::kDegPerRad, p.atSpawn});
+        }
+        airportfile::flushLiveAirports();
+    }
     result.objects = emulator.objects();
     result.noMatch = live::noMatchList();
     emulator.quit();
@@ -400,6 +434,14 @@ std::vector<AircraftMotion> motionReport(const Result& result, const std::vector
         }
         out.push_back(std::move(m));
     }
+    return out;
+}
+
+std::string formatParked(const std::vector<Parked>& parked) {
+    std::string out;
+    for (const auto& p : parked)
+        out += fmt::format("{:8} {} {:8} {:5.2f} m {:4.1f} deg off the stand\n", p.tail,
+                           p.atSpawn ? "found at" : "parks on", p.stand, p.offM, p.offDeg);
     return out;
 }
 
@@ -730,7 +772,8 @@ int scenarioMain(const std::vector<std::string>& args, const fs::path& programFo
                                                  : std::string("still there"),
                                              o.positions.size(), o.events.size());
             }
-            if (report) std::cout << formatReport(motionReport(result, runways));
+            if (report)
+                std::cout << formatReport(motionReport(result, runways)) << formatParked(result.parked);
             if (track.size() == 2) std::cout << formatTrack(result, track[0], track[1]);
         } catch (const std::exception& e) {
             std::cerr << fmt::format("scenario {}: {}\n", file.string(), e.what());

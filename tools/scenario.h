@@ -54,8 +54,16 @@ struct FedLine {
     bool onGround = false;
 };
 
+// A live aircraft that parked on a stand of the park airport, and how exactly it stands there.
+struct Parked {
+    std::string tail, stand;
+    double offM = 0, offDeg = 0; // from the stand's point and heading, where it last stood
+    bool atSpawn = false;        // found there when it was made, rather than arriving
+};
+
 struct Result {
     std::vector<emu::ObjectRecord> objects; // every object the simulator made, with what it saw
+    std::vector<Parked> parked;
     std::vector<FedLine> fed;
     double airportElevationFt = 0;
     std::vector<std::string> noMatch; // aircraft no installed livery may show, as the log lists them
@@ -95,6 +103,7 @@ struct AircraftMotion {
 };
 std::vector<AircraftMotion> motionReport(const Result& result, const std::vector<Runway>& runways);
 std::string formatReport(const std::vector<AircraftMotion>& report);
+std::string formatParked(const std::vector<Parked>& parked);
 
 // ---- Fidelity: the bars every aircraft of a real recording must clear ---------------------
 

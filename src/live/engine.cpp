@@ -250,6 +250,7 @@ void Engine::reserve() {
     rememberedLiveries.reserve(kMaxRemembered);
     failedLiveries.reserve(kMaxRemembered);
     noMatch.reserve(kMaxRemembered);
+    ghostList.reserve(kGhostListSize);
 }
 
 void Engine::reset() {
@@ -269,6 +270,7 @@ void Engine::reset() {
     rng.seed(20250204);
     user = {};
     userKnown = false;
+    userOnGround = true;
     tick = 0;
     taken = positionsLost = created = removed = 0;
     callsignLookupObject = 0;
@@ -276,6 +278,8 @@ void Engine::reset() {
     plansToRemove.clear();
     activeCount = 0;
     activeCountedAt = -1;
+    ghostList.clear();
+    userAtLastGuard = {};
 }
 
 LiveAc* findByHexid(std::uint32_t hexid) {
@@ -579,6 +583,9 @@ void pace() {
                 r.hexid = c->hexid;
                 e.staticSpawnQueue.push_back(std::move(r));
             }
+        // A static removed while it waited (a live aircraft took its stand) is never made.
+        while (!liveWaiting && !queue->empty() && !parking::staticWanted(queue->front().hexid))
+            queue->erase(queue->begin());
         if (!queue->empty()) {
             const auto& r = queue->front();
             sim::CreateRecord c;
@@ -858,6 +865,7 @@ void poll() {
     if (e.tick % 100 == 0) {
         e.user = sim::requestUserPosition();
         e.userKnown = std::fabs(e.user.latitude) > 0.0001 || std::fabs(e.user.longitude) > 0.0001;
+        e.userOnGround = sim::userOnGround();
     }
 }
 
@@ -873,7 +881,7 @@ Update handleBuffer(LiveAc& ac) {
     if (st.empty()) return drop();
     const bool movingOnGround = !st[0].airborne && !st[0].stationary;
     if (e.tick < st[0].tick - (movingOnGround ? 300 : 100)) return Update::Keep;
-    if (st.size() < 2) return drop();
+    if (st.size() < 2 || inGhostList(ac.callsign)) return drop();
     bool air = false, ground = false;
     for (std::size_t i = 0; i < st.size(); ++i) (st[i].airborne ? air : ground) = true;
     if (air && ground) {
@@ -907,7 +915,7 @@ Update handleBuffer(LiveAc& ac) {
             ac.modelCode = rec->model;
     if (!ac.airlineCode && refdata::modelCode(ac.modelCode).empty())
         ac.airlineCode = refdata::airlineId("PVT");
-    if (!callsignOk(ac)) return drop();
+    if (!callsignOk(ac) || ghostExists(ac.callsign)) return drop();
     if (!ac.registration.empty() && e.failedLiveries.contains(failedKey(ac))) return drop();
     return spawnLiveAc(ac);
 }
@@ -983,6 +991,7 @@ Update spawnLiveAc(LiveAc& ac) {
     ac.targetHeading = ac.heading;
     setSimState(ac, SimState::Adding2Sim);
     e.addingStack.push_back(ac.hexid);
+    ghostRemove(ac.callsign);
     return Update::Keep;
 }
 
@@ -1037,6 +1046,14 @@ bool checkRespawn(LiveAc& ac, const feed::TrafficSample& r) {
     if (!r.callsign.empty() && r.callsign != ac.callsign) {
         ac.callsign = ac.flightA = r.callsign;
         if (const refdata::AirlineId a = airlineOfCallsign(r.callsign)) ac.airlineCode = a;
+        // Under a ghost's name beside its real twin it is the copy now, and goes.
+        if (ghostExists(ac.callsign)) {
+            core::log(
+                fmt::format("          {:8} became a ghost of a live aircraft and is removed", ac.callsign));
+            removeAircraftFromSim(ac);
+            return false;
+        }
+        ghostRemove(ac.callsign);
     }
     if (newLivery && params::gParams.GUID_CHANGES.load(std::memory_order_relaxed)) {
         core::log(fmt::format("          {} respawns", describeAc(ac)));
@@ -1389,7 +1406,6 @@ void writeFlightPlans() {
     e.plansToRemove.clear();
 }
 
-void removeAtReservedStand() {}
 namespace {
 // Set by the worker before the loop, called by it in the one-second step.
 FlightLookup flightLookup;
@@ -1415,6 +1431,7 @@ void routeQueueStep() {
     if (!ac || ac->routeLookedUp) return;
     ac->routeLookedUp = true;
     copyFlights(*ac);
+    if (ac->simState == SimState::Active) sameFlightSweep(*ac);
 }
 
 void logNoMatchList() {
@@ -1434,9 +1451,6 @@ std::vector<std::string> noMatchList() {
 }
 
 void publishCallsignLookup() {}
-void collisionChecks() {}
-void duplicatesSweep() {}
-void clearGhosts() {}
 void removeAllLive() {
     removeAll();
 }

@@ -20,6 +20,8 @@
 
 namespace orv::live {
 
+inline constexpr std::size_t kGhostListSize = 64;
+
 // A request to create an object, waiting for its turn (two creations a second).
 struct SpawnRequest {
     simconnect::SIMCONNECT_DATA_INITPOSITION init;
@@ -143,7 +145,8 @@ struct Engine {
     std::mt19937 rng{20250204};
     sim::UserData user;
     bool userKnown = false;
-    std::int32_t tick = 0; // engineTick during this frame
+    bool userOnGround = true; // the simulator's flag, taken with the position
+    std::int32_t tick = 0;    // engineTick during this frame
     std::uint64_t taken = 0, positionsLost = 0, created = 0, removed = 0;
     std::uint32_t callsignLookupObject = 0; // the object the callsign lookup shows, 0 none
     // Flight plan files to write and to delete, beside the frame.
@@ -152,6 +155,10 @@ struct Engine {
     // Active aircraft, counted once a frame when the buffer first asks.
     std::size_t activeCount = 0;
     std::int32_t activeCountedAt = -1;
+
+    // Callsigns of ghost copies ("_") that were replaced by their real twin: never spawned again.
+    std::vector<std::string> ghostList;
+    LatLonPos userAtLastGuard; // where the user was when the statics around it were last looked at
 
     void reserve(); // at the first start: nothing in the frame allocates after this
     void reset();
@@ -248,6 +255,27 @@ void takeOffChecks(LiveAc& ac, Sample& sample);
 bool parkAtSpawn(LiveAc& ac);
 bool arrived(LiveAc& ac);
 bool userProximity(LiveAc& ac);
+
+// ---- Ghosts and conflicts ---------------------------------------------------------------------
+// A real callsign spawned or taken: its ghost copy (the callsign with "_") goes.
+void ghostRemove(std::string_view callsign);
+// A ghost copy whose real twin is here.
+bool ghostExists(std::string_view callsign);
+bool inGhostList(std::string_view callsign);
+// Whether an aircraft at this place and heading is one the user would run into: within the row's
+// distance and altitude window, ahead on its track and within the row's width of it. Row 0 is
+// for aircraft in the simulator, row 1 for one about to be made.
+bool wouldCollide(const sim::UserData& user, double lat, double lon, double altFt, double headingRad,
+                  int row);
+// Whether the stand may take `ac`: live aircraft on it are removed, or keep it (false).
+bool standFreeOfLive(std::uint32_t number, std::string_view standId, const LiveAc& ac);
+// Live aircraft parked or pushing on a stand beside it, close enough to touch: with `remove`
+// they go, otherwise the answer is false.
+bool clearAdjacent(std::uint32_t number, const LiveAc& ac, bool remove);
+// More parked aircraft than MAX_PARK_SEL: the longest parked live one, then the oldest static.
+void checkMaxParked(bool adding);
+// Statics that are this live aircraft under another name: its flight or registration.
+void sameFlightSweep(const LiveAc& ac);
 void setOnGroundFlags(LiveAc& ac);
 void attitude(LiveAc& ac); // pitch, bank and altitude of one tick
 bool evaluateCurve(LiveAc& ac, double& tangent);

@@ -210,8 +210,10 @@ struct LiveAc : AcIdentity {
     std::optional<double> groundAltitude; // feet, from the simulator's in-range report
     // Stand.
     StandTarget stand;
-    LatLonPos lastCheckedPos; // the last stream end try2Park looked at
+    LatLonPos lastCheckedPos;  // the last stream end try2Park looked at
+    LatLonPos clearCheckedPos; // where it was when the statics in its way were last looked for
     bool atStand = false;
+    bool keepDistance = false; // held back from spawning for the user's sake
     LandingFlags landingFlags;
     bool towed = false, takingOff = false, above10000 = false, below10000 = false, pushRequested = false,
          turningInPlace = false;

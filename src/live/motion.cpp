@@ -1155,18 +1155,6 @@ void takeStand(LiveAc& ac, const af::Stand& s) {
     ac.stand.cargo = s.cargo;
 }
 
-// Another live aircraft parked there goes; statics on the stand or touching it go too.
-void clearStandFor(const LiveAc& ac, const af::Stand& s) {
-    for (auto& other : gEngine.liveTable)
-        if (&other != &ac && other.phase == Phase::Parked &&
-            other.stand.id == static_cast<std::int32_t>(s.number) && other.simState == SimState::Active) {
-            core::log(
-                fmt::format("{:8}: {:8} removed, {} wants to park there", s.id, other.callsign, ac.callsign));
-            removeAircraftFromSim(other);
-        }
-    parking::clearStaticsFor(s.number, ac.halfSize);
-}
-
 void drive2Stand(LiveAc& ac, LatLonPos target) {
     auto& st = ac.stream;
     Sample& last = st.back();
@@ -1207,8 +1195,9 @@ bool try2Park(LiveAc& ac, bool justLanded) {
     if (ac.lastCheckedPos.lat == last.lat && ac.lastCheckedPos.lon == last.lon) return false;
     ac.lastCheckedPos = {last.lat, last.lon};
     af::Stand* s = closestStand(last.lat, last.lon, ac, justLanded ? kUserStandNm : kStretchNm, justLanded);
-    if (!s || usersStand(*s)) return false;
-    clearStandFor(ac, *s);
+    if (!s || usersStand(*s) || !standFreeOfLive(s->number, s->id, ac)) return false;
+    clearAdjacent(s->number, ac, true);
+    parking::clearStaticsFor(s->number, ac.halfSize);
     takeStand(ac, *s);
     while (st.size() > 1) st.pop_back();
     setPhase(ac, Phase::Parking);
@@ -1231,13 +1220,11 @@ bool parkAtSpawn(LiveAc& ac) {
     }
     af::Stand* s = closestStand(head.lat, head.lon, ac, kUserStandNm, head.stationary);
     if (!s || usersStand(*s)) return false;
-    for (const auto& other : gEngine.liveTable)
-        if (&other != &ac && other.phase == Phase::Parked &&
-            other.stand.id == static_cast<std::int32_t>(s->number)) {
-            ac.dropNow = true;
-            return false;
-        }
-    clearStandFor(ac, *s);
+    if (!standFreeOfLive(s->number, s->id, ac) || !clearAdjacent(s->number, ac, false)) {
+        ac.dropNow = true;
+        return false;
+    }
+    parking::clearStaticsFor(s->number, ac.halfSize);
     takeStand(ac, *s);
     while (st.size() > 1) st.pop_back();
     st[0].lat = s->latitude, st[0].lon = s->longitude;
@@ -1245,6 +1232,7 @@ bool parkAtSpawn(LiveAc& ac) {
     st[0].speed = st[0].tas = 0;
     ac.parkedWallClock = wallTime100ns();
     af::addRealStandOption(s->number, learned(ac), af::LearnKind::FoundAtSpawn, af::nowDayHalfHour());
+    checkMaxParked(true);
     return true;
 }
 
@@ -1268,11 +1256,8 @@ bool arrived(LiveAc& ac) {
     queueRoute(ac);
     af::addRealStandOption(static_cast<std::uint32_t>(ac.stand.id), learned(ac), af::LearnKind::Arrival,
                            af::nowDayHalfHour());
+    checkMaxParked(false);
     return true;
-}
-
-bool userProximity(LiveAc&) {
-    return false;
 }
 
 void setOnGroundFlags(LiveAc& ac) {

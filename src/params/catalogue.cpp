@@ -242,6 +242,10 @@ std::vector<MirrorEntry> mirrorTable(Parameters& m) {
             {&c.HOLDING_THRESHOLD_METERS, nullptr, &m.HOLDING_THRESHOLD_METERS},
             {&c.MAX_HOLDING_MINUTES, nullptr, &m.MAX_HOLDING_MINUTES},
             {&c.STRAIGHT_PBS_ONLY, &m.STRAIGHT_PBS_ONLY},
+            {&c.COLLISION_USER_GND, &m.COLLISION_USER_GND},
+            {&c.COLLISION_USER_AIR, &m.COLLISION_USER_AIR},
+            {&c.COLLISION_LIVE_PARKED_GND, &m.COLLISION_LIVE_PARKED_GND},
+            {&c.MAX_PARK_SEL, nullptr, &m.MAX_PARK_SEL},
             {&c.DESTINATION, nullptr, nullptr, &m.DESTINATION},
             {&c.BLOCK_CALLSIGN, nullptr, nullptr, &m.BLOCK_CALLSIGN}};
 }

@@ -27,6 +27,9 @@ void Parameters::reset() {
     HOLDING_THRESHOLD_METERS = 250;
     MAX_HOLDING_MINUTES = 20;
     STRAIGHT_PBS_ONLY = false;
+    COLLISION_USER_GND = COLLISION_USER_AIR = true;
+    COLLISION_LIVE_PARKED_GND = false;
+    MAX_PARK_SEL = 500;
     DESTINATION.clear();
     BLOCK_CALLSIGN.clear();
 }

@@ -38,6 +38,8 @@ struct Parameters {
     std::atomic<int> HOLDING_THRESHOLD_METERS{250};
     std::atomic<int> MAX_HOLDING_MINUTES{20};
     std::atomic<bool> STRAIGHT_PBS_ONLY{false};
+    std::atomic<bool> COLLISION_USER_GND{true}, COLLISION_USER_AIR{true}, COLLISION_LIVE_PARKED_GND{false};
+    std::atomic<int> MAX_PARK_SEL{500}; // parked aircraft at most, live and static (0: no limit)
     // Written by the worker only.
     std::string DESTINATION;
     std::string BLOCK_CALLSIGN;

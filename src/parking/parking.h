@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "airportfile/airportfile.h"
@@ -114,6 +115,11 @@ std::string userStand(core::LatLon user, bool onGround);
 // A live aircraft of this half size takes the stand: the statics on it, or on a neighbour it would
 // touch, are removed.
 void clearStaticsFor(std::uint32_t standNumber, double halfSizeNm);
+// One static aircraft out, for the reason the log gives (a duplicate of a live one, in the way of
+// the user): its object is removed, or, while it waits to be made, it is never made.
+void removeStaticAircraft(std::size_t index, std::string_view why);
+// Whether a static waiting to be made is still wanted: one removed meanwhile is not asked for.
+bool staticWanted(std::uint32_t hexid);
 
 // What the status display shows of static parking: published by the worker, read by front ends.
 struct ParkStatus {

@@ -543,6 +543,21 @@ void clearStaticsFor(std::uint32_t standNumber, double halfSizeNm) {
     dropGone();
 }
 
+void removeStaticAircraft(std::size_t index, std::string_view why) {
+    if (index >= gParking.statics.size()) return;
+    const auto& a = gParking.statics[index];
+    const auto* s = standByNumber(a.stand);
+    core::log(
+        fmt::format("{:8}: static aircraft {} {} removed, {}", s ? s->id : std::string(), a.cs, a.reg, why));
+    removeStatic(index);
+    dropGone();
+}
+
+bool staticWanted(std::uint32_t hexid) {
+    return std::any_of(gParking.statics.begin(), gParking.statics.end(),
+                       [&](const StaticAc& a) { return a.hexid == hexid && a.state != 0; });
+}
+
 void flushStatics() {
     if (gParking.loading) return;
     leaveParkAirport();

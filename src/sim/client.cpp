@@ -939,6 +939,9 @@ std::string userModel() {
     std::lock_guard lock(textLock);
     return texts.model;
 }
+bool userOnGround() noexcept {
+    return status.userOnGround.load(std::memory_order_relaxed);
+}
 double userHalfSpanNm() {
     return status.halfSpanNm;
 }

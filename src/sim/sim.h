@@ -197,7 +197,8 @@ bool userTitleKnown();
 std::string userTitle();
 std::string userModel();
 double userHalfSpanNm();
-std::string simulatorText(); // "KittyHawk (11.0.282174.999) connected"
+bool userOnGround() noexcept; // the simulator's own flag, as last asked; true until known
+std::string simulatorText();  // "KittyHawk (11.0.282174.999) connected"
 std::string nearestArea();
 // The airport within 5 nm of the user, looked for again when the user has moved half a mile.
 std::optional<refdata::AirportRecord> nearestAirport();
