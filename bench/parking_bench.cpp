@@ -172,14 +172,45 @@ void BM_ReadAirportFile1000Stands(benchmark::State& state) {
 }
 BENCHMARK(BM_ReadAirportFile1000Stands)->Unit(benchmark::kMillisecond);
 
-// The engine frame with 1,000 live aircraft in flight while 300 statics are made, one each 50
-// frames, and removed again.
-void BM_EngineFrame1000LiveWhile300StaticsComeAndGo(benchmark::State& state) {
+// A third of the live aircraft on the ground at EHAM, each stopped 60 to 80 m from a stand: near
+// enough for a just-landed aircraft to look through the stands and their schedules, too far to
+// park, so that every search runs the whole list.
+void lookingForStands(std::mt19937& rng, std::size_t count) {
+    std::uniform_int_distribution<std::size_t> pick(0, af::gPark.stands.size() - 1);
+    std::uniform_real_distribution<double> bearing(0, 2 * 3.141592653589793), metres(60, 80);
+    for (std::size_t i = 0; i < count; ++i) {
+        live::LiveAc& ac = live::gEngine.liveTable[i];
+        const auto& s = af::gPark.stands[pick(rng)];
+        const double b = bearing(rng), m = metres(rng);
+        const double lat = s.latitude + m / 111132.95 * std::cos(b);
+        const double lon = s.longitude + m / (111132.95 * std::cos(lat * core::kRadPerDeg)) * std::sin(b);
+        ac.phase = live::Phase::Taxi;
+        ac.onGround = true;
+        ac.lat = lat, ac.lon = lon, ac.alt = -11;
+        ac.extrapolateCount = 1;
+        ac.landingFlags.justLanded = true;
+        ac.stream.clear();
+        live::Sample at;
+        at.lat = lat, at.lon = lon, at.alt = -11, at.stationary = true;
+        at.tick = 0;
+        ac.stream.push_back(at);
+        at.tick = 100;
+        ac.stream.push_back(at);
+    }
+}
+
+// The engine frame with 1,000 live aircraft while 300 statics are made, one each 50 frames, and
+// removed again; with `searching` a third of the aircraft look for a stand at EHAM once a second,
+// as new reports of a stopped aircraft make them.
+void engineFrameWithStatics(benchmark::State& state, bool searching) {
     platform::setClock(&wednesday);
     loadEham();
     params::set(params::parameter<params::ChoiceIntParameter>("MAX_PARK_SEL"), 500, params::Save::no);
     std::mt19937 rng(42);
     orv::bench::fillLiveTable(rng, 0);
+    const std::size_t searchers = searching ? live::gEngine.liveTable.size() / 3 : 0;
+    lookingForStands(rng, searchers);
+    std::size_t searches = 0;
     parking::calcStatics();
     auto& P = parking::gParking;
     while (P.stack.size() < 300 && !P.stack.empty()) P.stack.push_back(P.stack[P.stack.size() % 50]);
@@ -189,6 +220,13 @@ void BM_EngineFrame1000LiveWhile300StaticsComeAndGo(benchmark::State& state) {
     times.reserve(1 << 16);
     std::size_t made = 0;
     for (auto _ : state) {
+        // Each searcher's stream end counts as new once every 100 frames.
+        for (std::size_t i = times.size() % 100; i < searchers; i += 100) {
+            live::LiveAc& ac = live::gEngine.liveTable[i];
+            if (ac.phase != live::Phase::Taxi) continue;
+            ac.lastCheckedPos = {};
+            ++searches;
+        }
         const auto start = std::chrono::steady_clock::now();
         live::engineFrame();
         const auto end = std::chrono::steady_clock::now();
@@ -209,11 +247,28 @@ void BM_EngineFrame1000LiveWhile300StaticsComeAndGo(benchmark::State& state) {
     state.counters["p99_us"] = times[times.size() * 99 / 100] * 1e6;
     state.counters["max_us"] = times.back() * 1e6;
     state.counters["statics_made"] = static_cast<double>(made);
+    if (searching) {
+        std::size_t parked = 0;
+        for (std::size_t i = 0; i < searchers; ++i)
+            parked += live::gEngine.liveTable[i].phase != live::Phase::Taxi;
+        state.counters["stand_searches"] = static_cast<double>(searches);
+        state.counters["searchers_parked"] = static_cast<double>(parked);
+    }
     live::reset();
     sim::reset();
     parking::reset();
     platform::setClock(nullptr);
 }
+void BM_EngineFrame1000LiveWhile300StaticsComeAndGo(benchmark::State& state) {
+    engineFrameWithStatics(state, false);
+}
+void BM_EngineFrame1000LiveAThirdLookingForStandsAt300Statics(benchmark::State& state) {
+    engineFrameWithStatics(state, true);
+}
+BENCHMARK(BM_EngineFrame1000LiveAThirdLookingForStandsAt300Statics)
+    ->UseManualTime()
+    ->Iterations(16000)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EngineFrame1000LiveWhile300StaticsComeAndGo)
     ->UseManualTime()
     ->Iterations(16000)

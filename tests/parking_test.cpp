@@ -1,8 +1,10 @@
 #include <atomic>
+#include <functional>
 #include <map>
 #include <thread>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <pugixml.hpp>
@@ -163,6 +165,44 @@ class ParkAirportScenario : public test::ProgramHome {
         }
         return *best;
     }
+
+    // N899DN's recording with its lines changed by `edit` (fields split at commas; return false to
+    // drop the line) and more lines after them, as a recording of its own.
+    fs::path madeUp(std::string_view name, const std::function<bool(std::vector<std::string>&)>& edit,
+                    std::vector<std::string> more = {}) const {
+        std::vector<std::string> lines;
+        (void)core::readAllLines(fs::path(ORV_SOURCE_DIR) / "data/recordings/kmsp-n899dn.rttfc", lines, 4096);
+        const fs::path out = dir.path() / fmt::format("{}.rttfc", name);
+        std::string text;
+        for (const auto& l : lines) {
+            auto f = fields(l);
+            if (!edit(f)) continue;
+            text += fmt::format("{}\n", fmt::join(f, ","));
+        }
+        for (const auto& l : more) text += l + "\n";
+        if (!core::writeText(text, out, false)) throw std::runtime_error("cannot write " + out.string());
+        return out;
+    }
+    static std::vector<std::string> fields(std::string_view line) {
+        std::vector<std::string> f;
+        for (std::size_t a = 0;;) {
+            const auto b = line.find(',', a);
+            f.emplace_back(line.substr(a, b == std::string_view::npos ? b : b - a));
+            if (b == std::string_view::npos) return f;
+            a = b + 1;
+        }
+    }
+    static double recordingSeconds(const std::vector<std::string>& f) {
+        return std::stod(f[14]) - kRecordingStart;
+    }
+    // The object of that name that moved most: a static of the same name stands still.
+    static const emu::ObjectRecord* object(const scenario::Result& r, std::string_view tail) {
+        const emu::ObjectRecord* best = nullptr;
+        for (const auto& o : r.objects)
+            if (o.tail == tail && (!best || o.positions.size() > best->positions.size())) best = &o;
+        return best;
+    }
+    static constexpr double kRecordingStart = 1738703622.62; // the time of its first line
 
     httplib::Server server;
     std::thread thread;
@@ -337,6 +377,45 @@ TEST_F(ParkAirportScenario, Dal2418StartsOnG11AndPushesBack) {
     EXPECT_LE(report[0].maxStepGroundKt, 40.0) << "no jump off the stand";
 }
 
+// N899DN's second day at KMSP: DAL1615 lands and parks on F8. The next morning's data of DAL2927
+// begin 32 m off F8 already rolling at 17 kt (the push-back was not recorded): it is not put on
+// the stand it has left, but taxis on from where its data begin.
+TEST_F(ParkAirportScenario, TheSecondDayParksOnF8AndDoesNotPutTheNextDepartureBack) {
+    const af::Stand* f8 = &stand("F8");
+    {
+        const auto r = scenario::run(kmspRun(70900, 71380, 300));
+        ASSERT_EQ(r.error, "");
+        const emu::ObjectRecord* dal = object(r, "DAL1615");
+        ASSERT_TRUE(dal);
+        const double off =
+            core::distanceNm(dal->now.latitude, dal->now.longitude, f8->latitude, f8->longitude) *
+            core::kMetresPerNm;
+        const double headingOff =
+            std::fabs(core::angleDiff(dal->now.heading, f8->headingRad)) * core::kDegPerRad;
+        std::printf("DAL1615 rests %.2f m and %.1f deg off F8\n", off, headingOff);
+        EXPECT_LT(off, 1.0);
+        EXPECT_LT(headingOff, 2.0);
+        EXPECT_TRUE(log.contains("F8      : DAL1615  arrived at stand"));
+    }
+    auto c = kmspRun(74790, 75300, 0);
+    std::vector<live::Phase> phases;
+    c.onFrame = [&](double) {
+        const live::LiveAc* ac = live::findByHexid(0xac671b);
+        if (ac && (phases.empty() || phases.back() != ac->phase)) phases.push_back(ac->phase);
+    };
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    const emu::ObjectRecord* dal = object(r, "DAL2927");
+    ASSERT_TRUE(dal);
+    ASSERT_FALSE(dal->positions.empty());
+    const auto& first = dal->positions.front();
+    EXPECT_GT(core::distanceNm(first.latitude, first.longitude, f8->latitude, f8->longitude) * 1852.0, 25.0);
+    EXPECT_TRUE(std::find(phases.begin(), phases.end(), live::Phase::Parked) == phases.end());
+    const auto report = scenario::motionReport(r, {});
+    ASSERT_FALSE(report.empty());
+    EXPECT_LE(report[0].maxStepGroundKt, 40.0);
+}
+
 // At LSZH, with its stock file: CAI3208's data end 78 m from the nearest stand of the list (the
 // stand it used is not in it), beyond the 55 m in which a landed aircraft looks for one: it stays
 // where its data end instead of being pulled onto a stand it did not use.
@@ -376,6 +455,124 @@ TEST_F(ParkAirportScenario, Cai3208RestsWhereItsDataEndWithNoStandInReach) {
     EXPECT_GT(nearestM, 55.0);
     EXPECT_LT(off, 5.0);
     EXPECT_FALSE(log.contains("CAI3208  arrived at stand"));
+}
+
+// A ghost copy of DAL1812 ("DAL1812_", another hexid) flies the same landing: whichever of the two
+// came first, one DAL1812 parks on G11 and the copy is gone.
+TEST_F(ParkAirportScenario, AGhostCopyGoesAndItsOriginalParks) {
+    const af::Stand* g11 = &stand("G11");
+    for (const bool ghostFirst : {true, false}) {
+        SCOPED_TRACE(ghostFirst ? "the ghost came first" : "the real one came first");
+        const double realFrom = ghostFirst ? 14060 : 14000, ghostFrom = ghostFirst ? 14000 : 14060;
+        std::vector<std::string> ghost;
+        const auto keep = [&](std::vector<std::string>& f, bool collect) {
+            if (f[9] != "DAL1812") return true;
+            const double t = recordingSeconds(f);
+            if (collect && t >= ghostFrom) {
+                auto g = f;
+                g[1] = "11298588", g[9] = "DAL1812_";
+                ghost.push_back(fmt::format("{}", fmt::join(g, ",")));
+            }
+            return t >= realFrom;
+        };
+        (void)madeUp("ghost-lines", [&](auto& f) { return keep(f, true); });
+        auto c = kmspRun(14000, 14500, 300);
+        c.recording = madeUp(
+            "ghost", [&](auto& f) { return keep(f, false); }, ghost);
+        const auto r = scenario::run(c);
+        if (std::getenv("ORV_SHOW_LOG")) std::printf("%s\n", log.text().c_str());
+        ASSERT_EQ(r.error, "");
+        const auto* real = object(r, "DAL1812");
+        ASSERT_TRUE(real);
+        EXPECT_LT(core::distanceNm(real->now.latitude, real->now.longitude, g11->latitude, g11->longitude) *
+                      core::kMetresPerNm,
+                  1.0);
+        const auto* copy = object(r, "DAL1812_");
+        if (ghostFirst) {
+            ASSERT_TRUE(copy) << "the ghost was made before its twin came";
+            EXPECT_GE(copy->removedAt, 0.0);
+            EXPECT_LT(copy->removedAt, real->createdAt + 5);
+            EXPECT_TRUE(log.contains("DAL1812_ is a ghost and will be removed, continue with DAL1812"));
+        } else {
+            EXPECT_FALSE(copy) << "a ghost of a live aircraft is never made";
+        }
+        for (const auto& p : r.parked) std::printf("%s", scenario::formatParked({p}).c_str());
+    }
+}
+
+// Wednesday 17:12, when the schedule puts N899DN on F8 as a static: the live N899DN (DAL1812)
+// lands and taxis to G11, and its static double is removed once.
+TEST_F(ParkAirportScenario, AStaticDoubleOfALiveAircraftIsRemovedOnce) {
+    auto c = kmspRun(14000, 14500, 300);
+    c.parking.utcStart = 1738713600 + 17 * 3600 + 12 * 60;
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    const auto* live = object(r, "DAL1812");
+    ASSERT_TRUE(live);
+    std::vector<const emu::ObjectRecord*> doubles;
+    for (const auto& o : r.objects)
+        if (&o != live && o.title.find("N899DN") != std::string::npos) doubles.push_back(&o);
+    ASSERT_EQ(doubles.size(), 1u) << "one static N899DN, never made again";
+    EXPECT_GE(doubles[0]->removedAt, live->createdAt);
+    EXPECT_EQ(log.count("live DAL1812 is the same"), 1u) << log.text();
+}
+
+// The user stands on the taxiway DAL1812 takes to G11: the aircraft is removed before it runs into
+// the user, rather than driving through.
+TEST_F(ParkAirportScenario, ALiveAircraftThatWouldTaxiThroughTheParkedUserIsRemoved) {
+    auto c = kmspRun(14000, 14500, 300);
+    c.parking.user.latitude = 44.878452, c.parking.user.longitude = -93.212324; // 38 s after touchdown
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    EXPECT_TRUE(log.contains("DAL1812  removed, it would run into the user on the ground"));
+    // Made again once the track has gone past the user, it may go on to its stand.
+    double closest = 1e9;
+    for (const auto& o : r.objects) {
+        if (o.tail != "DAL1812" || o.positions.size() < 2) continue;
+        for (const auto& p : o.positions)
+            closest = std::min(closest, core::distanceNm(p.latitude, p.longitude, c.parking.user.latitude,
+                                                         c.parking.user.longitude) *
+                                            core::kMetresPerNm);
+    }
+    std::printf("DAL1812 came within %.1f m of the user\n", closest);
+    EXPECT_GT(closest, 17.2) << "it never ran into the user";
+}
+
+// A static stands on G11 when DAL1812 comes to park there: the static makes way. The stock file
+// gets another Delta 737 on G11 on Thursday nights for it.
+TEST_F(ParkAirportScenario, ALiveArrivalRemovesTheStaticOnItsStand) {
+    const af::Stand* g11 = &stand("G11");
+    const fs::path file = dir.path() / "site/downloads/MSFS/archive/stock/KMSP.xml";
+    pugi::xml_document doc;
+    ASSERT_TRUE(doc.load_file(file.c_str()));
+    auto opt = doc.select_node("//parkpos[@id='G11']").node().append_child("opt");
+    for (const auto& [name, value] : {std::pair{"reg", "N810DN"},
+                                      {"airl", "DAL"},
+                                      {"type", "B739"},
+                                      {"day", "4"},
+                                      {"hh", "2:7"},
+                                      {"cs", "DAL999:DAL998"}})
+        opt.append_attribute(name) = value;
+    ASSERT_TRUE(doc.save_file(file.c_str(), "  "));
+    auto c = kmspRun(14000, 14500, 300);
+    c.parking.utcStart = 1738717920 + 86400; // Thursday 01:12
+    const auto r = scenario::run(c);
+    ASSERT_EQ(r.error, "");
+    const auto* dal = object(r, "DAL1812");
+    ASSERT_TRUE(dal);
+    const emu::ObjectRecord* onG11 = nullptr;
+    for (const auto& o : r.objects)
+        if (&o != dal && core::distanceNm(o.now.latitude, o.now.longitude, g11->latitude, g11->longitude) *
+                                 core::kMetresPerNm <
+                             1.0)
+            onG11 = &o;
+    ASSERT_TRUE(onG11) << "a static stood on G11";
+    EXPECT_EQ(onG11->tail, "DAL999");
+    EXPECT_LT(onG11->createdAt, 300.0);
+    EXPECT_GE(onG11->removedAt, 0.0);
+    EXPECT_TRUE(log.contains("G11     : static aircraft " + onG11->tail + " removed for a live arrival"));
+    EXPECT_TRUE(log.contains("G11     : DAL1812  arrived at stand"));
+    for (const auto& p : r.parked) std::printf("%s", scenario::formatParked({p}).c_str());
 }
 
 } // namespace
