@@ -57,6 +57,11 @@ int main(int argc, char** argv) {
                "OUT [--data DIR]: the data site's file tree (downloads/MSFS/archive/stock/CODE.xml for each "
                "stock airport of the directory), from the stand lists and traffic sources in data/",
                rest);
+    addCommand(app, "scenery",
+               "OUT [--files N] [--data DIR]: a Community/Official-like tree of N BGL files (copies of the real "
+               "airport files in data/scenery under other packages and idents, files without airports) with "
+               "manifest.json files of every shape",
+               rest);
     addCommand(app, "serve", "DIR [--port N]: serves a data site's tree on 127.0.0.1 (port 0: any free port)",
                rest);
     addCommand(app, "encrypt", "IN OUT: a plain reference file into the program's encrypted form", rest);
@@ -67,6 +72,7 @@ int main(int argc, char** argv) {
         if (command == "convert") return orv::tools::convertMain(rest);
         if (command == "refdata") return orv::tools::refdataMain(rest);
         if (command == "liveries") return orv::tools::liveriesMain(rest);
+        if (command == "scenery") return orv::tools::sceneryMain(rest);
         if (command == "site" || command == "serve") return orv::tools::airportsMain(command, rest);
         return crypt(command, rest);
     } catch (const std::exception& e) {

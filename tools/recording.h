@@ -64,6 +64,18 @@ struct FleetAircraft {
 std::vector<FleetAircraft> demoFleet(const std::filesystem::path& sourceFolder);
 // Stock airport files from the stand lists, the data site's tree, and a loopback server for it.
 int airportsMain(const std::string& command, const std::vector<std::string>& args);
+// A Community/Official-like scenery tree of `files` BGL files (see tools/scenery.cpp).
+struct SceneryAirport {
+    std::string code;
+    std::filesystem::path bgl;
+};
+struct SceneryTree {
+    std::vector<SceneryAirport> airports;
+    int files = 0;
+};
+std::uint32_t packIcao(std::string_view code);
+SceneryTree writeSceneryTree(const std::filesystem::path& out, const std::filesystem::path& dataFolder, int files);
+int sceneryMain(const std::vector<std::string>& args);
 // Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
 
 } // namespace orv::tools

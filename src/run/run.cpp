@@ -175,9 +175,10 @@ void startUpORVL() {
             const int hw = static_cast<int>(std::thread::hardware_concurrency());
             core::gRun.hardwareThreads = hw > 0 ? std::max(hw, 2) : 2;
             if (params::gParams.SCAN_LIVERIES || !liveries::liveriesFileExists()) liveries::scan();
-            if (!stopping() && params::gParams.SCAN_AIRPORTS) {
+            // Asked for, or the installed add-ons changed since the last scan.
+            if (!stopping() && (params::gParams.SCAN_AIRPORTS || scan::addonsChanged())) {
                 ui::clearCounters();
-                scan::scanAirports();
+                (void)scan::scanAirports(!params::gParams.SCAN_AIRPORTS);
             }
             if (!stopping()) {
                 liveries::read();
