@@ -29,7 +29,7 @@ fidelity: deps
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null
-	@cmake --build --preset fuzz --target fuzz-traffic-line fuzz-xml-readers fuzz-simconnect-messages fuzz-emulator-packets fuzz-aircraft-cfg fuzz-airport-file
+	@cmake --build --preset fuzz --target fuzz-traffic-line fuzz-xml-readers fuzz-simconnect-messages fuzz-emulator-packets fuzz-aircraft-cfg fuzz-airport-file fuzz-bgl
 	@mkdir -p build/fuzz/corpus-line build/fuzz/corpus-xml
 	@./build/fuzz/fuzz/fuzz-traffic-line -max_total_time=$${FUZZ_SECONDS:-60} -max_len=1024 build/fuzz/corpus-line fuzz/corpus/traffic-line
 	@./build/fuzz/fuzz/fuzz-xml-readers -max_total_time=$${FUZZ_SECONDS:-60} -max_len=2048 build/fuzz/corpus-xml fuzz/corpus/xml-readers
@@ -40,6 +40,8 @@ fuzz: deps
 	@./build/fuzz/fuzz/fuzz-aircraft-cfg -max_total_time=$${FUZZ_SECONDS:-60} -max_len=8192 build/fuzz/corpus-cfg fuzz/corpus/aircraft-cfg
 	@mkdir -p build/fuzz/corpus-airport-file
 	@./build/fuzz/fuzz/fuzz-airport-file -max_total_time=$${FUZZ_SECONDS:-60} -max_len=16384 build/fuzz/corpus-airport-file fuzz/corpus/airport-file
+	@mkdir -p build/fuzz/corpus-bgl
+	@./build/fuzz/fuzz/fuzz-bgl -max_total_time=$${FUZZ_SECONDS:-60} -max_len=65536 build/fuzz/corpus-bgl data/scenery
 
 format:
 	@clang-format -i $$(git ls-files '*.cpp' '*.h')

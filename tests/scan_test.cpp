@@ -34,14 +34,14 @@ TEST(BglTest, PackedCodesAltitudesAndNames) {
         std::uint32_t packed;
         std::optional<std::string> code;
     };
-    for (const auto& [packed, code] : std::vector<Icao>{
-             {0x01B9F701, "EGTK"},
-             {0x0263DFE1, "KTST"},
-             {0x01B9F701 | 0x1F, "EGTK"}, // the low five bits are not part of the code
-             {tools::packIcao("K2A9"), "K2A9"},
-             {tools::packIcao("LFP"), "LFP"},
-             {1u << 5, std::nullopt}, // digit 1 is no character
-             {0, ""}}) {
+    for (const auto& [packed, code] :
+         std::vector<Icao>{{0x01B9F701, "EGTK"},
+                           {0x0263DFE1, "KTST"},
+                           {0x01B9F701 | 0x1F, "EGTK"}, // the low five bits are not part of the code
+                           {tools::packIcao("K2A9"), "K2A9"},
+                           {tools::packIcao("LFP"), "LFP"},
+                           {1u << 5, std::nullopt}, // digit 1 is no character
+                           {0, ""}}) {
         SCOPED_TRACE(fmt::format("{:#x}", packed));
         EXPECT_EQ(scan::decodeIcao(packed), code);
     }
@@ -177,23 +177,24 @@ class MadeBgl {
 TEST(BglTest, ParkingEntriesAsTheRulesDecodeThem) {
     MadeBgl f;
     f.airport(tools::packIcao("EGTK"), 73833,
-              {{10, 12, 1, 20.0f, 0.0f},  // g12, north is 360
-               {10, 12, 1, 20.0f, 90.0f}, // the same name again: g12a
-               {12, 3, 5, 1.0f, 0.0f},    // radius 1.0: skipped
-               {12, 4, 5, 1.1f, 0.0f},    // A4, cargo
-               {12, 5, 5, 199.9f, 0.0f},  // A5
-               {12, 6, 5, 200.0f, 0.0f},  // skipped
-               {13, 7, 0, 20.0f, 0.0f},   // type 0 (fuel): no stand
-               {13, 8, 12, 20.0f, 0.0f},  // type 12: no stand
+              {{10, 12, 1, 20.0f, 0.0f},    // g12, north is 360
+               {10, 12, 1, 20.0f, 90.0f},   // the same name again: g12a
+               {12, 3, 5, 1.0f, 0.0f},      // radius 1.0: skipped
+               {12, 4, 5, 1.1f, 0.0f},      // A4, cargo
+               {12, 5, 5, 199.9f, 0.0f},    // A5
+               {12, 6, 5, 200.0f, 0.0f},    // skipped
+               {13, 7, 0, 20.0f, 0.0f},     // type 0 (fuel): no stand
+               {13, 8, 12, 20.0f, 0.0f},    // type 12: no stand
                {13, 9, 14, 20.0f, 0.0f, 3}, // B9, ramp, with three airline codes stepped over
-               {13, 10, 8, 20.0f, 0.0f}},  // B10, a gate: no ramp
+               {13, 10, 8, 20.0f, 0.0f}},   // B10, a gate: no ramp
               2);
     const auto got = scan::decodeBgl(f.w, false, "made.bgl");
     ASSERT_EQ(got.airports.size(), 1u);
     const auto& s = got.airports[0].stands;
     std::vector<std::string> ids;
     for (const auto& x : s) ids.push_back(x.id);
-    EXPECT_EQ(ids, (std::vector<std::string>{"g12", "g12a", "A4", "A5", "B9", "B10", "helipad1", "helipad2"}));
+    EXPECT_EQ(ids,
+              (std::vector<std::string>{"g12", "g12a", "A4", "A5", "B9", "B10", "helipad1", "helipad2"}));
     ASSERT_EQ(s.size(), 8u);
     EXPECT_DOUBLE_EQ(s[0].headingRad, 6.283185307179586);
     EXPECT_NEAR(s[1].headingRad, M_PI / 2, 1e-6);
@@ -231,8 +232,7 @@ TEST(BglTest, BrokenSizesAndCountsStopAtTheData) {
         {"airport record of size 0", [](MadeBgl& f) { f.setSize(f.records, 0); }, 0, 0},
         {"airport record larger than the file", [](MadeBgl& f) { f.setSize(f.records, 1u << 28); }, 1, 2},
         {"parking count beyond its record", [](MadeBgl& f) { f.w[f.records + 18] |= 0xFFFFu << 16; }, 1, 2},
-        {"airline codes beyond the record",
-         [](MadeBgl& f) { f.w[f.records + 19] |= 0xFFu << 24; }, 1, 0},
+        {"airline codes beyond the record", [](MadeBgl& f) { f.w[f.records + 19] |= 0xFFu << 24; }, 1, 0},
         {"nested record of size 0", [](MadeBgl& f) { f.setSize(f.records + 17, 0); }, 1, 0},
         {"cut in the middle", [](MadeBgl& f) { f.w.resize(f.w.size() - 10); }, 1, 1},
         {"code that does not decode", [](MadeBgl& f) { f.w[f.records + 10] = 1u << 5; }, 0, 0},
@@ -279,9 +279,7 @@ TEST(BglTest, ThePreCheckReadsTheSectionTableOnly) {
 
 class ScanTest : public test::ProgramHome {
   protected:
-    void SetUp() override {
-        ProgramHome::SetUp();
-    }
+    void SetUp() override { ProgramHome::SetUp(); }
     scan::ScanLog scanLog;
     std::string logText() const {
         std::string s;
@@ -310,20 +308,71 @@ TEST_F(ScanTest, PublishersFromNamesFoldersAndManifests) {
         return std::string(std::istreambuf_iterator<char>(in), {});
     }();
     const std::vector<Case> cases{
-        {"the simulator's own by its name", "anything", R"({"manufacturer":"Orbx"})", "microsoft-airport-eham.bgl",
-         "simaddon", "", "", {"from filename => publisher simaddon"}},
-        {"the package folder's word", "orbx-airport-eglc", std::nullopt, "x.bgl", "Orbx", "", "", {"publisher 'Orbx' found"}},
-        {"the real manifest", "visualpoints", real, "x.bgl", "", "", "ALFONSO SILONIZ",
+        {"the simulator's own by its name",
+         "anything",
+         R"({"manufacturer":"Orbx"})",
+         "microsoft-airport-eham.bgl",
+         "simaddon",
+         "",
+         "",
+         {"from filename => publisher simaddon"}},
+        {"the package folder's word",
+         "orbx-airport-eglc",
+         std::nullopt,
+         "x.bgl",
+         "Orbx",
+         "",
+         "",
+         {"publisher 'Orbx' found"}},
+        {"the real manifest",
+         "visualpoints",
+         real,
+         "x.bgl",
+         "",
+         "",
+         "ALFONSO SILONIZ",
          {"no valid info found in manifest about publisher, manufacturer:'', creator:'ALFONSO SILONIZ'",
           "===> No publisher found"}},
-        {"manufacturer", "p1", R"({"manufacturer":"flytampa","creator":"Orbx"})", "x.bgl", "FlyTampa", "flytampa",
-         "Orbx", {"from manifest.json: manufacturer 'flytampa' => publisher 'FlyTampa'"}},
-        {"creator when the manufacturer is unknown", "p2", R"({"manufacturer":"Studio X","creator":"Aerosoft"})",
-         "x.bgl", "Aerosoft", "Studio X", "Aerosoft", {"from manifest.json: creator 'Aerosoft' => publisher 'Aerosoft'"}},
-        {"non-string fields", "p3", R"({"manufacturer":5,"creator":null,"title":[1]})", "x.bgl", "", "", "",
+        {"manufacturer",
+         "p1",
+         R"({"manufacturer":"flytampa","creator":"Orbx"})",
+         "x.bgl",
+         "FlyTampa",
+         "flytampa",
+         "Orbx",
+         {"from manifest.json: manufacturer 'flytampa' => publisher 'FlyTampa'"}},
+        {"creator when the manufacturer is unknown",
+         "p2",
+         R"({"manufacturer":"Studio X","creator":"Aerosoft"})",
+         "x.bgl",
+         "Aerosoft",
+         "Studio X",
+         "Aerosoft",
+         {"from manifest.json: creator 'Aerosoft' => publisher 'Aerosoft'"}},
+        {"non-string fields",
+         "p3",
+         R"({"manufacturer":5,"creator":null,"title":[1]})",
+         "x.bgl",
+         "",
+         "",
+         "",
          {"===> No publisher found"}},
-        {"empty fields", "p4", R"({"manufacturer":"","creator":""})", "x.bgl", "", "", "", {"===> No publisher found"}},
-        {"unreadable", "p5", "{\"manufacturer\": \"Orbx\",", "x.bgl", "", "", "", {"===> No publisher found"}},
+        {"empty fields",
+         "p4",
+         R"({"manufacturer":"","creator":""})",
+         "x.bgl",
+         "",
+         "",
+         "",
+         {"===> No publisher found"}},
+        {"unreadable",
+         "p5",
+         "{\"manufacturer\": \"Orbx\",",
+         "x.bgl",
+         "",
+         "",
+         "",
+         {"===> No publisher found"}},
         {"not an object", "p6", "[\"Orbx\"]", "x.bgl", "", "", "", {"===> No publisher found"}},
         {"no manifest", "p7", std::nullopt, "x.bgl", "", "", "", {"===> No publisher found"}},
     };
@@ -338,7 +387,8 @@ TEST_F(ScanTest, PublishersFromNamesFoldersAndManifests) {
         EXPECT_EQ(info.manufacturer, c.manufacturer);
         EXPECT_EQ(info.creator, c.creator);
         EXPECT_EQ(info.stem, fs::path(c.file).stem().string());
-        for (const auto& l : c.logged) EXPECT_NE(logText().find(l), std::string::npos) << l << "\n" << logText();
+        for (const auto& l : c.logged)
+            EXPECT_NE(logText().find(l), std::string::npos) << l << "\n" << logText();
     }
     // No "Community" above the file: no manifest is looked for, even one beside it.
     writeManifest(dir.path() / "elsewhere", R"({"creator":"Orbx"})");
@@ -354,8 +404,9 @@ TEST(ScanExclusionTest, FoldersAndFiles) {
     const std::string long249 = "/c/" + std::string(246, 'x');
     EXPECT_FALSE(scan::isExcludedFolder(long249));
     EXPECT_TRUE(scan::isExcludedFolder(long249 + "y"));
-    for (const char* p : {"/sim/Community/FSLTL-traffic-base", "/sim/Official/OneStore/fs-base-genericairports",
-                          "/x/SimObjects/Airplanes", "/x/aig-aitraffic-oci"})
+    for (const char* p :
+         {"/sim/Community/FSLTL-traffic-base", "/sim/Official/OneStore/fs-base-genericairports",
+          "/x/SimObjects/Airplanes", "/x/aig-aitraffic-oci"})
         EXPECT_TRUE(scan::isExcludedFolder(p)) << p;
     EXPECT_FALSE(scan::isExcludedFolder("/sim/Community/orbx-airport-eglc/scenery"));
     EXPECT_TRUE(scan::isExcludedFile("/c/p/Statics/a.bgl", false));
@@ -377,14 +428,16 @@ TEST_F(ScanTest, AGeneratedFileReadsBackWithTheSameStands) {
     ASSERT_TRUE(fs::exists(xml));
     pugi::xml_document doc;
     ASSERT_TRUE(doc.load_file(xml.c_str()));
-    EXPECT_TRUE(doc.select_node("//parameter[@name='BGLpath'][@value='Community/egtk-oxford/scenery/egtk.bgl']"));
+    EXPECT_TRUE(
+        doc.select_node("//parameter[@name='BGLpath'][@value='Community/egtk-oxford/scenery/egtk.bgl']"));
     EXPECT_TRUE(doc.select_node("//parameter[@name='creator'][@value='Ben W']"));
     EXPECT_TRUE(doc.select_node("//parameter[@name='altitude'][@value='242']"))
         << doc.select_node("//parameter[@name='altitude']").node().attribute("value").as_string();
     const auto back = af::readStands(doc, 1);
     auto words = scan::readBglWords(bgl);
     auto original = scan::decodeBgl(*words, false).airports.at(0).stands;
-    std::sort(original.begin(), original.end(), [](const af::Stand& a, const af::Stand& b) { return a.id < b.id; });
+    std::sort(original.begin(), original.end(),
+              [](const af::Stand& a, const af::Stand& b) { return a.id < b.id; });
     ASSERT_EQ(back.size(), original.size());
     for (std::size_t i = 0; i < back.size(); ++i) {
         SCOPED_TRACE(original[i].id);
@@ -424,7 +477,8 @@ TEST_F(ScanTest, AGeneratedTreeEndToEnd) {
     EXPECT_EQ(scan::gScanProgress.foldersDone.load(), 2);
     const auto scanned = text(dir.path() / "output/AirportsScanLog.txt");
     EXPECT_NE(scanned.find("simaddon airport LSZH linked to archive/simaddon/LSZH.xml"), std::string::npos);
-    EXPECT_NE(scanned.find("thirdparty airport EGLC linked to archive/thirdparty/Orbx/EGLC.xml"), std::string::npos);
+    EXPECT_NE(scanned.find("thirdparty airport EGLC linked to archive/thirdparty/Orbx/EGLC.xml"),
+              std::string::npos);
     EXPECT_NE(scanned.find("===> EGLC has 80 parkpos while archived one has"), std::string::npos);
     EXPECT_NE(scanned.find("Generated EGTK.xml: 80 positions"), std::string::npos);
     EXPECT_EQ(scanned.find("tile"), std::string::npos) << "files without airports are never read";
@@ -436,7 +490,8 @@ TEST_F(ScanTest, AGeneratedTreeEndToEnd) {
 TEST_F(ScanTest, TheScanRunsAgainOnlyWhenTheAddOnsChange) {
     const fs::path sim = dir.path() / "sim";
     (void)tools::writeSceneryTree(sim, fs::path(ORV_SOURCE_DIR) / "data", 20);
-    params::set(params::parameter<params::StringParameter>("MSFS_INSTALL_PATH"), sim.string(), params::Save::no);
+    params::set(params::parameter<params::StringParameter>("MSFS_INSTALL_PATH"), sim.string(),
+                params::Save::no);
     ASSERT_EQ(sim::communityPath(), sim / "Community");
     EXPECT_TRUE(scan::addonsChanged()) << "never scanned";
     params::set(params::parameter<params::BoolParameter>("SCAN_AIRPORTS"), true, params::Save::no);

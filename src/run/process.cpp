@@ -18,6 +18,7 @@
 #include "platform/platform.h"
 #include "refdata/refdata.h"
 #include "run/run.h"
+#include "scan/scan.h"
 #include "sim/sim.h"
 
 namespace orv::run {
@@ -42,6 +43,15 @@ void printStatus() {
     if (scan.filesDone < scan.filesFound || (scan.filesFound > 0 && liveries::count() == 0)) {
         std::cout << fmt::format("[{}] scanning liveries: {} of {} aircraft.cfg files", core::timeText(),
                                  scan.filesDone.load(), scan.filesFound.load())
+                  << std::endl;
+        return;
+    }
+    if (const auto& a = scan::gScanProgress; a.running) {
+        std::cout << fmt::format("[{}] scanning add-on airports: folder {} of {}, {} scenery files read, {} "
+                                 "airports, {} generated, {} linked",
+                                 core::timeText(), std::min(a.foldersDone + 1, a.foldersTotal.load()),
+                                 a.foldersTotal.load(), a.filesRead.load(), a.airportsFound.load(),
+                                 a.generated.load(), a.linked.load())
                   << std::endl;
         return;
     }

@@ -87,8 +87,8 @@ class AirportReader {
         std::size_t p = o + 2;
         for (std::uint32_t i = 0; i < count; ++i) {
             if (p + kParkingEntryWords > end) {
-                note(fmt::format("===> parking list of {} entries overruns its record after {} in {}", count, i,
-                                 name_));
+                note(fmt::format("===> parking list of {} entries overruns its record after {} in {}", count,
+                                 i, name_));
                 return;
             }
             const std::uint32_t head = w_[p];
@@ -214,8 +214,8 @@ std::uint32_t decodeSizeAtBoundary(std::span<const std::uint32_t> words, std::si
 }
 
 std::string_view parkingName(std::uint32_t code) noexcept {
-    static constexpr std::array<std::string_view, 12> kNames = {"",  "r",   "p",  "np", "ep", "sep",
-                                                                "sp", "swp", "wp", "nwp", "g", ""};
+    static constexpr std::array<std::string_view, 12> kNames = {"",   "r",   "p",  "np",  "ep", "sep",
+                                                                "sp", "swp", "wp", "nwp", "g",  ""};
     static constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
     if (code < kNames.size()) return kNames[code];
     if (code >= 12 && code <= 37) return kLetters.substr(code - 12, 1);
@@ -274,7 +274,8 @@ BglContents decodeBgl(std::span<const std::uint32_t> w, bool msfs2024, std::stri
     if (n == 0 || w.size() < kHeaderWords + kEntryWords * n) return out;
     for (std::size_t k = 0; k < n; ++k) {
         const std::size_t entry = kHeaderWords + kEntryWords * k;
-        if (entry + 4 >= w.size() || w[entry] != kAirportSectionType || (w[entry + 1] & kSubsectionHeadersNot16))
+        if (entry + 4 >= w.size() || w[entry] != kAirportSectionType ||
+            (w[entry + 1] & kSubsectionHeadersNot16))
             continue;
         // Only the first subsection: its header's offset 8 points at the records, offset 12 holds
         // their size, which bounds the walk (a zero size leaves the file as the bound).
@@ -287,13 +288,15 @@ BglContents decodeBgl(std::span<const std::uint32_t> w, bool msfs2024, std::stri
         for (std::size_t steps = 0; r + 1 < end; ++steps) {
             if (steps == kMaxRecordSteps) {
                 out.notes.push_back(fmt::format(
-                    "Error: Maximum loop iterations reached (2) {} possible corrupt BGL or malformed input.", kDash));
+                    "Error: Maximum loop iterations reached (2) {} possible corrupt BGL or malformed input.",
+                    kDash));
                 break;
             }
             const auto id = static_cast<std::uint16_t>(w[r] & 0xFFFF);
             const std::size_t step = decodeSizeAtBoundary(w, r) / 4;
             if (step == 0) {
-                out.notes.push_back(fmt::format("   Warning: decodeSizeAtBoundary returned {} at o2 = {}", 0, r * 4));
+                out.notes.push_back(
+                    fmt::format("   Warning: decodeSizeAtBoundary returned {} at o2 = {}", 0, r * 4));
                 break;
             }
             if (id == kAirportRecord2024 && msfs2024) out.notRecognised = true;

@@ -20,7 +20,8 @@ constexpr std::uintmax_t kMaxManifestBytes = 1 << 20;
 
 std::string lower(std::string_view s) {
     std::string r(s);
-    std::transform(r.begin(), r.end(), r.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(r.begin(), r.end(), r.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return r;
 }
 
@@ -147,7 +148,8 @@ PublisherInfo findPublisher(const fs::path& path, ScanLog& log) {
     info.stem = path.stem().string();
     log.add(fmt::format("\nTry to find publisher in: {}", path.string()));
     const std::string file = lower(path.filename().string());
-    if (file.find("microsoft-airport") != std::string::npos || file.find("asobo-airport") != std::string::npos) {
+    if (file.find("microsoft-airport") != std::string::npos ||
+        file.find("asobo-airport") != std::string::npos) {
         info.publisher = "simaddon";
         log.add(fmt::format("from filename => publisher {}", info.publisher));
         return info;
@@ -166,7 +168,8 @@ PublisherInfo findPublisher(const fs::path& path, ScanLog& log) {
         info.manufacturer = m.manufacturer, info.creator = m.creator;
         if (auto p = publisherInName(m.manufacturer); !p.empty()) {
             info.publisher = p;
-            log.add(fmt::format("from manifest.json: manufacturer '{}' => publisher '{}'", m.manufacturer, p));
+            log.add(
+                fmt::format("from manifest.json: manufacturer '{}' => publisher '{}'", m.manufacturer, p));
             return info;
         }
         if (auto p = publisherInName(m.creator); !p.empty()) {

@@ -3,6 +3,7 @@
 // and generates an airport file otherwise, and packs the new ones for the maintainers.
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <fstream>
 #include <future>
@@ -39,7 +40,8 @@ struct ScanRun {
 
 std::string lower(std::string_view s) {
     std::string r(s);
-    std::transform(r.begin(), r.end(), r.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(r.begin(), r.end(), r.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return r;
 }
 
@@ -142,7 +144,8 @@ void generateApf(af::Apf& apf, int helipads, const ScanRun& run) {
     if (apf.stands.empty()) return;
     // The user's own folders stay out of the file, which may be sent to the maintainers: it is
     // written just when no publisher was found.
-    if (const auto at = apf.bglPath.find("Community"); at != std::string::npos) apf.bglPath = apf.bglPath.substr(at);
+    if (const auto at = apf.bglPath.find("Community"); at != std::string::npos)
+        apf.bglPath = apf.bglPath.substr(at);
     const std::string code(apf.code.view());
     const fs::path folder = apf.publisher == "simaddon" ? simaddonFolder() : thirdpartyFolder();
     std::string report = fmt::format("Generated {}: {} position{}", code + ".xml", apf.stands.size(),
@@ -175,8 +178,8 @@ void notRecognised(const fs::path& path, const ScanRun& run) {
         const auto m = searchManifest(path, run.log);
         if (const auto* a = m.valid ? refdata::airportInText(m.title) : nullptr) {
             code = a->code;
-            run.log.add(fmt::format("Non complying airport has ICAO '{}' in title '{}' of manifest", a->code.view(),
-                                    m.title));
+            run.log.add(fmt::format("Non complying airport has ICAO '{}' in title '{}' of manifest",
+                                    a->code.view(), m.title));
         }
     }
     if (!code)
@@ -231,21 +234,59 @@ void scanBgl(const fs::path& path, const ScanRun& run) {
     for (auto& a : contents.airports) readAirport(a, path, run);
 }
 
-void waitFor(std::future<void>& f, const fs::path& folder, const ScanRun& run) {
-    if (f.wait_for(kFutureWait) != std::future_status::ready)
-        throw std::runtime_error("Future wait timed out after 10 seconds");
-    try {
-        f.get();
-    } catch (const std::exception& e) {
-        run.log.add(fmt::format("{} airports search aborted, futs inner,\n{}\n{}\n{}", core::timeText(),
-                                folder.string(), typeid(e).name(), e.what()));
+// The files a walk found, for a few workers that live as long as the walk: a thread per file
+// would cost more than most files take to read.
+class WorkQueue {
+  public:
+    explicit WorkQueue(std::size_t room) : room_(room) {}
+    // False when no worker took a file for the wait's length: one of them hangs on its file.
+    bool push(fs::path p) {
+        std::unique_lock lock(mutex_);
+        if (!space_.wait_for(lock, kFutureWait, [&] { return queue_.size() < room_; })) return false;
+        queue_.push_back(std::move(p));
+        ready_.notify_one();
+        return true;
     }
-}
+    std::optional<fs::path> pop() {
+        std::unique_lock lock(mutex_);
+        ready_.wait(lock, [&] { return !queue_.empty() || closed_; });
+        if (queue_.empty()) return std::nullopt;
+        fs::path p = std::move(queue_.front());
+        queue_.pop_front();
+        space_.notify_one();
+        return p;
+    }
+    void close() {
+        std::lock_guard lock(mutex_);
+        closed_ = true;
+        ready_.notify_all();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable ready_, space_;
+    std::deque<fs::path> queue_;
+    std::size_t room_;
+    bool closed_ = false;
+};
 
 void walkFolder(const fs::path& folder, const ScanRun& run) {
-    run.log.add(fmt::format("Scanning for {} airports in {}", run.addon ? "addon " : "stock ", folder.string()));
-    const auto maxWorkers = static_cast<std::size_t>(std::max(1, core::gRun.hardwareThreads.load()));
-    std::deque<std::future<void>> futures;
+    run.log.add(
+        fmt::format("Scanning for {} airports in {}", run.addon ? "addon " : "stock ", folder.string()));
+    const auto workers = static_cast<std::size_t>(std::max(1, core::gRun.hardwareThreads.load()));
+    WorkQueue queue(2 * workers);
+    std::vector<std::future<void>> pool;
+    for (std::size_t i = 0; i < workers; ++i)
+        pool.push_back(std::async(std::launch::async, [&] {
+            while (const auto p = queue.pop()) {
+                try {
+                    scanBgl(*p, run);
+                } catch (const std::exception& e) {
+                    run.log.add(fmt::format("{} airports search aborted, futs inner,\n{}\n{}\n{}",
+                                            core::timeText(), p->string(), typeid(e).name(), e.what()));
+                }
+            }
+        }));
     try {
         std::error_code ec;
         fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied, ec), end;
@@ -260,20 +301,14 @@ void walkFolder(const fs::path& folder, const ScanRun& run) {
             if (lower(p.extension().string()) != ".bgl" || isExcludedFile(p.string(), run.addon) ||
                 !hasAirportSection(p))
                 continue;
-            if (futures.size() >= maxWorkers) {
-                waitFor(futures.front(), folder, run);
-                futures.pop_front();
-            }
-            futures.push_back(std::async(std::launch::async, [p, &run] { scanBgl(p, run); }));
-        }
-        while (!futures.empty()) {
-            waitFor(futures.front(), folder, run);
-            futures.pop_front();
+            if (!queue.push(p)) throw std::runtime_error("Future wait timed out after 10 seconds");
         }
     } catch (const std::exception& e) {
         run.log.add(fmt::format("{} airports search in folder {} aborted, cause: {}", core::timeText(),
                                 folder.string(), e.what()));
     }
+    queue.close();
+    for (auto& f : pool) f.wait();
 }
 
 bool hasPublisherInfo(const fs::path& xml) {
@@ -334,8 +369,8 @@ bool zipFolder(const fs::path& folder, const fs::path& zipFile) {
     const bool closed = zip_close(za) == 0;
     if (!closed) zip_discard(za);
     const bool exists = fs::exists(zipFile, ec);
-    core::log(fmt::format("[zip] Added {} files, ok_close={}, exists={}, size={} bytes", added, closed, exists,
-                          exists ? fs::file_size(zipFile, ec) : 0));
+    core::log(fmt::format("[zip] Added {} files, ok_close={}, exists={}, size={} bytes", added, closed,
+                          exists, exists ? fs::file_size(zipFile, ec) : 0));
     return closed && exists;
 }
 
@@ -362,7 +397,8 @@ void tbloPack(const std::vector<std::string>& codes) {
         const fs::path target = tbloFolder() / xml.filename();
         fs::copy_file(xml, target, fs::copy_options::overwrite_existing, ec);
         if (ec) {
-            core::log(fmt::format("'{}' failed to copy '{}': {}", xml.string(), target.string(), ec.message()));
+            core::log(
+                fmt::format("'{}' failed to copy '{}': {}", xml.string(), target.string(), ec.message()));
             continue;
         }
         core::log(fmt::format("{} copied to {}", xml.string(), target.string()));
@@ -405,8 +441,8 @@ std::string addonsSignature() {
             std::error_code mec;
             const auto size = fs::file_size(manifest, mec);
             const auto time = mec ? fs::file_time_type{} : fs::last_write_time(manifest, mec);
-            entries.push_back(fmt::format("{}|{}|{}", e.path().string(), mec ? 0 : size,
-                                          time.time_since_epoch().count()));
+            entries.push_back(
+                fmt::format("{}|{}|{}", e.path().string(), mec ? 0 : size, time.time_since_epoch().count()));
         }
     }
     std::sort(entries.begin(), entries.end());
@@ -420,9 +456,10 @@ std::string addonsSignature() {
 bool isExcludedFolder(std::string_view path) {
     if (path.size() >= kMaxPathChars) return true;
     static constexpr std::string_view kWords[] = {
-        "fs-base",    "tutorials",      "aircraft",         "bushtrip", "discovery",
-        "point-of-interest", "simobjects", "vcockpits", "aig-aitraffic", "justflight-aircraft",
-        "fsltl",      "gsx-pro",        "gsx-world",        "landingchallenge"};
+        "fs-base",       "tutorials",           "aircraft",   "bushtrip",
+        "discovery",     "point-of-interest",   "simobjects", "vcockpits",
+        "aig-aitraffic", "justflight-aircraft", "fsltl",      "gsx-pro",
+        "gsx-world",     "landingchallenge"};
     const std::string l = lower(path);
     return std::any_of(std::begin(kWords), std::end(kWords),
                        [&](std::string_view w) { return l.find(w) != std::string::npos; });
@@ -452,7 +489,8 @@ bool scanFolders(const std::vector<fs::path>& folders, bool automatic) {
     if (!run.msfs2024) removeFilesFromDirectory(simaddonFolder());
     removeFilesFromDirectory(thirdpartyFolder());
 
-    core::log(fmt::format("The scan will search {} folder{}", folders.size(), folders.size() == 1 ? "" : "s"));
+    core::log(
+        fmt::format("The scan will search {} folder{}", folders.size(), folders.size() == 1 ? "" : "s"));
     if (fs::exists(scanLogFile(), ec) && !fs::remove(scanLogFile(), ec))
         core::log(fmt::format("problems with removing previous files (maybe still open?): {}", ec.message()));
     for (const auto& folder : folders) {

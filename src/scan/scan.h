@@ -49,7 +49,7 @@ struct BglAirport {
 };
 struct BglContents {
     std::vector<BglAirport> airports;
-    bool notRecognised = false; // an airport record whose code did not decode, or of a form not read
+    bool notRecognised = false;     // an airport record whose code did not decode, or of a form not read
     std::vector<std::string> notes; // for the scan log, in order
 };
 
