@@ -195,6 +195,15 @@ class ParkAirportScenario : public test::ProgramHome {
     static double recordingSeconds(const std::vector<std::string>& f) {
         return std::stod(f[14]) - kRecordingStart;
     }
+    // Where an aircraft came to rest against the stand it parked on: within 1 m and 2 degrees.
+    static void expectRestsOn(const emu::ObjectRecord& o, const af::Stand& s) {
+        const double off =
+            core::distanceNm(o.now.latitude, o.now.longitude, s.latitude, s.longitude) * core::kMetresPerNm;
+        const double headingOff = std::fabs(core::angleDiff(o.now.heading, s.headingRad)) * core::kDegPerRad;
+        std::printf("%s rests %.2f m and %.1f deg off %s\n", o.tail.c_str(), off, headingOff, s.id.c_str());
+        EXPECT_LT(off, 1.0);
+        EXPECT_LT(headingOff, 2.0);
+    }
     // The object of that name that moved most: a static of the same name stands still.
     static const emu::ObjectRecord* object(const scenario::Result& r, std::string_view tail) {
         const emu::ObjectRecord* best = nullptr;
@@ -291,14 +300,7 @@ TEST_F(ParkAirportScenario, Dal1812ParksOnG11) {
     for (const auto& o : r.objects)
         if (o.tail == "DAL1812") dal = &o;
     ASSERT_TRUE(dal);
-    const double off =
-        core::distanceNm(dal->now.latitude, dal->now.longitude, g11->latitude, g11->longitude) *
-        core::kMetresPerNm;
-    const double headingOff =
-        std::fabs(core::angleDiff(dal->now.heading, g11->headingRad)) * core::kDegPerRad;
-    std::printf("DAL1812 rests %.2f m and %.1f deg off G11\n", off, headingOff);
-    EXPECT_LT(off, 1.0);
-    EXPECT_LT(headingOff, 2.0);
+    expectRestsOn(*dal, *g11);
     EXPECT_TRUE(std::any_of(dal->events.begin(), dal->events.end(), [](const emu::EventRecord& e) {
         return e.name == "ENGINE_AUTO_SHUTDOWN";
     })) << "engines off at the stand";
@@ -387,14 +389,7 @@ TEST_F(ParkAirportScenario, TheSecondDayParksOnF8AndDoesNotPutTheNextDepartureBa
         ASSERT_EQ(r.error, "");
         const emu::ObjectRecord* dal = object(r, "DAL1615");
         ASSERT_TRUE(dal);
-        const double off =
-            core::distanceNm(dal->now.latitude, dal->now.longitude, f8->latitude, f8->longitude) *
-            core::kMetresPerNm;
-        const double headingOff =
-            std::fabs(core::angleDiff(dal->now.heading, f8->headingRad)) * core::kDegPerRad;
-        std::printf("DAL1615 rests %.2f m and %.1f deg off F8\n", off, headingOff);
-        EXPECT_LT(off, 1.0);
-        EXPECT_LT(headingOff, 2.0);
+        expectRestsOn(*dal, *f8);
         EXPECT_TRUE(log.contains("F8      : DAL1615  arrived at stand"));
     }
     auto c = kmspRun(74790, 75300, 0);
