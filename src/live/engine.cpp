@@ -949,6 +949,7 @@ Update spawnLiveAc(LiveAc& ac) {
                 return Update::Drop;
             }
             ac.liveryTitle = m.title;
+            ac.liveryStep = m.step;
             if (e.rememberedLiveries.size() >= kMaxRemembered) e.rememberedLiveries.clear();
             e.rememberedLiveries.emplace(ac.hexid, m.title);
         }
@@ -1037,6 +1038,7 @@ bool checkRespawn(LiveAc& ac, const feed::TrafficSample& r) {
         const auto m = matchLivery(ac);
         if (!m.title.empty() && m.title != ac.liveryTitle) {
             ac.liveryTitle = m.title;
+            ac.liveryStep = m.step;
             if (const auto it = gEngine.rememberedLiveries.find(ac.hexid);
                 it != gEngine.rememberedLiveries.end())
                 it->second = m.title;
@@ -1477,6 +1479,14 @@ LiveCounts liveCounts() noexcept {
     c.leaving = published.leaving.load(std::memory_order_relaxed);
     c.spawnQueue = published.queue.load(std::memory_order_relaxed);
     return c;
+}
+
+} // namespace orv::live
+
+namespace orv::live {
+
+void forEachLive(const std::function<void(const LiveAc&)>& fn) {
+    for (const auto& ac : gEngine.liveTable) fn(ac);
 }
 
 } // namespace orv::live

@@ -168,6 +168,7 @@ struct LiveAc : AcIdentity {
     std::uint32_t hexid = 0;
     refdata::Category category = refdata::Category::Light;
     std::string_view liveryTitle;
+    std::int8_t liveryStep = -1; // the rung of the matching ladder that found it
     std::int32_t flareTicks = 0, derotateTicks = 0, rotateTicks = 0, liftoffTicks = 0;
     bool isCargo = false, reverseThrust = false;
     // Simulator.
@@ -276,5 +277,7 @@ struct LiveCounts {
     std::uint32_t active = 0, buffered = 0, creating = 0, leaving = 0, spawnQueue = 0;
 };
 LiveCounts liveCounts() noexcept;
+// Each live aircraft in the table, on the engine's thread (the status snapshot reads them so).
+void forEachLive(const std::function<void(const LiveAc&)>& fn);
 
 } // namespace orv::live

@@ -131,6 +131,7 @@ struct MatchAircraft {
     refdata::Category category = refdata::Category::Light;
     bool cargo = false;
     std::string_view title; // a view into the store; empty until matched
+    std::int8_t step = -1;  // the ladder's rung that matched
     bool fsltl = false;
     // For the log, in fixed room so that a match allocates nothing for it; cut when longer.
     std::array<char, 64> description{};

@@ -101,6 +101,7 @@ bool acceptLive(MatchAircraft& a, int step) {
         return false;
     }
     ++gMatchStepCount[static_cast<std::size_t>(step)];
+    a.step = static_cast<std::int8_t>(step);
     core::log(fmt::format("          {} ={}= {}", a.description.data(), step, a.title));
     a.fsltl = a.title.find("FSLTL_") != std::string_view::npos;
     return true;

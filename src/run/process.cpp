@@ -6,6 +6,8 @@
 #include <mutex>
 #include <thread>
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
@@ -20,6 +22,7 @@
 #include "run/run.h"
 #include "scan/scan.h"
 #include "sim/sim.h"
+#include "ui/ui.h"
 
 namespace orv::run {
 
@@ -142,6 +145,11 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
         ->check(CLI::Range(0, 65535));
     app.add_option("--weather-port", weatherPort, "UDP port of the weather datagrams (49004)")
         ->check(CLI::Range(0, 65535));
+    std::string ui;
+    app.add_option("--ui", ui,
+                   "ADDR:PORT of the web page (127.0.0.1:8610; port 0: any free port), or off");
+    bool noBrowser = false;
+    app.add_flag("--no-browser", noBrowser, "print the web page's address without opening a browser");
     app.add_option("--realtraffic-bind", out.realTrafficBind,
                    "where the server for RealTraffic's control link listens (127.0.0.1; its port is the "
                    "parameter PORT_NUMBER, 10747)");
@@ -156,6 +164,19 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
     if (app.get_option("--production")->count() > 0) {
         out.production = production;
         out.productionGiven = true;
+    }
+    out.openBrowser = !noBrowser;
+    if (ui == "off") {
+        out.uiEnabled = false;
+    } else if (!ui.empty()) {
+        const auto colon = ui.rfind(':');
+        int port = -1;
+        if (colon != std::string::npos)
+            std::from_chars(ui.data() + colon + 1, ui.data() + ui.size(), port);
+        if (colon == std::string::npos || colon == 0 || port < 0 || port > 65535)
+            return {fmt::format("--ui: '{}' is not ADDR:PORT or off", ui), {}};
+        out.uiAddress = ui.substr(0, colon);
+        out.uiPort = port;
     }
     out.trafficPort = static_cast<std::uint16_t>(trafficPort);
     out.weatherPort = static_cast<std::uint16_t>(weatherPort);
@@ -216,12 +237,19 @@ int runProcess(int argc, char** argv) {
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
 
+    // The web page; a browser is opened only for a user at a desktop.
+    const bool desktop = ::isatty(STDOUT_FILENO) && (std::getenv("DISPLAY") || std::getenv("WAYLAND_DISPLAY"));
+    const auto page = ui::startWebServer({core::gOptions.uiAddress, core::gOptions.uiPort, core::gOptions.uiEnabled,
+                                          core::gOptions.openBrowser && desktop});
+    if (!page.empty()) std::cout << fmt::format("{}: the web page is at {}", core::kAppName, page) << std::endl;
+
     // The null window: the message loop of a window without one.
     postWindowMessage(WindowMessage::StartWorker);
     std::thread worker;
     auto& clock = platform::clock();
     const auto started = clock.steadyNow();
     auto nextStatus = started + std::chrono::seconds(5);
+    auto nextSnapshot = started;
     std::string shownError;
     bool closeSent = false;
     int exitCode = 0;
@@ -234,6 +262,11 @@ int runProcess(int argc, char** argv) {
         if ((closeSignal || timeUp) && !closeSent) {
             closeSent = true;
             postWindowMessage(WindowMessage::Close);
+        }
+        // Before the engine runs (and while it waits) the page still sees the status.
+        if (now >= nextSnapshot) {
+            nextSnapshot = now + std::chrono::seconds(1);
+            if (!run::engineRunning()) ui::publishSnapshot(false);
         }
         if (core::gOptions.status && now >= nextStatus) {
             nextStatus += std::chrono::seconds(5);
@@ -268,6 +301,7 @@ int runProcess(int argc, char** argv) {
         }
     }
     if (worker.joinable()) worker.join();
+    ui::stopWebServer();
     feed::stopReaders();
     if (!feed::waitReadersStopped(std::chrono::milliseconds(2000)))
         core::log("a reader did not stop within 2 s");

@@ -25,6 +25,8 @@ LoopProbe gLoopProbe;
 
 namespace {
 
+std::atomic<bool> gEngineRunning{false}; // the worker is in its 100 Hz loop
+
 // The loop's own bookkeeping: the worker's alone.
 struct LoopState {
     bool paused = false;
@@ -219,7 +221,12 @@ void startUpORVL() {
 
 // ---- The loop -------------------------------------------------------------------------------
 
+bool engineRunning() noexcept {
+    return gEngineRunning.load(std::memory_order_acquire);
+}
+
 void mainLoop() {
+    gEngineRunning = true;
     core::gRun.secondsCounter = 0;
     feed::setAcceptTraffic(true);
     platform::timeBeginPeriod(1);
@@ -234,6 +241,7 @@ void mainLoop() {
         if (!step()) break;
     }
     platform::timeEndPeriod(1);
+    gEngineRunning = false;
 }
 
 bool step() {
@@ -295,6 +303,7 @@ void onSecond() {
     live::publishCallsignLookup();
     live::collisionChecks();
     ui::handleCommands();
+    ui::publishSnapshot();
 }
 
 void pausedStep() {

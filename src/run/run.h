@@ -38,6 +38,7 @@ void startUpORVL();
 [[nodiscard]] bool readEverything();
 [[nodiscard]] bool startThreads();
 void mainLoop();
+bool engineRunning() noexcept; // in the main loop, where the worker publishes the status snapshot
 bool step();
 void onSecond();
 void every30Seconds();

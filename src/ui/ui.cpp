@@ -8,7 +8,6 @@ void refreshCounters() noexcept {
     core::repaint(core::Region::Counters);
 }
 void enableControls() noexcept {}
-void handleCommands() {}
 void clearCounters() noexcept {}
 
 } // namespace orv::ui
