@@ -21,6 +21,7 @@ bench: deps
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release
 	@./build/release/bench/orvelline-bench
+	@node bench/web_map_bench.mjs $(CURDIR) build/release/web
 
 fidelity: deps
 	@cmake --preset release >/dev/null

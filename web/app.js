@@ -5,7 +5,7 @@ const token = document.querySelector('meta[name="orv-token"]').content;
 const $ = (id) => document.getElementById(id);
 
 // What tests and the curious can look at: the aircraft as drawn, the stands, the updates.
-const orv = { aircraft: new Map(), stands: new Map(), updates: 0, lastSequence: 0, frames: [] };
+const orv = { aircraft: new Map(), stands: new Map(), updates: 0, lastSequence: 0, frames: [], times: [] };
 window.orv = orv;
 
 // ---- Status -----------------------------------------------------------------------------------
@@ -57,7 +57,6 @@ tiles.on('tileerror', () => {
 });
 tiles.addTo(map);
 const standLayer = L.layerGroup().addTo(map);
-const aircraftLayer = L.layerGroup().addTo(map);
 let userMarker = null;
 let centred = false;
 
@@ -69,17 +68,57 @@ const phaseColour = (a) => {
   if (a.ground) return '#ffa500';
   return '#ff5ad2';
 };
-const arrow = (colour) =>
-  `<svg viewBox="0 0 20 20"><path d="M10 1 L16 18 L10 14 L4 18 Z" fill="${colour}" stroke="#000" stroke-width="1"/></svg>`;
 
-function aircraftIcon(a) {
-  return L.divIcon({
-    className: 'ac',
-    html: `<div style="transform: rotate(${a.hdg}deg)">${arrow(phaseColour(a))}</div>`,
-    iconSize: [18, 18],
-    iconAnchor: [9, 9],
-  });
+// All aircraft on one canvas above the map: a marker element each would cost the page far more
+// than a frame's time once a thousand of them move every second.
+class AircraftCanvas {
+  constructor(theMap) {
+    this.map = theMap;
+    this.items = [];
+    const c = (this.canvas = document.createElement('canvas'));
+    Object.assign(c.style, { position: 'absolute', left: '0', top: '0', pointerEvents: 'none', zIndex: 450 });
+    theMap.getContainer().appendChild(c);
+    theMap.on('move zoom resize viewreset', () => this.draw());
+    theMap.on('click', (e) => {
+      let best = null, bestD = 12;
+      for (const a of this.items) {
+        const p = theMap.latLngToContainerPoint([a.lat, a.lon]);
+        const d = Math.hypot(p.x - e.containerPoint.x, p.y - e.containerPoint.y);
+        if (d < bestD) { best = a; bestD = d; }
+      }
+      if (best) showRecord(best.hexid); else $('record').hidden = true;
+    });
+  }
+  set(items) { this.items = items; this.draw(); }
+  draw() {
+    const size = this.map.getSize();
+    const ratio = window.devicePixelRatio || 1;
+    const c = this.canvas;
+    if (c.width !== size.x * ratio || c.height !== size.y * ratio) {
+      c.width = size.x * ratio; c.height = size.y * ratio;
+      c.style.width = `${size.x}px`; c.style.height = `${size.y}px`;
+    }
+    const ctx = c.getContext('2d');
+    ctx.setTransform(1, 0, 0, 1, 0, 0);
+    ctx.clearRect(0, 0, c.width, c.height);
+    ctx.lineWidth = 1;
+    ctx.strokeStyle = '#000';
+    for (const a of this.items) {
+      const p = this.map.latLngToContainerPoint([a.lat, a.lon]);
+      if (p.x < -10 || p.y < -10 || p.x > size.x + 10 || p.y > size.y + 10) continue;
+      const h = (a.hdg * Math.PI) / 180;
+      const cos = Math.cos(h) * ratio, sin = Math.sin(h) * ratio;
+      ctx.setTransform(cos, sin, -sin, cos, p.x * ratio, p.y * ratio);
+      ctx.beginPath();
+      ctx.moveTo(0, -9); ctx.lineTo(6, 8); ctx.lineTo(0, 4); ctx.lineTo(-6, 8); ctx.closePath();
+      ctx.fillStyle = a.colour;
+      ctx.fill();
+      ctx.stroke();
+    }
+    ctx.setTransform(1, 0, 0, 1, 0, 0);
+  }
 }
+const aircraftCanvas = new AircraftCanvas(map);
 
 async function showRecord(hexid) {
   const r = await fetch(`/api/aircraft?hexid=${hexid}`);
@@ -132,25 +171,16 @@ function drawMap(s) {
   for (const [id, item] of orv.stands) if (!seenStands.has(id)) { standLayer.removeLayer(item.circle); orv.stands.delete(id); }
 
   const seen = new Set();
+  const drawn = [];
   for (const a of s.aircraft || []) {
     seen.add(a.hexid);
-    let item = orv.aircraft.get(a.hexid);
-    if (!item) {
-      const marker = L.marker([a.lat, a.lon], { icon: aircraftIcon(a), keyboard: false });
-      marker.on('click', () => showRecord(a.hexid));
-      marker.bindTooltip(`${a.callsign} ${a.type}`);
-      marker.addTo(aircraftLayer);
-      item = { marker, key: '' };
-      orv.aircraft.set(a.hexid, item);
-    } else {
-      item.marker.setLatLng([a.lat, a.lon]);
-    }
-    const key = `${Math.round(a.hdg)}|${phaseColour(a)}`;
-    if (key !== item.key) { item.key = key; item.marker.setIcon(aircraftIcon(a)); }
-    Object.assign(item, { lat: a.lat, lon: a.lon, callsign: a.callsign, type: a.type, static: a.static });
+    const item = { hexid: a.hexid, lat: a.lat, lon: a.lon, hdg: a.hdg, colour: phaseColour(a),
+                   callsign: a.callsign, type: a.type, static: a.static };
+    orv.aircraft.set(a.hexid, item);
+    drawn.push(item);
   }
-  for (const [hexid, item] of orv.aircraft)
-    if (!seen.has(hexid)) { aircraftLayer.removeLayer(item.marker); orv.aircraft.delete(hexid); }
+  for (const hexid of orv.aircraft.keys()) if (!seen.has(hexid)) orv.aircraft.delete(hexid);
+  aircraftCanvas.set(drawn);
   orv.frames.push(performance.now() - t0);
   if (orv.frames.length > 120) orv.frames.shift();
 }
@@ -161,6 +191,7 @@ function onSnapshot(s) {
   if (!s.sequence) return;
   orv.lastSequence = s.sequence;
   orv.updates++;
+  if (orv.times.length < 100) orv.times.push(performance.now());
   showStatus(s);
   drawMap(s);
 }
