@@ -28,7 +28,8 @@ void setUp() {
     const fs::path dir = fs::temp_directory_path() / fmt::format("orv-web-bench-{}", ::getpid());
     (void)scenario::prepareHome(fs::path(ORV_PROGRAM_DIR) / "input",
                                 fs::path(ORV_SOURCE_DIR) / "data/liveries/Community", dir);
-    if (tools::airportsMain("site", {(dir / "site").string(), "--data", std::string(ORV_SOURCE_DIR) + "/data"}))
+    if (tools::airportsMain("site",
+                            {(dir / "site").string(), "--data", std::string(ORV_SOURCE_DIR) + "/data"}))
         throw std::runtime_error("no data site");
     pugi::xml_document doc;
     if (!doc.load_file((dir / "site/downloads/MSFS/archive/stock/EHAM.xml").c_str()))

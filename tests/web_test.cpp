@@ -105,7 +105,8 @@ TEST_F(WebTest, SettingsAndCommandsKeepTheirRules) {
         {"RANGE", "65", true, "Radius (nm) 65"},
         {"RANGE", "47", false, "'47' is not a value of Radius (nm): it takes 2, 3, 4, 5, 6, 8"},
         {"RANGE", "50abc", false, "'50abc' is not a value"},
-        {"COLLISION_USER_AIR", "false", true, "Be aware, user aircraft may collide with (run through) live aircraft in the air"},
+        {"COLLISION_USER_AIR", "false", true,
+         "Be aware, user aircraft may collide with (run through) live aircraft in the air"},
         {"COLLISION_USER_AIR", "maybe", false, "User air is on or off, not 'maybe'"},
         {"SCAN_LIVERIES", "true", true, "Your liveries will be scanned at the next start of Orvelline"},
         {"MAX_FIT_FL", "2.5", true, "Max fit (hrs): 2.5"},
@@ -120,7 +121,8 @@ TEST_F(WebTest, SettingsAndCommandsKeepTheirRules) {
     };
     for (const auto& k : cases) {
         SCOPED_TRACE(fmt::format("{} = {}", k.name, k.value));
-        const auto r = post("/api/settings", nlohmann::json{{"name", k.name}, {"value", k.value}}.dump(), good());
+        const auto r =
+            post("/api/settings", nlohmann::json{{"name", k.name}, {"value", k.value}}.dump(), good());
         ASSERT_TRUE(r);
         const auto j = nlohmann::json::parse(r->body);
         EXPECT_EQ(j["ok"].get<bool>(), k.ok);
@@ -155,7 +157,8 @@ TEST_F(WebTest, SettingsAndCommandsKeepTheirRules) {
     r = post("/api/command", R"({"name":"Explode"})", good());
     EXPECT_EQ(r->status, 422);
 
-    const auto settings = nlohmann::json::parse(httplib::Client("127.0.0.1", port).Get("/api/settings", {{"Host", host}})->body);
+    const auto settings = nlohmann::json::parse(
+        httplib::Client("127.0.0.1", port).Get("/api/settings", {{"Host", host}})->body);
     bool rangeListed = false;
     for (const auto& s : settings)
         if (s["name"] == "RANGE") {
@@ -181,7 +184,8 @@ TEST_F(WebTest, TheStatusStreamSendsEachSnapshotOnce) {
     (void)c.Get("/api/events", {{"Host", host}}, [&](const char* data, std::size_t n) {
         seen.append(data, n);
         events = 0;
-        for (auto at = seen.find("data: "); at != std::string::npos; at = seen.find("data: ", at + 1)) ++events;
+        for (auto at = seen.find("data: "); at != std::string::npos; at = seen.find("data: ", at + 1))
+            ++events;
         return events < 4;
     });
     publisher.join();

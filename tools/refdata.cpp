@@ -121,6 +121,8 @@ int refdataMain(const std::vector<std::string>& args) {
     writeEncrypted(xml, out / "airports.enc");
     writeEncrypted(dbaseXml(src), out / "dbase.enc");
     writeEncrypted(aigRegcodesXml(src / "aig-regcodes.txt"), out / params::names::kRegcodesEnc);
+    // Public facts, for the page's map: plain.
+    fs::copy_file(src / "runways.csv", out / "runways.csv", fs::copy_options::overwrite_existing);
     std::cout << fmt::format("{}: reference database\n", (out / "dbase.enc").string());
     std::cout << fmt::format("{}: airports ({} source rows without an ICAO code or elevation left out)\n",
                              (out / "airports.enc").string(), skipped);

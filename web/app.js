@@ -56,7 +56,9 @@ tiles.on('tileerror', () => {
   if (++tileErrors === 4) { map.removeLayer(tiles); $('map').classList.add('plain'); }
 });
 tiles.addTo(map);
+const runwayLayer = L.layerGroup().addTo(map);
 const standLayer = L.layerGroup().addTo(map);
+let runwaysShown = '';
 let userMarker = null;
 let centred = false;
 
@@ -151,6 +153,15 @@ function drawMap(s) {
     }
     if (!centred) { map.setView(at, 14); centred = true; }
   }
+  // The park airport's runways: what shows where the airport is when no tiles load.
+  const runwayKey = JSON.stringify(s.runways || []);
+  if (runwayKey !== runwaysShown) {
+    runwaysShown = runwayKey;
+    runwayLayer.clearLayers();
+    for (const [lat1, lon1, lat2, lon2] of s.runways || [])
+      L.polyline([[lat1, lon1], [lat2, lon2]], { color: '#8a94a6', weight: 7, opacity: 0.9, interactive: false }).addTo(runwayLayer);
+  }
+  orv.runways = (s.runways || []).length;
   const seenStands = new Set();
   for (const st of s.stands || []) {
     seenStands.add(st.id);

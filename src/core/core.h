@@ -142,7 +142,7 @@ struct Options {
     std::uint16_t weatherPort = 49004;
     std::string realTrafficBind = "127.0.0.1"; // RealTraffic connects from this machine
     std::string uiAddress = "127.0.0.1";       // the web page; only this machine by default
-    int uiPort = 8610;                          // 0: any free port
+    int uiPort = 8610;                         // 0: any free port
     bool uiEnabled = true;
     bool openBrowser = true;
 };

@@ -1,5 +1,7 @@
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <unordered_set>
 
 #include <fmt/format.h>
@@ -165,6 +167,32 @@ std::optional<AirportRecord> closestAirport(double latitude, double longitude) {
         }
     }
     return *closest;
+}
+
+} // namespace orv::refdata
+
+namespace orv::refdata {
+
+std::vector<Runway> runwaysOf(const AirportCode& code) {
+    std::vector<Runway> out;
+    std::ifstream in(core::gPaths.programFolder / "input" / "runways.csv");
+    const std::string key = std::string(code.view()) + ",";
+    std::string line;
+    // Sorted by airport: read up to the airport's rows, and stop after them.
+    while (std::getline(in, line) && out.size() < 64) {
+        if (line.size() > 200 || line.compare(0, key.size(), key) != 0) {
+            if (!out.empty()) break;
+            continue;
+        }
+        Runway r;
+        double widthFt = 0;
+        if (std::sscanf(line.c_str() + key.size(), "%lf,%lf,%lf,%lf,%lf", &r.lat1, &r.lon1, &r.lat2, &r.lon2,
+                        &widthFt) != 5)
+            continue;
+        r.widthM = widthFt * 0.3048;
+        out.push_back(r);
+    }
+    return out;
 }
 
 } // namespace orv::refdata

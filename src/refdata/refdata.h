@@ -172,6 +172,13 @@ const AirportRecord* airportByName(std::string_view text);
 const AirportRecord* airportInText(std::string_view text);
 const std::vector<AirportRecord>& airports();
 
+// A runway's centre line from end to end, and its width.
+struct Runway {
+    double lat1 = 0, lon1 = 0, lat2 = 0, lon2 = 0, widthM = 0;
+};
+// The runways of an airport from input/runways.csv of the program folder; none when unknown.
+std::vector<Runway> runwaysOf(const AirportCode& code);
+
 // ---- Downloads from the data site -------------------------------------------------------------
 
 struct DownloadLimits {

@@ -146,8 +146,7 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
     app.add_option("--weather-port", weatherPort, "UDP port of the weather datagrams (49004)")
         ->check(CLI::Range(0, 65535));
     std::string ui;
-    app.add_option("--ui", ui,
-                   "ADDR:PORT of the web page (127.0.0.1:8610; port 0: any free port), or off");
+    app.add_option("--ui", ui, "ADDR:PORT of the web page (127.0.0.1:8610; port 0: any free port), or off");
     bool noBrowser = false;
     app.add_flag("--no-browser", noBrowser, "print the web page's address without opening a browser");
     app.add_option("--realtraffic-bind", out.realTrafficBind,
@@ -171,8 +170,7 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
     } else if (!ui.empty()) {
         const auto colon = ui.rfind(':');
         int port = -1;
-        if (colon != std::string::npos)
-            std::from_chars(ui.data() + colon + 1, ui.data() + ui.size(), port);
+        if (colon != std::string::npos) std::from_chars(ui.data() + colon + 1, ui.data() + ui.size(), port);
         if (colon == std::string::npos || colon == 0 || port < 0 || port > 65535)
             return {fmt::format("--ui: '{}' is not ADDR:PORT or off", ui), {}};
         out.uiAddress = ui.substr(0, colon);
@@ -238,10 +236,12 @@ int runProcess(int argc, char** argv) {
     std::signal(SIGTERM, onSignal);
 
     // The web page; a browser is opened only for a user at a desktop.
-    const bool desktop = ::isatty(STDOUT_FILENO) && (std::getenv("DISPLAY") || std::getenv("WAYLAND_DISPLAY"));
-    const auto page = ui::startWebServer({core::gOptions.uiAddress, core::gOptions.uiPort, core::gOptions.uiEnabled,
-                                          core::gOptions.openBrowser && desktop});
-    if (!page.empty()) std::cout << fmt::format("{}: the web page is at {}", core::kAppName, page) << std::endl;
+    const bool desktop =
+        ::isatty(STDOUT_FILENO) && (std::getenv("DISPLAY") || std::getenv("WAYLAND_DISPLAY"));
+    const auto page = ui::startWebServer({core::gOptions.uiAddress, core::gOptions.uiPort,
+                                          core::gOptions.uiEnabled, core::gOptions.openBrowser && desktop});
+    if (!page.empty())
+        std::cout << fmt::format("{}: the web page is at {}", core::kAppName, page) << std::endl;
 
     // The null window: the message loop of a window without one.
     postWindowMessage(WindowMessage::StartWorker);

@@ -87,27 +87,34 @@ const Label* labelOf(std::string_view name) {
 // The line a check box shows when it reaches a state; empty: none.
 std::string checkBoxMessage(std::string_view name, bool on) {
     const std::string app(core::kAppName);
-    if (name == "LIG_AUTOMATIC" && !on) return "The liveries defined by your lfolder parameters will be scanned";
+    if (name == "LIG_AUTOMATIC" && !on)
+        return "The liveries defined by your lfolder parameters will be scanned";
     if (name == "LIG_PRIORITIZE" && on)
         return "Liveries, for airl+model, in lower lfolders that are already available will be skipped";
     if (name == "COLLISION_LIVE_PARKED_GND" && !on)
         return "Be aware, live aircraft may collide with (run through) static parked on the ground";
     if (name == "COLLISION_USER_GND" && !on)
-        return "Be aware, user aircraft may collide with (run through) live aircraft and static parked on the ground";
+        return "Be aware, user aircraft may collide with (run through) live aircraft and static parked on "
+               "the ground";
     if (name == "COLLISION_USER_AIR" && !on)
         return "Be aware, user aircraft may collide with (run through) live aircraft in the air";
     if (name == "INITIAL_LOAD_ONLY" && on)
-        return fmt::format("Initial Load Only: static parked aircraft are generated once, no renewal every {} minutes",
-                           20);
+        return fmt::format(
+            "Initial Load Only: static parked aircraft are generated once, no renewal every {} minutes", 20);
     if (name == "ALWAYS_ON_TOP" && on) return fmt::format("{}'s window will remain visible", app);
     if (name == "GUID_CHANGES" && !on)
         return "Be aware, no more livery updates: you miss correct data for Learn, LittleNavMap, etc!";
-    if (name == "AEROWINX" && on) return fmt::format("Note: This mode is for Aerowinx PSX users only, please re-start {}", app);
-    if (name == "SCAN_LIVERIES" && on) return fmt::format("Your liveries will be scanned at the next start of {}", app);
-    if (name == "SCAN_AIRPORTS" && on) return fmt::format("Your airports will be scanned at the next start of {}", app);
+    if (name == "AEROWINX" && on)
+        return fmt::format("Note: This mode is for Aerowinx PSX users only, please re-start {}", app);
+    if (name == "SCAN_LIVERIES" && on)
+        return fmt::format("Your liveries will be scanned at the next start of {}", app);
+    if (name == "SCAN_AIRPORTS" && on)
+        return fmt::format("Your airports will be scanned at the next start of {}", app);
     if (name == "OBJECTID_LIST" && on)
-        return fmt::format("Every minute info about all active live aircraft is written to the file {}", "ObjectIdList.txt");
-    if (name == "AIRBORNE_ONLY" && on) return "Be aware, airborne live traffic only!  (greater than 300 ft above ground ...)";
+        return fmt::format("Every minute info about all active live aircraft is written to the file {}",
+                           "ObjectIdList.txt");
+    if (name == "AIRBORNE_ONLY" && on)
+        return "Be aware, airborne live traffic only!  (greater than 300 ft above ground ...)";
     return {};
 }
 
@@ -141,7 +148,8 @@ CommandResult blockCallsign(std::string_view text) {
         requests().blockCallsign = std::string();
         return shown(true, fmt::format("no more blocking of live aircraft '{}'", stored));
     }
-    if (wanted.size() < 4 || wanted.size() > 8) return shown(false, fmt::format("callsign '{}' is not valid", wanted));
+    if (wanted.size() < 4 || wanted.size() > 8)
+        return shown(false, fmt::format("callsign '{}' is not valid", wanted));
     if (wanted == stored) return shown(true, fmt::format("callsign '{}' was already set ...", wanted));
     std::lock_guard lock(requests().mutex);
     requests().blockCallsign = wanted;
@@ -157,10 +165,12 @@ CommandResult destination(std::string_view text) {
         return shown(true, "destination set to empty");
     }
     if (wanted.size() != 4) return shown(false, fmt::format("destination '{}' is not valid", wanted));
-    if (core::toUpper(wanted) == stored) return shown(true, fmt::format("destination '{}' was already set ...", wanted));
+    if (core::toUpper(wanted) == stored)
+        return shown(true, fmt::format("destination '{}' was already set ...", wanted));
     const auto code = refdata::AirportCode::tryMake(wanted);
     if (!code) return shown(false, refdata::kFixedCodeError);
-    if (!refdata::airportKnown(*code)) return shown(false, fmt::format("destination '{}' is unknown ...", code->view()));
+    if (!refdata::airportKnown(*code))
+        return shown(false, fmt::format("destination '{}' is unknown ...", code->view()));
     std::lock_guard lock(requests().mutex);
     requests().destination = std::string(code->view());
     return shown(true, fmt::format("New destination: {}", code->view()));
@@ -169,8 +179,12 @@ CommandResult destination(std::string_view text) {
 nlohmann::json setting(const params::Parameter& p, std::string_view kind, nlohmann::json value,
                        nlohmann::json allowed, bool enabled) {
     const Label* l = labelOf(p.name);
-    return {{"name", p.name},           {"kind", kind},       {"label", l ? l->label : p.name},
-            {"group", l ? l->group : "Other"}, {"value", std::move(value)}, {"allowed", std::move(allowed)},
+    return {{"name", p.name},
+            {"kind", kind},
+            {"label", l ? l->label : p.name},
+            {"group", l ? l->group : "Other"},
+            {"value", std::move(value)},
+            {"allowed", std::move(allowed)},
             {"enabled", enabled}};
 }
 
@@ -185,17 +199,21 @@ std::string settingsJson() {
     const bool autoRange = params::gParams.AUTO_RANGE;
     for (const auto* p : lists.choiceInts)
         if (labelOf(p->name))
-            out.push_back(setting(*p, "choice", p->value, p->allowedValues, p->name != "RANGE" || !autoRange));
-    if (const auto* fit = dynamic_cast<const params::ChoiceFloatParameter*>(params::findParameter("MAX_FIT_FL")))
+            out.push_back(
+                setting(*p, "choice", p->value, p->allowedValues, p->name != "RANGE" || !autoRange));
+    if (const auto* fit =
+            dynamic_cast<const params::ChoiceFloatParameter*>(params::findParameter("MAX_FIT_FL")))
         out.push_back(setting(*fit, "choice", fit->value, fit->allowedValues, true));
     for (const char* name : {"SIM_CHOICE", "AI_PACKAGE_SELECTOR"})
         if (const auto* p = dynamic_cast<const params::ChoiceTextParameter*>(params::findParameter(name)))
-            out.push_back(setting(*p, "choice", p->value, p->allowedValues,
-                                  std::string_view(name) != "AI_PACKAGE_SELECTOR" || !params::gParams.SCAN_LIVERIES));
+            out.push_back(
+                setting(*p, "choice", p->value, p->allowedValues,
+                        std::string_view(name) != "AI_PACKAGE_SELECTOR" || !params::gParams.SCAN_LIVERIES));
     for (const char* name : {"BLOCK_CALLSIGN", "DESTINATION"})
         if (const auto* p = dynamic_cast<const params::TextParameter*>(params::findParameter(name))) {
             const bool block = std::string_view(name) == "BLOCK_CALLSIGN";
-            out.push_back(setting(*p, "text", p->value, block ? nlohmann::json{4, 8} : nlohmann::json{4, 4}, true));
+            out.push_back(
+                setting(*p, "text", p->value, block ? nlohmann::json{4, 8} : nlohmann::json{4, 4}, true));
         }
     return out.dump();
 }
@@ -211,15 +229,17 @@ CommandResult changeSetting(std::string_view name, std::string_view value) {
             const bool on = value == "true";
             if (b->value != on) params::set(*b, on);
             if (name == "AUTO_RANGE") {
-                params::gParams.radiusNm = on ? params::gParams.radiusNm.load() : params::gParams.RANGE.load();
+                params::gParams.radiusNm =
+                    on ? params::gParams.radiusNm.load() : params::gParams.RANGE.load();
             }
             return shown(true, checkBoxMessage(name, on));
         }
         if (auto* c = dynamic_cast<params::ChoiceIntParameter*>(p)) {
             const auto v = parseInt(value);
-            if (!v || std::find(c->allowedValues.begin(), c->allowedValues.end(), *v) == c->allowedValues.end())
-                return shown(false, fmt::format("'{}' is not a value of {}: it takes {}", value, labelOf(name)->label,
-                                                fmt::join(c->allowedValues, ", ")));
+            if (!v ||
+                std::find(c->allowedValues.begin(), c->allowedValues.end(), *v) == c->allowedValues.end())
+                return shown(false, fmt::format("'{}' is not a value of {}: it takes {}", value,
+                                                labelOf(name)->label, fmt::join(c->allowedValues, ", ")));
             params::set(*c, *v);
             if (name == "RANGE") applyRange(*v);
             return shown(true, fmt::format("{} {}", labelOf(name)->label, *v));
@@ -230,8 +250,8 @@ CommandResult changeSetting(std::string_view name, std::string_view value) {
             const auto r = std::from_chars(value.data(), end, v);
             if (r.ec != std::errc{} || r.ptr != end ||
                 std::find(f->allowedValues.begin(), f->allowedValues.end(), v) == f->allowedValues.end())
-                return shown(false, fmt::format("'{}' is not a value of {}: it takes {}", value, labelOf(name)->label,
-                                                fmt::join(f->allowedValues, ", ")));
+                return shown(false, fmt::format("'{}' is not a value of {}: it takes {}", value,
+                                                labelOf(name)->label, fmt::join(f->allowedValues, ", ")));
             f->value = v;
             params::set(params::parameter<params::IntParameter>("MAX_FIT"),
                         std::clamp(static_cast<std::int32_t>(std::lround(2.0 * v)) - 1, 0, 47));
@@ -246,7 +266,8 @@ CommandResult changeSetting(std::string_view name, std::string_view value) {
                 sim::switchSimulator();
                 return {true, core::messageLine()};
             }
-            return shown(true, "If you want to make this choice effective, you must start a Scan for liveries");
+            return shown(true,
+                         "If you want to make this choice effective, you must start a Scan for liveries");
         }
         if (name == "BLOCK_CALLSIGN") return blockCallsign(value);
         if (name == "DESTINATION") return destination(value);
@@ -269,7 +290,8 @@ CommandResult runCommand(std::string_view name, std::string_view argument) {
         return shown(true, "All static parked aircraft will be removed ...");
     }
     if (name == "Now") {
-        if (params::gParams.INITIAL_LOAD_ONLY || parking::parkStatus().airport.empty()) return shown(true, "");
+        if (params::gParams.INITIAL_LOAD_ONLY || parking::parkStatus().airport.empty())
+            return shown(true, "");
         r.recalculate = true;
         return shown(true, "A new calculation of the static parked aircraft starts");
     }

@@ -44,11 +44,21 @@ void appendEscaped(std::string& out, std::string_view s) {
     out += '"';
     for (const char c : s) {
         switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
         default:
             if (static_cast<unsigned char>(c) < 0x20)
                 fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
@@ -70,14 +80,14 @@ void appendAircraft(std::string& out, const AircraftView& a) {
     appendEscaped(out, a.registration.view());
     out += ",\"title\":";
     appendEscaped(out, a.title.view());
-    fmt::format_to(std::back_inserter(out),
-                   ",\"lat\":{:.6f},\"lon\":{:.6f},\"alt\":{:.0f},\"hdg\":{:.1f},\"age\":{:.1f},\"step\":{},"
-                   "\"phase\":\"{}\",\"state\":\"{}\",\"static\":{},\"ground\":{}}}",
-                   a.lat, a.lon, a.altFt, a.headingDeg, a.dataAgeS, a.liveryStep,
-                   a.isStatic ? std::string_view("parked") : live::phaseName(static_cast<live::Phase>(a.phase)),
-                   a.isStatic ? std::string_view("active")
-                              : live::simStateName(static_cast<live::SimState>(a.simState)),
-                   a.isStatic, a.onGround);
+    fmt::format_to(
+        std::back_inserter(out),
+        ",\"lat\":{:.6f},\"lon\":{:.6f},\"alt\":{:.0f},\"hdg\":{:.1f},\"age\":{:.1f},\"step\":{},"
+        "\"phase\":\"{}\",\"state\":\"{}\",\"static\":{},\"ground\":{}}}",
+        a.lat, a.lon, a.altFt, a.headingDeg, a.dataAgeS, a.liveryStep,
+        a.isStatic ? std::string_view("parked") : live::phaseName(static_cast<live::Phase>(a.phase)),
+        a.isStatic ? std::string_view("active") : live::simStateName(static_cast<live::SimState>(a.simState)),
+        a.isStatic, a.onGround);
 }
 
 } // namespace
@@ -85,15 +95,16 @@ void appendAircraft(std::string& out, const AircraftView& a) {
 void StatusSnapshot::reserve(std::size_t aircraftRoom, std::size_t standRoom) {
     aircraft.reserve(aircraftRoom);
     stands.reserve(standRoom);
-    for (auto* s : {&version, &simulator, &userTitle, &nearestAirport, &rtEdition, &message, &error, &parkAirport,
-                    &parkQuality, &reservedStand})
+    runways.reserve(64);
+    for (auto* s : {&version, &simulator, &userTitle, &nearestAirport, &rtEdition, &message, &error,
+                    &parkAirport, &parkQuality, &reservedStand})
         s->reserve(256);
 }
 
 void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
-    s.utcSeconds = std::chrono::duration_cast<std::chrono::seconds>(
-                       platform::clock().utcNow().time_since_epoch())
-                       .count();
+    s.utcSeconds =
+        std::chrono::duration_cast<std::chrono::seconds>(platform::clock().utcNow().time_since_epoch())
+            .count();
     s.version = fmt::format("{}.{}.{}", core::kVersion.major, core::kVersion.minor, core::kVersion.patch);
     s.simulator = sim::simulatorText();
     s.userTitle = sim::userTitleKnown() ? sim::userTitle() : std::string();
@@ -101,7 +112,8 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
     s.rtEdition = feed::realTrafficConnected() ? feed::realTrafficStatus() : std::string();
     s.message = core::messageLine();
     s.error = core::errorLine();
-    for (int i = 0; i < 4; ++i) s.indicators[static_cast<std::size_t>(i)] = core::indicator(static_cast<core::Indicator>(i));
+    for (int i = 0; i < 4; ++i)
+        s.indicators[static_cast<std::size_t>(i)] = core::indicator(static_cast<core::Indicator>(i));
     s.qnh = feed::gQnh.load();
     const auto user = sim::userPosition();
     s.userKnown = user.has_value();
@@ -114,20 +126,32 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
     s.queued = c.queued, s.dropped = c.dropped, s.ignored = c.ignored, s.failed = c.failed;
     s.taken = live::samplesTaken();
     const auto counts = live::liveCounts();
-    s.active = counts.active, s.buffered = counts.buffered, s.creating = counts.creating, s.leaving = counts.leaving;
+    s.active = counts.active, s.buffered = counts.buffered, s.creating = counts.creating,
+    s.leaving = counts.leaving;
     s.liveries = liveries::count();
-    s.liveryFilesDone = liveries::gScanProgress.filesDone, s.liveryFilesFound = liveries::gScanProgress.filesFound;
+    s.liveryFilesDone = liveries::gScanProgress.filesDone,
+    s.liveryFilesFound = liveries::gScanProgress.filesFound;
     const auto& scan = scan::gScanProgress;
     s.airportScanRunning = scan.running;
     s.scanFoldersDone = scan.foldersDone, s.scanFoldersTotal = scan.foldersTotal;
     s.scanFilesRead = scan.filesRead, s.scanAirports = scan.airportsFound;
     const auto park = parking::parkStatus();
-    s.parkAirport = park.airport, s.parkQuality = core::trim(park.quality), s.reservedStand = park.reservedStand;
+    s.parkAirport = park.airport, s.parkQuality = core::trim(park.quality),
+    s.reservedStand = park.reservedStand;
     s.statics = park.statics, s.planned = park.planned;
 
     s.aircraft.clear();
     s.stands.clear();
+    s.runways.clear();
     if (!withAircraft) return;
+    // Read from the file once per park airport, by the worker that alone fills snapshots.
+    static refdata::AirportCode runwaysOf;
+    static std::vector<refdata::Runway> runways;
+    if (airportfile::gPark.code != runwaysOf) {
+        runwaysOf = airportfile::gPark.code;
+        runways = runwaysOf.empty() ? std::vector<refdata::Runway>{} : refdata::runwaysOf(runwaysOf);
+    }
+    for (const auto& r : runways) s.runways.push_back({r.lat1, r.lon1, r.lat2, r.lon2, r.widthM});
     const double now = feed::gTrafficReader.lastTimestamp.load();
     live::forEachLive([&](const live::LiveAc& ac) {
         if (s.aircraft.size() == s.aircraft.capacity()) return;
@@ -138,7 +162,8 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
         v.registration.set(ac.registration);
         v.title.set(ac.liveryTitle);
         v.lat = ac.lat, v.lon = ac.lon, v.altFt = ac.alt, v.headingDeg = ac.heading * core::kDegPerRad;
-        v.dataAgeS = ac.lastTimestamp > 0 && now > 0 ? static_cast<float>(std::max(0.0, now - ac.lastTimestamp)) : -1;
+        v.dataAgeS =
+            ac.lastTimestamp > 0 && now > 0 ? static_cast<float>(std::max(0.0, now - ac.lastTimestamp)) : -1;
         v.liveryStep = ac.liveryStep;
         v.phase = static_cast<std::uint8_t>(ac.phase), v.simState = static_cast<std::uint8_t>(ac.simState);
         v.onGround = ac.onGround;
@@ -168,7 +193,8 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
     for (const auto& v : s.aircraft) {
         if (v.isStatic || v.phase != static_cast<std::uint8_t>(live::Phase::Parked)) continue;
         for (auto& st : s.stands)
-            if (core::distanceNm(v.lat, v.lon, st.lat, st.lon) * core::kMetresPerNm < 5.0) st.state = StandState::Live;
+            if (core::distanceNm(v.lat, v.lon, st.lat, st.lon) * core::kMetresPerNm < 5.0)
+                st.state = StandState::Live;
     }
 }
 
@@ -218,19 +244,20 @@ void appendSnapshotJson(std::string& out, const StatusSnapshot& s, bool withMap)
     text("parkAirport", s.parkAirport);
     text("parkQuality", s.parkQuality);
     text("reservedStand", s.reservedStand);
-    fmt::format_to(std::back_inserter(out),
-                   "\"indicators\":{{\"traffic\":{},\"weather\":{},\"simulator\":{},\"realTraffic\":{}}},"
-                   "\"qnh\":{},\"user\":{{\"known\":{},\"lat\":{:.6f},\"lon\":{:.6f},\"alt\":{:.0f},\"ground\":{}}},"
-                   "\"lines\":{{\"received\":{},\"queued\":{},\"dropped\":{},\"ignored\":{},\"failed\":{},"
-                   "\"taken\":{}}},\"live\":{{\"active\":{},\"waiting\":{},\"creating\":{},\"leaving\":{}}},"
-                   "\"liveries\":{},\"liveryScan\":{{\"done\":{},\"found\":{}}},"
-                   "\"airportScan\":{{\"running\":{},\"folder\":{},\"folders\":{},\"files\":{},\"airports\":{}}},"
-                   "\"statics\":{},\"planned\":{}",
-                   s.indicators[0], s.indicators[1], s.indicators[2], s.indicators[3], s.qnh, s.userKnown,
-                   s.userLat, s.userLon, s.userAltFt, s.userOnGround, s.lines, s.queued, s.dropped, s.ignored,
-                   s.failed, s.taken, s.active, s.buffered, s.creating, s.leaving, s.liveries, s.liveryFilesDone,
-                   s.liveryFilesFound, s.airportScanRunning, s.scanFoldersDone, s.scanFoldersTotal,
-                   s.scanFilesRead, s.scanAirports, s.statics, s.planned);
+    fmt::format_to(
+        std::back_inserter(out),
+        "\"indicators\":{{\"traffic\":{},\"weather\":{},\"simulator\":{},\"realTraffic\":{}}},"
+        "\"qnh\":{},\"user\":{{\"known\":{},\"lat\":{:.6f},\"lon\":{:.6f},\"alt\":{:.0f},\"ground\":{}}},"
+        "\"lines\":{{\"received\":{},\"queued\":{},\"dropped\":{},\"ignored\":{},\"failed\":{},"
+        "\"taken\":{}}},\"live\":{{\"active\":{},\"waiting\":{},\"creating\":{},\"leaving\":{}}},"
+        "\"liveries\":{},\"liveryScan\":{{\"done\":{},\"found\":{}}},"
+        "\"airportScan\":{{\"running\":{},\"folder\":{},\"folders\":{},\"files\":{},\"airports\":{}}},"
+        "\"statics\":{},\"planned\":{}",
+        s.indicators[0], s.indicators[1], s.indicators[2], s.indicators[3], s.qnh, s.userKnown, s.userLat,
+        s.userLon, s.userAltFt, s.userOnGround, s.lines, s.queued, s.dropped, s.ignored, s.failed, s.taken,
+        s.active, s.buffered, s.creating, s.leaving, s.liveries, s.liveryFilesDone, s.liveryFilesFound,
+        s.airportScanRunning, s.scanFoldersDone, s.scanFoldersTotal, s.scanFilesRead, s.scanAirports,
+        s.statics, s.planned);
     if (withMap) {
         out += ",\"aircraft\":[";
         for (std::size_t i = 0; i < s.aircraft.size(); ++i) {
@@ -244,8 +271,16 @@ void appendSnapshotJson(std::string& out, const StatusSnapshot& s, bool withMap)
             if (i) out += ',';
             out += "{\"id\":";
             appendEscaped(out, st.id.view());
-            fmt::format_to(std::back_inserter(out), ",\"lat\":{:.6f},\"lon\":{:.6f},\"hdg\":{:.0f},\"r\":{:.1f},\"state\":\"{}\"}}",
-                           st.lat, st.lon, st.headingDeg, st.radiusM, kStates[static_cast<std::size_t>(st.state)]);
+            fmt::format_to(std::back_inserter(out),
+                           ",\"lat\":{:.6f},\"lon\":{:.6f},\"hdg\":{:.0f},\"r\":{:.1f},\"state\":\"{}\"}}",
+                           st.lat, st.lon, st.headingDeg, st.radiusM,
+                           kStates[static_cast<std::size_t>(st.state)]);
+        }
+        out += "],\"runways\":[";
+        for (std::size_t i = 0; i < s.runways.size(); ++i) {
+            const auto& r = s.runways[i];
+            fmt::format_to(std::back_inserter(out), "{}[{:.6f},{:.6f},{:.6f},{:.6f},{:.0f}]", i ? "," : "",
+                           r[0], r[1], r[2], r[3], r[4]);
         }
         out += ']';
     }

@@ -69,6 +69,7 @@ struct StatusSnapshot {
     int scanFoldersDone = 0, scanFoldersTotal = 0, scanFilesRead = 0, scanAirports = 0;
     std::vector<AircraftView> aircraft;
     std::vector<StandView> stands;
+    std::vector<std::array<double, 5>> runways; // the park airport's: end, end, width in metres
     void reserve(std::size_t aircraftRoom, std::size_t standRoom);
 };
 

@@ -120,7 +120,8 @@ void routes(httplib::Server& s) {
         }
         if (const auto at = html.find("{{TOKEN}}"); at != std::string::npos) html.replace(at, 9, web().token);
         res.set_header("Content-Security-Policy",
-                       "default-src 'self'; img-src 'self' data: https://tile.openstreetmap.org https://*.tile.openstreetmap.org; "
+                       "default-src 'self'; img-src 'self' data: https://tile.openstreetmap.org "
+                       "https://*.tile.openstreetmap.org; "
                        "style-src 'self' 'unsafe-inline'; frame-ancestors 'none'");
         res.set_content(html, "text/html; charset=utf-8");
     };
@@ -154,22 +155,23 @@ void routes(httplib::Server& s) {
     s.Get("/api/events", [](const httplib::Request& req, httplib::Response& res) {
         const bool withMap = req.has_param("map");
         auto last = std::make_shared<std::uint64_t>(0);
-        res.set_chunked_content_provider("text/event-stream", [last, withMap](std::size_t, httplib::DataSink& sink) {
-            StatusSnapshot snap;
-            if (web().stopping) return false;
-            if (copySnapshot(snap) && snap.sequence != *last) {
-                *last = snap.sequence;
-                std::string out = "data: ";
-                appendSnapshotJson(out, snap, withMap);
-                out += "\n\n";
-                if (!sink.write(out.data(), out.size())) return false;
-            } else {
-                constexpr std::string_view kIdle = ": idle\n\n"; // keeps the connection known alive
-                if (!sink.write(kIdle.data(), kIdle.size())) return false;
-            }
-            std::this_thread::sleep_for(kStreamPeriod / 4);
-            return true;
-        });
+        res.set_chunked_content_provider(
+            "text/event-stream", [last, withMap](std::size_t, httplib::DataSink& sink) {
+                StatusSnapshot snap;
+                if (web().stopping) return false;
+                if (copySnapshot(snap) && snap.sequence != *last) {
+                    *last = snap.sequence;
+                    std::string out = "data: ";
+                    appendSnapshotJson(out, snap, withMap);
+                    out += "\n\n";
+                    if (!sink.write(out.data(), out.size())) return false;
+                } else {
+                    constexpr std::string_view kIdle = ": idle\n\n"; // keeps the connection known alive
+                    if (!sink.write(kIdle.data(), kIdle.size())) return false;
+                }
+                std::this_thread::sleep_for(kStreamPeriod / 4);
+                return true;
+            });
     });
     s.Get("/api/settings", [](const httplib::Request&, httplib::Response& res) {
         res.set_content(settingsJson(), "application/json");
@@ -190,7 +192,8 @@ void routes(httplib::Server& s) {
         const auto j = nlohmann::json::parse(req.body, nullptr, false);
         if (j.is_discarded() || !j.is_object() || !j.contains("name") || !j["name"].is_string())
             return refuse(res, 400, "a command is {\\\"name\\\": ...}");
-        answer(res, runCommand(j["name"].get<std::string>(), j.contains("argument") ? valueText(j["argument"]) : ""));
+        answer(res, runCommand(j["name"].get<std::string>(),
+                               j.contains("argument") ? valueText(j["argument"]) : ""));
     });
 }
 

@@ -115,6 +115,7 @@ try {
     await sleep(1000);
   }
   const stands = await page.evaluate(() => [...window.orv.stands.values()].map((s) => s.state));
+  check(await page.evaluate(() => window.orv.runways) === 4, 'KMSP\'s four runways are on the map');
   check(stands.length > 100 && stands.includes('static') && stands.includes('reserved'), 'the stands of KMSP are on the map',
     `${stands.length} stands`);
   const frames = await page.evaluate(() => window.orv.frames.slice());
