@@ -31,15 +31,7 @@ struct Home {
     std::vector<af::Stand> eham;
     Home() {
         dir = fs::temp_directory_path() / fmt::format("orv-parking-bench-{}", ::getpid());
-        (void)scenario::prepareHome(fs::path(ORV_PROGRAM_DIR) / "input",
-                                    fs::path(ORV_SOURCE_DIR) / "data/liveries/Community", dir);
-        if (tools::airportsMain("site",
-                                {(dir / "site").string(), "--data", std::string(ORV_SOURCE_DIR) + "/data"}))
-            throw std::runtime_error("no data site");
-        pugi::xml_document doc;
-        if (!doc.load_file((dir / "site/downloads/MSFS/archive/stock/EHAM.xml").c_str()))
-            throw std::runtime_error("no EHAM.xml");
-        eham = af::readStands(doc, 1);
+        eham = orv::bench::ehamStands(dir);
         // Denser than the made-up week: each option again under other names two hours later.
         std::size_t options = 0;
         for (const auto& s : eham) options += s.options.size();
@@ -66,6 +58,26 @@ struct Home {
         fs::remove_all(dir, ec);
     }
 };
+} // namespace
+
+namespace orv::bench {
+
+std::vector<af::Stand> ehamStands(const fs::path& dir) {
+    (void)scenario::prepareHome(fs::path(ORV_PROGRAM_DIR) / "input",
+                                fs::path(ORV_SOURCE_DIR) / "data/liveries/Community", dir);
+    if (tools::airportsMain("site",
+                            {(dir / "site").string(), "--data", std::string(ORV_SOURCE_DIR) + "/data"}))
+        throw std::runtime_error("no data site");
+    pugi::xml_document doc;
+    if (!doc.load_file((dir / "site/downloads/MSFS/archive/stock/EHAM.xml").c_str()))
+        throw std::runtime_error("no EHAM.xml");
+    return af::readStands(doc, 1);
+}
+
+} // namespace orv::bench
+
+namespace {
+
 Home& home() {
     static Home h;
     return h;

@@ -26,17 +26,9 @@ void setUp() {
     if (done) return;
     done = true;
     const fs::path dir = fs::temp_directory_path() / fmt::format("orv-web-bench-{}", ::getpid());
-    (void)scenario::prepareHome(fs::path(ORV_PROGRAM_DIR) / "input",
-                                fs::path(ORV_SOURCE_DIR) / "data/liveries/Community", dir);
-    if (tools::airportsMain("site",
-                            {(dir / "site").string(), "--data", std::string(ORV_SOURCE_DIR) + "/data"}))
-        throw std::runtime_error("no data site");
-    pugi::xml_document doc;
-    if (!doc.load_file((dir / "site/downloads/MSFS/archive/stock/EHAM.xml").c_str()))
-        throw std::runtime_error("no EHAM.xml");
     airportfile::gPark.reset();
     airportfile::gPark.code = refdata::AirportCode("EHAM");
-    airportfile::gPark.stands = airportfile::readStands(doc, 1);
+    airportfile::gPark.stands = orv::bench::ehamStands(dir);
     airportfile::numberAndLinkStands(airportfile::gPark.stands);
     std::error_code ec;
     fs::remove_all(dir, ec);

@@ -195,6 +195,13 @@ class ParkAirportScenario : public test::ProgramHome {
     static double recordingSeconds(const std::vector<std::string>& f) {
         return std::stod(f[14]) - kRecordingStart;
     }
+    // The phases N899DN goes through in a run, each as it changes.
+    static void recordPhases(scenario::Config& c, std::vector<live::Phase>& phases) {
+        c.onFrame = [&phases](double) {
+            const live::LiveAc* ac = live::findByHexid(0xac671b);
+            if (ac && (phases.empty() || phases.back() != ac->phase)) phases.push_back(ac->phase);
+        };
+    }
     // Where an aircraft came to rest against the stand it parked on: within 1 m and 2 degrees.
     static void expectRestsOn(const emu::ObjectRecord& o, const af::Stand& s) {
         const double off =
@@ -351,10 +358,7 @@ TEST_F(ParkAirportScenario, Dal2418StartsOnG11AndPushesBack) {
     const af::Stand* g11 = &stand("G11");
     auto c = kmspRun(22560, 23300, 0); // parked at G11, a minute and a half before the push-back
     std::vector<live::Phase> phases;
-    c.onFrame = [&](double) {
-        const live::LiveAc* ac = live::findByHexid(0xac671b);
-        if (ac && (phases.empty() || phases.back() != ac->phase)) phases.push_back(ac->phase);
-    };
+    recordPhases(c, phases);
     const auto r = scenario::run(c);
     ASSERT_EQ(r.error, "");
     const emu::ObjectRecord* dal = nullptr;
@@ -394,10 +398,7 @@ TEST_F(ParkAirportScenario, TheSecondDayParksOnF8AndDoesNotPutTheNextDepartureBa
     }
     auto c = kmspRun(74790, 75300, 0);
     std::vector<live::Phase> phases;
-    c.onFrame = [&](double) {
-        const live::LiveAc* ac = live::findByHexid(0xac671b);
-        if (ac && (phases.empty() || phases.back() != ac->phase)) phases.push_back(ac->phase);
-    };
+    recordPhases(c, phases);
     const auto r = scenario::run(c);
     ASSERT_EQ(r.error, "");
     const emu::ObjectRecord* dal = object(r, "DAL2927");

@@ -314,9 +314,13 @@ void handleCommands() {
         block.swap(r.blockCallsign);
         dest.swap(r.destination);
     }
-    if (block) params::set(params::parameter<params::StringParameter>("BLOCK_CALLSIGN"), *block);
+    {
+        // The page reads these texts under the same lock.
+        std::lock_guard lock(commandMutex());
+        if (block) params::set(params::parameter<params::StringParameter>("BLOCK_CALLSIGN"), *block);
+        if (dest) params::set(params::parameter<params::StringParameter>("DESTINATION"), *dest);
+    }
     if (dest) {
-        params::set(params::parameter<params::StringParameter>("DESTINATION"), *dest);
         if (const auto code = refdata::AirportCode::tryMake(*dest)) (void)parking::setParkAirport(*code);
     }
     if (r.flushStatics.exchange(false)) parking::flushStatics();

@@ -90,6 +90,17 @@ void appendAircraft(std::string& out, const AircraftView& a) {
         a.isStatic, a.onGround);
 }
 
+void identify(AircraftView& v, std::uint32_t hexid, std::string_view callsign, refdata::ModelId type,
+              std::string_view registration, std::string_view title, double lat, double lon,
+              double headingDeg) {
+    v.hexid = hexid;
+    v.callsign.set(callsign);
+    v.type.set(refdata::modelCode(type));
+    v.registration.set(registration);
+    v.title.set(title);
+    v.lat = lat, v.lon = lon, v.headingDeg = headingDeg;
+}
+
 } // namespace
 
 void StatusSnapshot::reserve(std::size_t aircraftRoom, std::size_t standRoom) {
@@ -156,12 +167,9 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
     live::forEachLive([&](const live::LiveAc& ac) {
         if (s.aircraft.size() == s.aircraft.capacity()) return;
         AircraftView& v = s.aircraft.emplace_back();
-        v.hexid = ac.hexid;
-        v.callsign.set(ac.callsign);
-        v.type.set(refdata::modelCode(ac.modelCode));
-        v.registration.set(ac.registration);
-        v.title.set(ac.liveryTitle);
-        v.lat = ac.lat, v.lon = ac.lon, v.altFt = ac.alt, v.headingDeg = ac.heading * core::kDegPerRad;
+        identify(v, ac.hexid, ac.callsign, ac.modelCode, ac.registration, ac.liveryTitle, ac.lat, ac.lon,
+                 ac.heading * core::kDegPerRad);
+        v.altFt = ac.alt;
         v.dataAgeS =
             ac.lastTimestamp > 0 && now > 0 ? static_cast<float>(std::max(0.0, now - ac.lastTimestamp)) : -1;
         v.liveryStep = ac.liveryStep;
@@ -182,12 +190,8 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
             s.stands[a.stand - 1].state = StandState::Static;
         if (s.aircraft.size() == s.aircraft.capacity()) continue;
         AircraftView& v = s.aircraft.emplace_back();
-        v.hexid = a.hexid;
-        v.callsign.set(a.cs);
-        v.type.set(refdata::modelCode(a.type));
-        v.registration.set(a.reg);
-        v.title.set(a.title);
-        v.lat = a.latitude, v.lon = a.longitude, v.headingDeg = a.headingRad * core::kDegPerRad;
+        identify(v, a.hexid, a.cs, a.type, a.reg, a.title, a.latitude, a.longitude,
+                 a.headingRad * core::kDegPerRad);
         v.isStatic = true, v.onGround = true;
     }
     for (const auto& v : s.aircraft) {
