@@ -117,6 +117,19 @@ class AircraftCanvas {
       ctx.fill();
       ctx.stroke();
     }
+    // Callsign and type beside each arrow when they fit: zoomed in, or few on the screen.
+    ctx.setTransform(ratio, 0, 0, ratio, 0, 0);
+    const labels = this.map.getZoom() >= 13 || this.items.length <= 200;
+    if (labels) {
+      ctx.font = '11px system-ui, sans-serif';
+      ctx.fillStyle = '#e8e8e8';
+      for (const a of this.items) {
+        if (a.static && this.map.getZoom() < 16) continue;
+        const p = this.map.latLngToContainerPoint([a.lat, a.lon]);
+        if (p.x < 0 || p.y < 0 || p.x > size.x || p.y > size.y) continue;
+        ctx.fillText(`${a.callsign} ${a.type}${a.step >= 0 ? ` =${a.step}=` : ''}`, p.x + 10, p.y + 4);
+      }
+    }
     ctx.setTransform(1, 0, 0, 1, 0, 0);
   }
 }
@@ -186,7 +199,7 @@ function drawMap(s) {
   for (const a of s.aircraft || []) {
     seen.add(a.hexid);
     const item = { hexid: a.hexid, lat: a.lat, lon: a.lon, hdg: a.hdg, colour: phaseColour(a),
-                   callsign: a.callsign, type: a.type, static: a.static };
+                   callsign: a.callsign, type: a.type, step: a.step, static: a.static };
     orv.aircraft.set(a.hexid, item);
     drawn.push(item);
   }
