@@ -225,6 +225,9 @@ std::string startWebServer(const WebOptions& options) {
     if (options.address == "127.0.0.1") w.hosts.push_back(fmt::format("localhost:{}", port));
     w.address = fmt::format("http://{}:{}/", options.address, port);
     w.thread = std::thread([&w] { w.server->listen_after_bind(); });
+    // A stop that came before the listening loop began would be missed and the loop never end.
+    for (int i = 0; i < 200 && !w.server->is_running(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     core::log(fmt::format("the web page is at {}", w.address));
     if (options.openBrowser && !platform::openInShell(w.address)) core::log("no browser could be opened");
     return w.address;
