@@ -57,11 +57,12 @@ int main(int argc, char** argv) {
                "OUT [--data DIR]: the data site's file tree (downloads/MSFS/archive/stock/CODE.xml for each "
                "stock airport of the directory), from the stand lists and traffic sources in data/",
                rest);
-    addCommand(app, "scenery",
-               "OUT [--files N] [--data DIR]: a Community/Official-like tree of N BGL files (copies of the real "
-               "airport files in data/scenery under other packages and idents, files without airports) with "
-               "manifest.json files of every shape",
-               rest);
+    addCommand(
+        app, "scenery",
+        "OUT [--files N] [--data DIR]: a Community/Official-like tree of N BGL files (copies of the real "
+        "airport files in data/scenery under other packages and idents, files without airports) with "
+        "manifest.json files of every shape",
+        rest);
     addCommand(app, "serve", "DIR [--port N]: serves a data site's tree on 127.0.0.1 (port 0: any free port)",
                rest);
     addCommand(app, "encrypt", "IN OUT: a plain reference file into the program's encrypted form", rest);

@@ -74,7 +74,8 @@ struct SceneryTree {
     int files = 0;
 };
 std::uint32_t packIcao(std::string_view code);
-SceneryTree writeSceneryTree(const std::filesystem::path& out, const std::filesystem::path& dataFolder, int files);
+SceneryTree writeSceneryTree(const std::filesystem::path& out, const std::filesystem::path& dataFolder,
+                             int files);
 int sceneryMain(const std::vector<std::string>& args);
 // Sends a recording's lines as UDP datagrams at their recorded pace (for demos and trials).
 
