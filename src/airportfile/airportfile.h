@@ -112,6 +112,7 @@ struct ParkAirportFile {
     core::LatLon position;
     Airport airport;
     std::vector<Stand> stands;
+    std::vector<refdata::Runway> runways; // for the map
     bool handmade = false;
     std::int32_t qfReal = -1, qfSoft = -1, rtTrafficWeek = 0;
     std::int32_t updateCount = 0;

@@ -389,6 +389,7 @@ std::string readApf(const std::string& xml) {
             settingsFromQuality(gPark.qfReal, gPark.qfSoft, gPark.code);
         }
         numberAndLinkStands(gPark.stands);
+        gPark.runways = refdata::runwaysOf(gPark.code);
         gPark.loadedFrom = file;
         core::log(fmt::format("Airport file read from '{}' for {}", gPark.handmade ? learned : xml,
                               gPark.airport.publisher));

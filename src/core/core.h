@@ -166,6 +166,7 @@ std::string trim(std::string_view text);
 std::vector<std::string> splitList(std::string_view text);
 std::string trimList(std::string_view text);
 std::string toUpper(std::string_view text);
+std::string toLower(std::string_view text);
 bool iequals(std::string_view a, std::string_view b) noexcept;
 
 // Strict: invalid input throws std::runtime_error, nothing is replaced.

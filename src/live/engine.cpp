@@ -1481,10 +1481,6 @@ LiveCounts liveCounts() noexcept {
     return c;
 }
 
-} // namespace orv::live
-
-namespace orv::live {
-
 void forEachLive(const std::function<void(const LiveAc&)>& fn) {
     for (const auto& ac : gEngine.liveTable) fn(ac);
 }

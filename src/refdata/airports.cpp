@@ -169,10 +169,6 @@ std::optional<AirportRecord> closestAirport(double latitude, double longitude) {
     return *closest;
 }
 
-} // namespace orv::refdata
-
-namespace orv::refdata {
-
 std::vector<Runway> runwaysOf(const AirportCode& code) {
     std::vector<Runway> out;
     std::ifstream in(core::gPaths.programFolder / "input" / "runways.csv");

@@ -114,6 +114,23 @@ std::optional<WindowMessage> nextWindowMessage(std::chrono::milliseconds wait) {
     return msg;
 }
 
+namespace {
+
+// "HOST:PORT" with a port from `lowestPort` to 65535; none when it is not that.
+std::optional<std::pair<std::string, int>> hostPort(const std::string& text, int lowestPort) {
+    const auto colon = text.rfind(':');
+    int port = -1;
+    if (colon == std::string::npos || colon == 0) return std::nullopt;
+    const auto* end = text.data() + text.size();
+    if (const auto r = std::from_chars(text.data() + colon + 1, end, port);
+        r.ec != std::errc{} || r.ptr != end)
+        return std::nullopt;
+    if (port < lowestPort || port > 65535) return std::nullopt;
+    return std::pair{text.substr(0, colon), port};
+}
+
+} // namespace
+
 CommandLine parseOptions(const std::vector<std::string>& args, core::Options& out) {
     CLI::App app{"Fills a running flight simulator with real-world air traffic.", "orvelline"};
     app.footer("Parameters and Log.txt live in $XDG_CONFIG_HOME/Orvelline (default ~/.config/Orvelline).");
@@ -168,25 +185,18 @@ CommandLine parseOptions(const std::vector<std::string>& args, core::Options& ou
     if (ui == "off") {
         out.uiEnabled = false;
     } else if (!ui.empty()) {
-        const auto colon = ui.rfind(':');
-        int port = -1;
-        if (colon != std::string::npos) std::from_chars(ui.data() + colon + 1, ui.data() + ui.size(), port);
-        if (colon == std::string::npos || colon == 0 || port < 0 || port > 65535)
-            return {fmt::format("--ui: '{}' is not ADDR:PORT or off", ui), {}};
-        out.uiAddress = ui.substr(0, colon);
-        out.uiPort = port;
+        const auto at = hostPort(ui, 0);
+        if (!at) return {fmt::format("--ui: '{}' is not ADDR:PORT or off", ui), {}};
+        out.uiAddress = at->first;
+        out.uiPort = at->second;
     }
     out.trafficPort = static_cast<std::uint16_t>(trafficPort);
     out.weatherPort = static_cast<std::uint16_t>(weatherPort);
     if (!sim.empty()) {
-        const auto colon = sim.rfind(':');
-        int port = -1;
-        if (colon != std::string::npos)
-            std::from_chars(sim.data() + colon + 1, sim.data() + sim.size(), port);
-        if (colon == std::string::npos || colon == 0 || port < 1 || port > 65535)
-            return {fmt::format("--sim: '{}' is not HOST:PORT", sim), {}};
-        out.simHost = sim.substr(0, colon);
-        out.simPort = static_cast<std::uint16_t>(port);
+        const auto at = hostPort(sim, 1);
+        if (!at) return {fmt::format("--sim: '{}' is not HOST:PORT", sim), {}};
+        out.simHost = at->first;
+        out.simPort = static_cast<std::uint16_t>(at->second);
     }
     if (!stopAfter.empty()) {
         const auto* end = stopAfter.data() + stopAfter.size();

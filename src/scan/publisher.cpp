@@ -18,13 +18,6 @@ namespace {
 
 constexpr std::uintmax_t kMaxManifestBytes = 1 << 20;
 
-std::string lower(std::string_view s) {
-    std::string r(s);
-    std::transform(r.begin(), r.end(), r.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return r;
-}
-
 // The whole name, then each of its words (split at '-', '_', '.' and blanks), in the table.
 std::string publisherInName(std::string_view name) {
     if (auto p = publisherOf(name); !p.empty()) return p;
@@ -48,7 +41,7 @@ fs::path packageFolder(const fs::path& absolute) {
     for (const auto& part : absolute) {
         walked /= part;
         if (next) return walked;
-        next = lower(part.string()) == "community";
+        next = core::toLower(part.string()) == "community";
     }
     return {};
 }
@@ -93,10 +86,9 @@ bool ScanLog::save(const fs::path& file) const {
 
 std::string publisherOf(std::string_view name) {
     if (name.empty()) return {};
-    const std::string wanted = lower(name);
     for (const auto& spellings : refdata::dbase().publisherSpellings)
         for (const auto& s : spellings)
-            if (lower(s) == wanted) return spellings.front();
+            if (core::iequals(s, name)) return spellings.front();
     return {};
 }
 
@@ -147,7 +139,7 @@ PublisherInfo findPublisher(const fs::path& path, ScanLog& log) {
     PublisherInfo info;
     info.stem = path.stem().string();
     log.add(fmt::format("\nTry to find publisher in: {}", path.string()));
-    const std::string file = lower(path.filename().string());
+    const std::string file = core::toLower(path.filename().string());
     if (file.find("microsoft-airport") != std::string::npos ||
         file.find("asobo-airport") != std::string::npos) {
         info.publisher = "simaddon";

@@ -35,15 +35,7 @@ constexpr auto kFutureWait = 10s;
 struct ScanRun {
     ScanLog& log;
     bool msfs2024 = false;
-    bool addon = true;
 };
-
-std::string lower(std::string_view s) {
-    std::string r(s);
-    std::transform(r.begin(), r.end(), r.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return r;
-}
 
 ScanLog& scanLog() {
     static ScanLog log;
@@ -77,7 +69,7 @@ void removeFilesFromDirectory(const fs::path& dir, std::string_view onlyExtensio
     std::error_code ec;
     for (const auto& e : fs::directory_iterator(dir, ec)) {
         if (!e.is_regular_file(ec)) continue;
-        if (!onlyExtension.empty() && lower(e.path().extension().string()) != onlyExtension) continue;
+        if (!onlyExtension.empty() && core::toLower(e.path().extension().string()) != onlyExtension) continue;
         fs::remove(e.path(), ec);
         if (ec) core::log(fmt::format("remove({}) failed: {}", e.path().string(), ec.message()));
     }
@@ -116,10 +108,6 @@ std::optional<Archived> archivedFile(const af::Apf& apf, const ScanRun& run) {
 // archived file's stand count when it did.
 std::optional<std::int32_t> linkOrClassify(af::Apf& apf, const fs::path& path, const ScanRun& run) {
     apf.bglPath = path.string();
-    if (!run.addon) {
-        apf.publisher = "stock";
-        return std::nullopt;
-    }
     const auto info = findPublisher(path, run.log);
     apf.publisher = info.publisher, apf.manufacturer = info.manufacturer, apf.creator = info.creator;
     if (apf.publisher.empty()) return std::nullopt;
@@ -271,8 +259,7 @@ class WorkQueue {
 };
 
 void walkFolder(const fs::path& folder, const ScanRun& run) {
-    run.log.add(
-        fmt::format("Scanning for {} airports in {}", run.addon ? "addon " : "stock ", folder.string()));
+    run.log.add(fmt::format("Scanning for {} airports in {}", "addon ", folder.string()));
     const auto workers = static_cast<std::size_t>(std::max(1, core::gRun.hardwareThreads.load()));
     WorkQueue queue(2 * workers);
     std::vector<std::future<void>> pool;
@@ -295,10 +282,10 @@ void walkFolder(const fs::path& folder, const ScanRun& run) {
             const fs::path& p = it->path();
             std::error_code tec;
             if (it->is_directory(tec)) {
-                if (run.addon && isExcludedFolder(p.string())) it.disable_recursion_pending();
+                if (isExcludedFolder(p.string())) it.disable_recursion_pending();
                 continue;
             }
-            if (lower(p.extension().string()) != ".bgl" || isExcludedFile(p.string(), run.addon) ||
+            if (core::toLower(p.extension().string()) != ".bgl" || isExcludedFile(p.string(), true) ||
                 !hasAirportSection(p))
                 continue;
             if (!queue.push(p)) throw std::runtime_error("Future wait timed out after 10 seconds");
@@ -322,7 +309,7 @@ bool hasPublisherInfo(const fs::path& xml) {
         if (name == "manufacturer") manufacturer = value;
         if (name == "creator") creator = value;
     }
-    const auto named = [](const std::string& s) { return s.size() >= 4 && lower(s) != "merrik"; };
+    const auto named = [](const std::string& s) { return s.size() >= 4 && core::toLower(s) != "merrik"; };
     return !publisher.empty() || named(manufacturer) || named(creator);
 }
 
@@ -460,13 +447,13 @@ bool isExcludedFolder(std::string_view path) {
         "discovery",     "point-of-interest",   "simobjects", "vcockpits",
         "aig-aitraffic", "justflight-aircraft", "fsltl",      "gsx-pro",
         "gsx-world",     "landingchallenge"};
-    const std::string l = lower(path);
+    const std::string l = core::toLower(path);
     return std::any_of(std::begin(kWords), std::end(kWords),
                        [&](std::string_view w) { return l.find(w) != std::string::npos; });
 }
 
 bool isExcludedFile(std::string_view path, bool addonScan) {
-    const std::string l = lower(path);
+    const std::string l = core::toLower(path);
     return l.find("statics") != std::string::npos || l.find("_heliports") != std::string::npos ||
            (addonScan && l.find("afcad updates") != std::string::npos);
 }
@@ -474,7 +461,7 @@ bool isExcludedFile(std::string_view path, bool addonScan) {
 bool scanFolders(const std::vector<fs::path>& folders, bool automatic) {
     auto& log = scanLog();
     log.clear();
-    const ScanRun run{log, msfs2024(), true};
+    const ScanRun run{log, msfs2024()};
     auto& progress = gScanProgress;
     progress.foldersDone = 0, progress.foldersTotal = static_cast<int>(folders.size());
     progress.filesRead = 0, progress.airportsFound = 0, progress.generated = 0, progress.linked = 0;

@@ -126,8 +126,10 @@ CommandResult shown(bool ok, std::string message) {
     return {ok, std::move(message)};
 }
 
-std::optional<std::int32_t> parseInt(std::string_view text) {
-    std::int32_t v = 0;
+// A whole text as a number of type T; none when anything is left over.
+template <typename T>
+std::optional<T> parseNumber(std::string_view text) {
+    T v{};
     const auto* end = text.data() + text.size();
     const auto r = std::from_chars(text.data(), end, v);
     if (r.ec != std::errc{} || r.ptr != end) return std::nullopt;
@@ -228,14 +230,11 @@ CommandResult changeSetting(std::string_view name, std::string_view value) {
                 return shown(false, fmt::format("{} is on or off, not '{}'", labelOf(name)->label, value));
             const bool on = value == "true";
             if (b->value != on) params::set(*b, on);
-            if (name == "AUTO_RANGE") {
-                params::gParams.radiusNm =
-                    on ? params::gParams.radiusNm.load() : params::gParams.RANGE.load();
-            }
+            if (name == "AUTO_RANGE" && !on) applyRange(params::gParams.RANGE); // the radius kept from before
             return shown(true, checkBoxMessage(name, on));
         }
         if (auto* c = dynamic_cast<params::ChoiceIntParameter*>(p)) {
-            const auto v = parseInt(value);
+            const auto v = parseNumber<std::int32_t>(value);
             if (!v ||
                 std::find(c->allowedValues.begin(), c->allowedValues.end(), *v) == c->allowedValues.end())
                 return shown(false, fmt::format("'{}' is not a value of {}: it takes {}", value,
@@ -245,17 +244,15 @@ CommandResult changeSetting(std::string_view name, std::string_view value) {
             return shown(true, fmt::format("{} {}", labelOf(name)->label, *v));
         }
         if (auto* f = dynamic_cast<params::ChoiceFloatParameter*>(p)) {
-            float v = 0;
-            const auto* end = value.data() + value.size();
-            const auto r = std::from_chars(value.data(), end, v);
-            if (r.ec != std::errc{} || r.ptr != end ||
-                std::find(f->allowedValues.begin(), f->allowedValues.end(), v) == f->allowedValues.end())
+            const auto v = parseNumber<float>(value);
+            if (!v ||
+                std::find(f->allowedValues.begin(), f->allowedValues.end(), *v) == f->allowedValues.end())
                 return shown(false, fmt::format("'{}' is not a value of {}: it takes {}", value,
                                                 labelOf(name)->label, fmt::join(f->allowedValues, ", ")));
-            f->value = v;
+            f->value = *v;
             params::set(params::parameter<params::IntParameter>("MAX_FIT"),
-                        std::clamp(static_cast<std::int32_t>(std::lround(2.0 * v)) - 1, 0, 47));
-            return shown(true, fmt::format("{} {}", labelOf(name)->label, v));
+                        std::clamp(static_cast<std::int32_t>(std::lround(2.0 * *v)) - 1, 0, 47));
+            return shown(true, fmt::format("{} {}", labelOf(name)->label, *v));
         }
         if (auto* t = dynamic_cast<params::ChoiceTextParameter*>(p)) {
             if (std::find(t->allowedValues.begin(), t->allowedValues.end(), value) == t->allowedValues.end())

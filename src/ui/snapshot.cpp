@@ -116,7 +116,9 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
     s.utcSeconds =
         std::chrono::duration_cast<std::chrono::seconds>(platform::clock().utcNow().time_since_epoch())
             .count();
-    s.version = fmt::format("{}.{}.{}", core::kVersion.major, core::kVersion.minor, core::kVersion.patch);
+    static const std::string version =
+        fmt::format("{}.{}.{}", core::kVersion.major, core::kVersion.minor, core::kVersion.patch);
+    s.version = version;
     s.simulator = sim::simulatorText();
     s.userTitle = sim::userTitleKnown() ? sim::userTitle() : std::string();
     s.nearestAirport = sim::nearestArea();
@@ -155,14 +157,7 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
     s.stands.clear();
     s.runways.clear();
     if (!withAircraft) return;
-    // Read from the file once per park airport, by the worker that alone fills snapshots.
-    static refdata::AirportCode runwaysOf;
-    static std::vector<refdata::Runway> runways;
-    if (airportfile::gPark.code != runwaysOf) {
-        runwaysOf = airportfile::gPark.code;
-        runways = runwaysOf.empty() ? std::vector<refdata::Runway>{} : refdata::runwaysOf(runwaysOf);
-    }
-    for (const auto& r : runways) s.runways.push_back({r.lat1, r.lon1, r.lat2, r.lon2, r.widthM});
+    s.runways.assign(airportfile::gPark.runways.begin(), airportfile::gPark.runways.end());
     const double now = feed::gTrafficReader.lastTimestamp.load();
     live::forEachLive([&](const live::LiveAc& ac) {
         if (s.aircraft.size() == s.aircraft.capacity()) return;
@@ -175,8 +170,8 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
         v.liveryStep = ac.liveryStep;
         v.phase = static_cast<std::uint8_t>(ac.phase), v.simState = static_cast<std::uint8_t>(ac.simState);
         v.onGround = ac.onGround;
+        if (ac.phase == live::Phase::Parked) v.stand = static_cast<std::uint32_t>(ac.stand.id);
     });
-    s.stands.clear();
     for (const auto& st : airportfile::gPark.stands) {
         if (s.stands.size() == s.stands.capacity()) break;
         StandView& v = s.stands.emplace_back();
@@ -194,12 +189,8 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
                  a.headingRad * core::kDegPerRad);
         v.isStatic = true, v.onGround = true;
     }
-    for (const auto& v : s.aircraft) {
-        if (v.isStatic || v.phase != static_cast<std::uint8_t>(live::Phase::Parked)) continue;
-        for (auto& st : s.stands)
-            if (core::distanceNm(v.lat, v.lon, st.lat, st.lon) * core::kMetresPerNm < 5.0)
-                st.state = StandState::Live;
-    }
+    for (const auto& v : s.aircraft)
+        if (v.stand >= 1 && v.stand <= s.stands.size()) s.stands[v.stand - 1].state = StandState::Live;
 }
 
 void publishSnapshot(bool withAircraft) {
@@ -284,7 +275,7 @@ void appendSnapshotJson(std::string& out, const StatusSnapshot& s, bool withMap)
         for (std::size_t i = 0; i < s.runways.size(); ++i) {
             const auto& r = s.runways[i];
             fmt::format_to(std::back_inserter(out), "{}[{:.6f},{:.6f},{:.6f},{:.6f},{:.0f}]", i ? "," : "",
-                           r[0], r[1], r[2], r[3], r[4]);
+                           r.lat1, r.lon1, r.lat2, r.lon2, r.widthM);
         }
         out += ']';
     }

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "refdata/refdata.h"
+
 namespace orv::ui {
 
 void refreshCounters() noexcept;
@@ -41,6 +43,7 @@ struct AircraftView {
     float dataAgeS = -1; // seconds since its last report; -1: a static aircraft
     std::int8_t liveryStep = -1;
     std::uint8_t phase = 0, simState = 0;
+    std::uint32_t stand = 0; // the stand number a live aircraft is parked on; 0: none
     bool isStatic = false, onGround = false;
 };
 
@@ -69,7 +72,7 @@ struct StatusSnapshot {
     int scanFoldersDone = 0, scanFoldersTotal = 0, scanFilesRead = 0, scanAirports = 0;
     std::vector<AircraftView> aircraft;
     std::vector<StandView> stands;
-    std::vector<std::array<double, 5>> runways; // the park airport's: end, end, width in metres
+    std::vector<refdata::Runway> runways; // the park airport's
     void reserve(std::size_t aircraftRoom, std::size_t standRoom);
 };
 

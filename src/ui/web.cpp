@@ -55,7 +55,7 @@ bool hostAllowed(const httplib::Request& req) {
 
 void refuse(httplib::Response& res, int status, std::string_view why) {
     res.status = status;
-    res.set_content(fmt::format(R"({{"ok":false,"message":"{}"}})", why), "application/json");
+    res.set_content(nlohmann::json{{"ok", false}, {"message", why}}.dump(), "application/json");
 }
 
 // A request that changes something must come from the served page: its token, its origin.
@@ -184,14 +184,14 @@ void routes(httplib::Server& s) {
         const auto j = nlohmann::json::parse(req.body, nullptr, false);
         if (j.is_discarded() || !j.is_object() || !j.contains("name") || !j["name"].is_string() ||
             !j.contains("value"))
-            return refuse(res, 400, "a setting is {\\\"name\\\": ..., \\\"value\\\": ...}");
+            return refuse(res, 400, R"(a setting is {"name": ..., "value": ...})");
         answer(res, changeSetting(j["name"].get<std::string>(), valueText(j["value"])));
     });
     s.Post("/api/command", [](const httplib::Request& req, httplib::Response& res) {
         if (!changeAllowed(req, res)) return;
         const auto j = nlohmann::json::parse(req.body, nullptr, false);
         if (j.is_discarded() || !j.is_object() || !j.contains("name") || !j["name"].is_string())
-            return refuse(res, 400, "a command is {\\\"name\\\": ...}");
+            return refuse(res, 400, R"(a command is {"name": ...})");
         answer(res, runCommand(j["name"].get<std::string>(),
                                j.contains("argument") ? valueText(j["argument"]) : ""));
     });
