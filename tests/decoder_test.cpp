@@ -45,6 +45,7 @@ struct Case {
     std::function<void(const TrafficSample&)> check = {};
     std::function<void(TrafficArea&)> area = {};
     bool airborneOnly = false;
+    std::int32_t qnh = 1013;
 };
 
 class Decoder : public ::testing::Test {
@@ -215,6 +216,34 @@ TEST_F(Decoder, EveryStepOfTheLine) {
          Outcome::Queued,
          "",
          [](const TrafficSample& s) { EXPECT_FALSE(s.airborne); }},
+        // Pressure altitudes become true ones with the weather's QNH before the ground test.
+        {"a high QNH lifts a pressure altitude, 27.3 ft a hectopascal",
+         {{4, "5000"}},
+         Outcome::Queued,
+         "",
+         [](const TrafficSample& s) { EXPECT_NEAR(s.altitude, 5000 + 22 * 27.3, 1e-9); },
+         {},
+         false,
+         1035},
+        {"a high QNH: a reading below the field is a final approach",
+         {{4, "800"}, {8, "140"}, {2, "44.89"}},
+         Outcome::Queued,
+         "",
+         [](const TrafficSample& s) {
+             EXPECT_TRUE(s.airborne);
+             EXPECT_NEAR(s.altitude, 800 + 17 * 27.3, 1e-9);
+         },
+         {},
+         false,
+         1030},
+        {"a low QNH: a reading above the field is on the runway",
+         {{4, "900"}, {8, "130"}, {2, "44.89"}},
+         Outcome::Queued,
+         "",
+         [](const TrafficSample& s) { EXPECT_FALSE(s.airborne); },
+         {},
+         false,
+         1000},
         {"ground far from the airport", {{4, "0"}, {2, "44.99"}}, Outcome::Dropped},
         {"ground without an airport",
          {{4, "0"}, {2, "44.89"}},
@@ -280,6 +309,7 @@ TEST_F(Decoder, EveryStepOfTheLine) {
         TrafficArea area = kmspArea();
         if (c.area) c.area(area);
         reader->setArea(area);
+        reader->qnh = c.qnh;
         params::gParams.AIRBORNE_ONLY = c.airborneOnly;
         reader->counts.clear();
         const std::string before = log.text();

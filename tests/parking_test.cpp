@@ -145,7 +145,6 @@ class ParkAirportScenario : public test::ProgramHome {
         c.fromSeconds = from;
         c.toSeconds = to;
         c.runSeconds = to - from + 30 + after;
-        c.qnh = 1035;
         c.titles = titles;
         c.parking.on = true;
         parkUserAtE1(c);

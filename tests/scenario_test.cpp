@@ -205,7 +205,6 @@ TEST_F(ScenarioTest, KmspLandingTaxiToG11) {
     c.fromSeconds = 14000; // 5 minutes before touchdown on 12R
     c.toSeconds = 14500;   // at gate G11
     c.runSeconds = 500 + 30 + 300;
-    c.qnh = 1035; // what the crew had set (nav_qnh of the recording)
     c.titles = titles;
     const auto [r, report] = runAndReport(c);
     ASSERT_EQ(r.error, "");
@@ -247,7 +246,6 @@ TEST_F(ScenarioTest, KmspDeparture) {
     c.fromSeconds = 23000; // DAL2418 pushed back from G11, about to taxi to 12L
     c.toSeconds = 23700;
     c.runSeconds = 700 + 30 + 60;
-    c.qnh = 1035;
     c.titles = titles;
     std::vector<live::Phase> phases;
     double mostNoseUp = 0;
@@ -397,12 +395,13 @@ std::string rttfc(const MadeUp& m) {
 
 // Made-up reports run at LSZH for `seconds` of virtual time.
 Run runMadeUp(const fs::path& file, const std::string& text, double seconds,
-              const std::vector<std::string>& titles) {
+              const std::vector<std::string>& titles, int qnh = 1013) {
     test::writeBytes(file, text);
     scenario::Config c;
     c.recording = file;
     c.airport = "LSZH";
     c.runSeconds = seconds;
+    c.qnh = qnh;
     c.titles = titles;
     return runAndReport(c);
 }
@@ -514,6 +513,54 @@ TEST_F(ScenarioTest, ALowCircuitAfterATouchAndGoFollowsTheReports) {
         ASSERT_TRUE(where) << t;
         EXPECT_NEAR(where->altitudeFt, altitudeAt[static_cast<std::size_t>(t - 30)], 150.0)
             << "at " << t << " s";
+    }
+}
+
+// A landing on LSZH 14 whose reports give pressure altitudes, as the feed does, on a day of high
+// and one of low pressure: with the weather's QNH it touches down where its data do, after a
+// steady descent. Read as they come, the high day's last 460 ft look like the ground, 2.7 km
+// short, and the low day's flare hangs 490 ft above the runway.
+TEST_F(ScenarioTest, PressureAltitudesLandWhereTheDataDoWithTheDaysQnh) {
+    const double lat14 = 47.483090, lon14 = 8.534713, lat32 = 47.461296, lon32 = 8.564453, elevation = 1417;
+    const double k = std::cos(lat14 * core::kRadPerDeg);
+    const double dx = (lon32 - lon14) * 111120 * k, dy = (lat32 - lat14) * 111120,
+                 length = std::hypot(dx, dy);
+    const auto latAt = [&](double along) { return lat14 + dy / length * along / 111120; };
+    const auto lonAt = [&](double along) { return lon14 + dx / length * along / (111120 * k); };
+    const double v = 72, touchdownAlong = 400; // m/s (140 kt); metres past the threshold
+    for (const int qnh : {1030, 995}) {
+        SCOPED_TRACE(qnh);
+        std::string text;
+        for (int t = 0; t <= 180; ++t) {
+            const double along = t <= 120 ? touchdownAlong - v * (120 - t) : touchdownAlong + v * (t - 120) * 0.6;
+            const double trueFt = elevation + std::max(0.0, v * (120 - t) * 0.0524 * 3.28);
+            const bool ground = t >= 120;
+            text += rttfc({.hexid = 4992004,
+                           .callsign = "SWR126",
+                           .t = double(t),
+                           .lat = latAt(along),
+                           .lon = lonAt(along),
+                           .altitudeFt = ground ? 0.0 : trueFt - (qnh - 1013) * feed::kFeetPerHpa,
+                           .vsFpm = ground ? 0.0 : -742,
+                           .kt = ground ? std::max(20.0, 140.0 - (t - 120) * 3.0) : 140.0,
+                           .trackDeg = 137,
+                           .onGround = ground});
+        }
+        const auto [r, report] = runMadeUp(dir.path() / "qnh.rttfc", text, 180 + 30, titles, qnh);
+        ASSERT_EQ(r.error, "");
+        ASSERT_EQ(r.objects.size(), 1u);
+        ASSERT_TRUE(report[0].touchedDown);
+        EXPECT_LT(metres(report[0].touchdownLat, report[0].touchdownLon, latAt(touchdownAlong),
+                         lonAt(touchdownAlong)),
+                  300.0);
+        double steepestFpm = 0;
+        const auto& p = r.objects[0].positions;
+        for (std::size_t i = 0, j = 0; i < p.size(); ++i) {
+            while (p[i].t - p[j].t > 1.0) ++j;
+            if (p[i].t - p[j].t > 0.5 && p[i].t < report[0].touchdownT)
+                steepestFpm = std::max(steepestFpm, (p[j].altitudeFt - p[i].altitudeFt) / (p[i].t - p[j].t) * 60);
+        }
+        EXPECT_LT(steepestFpm, 1500.0);
     }
 }
 

@@ -136,6 +136,7 @@ std::vector<TrackPoint> openSkyPoints(const json& input, const OpenSkyOptions& o
         p.longitude = r.at("longitude").get<double>();
         p.onGround = r.contains("onground") && r["onground"].is_boolean() && r["onground"].get<bool>();
         p.altitude = p.onGround ? 0.0 : optNumber(r.at("altitude")).value_or(-1.0);
+        if (p.onGround) p.groundPressureAltitude = optNumber(r.at("altitude"));
         p.groundSpeed = optNumber(r.at("groundspeed")).value_or(-1.0);
         p.track = optNumber(r.at("track"));
         p.verticalSpeed = optNumber(r.at("vertical_rate")).value_or(0.0);
@@ -184,10 +185,28 @@ void completeTracks(std::vector<TrackPoint>& points) {
                      [](const TrackPoint& a, const TrackPoint& b) { return a.timestamp < b.timestamp; });
 }
 
+// The recordings hold pressure altitudes but no weather. Read at a known elevation, a
+// transponder's altitude on the ground gives the day's QNH, which a scenario then plays as its
+// weather.
+void printQnhEstimates(const std::vector<TrackPoint>& points, double fieldFt) {
+    std::map<std::string, std::vector<double>> readings;
+    for (const auto& p : points)
+        if (p.groundPressureAltitude && *p.groundPressureAltitude < fieldFt + 3000.0)
+            readings[p.callsign].push_back(*p.groundPressureAltitude);
+    for (auto& [callsign, feet] : readings) {
+        std::nth_element(feet.begin(), feet.begin() + static_cast<std::ptrdiff_t>(feet.size() / 2), feet.end());
+        const double median = feet[feet.size() / 2];
+        std::cout << fmt::format("{}: on the ground its pressure altitude reads {:.0f} ft (median of {}): QNH about "
+                                 "{:.0f} hPa at a {:.0f} ft field\n",
+                                 callsign, median, feet.size(), 1013.25 + (fieldFt - median) / feed::kFeetPerHpa,
+                                 fieldFt);
+    }
+}
+
 int convertMain(const std::vector<std::string>& args) {
     std::string format, input, output;
     OpenSkyOptions os;
-    std::optional<double> geoidFt;
+    std::optional<double> geoidFt, fieldFt;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto next = [&]() -> std::string {
             if (i + 1 >= args.size()) throw std::runtime_error(args[i] + " needs a value");
@@ -200,6 +219,8 @@ int convertMain(const std::vector<std::string>& args) {
             output = next();
         } else if (args[i] == "--geoid-ft") {
             geoidFt = std::stod(next());
+        } else if (args[i] == "--field-ft") {
+            fieldFt = std::stod(next());
         } else if (args[i] == "--flights") {
             for (auto& cs : core::splitList(next())) os.callsigns.push_back(cs);
         } else if (args[i] == "--type") {
@@ -220,6 +241,7 @@ int convertMain(const std::vector<std::string>& args) {
     const json j = json::parse(in);
     auto points = format == "readsb" ? readsbPoints(j, geoidFt) : openSkyPoints(j, os);
     completeTracks(points);
+    if (fieldFt) printQnhEstimates(points, *fieldFt);
     std::string out;
     for (const auto& p : points) {
         out += trafficLine(p);

@@ -24,6 +24,7 @@ struct TrackPoint {
     double verticalSpeed = 0.0;
     std::string callsign, type, registration, category, messageType = "adsb_icao";
     std::optional<double> trueAirspeed, roll, trueHeading;
+    std::optional<double> groundPressureAltitude; // feet, what the transponder read on the ground
 };
 
 // One line in the wire format: 29 comma-separated fields, "null" for unknown texts.

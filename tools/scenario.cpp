@@ -149,6 +149,7 @@ Result run(const Config& config) {
     parking::gParking.live.callsignInUse = live::callsignInUse;
     parking::gParking.live.parkedOn = live::parkedOn;
     feed::gQnh = config.qnh;
+    feed::gTrafficReader.qnh = config.qnh;
     feed::TrafficArea area;
     area.reference = {airport->latitude, airport->longitude};
     area.airport = area.reference;
@@ -615,19 +616,19 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
         if (v.dataEndAtRest && !groundUnusable && v.objects > 0 && !(v.restOffM >= 0 && v.restOffM <= 5.0))
             broke(v.restOffM < 0 ? std::string("never at rest")
                                  : fmt::format("rests {:.1f} m off", v.restOffM));
-        // Air reports that read at or below the field's level are ground reports to the decoder (a
-        // pressure altitude on a high-pressure day): the aircraft is made on the runway, rolling out.
+        // An aircraft is made on one side of a touchdown only: when its first reports, taken 30 s
+        // ahead, already hold the touchdown, it is made on the runway, rolling out.
         const auto firstGround =
             std::find_if(lines.begin(), lines.end(), [](const FedLine* l) { return l->onGround; });
-        const auto lastAir =
-            firstGround == lines.begin() ? lines.rend() : std::make_reverse_iterator(firstGround);
-        const bool landedBelowField = v.landing && v.objects > 0 && v.touchdownCentreLineM < 0 &&
-                                      lastAir != lines.rend() &&
-                                      (*lastAir)->altitudeFt <= result.airportElevationFt + 108;
-        if (landedBelowField)
-            v.why = fmt::format(
-                "landing not shown: its last air report reads {:.0f} ft, the field lies at {:.0f} ft",
-                (*lastAir)->altitudeFt, result.airportElevationFt);
+        const double aheadS = feed::kDelayTicks / 100.0;
+        const bool landedInsideTheDelay = v.landing && v.objects > 0 && v.touchdownCentreLineM < 0 &&
+                                          !lines.empty() && !lines.front()->onGround &&
+                                          firstGround != lines.end() &&
+                                          (*firstGround)->at - lines.front()->at < aheadS;
+        if (landedInsideTheDelay)
+            v.why = fmt::format("landing not shown: its data begin {:.0f} s before touchdown, within the {:.0f} "
+                                "s traffic is shown behind",
+                                (*firstGround)->at - lines.front()->at, aheadS);
         else if (v.landing && v.objects > 0 &&
                  !(v.touchdownCentreLineM >= 0 && v.touchdownCentreLineM <= 15.0))
             broke(v.touchdownCentreLineM < 0

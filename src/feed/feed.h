@@ -26,6 +26,15 @@ using refdata::IataCode;
 // The engine flies each point 30 s after it came: the tick the decoder gives it is this far ahead.
 inline constexpr std::int32_t kDelayTicks = 3000;
 
+// Near the ground a hectopascal of pressure is this many feet of height.
+inline constexpr double kFeetPerHpa = 27.3;
+// Traffic reports pressure altitude; the simulator places objects at true altitude. With the
+// weather's QNH (whole hectopascals, 1013 standing for standard and for no weather yet) the one
+// becomes the other.
+inline double trueAltitudeFt(double pressureAltitudeFt, std::int32_t qnhHpa) {
+    return pressureAltitudeFt + (qnhHpa - 1013) * kFeetPerHpa;
+}
+
 // One decoded traffic line. The part from `latitude` on is the engine's position record.
 struct TrafficSample {
     std::uint16_t airlineCode = 0; // filled by the engine

@@ -304,6 +304,7 @@ bool TrafficReader::checkAltitude(TrafficSample& s) {
     if (!parseNumber(fields[kAltitude], a))
         throw std::runtime_error(fmt::format("altitude {} incorrect, from: {}", fields[kAltitude],
                                              std::string_view(line, lineLength)));
+    if (a > 0.0) a = std::max(trueAltitudeFt(a, qnh.load(std::memory_order_relaxed)), 0.0);
     if (a <= 0.0) {
         a = 0.0;
     } else {

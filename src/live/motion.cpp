@@ -790,9 +790,8 @@ bool checkExtendingSituations(LiveAc& ac, Sample& s) {
 
 double landingVs(const LiveAc& ac) {
     const auto& st = ac.stream;
-    if (agl(ac) > 100 && st.size() >= 2)
-        return std::min(
-            (st[0].vs + st[1].vs) / 2 - (feed::gQnh.load(std::memory_order_relaxed) - 1013.25) * 6, -601.0);
+    // The decoder has made the altitudes true ones, so the weather no longer steepens the descent.
+    if (agl(ac) > 100 && st.size() >= 2) return std::min((st[0].vs + st[1].vs) / 2, -601.0);
     return -600;
 }
 
@@ -879,13 +878,12 @@ void setAirSegment(LiveAc& ac, std::int32_t dt) {
     const bool a0 = st[0].airborne, a1 = st[1].airborne;
     const double alt1 = st[1].alt;
     const auto descend = [&] {
-        const auto airport = currentAirport();
-        if (airport && feed::gQnh.load(std::memory_order_relaxed) <= 1013) {
+        // With true altitudes the field's elevation is a fair aim whatever the weather.
+        if (const auto airport = currentAirport()) {
             ac.delta.alt = (airport->elevation + ac.cgHeight - ac.alt) / dt;
         } else {
-            const double v = feed::gQnh.load(std::memory_order_relaxed) > 1013 ? landingVs(ac) : -601.0;
-            st[1].vs = ac.delta.vsTarget = v;
-            ac.delta.alt = v / kTicksPerMinute;
+            st[1].vs = ac.delta.vsTarget = -601.0;
+            ac.delta.alt = -601.0 / kTicksPerMinute;
         }
         setGear(ac, true);
     };
