@@ -532,7 +532,8 @@ TEST_F(ScenarioTest, PressureAltitudesLandWhereTheDataDoWithTheDaysQnh) {
         SCOPED_TRACE(qnh);
         std::string text;
         for (int t = 0; t <= 180; ++t) {
-            const double along = t <= 120 ? touchdownAlong - v * (120 - t) : touchdownAlong + v * (t - 120) * 0.6;
+            const double along =
+                t <= 120 ? touchdownAlong - v * (120 - t) : touchdownAlong + v * (t - 120) * 0.6;
             const double trueFt = elevation + std::max(0.0, v * (120 - t) * 0.0524 * 3.28);
             const bool ground = t >= 120;
             text += rttfc({.hexid = 4992004,
@@ -558,10 +559,91 @@ TEST_F(ScenarioTest, PressureAltitudesLandWhereTheDataDoWithTheDaysQnh) {
         for (std::size_t i = 0, j = 0; i < p.size(); ++i) {
             while (p[i].t - p[j].t > 1.0) ++j;
             if (p[i].t - p[j].t > 0.5 && p[i].t < report[0].touchdownT)
-                steepestFpm = std::max(steepestFpm, (p[j].altitudeFt - p[i].altitudeFt) / (p[i].t - p[j].t) * 60);
+                steepestFpm =
+                    std::max(steepestFpm, (p[j].altitudeFt - p[i].altitudeFt) / (p[i].t - p[j].t) * 60);
         }
         EXPECT_LT(steepestFpm, 1500.0);
     }
+}
+
+// A training circuit at LSZH: a touch-and-go on 14, a circuit at 1,000 ft above the field (never
+// high enough to end the take-off by height), and a full-stop landing on 14 again that slows to a
+// stop on the runway. After the second touchdown the aircraft rolls out, never takes off again
+// from its own roll-out, and stops where the data do (it rolled on at 20 kt once they went quiet).
+TEST_F(ScenarioTest, ACircuitAfterATouchAndGoEndsInALanding) {
+    const double lat14 = 47.483090, lon14 = 8.534713, lat32 = 47.461296, lon32 = 8.564453, elevation = 1417;
+    const double k = std::cos(lat14 * core::kRadPerDeg);
+    const double runwayDeg = std::atan2((lon32 - lon14) * k, lat32 - lat14) / core::kRadPerDeg; // about 137
+    double north = 0, east = 0, headingDeg = runwayDeg, altitude = elevation;
+    std::string text;
+    const auto step = [&](double t, double kt, bool ground, double vs) {
+        const double m = kt * 1852.0 / 3600.0;
+        north += m * std::cos(headingDeg * core::kRadPerDeg);
+        east += m * std::sin(headingDeg * core::kRadPerDeg);
+        altitude = ground ? elevation : altitude + vs / 60;
+        text += rttfc({.hexid = 4992005,
+                       .callsign = "SWR127",
+                       .t = t,
+                       .lat = lat14 + north / 111120,
+                       .lon = lon14 + east / (111120 * k),
+                       .altitudeFt = ground ? 0.0 : altitude,
+                       .vsFpm = ground ? 0.0 : vs,
+                       .kt = kt,
+                       .trackDeg = std::fmod(headingDeg + 360, 360),
+                       .onGround = ground});
+    };
+    // Final to 14 from 2.2 nm, then on the ground for 6 s at 130 kt: the touch-and-go.
+    north -= 60 * 72 * std::cos(runwayDeg * core::kRadPerDeg);
+    east -= 60 * 72 * std::sin(runwayDeg * core::kRadPerDeg);
+    altitude = elevation + 60 * 72 * 0.0524 * 3.28;
+    double t = 0;
+    for (; t < 60; ++t) step(t, 140, false, -742);
+    for (; t < 66; ++t) step(t, 130, true, 0);
+    // Climb to 1,000 ft, a left circuit of two 180 degree turns, and a final to 14 again.
+    for (; t < 126; ++t) step(t, 140, false, t < 106 ? 1500 : 0);
+    for (int i = 0; i < 60; ++i, ++t) {
+        headingDeg -= 3;
+        step(t, 140, false, 0);
+    }
+    for (; t < 306; ++t) step(t, 140, false, 0);
+    for (int i = 0; i < 60; ++i, ++t) {
+        headingDeg -= 3;
+        step(t, 140, false, i < 40 ? 0 : -742);
+    }
+    while (altitude > elevation + 30) step(t++, 140, false, -742);
+    const double touchdown = t;
+    for (double kt = 130; kt > 15; kt -= 5) step(t++, kt, true, 0);
+    for (int i = 0; i < 40; ++i) step(t++, 15, true, 0);
+    for (int i = 0; i < 20; ++i) step(t++, 0, true, 0);
+    const double end = t;
+
+    test::writeBytes(dir.path() / "circuit.rttfc", text);
+    scenario::Config c;
+    c.recording = dir.path() / "circuit.rttfc";
+    c.airport = "LSZH";
+    c.runSeconds = end + 30;
+    c.titles = titles;
+    bool takingOffAfterLanding = false;
+    std::vector<live::Phase> phases;
+    c.onFrame = [&](double now) {
+        const live::LiveAc* ac = live::findByHexid(4992005);
+        if (!ac) return;
+        if (phases.empty() || phases.back() != ac->phase) phases.push_back(ac->phase);
+        if (now > touchdown + 30 + 10 && ac->takingOff) takingOffAfterLanding = true;
+    };
+    const auto [r, report] = runAndReport(c);
+    ASSERT_EQ(r.error, "");
+    ASSERT_EQ(r.objects.size(), 1u);
+    std::string names;
+    for (const auto p : phases) names += std::string(live::phaseName(p)) + " ";
+    EXPECT_FALSE(takingOffAfterLanding) << names;
+    EXPECT_EQ(phases.back(), live::Phase::Taxi) << names;
+    EXPECT_LT(r.objects[0].now.altitudeFt, elevation + 50) << names;
+    ASSERT_TRUE(report[0].cameToRest);
+    EXPECT_LT(metres(report[0].restLat, report[0].restLon, r.fed.back().latitude, r.fed.back().longitude),
+              5.0);
+    // Two take-offs at most (the first made from the data's touch-and-go), none after the landing.
+    EXPECT_LE(std::count(phases.begin(), phases.end(), live::Phase::TakeOff), 1) << names;
 }
 
 // A helicopter flies east 400 ft above LSZH and then hovers (its reports stay on one spot at

@@ -194,12 +194,13 @@ void printQnhEstimates(const std::vector<TrackPoint>& points, double fieldFt) {
         if (p.groundPressureAltitude && *p.groundPressureAltitude < fieldFt + 3000.0)
             readings[p.callsign].push_back(*p.groundPressureAltitude);
     for (auto& [callsign, feet] : readings) {
-        std::nth_element(feet.begin(), feet.begin() + static_cast<std::ptrdiff_t>(feet.size() / 2), feet.end());
+        std::nth_element(feet.begin(), feet.begin() + static_cast<std::ptrdiff_t>(feet.size() / 2),
+                         feet.end());
         const double median = feet[feet.size() / 2];
-        std::cout << fmt::format("{}: on the ground its pressure altitude reads {:.0f} ft (median of {}): QNH about "
-                                 "{:.0f} hPa at a {:.0f} ft field\n",
-                                 callsign, median, feet.size(), 1013.25 + (fieldFt - median) / feed::kFeetPerHpa,
-                                 fieldFt);
+        std::cout << fmt::format(
+            "{}: on the ground its pressure altitude reads {:.0f} ft (median of {}): QNH about "
+            "{:.0f} hPa at a {:.0f} ft field\n",
+            callsign, median, feet.size(), 1013.25 + (fieldFt - median) / feed::kFeetPerHpa, fieldFt);
     }
 }
 

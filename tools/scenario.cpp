@@ -626,9 +626,10 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
                                           firstGround != lines.end() &&
                                           (*firstGround)->at - lines.front()->at < aheadS;
         if (landedInsideTheDelay)
-            v.why = fmt::format("landing not shown: its data begin {:.0f} s before touchdown, within the {:.0f} "
-                                "s traffic is shown behind",
-                                (*firstGround)->at - lines.front()->at, aheadS);
+            v.why =
+                fmt::format("landing not shown: its data begin {:.0f} s before touchdown, within the {:.0f} "
+                            "s traffic is shown behind",
+                            (*firstGround)->at - lines.front()->at, aheadS);
         else if (v.landing && v.objects > 0 &&
                  !(v.touchdownCentreLineM >= 0 && v.touchdownCentreLineM <= 15.0))
             broke(v.touchdownCentreLineM < 0

@@ -648,7 +648,14 @@ bool checkNewPosDuringLanding(LiveAc& ac, Sample& s) {
         core::log(fmt::format("{} empty sz?", "checkNewPosDuringLanding"));
         return true;
     }
-    if (samePlace(s, st.back())) return false;
+    if (samePlace(s, st.back())) {
+        // A roll-out that ends at a standstill says so by repeating its last place; without those
+        // reports the aircraft would roll on, made-up point after made-up point.
+        if (!ac.landingFlags.rollout || s.airborne || s.speed > 0) return false;
+        ac.extrapolateCount = 0;
+        s.stationary = true;
+        return true;
+    }
     // Behind means against the way the reports were going, not against where the aircraft points
     // now: it is half a minute behind them, and a turn off the runway is no report from behind.
     const auto off = [&](std::size_t i) {
