@@ -51,6 +51,72 @@ constexpr double kGroundStepMinKt = 45;
 constexpr double kGroundStepFactor = 1.25;
 constexpr auto kLineBudget = std::chrono::microseconds(2000);
 
+// A single air report far off the line its neighbours draw (a position or an altitude the feed
+// got wrong for a moment) takes the median of itself and its two neighbours. The stream runs 30 s
+// behind the feed, so the report after it is known long before the aircraft gets there; the
+// median leaves a steady climb or turn as it is and never carries a spike on to the next report.
+constexpr double kAirSpikeMinFt = 150, kAirSpikeFtPerSecond = 25;
+constexpr double kAirSpikeMinM = 150, kAirSpikeShareOfStep = 0.25;
+constexpr double kAirSpikeMaxSpanSeconds = 20;
+
+double median3(double a, double b, double c) {
+    return std::max(std::min(a, b), std::min(std::max(a, b), c));
+}
+
+void smoothAirSpike(SampleStream& st, const Sample& next) {
+    if (st.size() < 3 || !next.airborne) return; // element 0 is being flown from, 1 towards
+    Sample& mid = st.back();
+    const Sample& before = st[st.size() - 2];
+    if (!mid.airborne || !before.airborne || mid.stationary || before.feedTime <= 0 || mid.feedTime <= 0)
+        return;
+    const double span = next.feedTime - before.feedTime;
+    if (!(span > 0) || span > kAirSpikeMaxSpanSeconds) return;
+    const double f = std::clamp((mid.feedTime - before.feedTime) / span, 0.0, 1.0);
+    const double alt = before.alt + f * (next.alt - before.alt);
+    if (std::fabs(mid.alt - alt) > std::max(kAirSpikeMinFt, kAirSpikeFtPerSecond * span))
+        mid.alt = median3(before.alt, mid.alt, next.alt);
+    const double lat = before.lat + f * (next.lat - before.lat), lon = before.lon + f * (next.lon - before.lon);
+    const double offM = core::distanceNm(mid.lat, mid.lon, lat, lon) * core::kMetresPerNm;
+    const double stepM = core::distanceNm(before.lat, before.lon, next.lat, next.lon) * core::kMetresPerNm;
+    if (offM > kAirSpikeMinM + kAirSpikeShareOfStep * stepM) {
+        mid.lat = median3(before.lat, mid.lat, next.lat);
+        mid.lon = median3(before.lon, mid.lon, next.lon);
+    }
+}
+
+// The altitude of an air report as the trend of the latest reports has it at its time: the
+// Theil-Sen line (median of the pairwise slopes, then the median offset), which a steady climb
+// passes through unchanged and a third of the reports scattered at random cannot move.
+constexpr double kAirTrendSeconds = 10;
+constexpr std::size_t kAirTrendMinReports = 4;
+
+double airTrendAltitude(LiveAc& ac, double t, double feet) {
+    auto& ring = ac.airAltitudes;
+    ring[ac.airAltitudeNext] = {t, feet};
+    ac.airAltitudeNext = static_cast<std::uint8_t>((ac.airAltitudeNext + 1) % ring.size());
+    ac.airAltitudeCount = static_cast<std::uint8_t>(std::min<std::size_t>(ac.airAltitudeCount + 1, ring.size()));
+    std::array<LiveAc::AltitudeReport, 8> recent;
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < ac.airAltitudeCount; ++i)
+        if (t - ring[i].time <= kAirTrendSeconds && ring[i].time <= t) recent[n++] = ring[i];
+    if (n < kAirTrendMinReports) return feet;
+    std::array<double, 28> values;
+    std::size_t m = 0;
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = i + 1; j < n; ++j)
+            if (const double dt = recent[j].time - recent[i].time; std::fabs(dt) >= 0.5)
+                values[m++] = (recent[j].feet - recent[i].feet) / dt;
+    if (m == 0) return feet;
+    const auto median = [&values](std::size_t count) {
+        const auto mid = values.begin() + static_cast<std::ptrdiff_t>(count / 2);
+        std::nth_element(values.begin(), mid, values.begin() + static_cast<std::ptrdiff_t>(count));
+        return *mid;
+    };
+    const double slope = median(m);
+    for (std::size_t i = 0; i < n; ++i) values[i] = recent[i].feet + slope * (t - recent[i].time);
+    return std::max(median(n), 1.0);
+}
+
 std::optional<AirportPlace> currentAirportPlace; // the worker thread's: set and read there only
 // Counts for the status display: the frame publishes them once a second, any thread reads.
 struct Published {
@@ -657,6 +723,13 @@ bool clockAgrees(LiveAc& ac, const feed::TrafficSample& r) {
 void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bool keepSpeed) {
     if (ac->simState == SimState::LiveryRespawn || ac->simState == SimState::RemovingFromSim) return;
     const double t = r.timestamp;
+    const auto noteAltitude = [&] {
+        if (r.airborne) return airTrendAltitude(*ac, t, r.altitude);
+        ac->airAltitudeCount = 0;
+        return r.altitude;
+    };
+    double feet = r.altitude;
+    if (ac->stream.empty()) feet = noteAltitude();
     if (!ac->stream.empty()) {
         const Sample& last = ac->stream.back();
         if (!clockAgrees(*ac, r)) return;
@@ -707,6 +780,7 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
             ((lv > 5 && v >= 10 * lv) || (v > 5 && lv >= 10 * v) || (lv <= 5 && v >= 80) ||
              (v <= 5 && lv >= 80)))
             return;
+        feet = noteAltitude();
         if (ac->extrapolateCount < 1) {
             const double dHdg =
                 std::fabs(core::angleDiff(last.track * core::kRadPerDeg, r.track * core::kRadPerDeg)) /
@@ -723,6 +797,7 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
     if (ac->simState == SimState::Buffer && !altitudeAcceptable(r.altitude)) return;
     if (!checkRespawn(*ac, r)) return;
     Sample sample = toSample(r);
+    if (r.airborne) sample.alt = feet;
     // On the ground the feed's speed is often stale: a speed the positions contradict by more than
     // half is replaced by theirs, so that a taxiing aircraft neither races, stops nor "takes off".
     if (ac->lastTimestamp > 0 && t > ac->lastTimestamp) {
@@ -801,6 +876,7 @@ void addSample(LiveAc& ac, Sample s) {
     if (ac.phase == Phase::Birth) {
         if (!filterSample(ac, s)) return;
         keepGrowing();
+        smoothAirSpike(st, s);
         st.push_back(s);
         return;
     }
@@ -826,6 +902,7 @@ void addSample(LiveAc& ac, Sample s) {
     }
     keepGrowing();
     takeOffChecks(ac, s);
+    smoothAirSpike(st, s);
     st.push_back(s);
     if (st.size() == 2 && st[0].stationary && st[1].stationary) {
         st[0].tick = gEngine.tick + 1;

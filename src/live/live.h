@@ -193,6 +193,13 @@ struct LiveAc : AcIdentity {
     struct SetAside {
         double first = 0, time = 0, lat = 0, lon = 0; // first 0: none
     } aside;               // a ground report out of reach, kept in case the track goes on from it
+    // The latest air reports' altitudes, every one before any is thinned out: a feed whose
+    // altitude scatters by hundreds of feet from second to second is followed along their trend.
+    struct AltitudeReport {
+        double time = 0, feet = 0;
+    };
+    std::array<AltitudeReport, 8> airAltitudes{};
+    std::uint8_t airAltitudeCount = 0, airAltitudeNext = 0;
     LatLonPos settleSpot;  // where the latest reports close together lie
     int settleReports = 0; // how many in a row
     std::int64_t parkedWallClock = 0;
