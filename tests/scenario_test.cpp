@@ -646,6 +646,62 @@ TEST_F(ScenarioTest, ACircuitAfterATouchAndGoEndsInALanding) {
     EXPECT_LE(std::count(phases.begin(), phases.end(), live::Phase::TakeOff), 1) << names;
 }
 
+// A straight descent towards LSZH 14 whose reports go wrong in the ways real feeds do in the air:
+// one altitude of a cruise level, altitudes scattered by hundreds of feet, one position far off
+// the line. The aircraft follows the true line all the same, neither bobbing nor swerving.
+TEST_F(ScenarioTest, AirReportsOffTheTrackAreNotFollowed) {
+    const double lat14 = 47.483090, lon14 = 8.534713, lat32 = 47.461296, lon32 = 8.564453, elevation = 1417;
+    const double k = std::cos(lat14 * core::kRadPerDeg);
+    const double dx = (lon32 - lon14) * 111120 * k, dy = (lat32 - lat14) * 111120,
+                 length = std::hypot(dx, dy);
+    const double v = 72, startAlong = -16000; // m/s (140 kt); metres before the threshold at 0 s
+    const auto trueFeet = [&](double t) { return elevation + (-(startAlong + v * t)) * 0.0524 * 3.28; };
+    struct Case {
+        const char* name;
+        std::function<void(int t, double& feet, double& sideM)> spoil;
+    };
+    const Case cases[] = {
+        {"clean", [](int, double&, double&) {}},
+        // At 140 kt on a straight line one report in seven is taken; these two are.
+        {"one report at a cruise level", [](int t, double& feet, double&) { feet = t == 63 ? 32425 : feet; }},
+        {"a third scattered by 300 ft",
+         [](int t, double& feet, double&) { feet += t % 3 == 0 ? (t % 2 ? 300 : -300) : 0; }},
+        {"one position 800 m off", [](int t, double&, double& side) { side = t == 77 ? 800 : 0; }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string text;
+        for (int t = 0; t < 160; ++t) {
+            double feet = trueFeet(t), side = 0;
+            c.spoil(t, feet, side);
+            const double along = startAlong + v * t;
+            text += rttfc({.hexid = 4992007,
+                           .callsign = "SWR129",
+                           .t = double(t),
+                           .lat = lat14 + (dy * along - dx * side) / length / 111120,
+                           .lon = lon14 + (dx * along + dy * side) / length / (111120 * k),
+                           .altitudeFt = feet,
+                           .vsFpm = -742,
+                           .kt = 140,
+                           .trackDeg = 137,
+                           .onGround = false});
+        }
+        const auto [r, report] = runMadeUp(dir.path() / "air.rttfc", text, 160 + 30, titles);
+        ASSERT_EQ(r.error, "");
+        ASSERT_EQ(r.objects.size(), 1u);
+        double worstFeet = 0, worstSideM = 0;
+        for (const auto& p : r.objects[0].positions) {
+            if (p.t < 40 || p.t > 185) continue;
+            worstFeet = std::max(worstFeet, std::fabs(p.altitudeFt - trueFeet(p.t - 30)));
+            const double north = (p.latitude - lat14) * 111120, east = (p.longitude - lon14) * 111120 * k;
+            worstSideM = std::max(worstSideM, std::fabs(north * dx - east * dy) / length);
+        }
+        std::printf("%s: %.0f ft, %.0f m off the line at worst\n", c.name, worstFeet, worstSideM);
+        EXPECT_LT(worstFeet, 100.0);
+        EXPECT_LT(worstSideM, 30.0);
+    }
+}
+
 // A helicopter flies east 400 ft above LSZH and then hovers (its reports stay on one spot at
 // 0 kt): it hovers too, instead of being taken for an aeroplane on the ground and set down.
 TEST_F(ScenarioTest, AHelicopterHovers) {

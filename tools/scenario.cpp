@@ -486,6 +486,30 @@ double metresBetween(double lat1, double lon1, double lat2, double lon2) {
 
 // The recorded speed over the ground that outliers can't make: the median of the speeds the
 // positions give over five neighbouring steps, at its largest along the track.
+// How steadily an object went up and down more than 100 ft above the field: its steepest
+// second, and how often it turned from climbing to descending or back (3 s steps, 30 ft or more).
+void airSteadiness(const emu::ObjectRecord& o, double fieldFt, double& steepestFpm, int& bobs) {
+    const auto& p = o.positions;
+    const auto high = [&](const emu::PositionRecord& r) { return r.altitudeFt > fieldFt + 100; };
+    for (std::size_t i = 0, j = 0; i < p.size(); ++i) {
+        while (p[i].t - p[j].t > 1.0) ++j;
+        const double dt = p[i].t - p[j].t;
+        if (dt > 0.9 && high(p[i]) && high(p[j]))
+            steepestFpm = std::max(steepestFpm, std::fabs(p[i].altitudeFt - p[j].altitudeFt) / dt * 60);
+    }
+    int way = 0;
+    for (std::size_t i = 0, j = 0; i < p.size(); ++i) {
+        if (p[i].t - p[j].t < 3.0) continue;
+        if (p[i].t - p[j].t < 4.0 && high(p[i]) && high(p[j])) {
+            const double d = p[i].altitudeFt - p[j].altitudeFt;
+            const int now = d > 30 ? 1 : d < -30 ? -1 : 0;
+            if (now != 0 && way != 0 && now != way) ++bobs;
+            if (now != 0) way = now;
+        }
+        j = i;
+    }
+}
+
 double robustSpeedKt(const std::vector<const FedLine*>& g) {
     // Over at least 3 s, so that jitter of a few metres between reports a second apart does not
     // read as speed.
@@ -563,6 +587,7 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
             for (const auto& p : o.positions)
                 v.highestAboveAirportFt =
                     std::max(v.highestAboveAirportFt, p.altitudeFt - result.airportElevationFt);
+            airSteadiness(o, result.airportElevationFt, v.airSteepestFpm, v.airBobs);
             const auto& m = report[i];
             v.groundStepKt = std::max(v.groundStepKt, m.maxStepGroundKt);
             v.groundPathP95M = std::max(v.groundPathP95M, m.pathP95GroundM);
@@ -661,14 +686,15 @@ std::string formatTrack(const Result& result, double from, double to) {
 }
 
 std::string formatFidelity(const std::vector<Fidelity>& lines) {
-    std::string s =
-        fmt::format("{:<22} {:<9} {:>3} {:>14} {:>14} {:>9} {:>9} {:>7}  {}\n", "scenario", "aircraft", "obj",
-                    "gnd step/bar", "path/jitter m", "top ft", "rest m", "tdown m", "verdict");
+    std::string s = fmt::format("{:<22} {:<9} {:>3} {:>14} {:>14} {:>9} {:>12} {:>9} {:>7}  {}\n", "scenario",
+                                "aircraft", "obj", "gnd step/bar", "path/jitter m", "top ft", "air fpm/bobs",
+                                "rest m", "tdown m", "verdict");
     for (const auto& v : lines)
         s +=
-            fmt::format("{:<22} {:<9} {:>3} {:>6.0f}/{:<7.0f} {:>6.1f}/{:<7.1f} {:>9.0f} {:>9} {:>7}  {}\n",
+            fmt::format("{:<22} {:<9} {:>3} {:>6.0f}/{:<7.0f} {:>6.1f}/{:<7.1f} {:>9.0f} {:>7.0f}/{:<4} "
+                        "{:>9} {:>7}  {}\n",
                         v.scenario, v.tail, v.objects, v.groundStepKt, std::max(40.0, 1.3 * v.robustGroundKt),
-                        v.groundPathP95M, v.jitterP95M, v.highestAboveAirportFt,
+                        v.groundPathP95M, v.jitterP95M, v.highestAboveAirportFt, v.airSteepestFpm, v.airBobs,
                         v.dataEndAtRest ? fmt::format("{:.1f}", v.restOffM) : std::string("-"),
                         v.landing ? fmt::format("{:.1f}", v.touchdownCentreLineM) : std::string("-"),
                         !v.broken.empty() ? fmt::format("{}", fmt::join(v.broken, "; "))

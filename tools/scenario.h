@@ -115,6 +115,8 @@ struct Fidelity {
     double groundPathP95M = 0, jitterP95M = 0;   // shown path against the data's own jitter
     bool dataOnGround = false;                   // the recording never leaves the ground
     double highestAboveAirportFt = 0;            // what the simulator was shown
+    double airSteepestFpm = 0;                   // its steepest second in the air
+    int airBobs = 0; // how often its climb turned into a descent or back, in 3 s steps
     bool dataEndAtRest = false;
     double restOffM = -1; // from the last recorded point; -1: never at rest
     bool landing = false;

@@ -75,12 +75,23 @@ void smoothAirSpike(SampleStream& st, const Sample& next) {
     const double alt = before.alt + f * (next.alt - before.alt);
     if (std::fabs(mid.alt - alt) > std::max(kAirSpikeMinFt, kAirSpikeFtPerSecond * span))
         mid.alt = median3(before.alt, mid.alt, next.alt);
-    const double lat = before.lat + f * (next.lat - before.lat), lon = before.lon + f * (next.lon - before.lon);
-    const double offM = core::distanceNm(mid.lat, mid.lon, lat, lon) * core::kMetresPerNm;
+    // A position is off when it lies away from the line between its neighbours and from the
+    // line the track drew before it; a bad next report moves the first line but not the second.
+    const Sample& early = st[st.size() - 3];
+    const double lead = before.feedTime - early.feedTime;
+    if (early.feedTime <= 0 || !(lead > 0) || lead > kAirSpikeMaxSpanSeconds) return;
+    const double g = (mid.feedTime - before.feedTime) / lead;
+    const double lat = before.lat + f * (next.lat - before.lat),
+                 lon = before.lon + f * (next.lon - before.lon);
     const double stepM = core::distanceNm(before.lat, before.lon, next.lat, next.lon) * core::kMetresPerNm;
-    if (offM > kAirSpikeMinM + kAirSpikeShareOfStep * stepM) {
-        mid.lat = median3(before.lat, mid.lat, next.lat);
-        mid.lon = median3(before.lon, mid.lon, next.lon);
+    const double limitM = kAirSpikeMinM + kAirSpikeShareOfStep * stepM;
+    const auto offM = [&](double la, double lo) {
+        return core::distanceNm(mid.lat, mid.lon, la, lo) * core::kMetresPerNm;
+    };
+    if (offM(lat, lon) > limitM &&
+        offM(before.lat + g * (before.lat - early.lat), before.lon + g * (before.lon - early.lon)) > limitM) {
+        mid.lat = lat;
+        mid.lon = lon;
     }
 }
 
@@ -94,7 +105,8 @@ double airTrendAltitude(LiveAc& ac, double t, double feet) {
     auto& ring = ac.airAltitudes;
     ring[ac.airAltitudeNext] = {t, feet};
     ac.airAltitudeNext = static_cast<std::uint8_t>((ac.airAltitudeNext + 1) % ring.size());
-    ac.airAltitudeCount = static_cast<std::uint8_t>(std::min<std::size_t>(ac.airAltitudeCount + 1, ring.size()));
+    ac.airAltitudeCount =
+        static_cast<std::uint8_t>(std::min<std::size_t>(ac.airAltitudeCount + 1, ring.size()));
     std::array<LiveAc::AltitudeReport, 8> recent;
     std::size_t n = 0;
     for (std::size_t i = 0; i < ac.airAltitudeCount; ++i)

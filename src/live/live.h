@@ -192,7 +192,7 @@ struct LiveAc : AcIdentity {
     double feedMovedKt = 0;   // the speed its positions showed between the last two points taken
     struct SetAside {
         double first = 0, time = 0, lat = 0, lon = 0; // first 0: none
-    } aside;               // a ground report out of reach, kept in case the track goes on from it
+    } aside; // a ground report out of reach, kept in case the track goes on from it
     // The latest air reports' altitudes, every one before any is thinned out: a feed whose
     // altitude scatters by hundreds of feet from second to second is followed along their trend.
     struct AltitudeReport {
