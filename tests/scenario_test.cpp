@@ -702,6 +702,77 @@ TEST_F(ScenarioTest, AirReportsOffTheTrackAreNotFollowed) {
     }
 }
 
+// Turns flown through smooth reports a second apart: a helicopter's 180 degree turn at 60 kt and
+// an airliner's at 140 kt, both level. The aircraft flies the arc its reports draw and does not cut
+// across it.
+TEST_F(ScenarioTest, ATurnThroughSmoothReportsIsFlownNotCut) {
+    struct Case {
+        const char *name, *type, *category;
+        double kt, degPerS;
+        double endKt = 0, fpm = 0; // slowing to this speed in the turn, and sinking, when set
+    };
+    const Case cases[] = {{"helicopter", "EC35", "A7", 60, 6},
+                          {"helicopter slowing and sinking", "EC35", "A7", 60, 6, 20, -500},
+                          {"airliner", "A320", "A3", 140, 3}};
+    const double lat0 = 47.440, lon0 = 8.500, k = std::cos(lat0 * core::kRadPerDeg), feet = 1417 + 500;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::pair<double, double>> track; // north, east in metres, one a second
+        double north = 0, east = 0, heading = 90, altitude = feet;
+        const int turnSeconds = static_cast<int>(180 / c.degPerS);
+        std::string text;
+        for (int t = 0; t < 60 + turnSeconds + 60; ++t) {
+            const double share = std::clamp((t - 60.0) / turnSeconds, 0.0, 1.0);
+            const double kt = c.endKt > 0 ? c.kt + share * (c.endKt - c.kt) : c.kt;
+            const double mPerS = kt * 1852 / 3600;
+            const bool turning = t >= 60 && t < 60 + turnSeconds;
+            text += rttfc({.hexid = 4992008,
+                           .callsign = "HBZRB",
+                           .type = c.type,
+                           .category = c.category,
+                           .t = double(t),
+                           .lat = lat0 + north / 111120,
+                           .lon = lon0 + east / (111120 * k),
+                           .altitudeFt = altitude,
+                           .vsFpm = turning ? c.fpm : 0,
+                           .kt = kt,
+                           .trackDeg = std::fmod(heading + 360, 360),
+                           .onGround = false});
+            track.emplace_back(north, east);
+            if (turning) altitude += c.fpm / 60;
+            // Along the arc: the chord of each second's turn, at the mean heading.
+            const double turn = turning ? c.degPerS : 0;
+            const double mean = (heading + turn / 2) * core::kRadPerDeg;
+            const double chord =
+                turn > 0 ? 2 * mPerS / (turn * core::kRadPerDeg) * std::sin(turn / 2 * core::kRadPerDeg)
+                         : mPerS;
+            north += chord * std::cos(mean), east += chord * std::sin(mean);
+            heading += turn;
+        }
+        const auto [r, report] = runMadeUp(dir.path() / "turn.rttfc", text, track.size() + 30.0, titles);
+        ASSERT_EQ(r.error, "");
+        ASSERT_EQ(r.objects.size(), 1u);
+        // The farthest the shown path strays from the reports' polyline during the turn.
+        double worstM = 0;
+        for (const auto& p : r.objects[0].positions) {
+            if (p.t < 30 + 55 || p.t > 30 + 65 + turnSeconds) continue;
+            const double n = (p.latitude - lat0) * 111120, e = (p.longitude - lon0) * 111120 * k;
+            double best = 1e9;
+            for (std::size_t i = 0; i + 1 < track.size(); ++i) {
+                const auto [n1, e1] = track[i];
+                const auto [n2, e2] = track[i + 1];
+                const double dn = n2 - n1, de = e2 - e1, len2 = dn * dn + de * de;
+                const double f =
+                    len2 > 0 ? std::clamp(((n - n1) * dn + (e - e1) * de) / len2, 0.0, 1.0) : 0.0;
+                best = std::min(best, std::hypot(n - n1 - f * dn, e - e1 - f * de));
+            }
+            worstM = std::max(worstM, best);
+        }
+        std::printf("%s: %.1f m off the reports' path at worst in the turn\n", c.name, worstM);
+        EXPECT_LT(worstM, 10.0);
+    }
+}
+
 // A helicopter flies east 400 ft above LSZH and then hovers (its reports stay on one spot at
 // 0 kt): it hovers too, instead of being taken for an aeroplane on the ground and set down.
 TEST_F(ScenarioTest, AHelicopterHovers) {
