@@ -510,6 +510,29 @@ void airSteadiness(const emu::ObjectRecord& o, double fieldFt, double& steepestF
     }
 }
 
+// The minutes in which an aircraft's ground reports stand, scatter aside: the median place of the
+// minute lies within 20 m of the one before. Feed times, from and to.
+std::vector<std::pair<double, double>> standingMinutes(const std::vector<const FedLine*>& g) {
+    std::vector<std::pair<double, double>> out;
+    std::optional<std::pair<double, double>> last;
+    for (std::size_t i = 0; i < g.size();) {
+        std::vector<double> lats, lons;
+        const double from = g[i]->at;
+        for (; i < g.size() && g[i]->at < from + 60; ++i)
+            lats.push_back(g[i]->latitude), lons.push_back(g[i]->longitude);
+        std::nth_element(lats.begin(), lats.begin() + static_cast<std::ptrdiff_t>(lats.size() / 2),
+                         lats.end());
+        std::nth_element(lons.begin(), lons.begin() + static_cast<std::ptrdiff_t>(lons.size() / 2),
+                         lons.end());
+        const std::pair<double, double> here{lats[lats.size() / 2], lons[lons.size() / 2]};
+        if (last && lats.size() >= 20 &&
+            metresBetween(last->first, last->second, here.first, here.second) < 20)
+            out.emplace_back(from, from + 60);
+        last = here;
+    }
+    return out;
+}
+
 double robustSpeedKt(const std::vector<const FedLine*>& g) {
     // Over at least 3 s, so that jitter of a few metres between reports a second apart does not
     // read as speed.
@@ -572,6 +595,7 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
             if (l->onGround || l->altitudeFt < result.airportElevationFt + 500) low.push_back(l);
         v.robustGroundKt = robustSpeedKt(low);
         v.jitterP95M = jitterP95(ground);
+        const auto standing = standingMinutes(ground);
         const FedLine& last = *lines.back();
         v.dataEndAtRest =
             last.onGround && ground.size() >= 3 &&
@@ -588,6 +612,13 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
                 v.highestAboveAirportFt =
                     std::max(v.highestAboveAirportFt, p.altitudeFt - result.airportElevationFt);
             airSteadiness(o, result.airportElevationFt, v.airSteepestFpm, v.airBobs);
+            for (const auto& [from, to] : standing)
+                for (std::size_t k = 1; k < o.positions.size(); ++k) {
+                    const auto &a = o.positions[k - 1], &b = o.positions[k];
+                    if (a.t >= from + 30 && b.t <= to + 30)
+                        v.drivenWhileDataStandM +=
+                            metresBetween(a.latitude, a.longitude, b.latitude, b.longitude);
+                }
             const auto& m = report[i];
             v.groundStepKt = std::max(v.groundStepKt, m.maxStepGroundKt);
             v.groundPathP95M = std::max(v.groundPathP95M, m.pathP95GroundM);
@@ -686,20 +717,20 @@ std::string formatTrack(const Result& result, double from, double to) {
 }
 
 std::string formatFidelity(const std::vector<Fidelity>& lines) {
-    std::string s = fmt::format("{:<22} {:<9} {:>3} {:>14} {:>14} {:>9} {:>12} {:>9} {:>7}  {}\n", "scenario",
-                                "aircraft", "obj", "gnd step/bar", "path/jitter m", "top ft", "air fpm/bobs",
-                                "rest m", "tdown m", "verdict");
+    std::string s = fmt::format("{:<22} {:<9} {:>3} {:>14} {:>14} {:>9} {:>9} {:>12} {:>9} {:>7}  {}\n",
+                                "scenario", "aircraft", "obj", "gnd step/bar", "path/jitter m", "stand m",
+                                "top ft", "air fpm/bobs", "rest m", "tdown m", "verdict");
     for (const auto& v : lines)
-        s +=
-            fmt::format("{:<22} {:<9} {:>3} {:>6.0f}/{:<7.0f} {:>6.1f}/{:<7.1f} {:>9.0f} {:>7.0f}/{:<4} "
-                        "{:>9} {:>7}  {}\n",
-                        v.scenario, v.tail, v.objects, v.groundStepKt, std::max(40.0, 1.3 * v.robustGroundKt),
-                        v.groundPathP95M, v.jitterP95M, v.highestAboveAirportFt, v.airSteepestFpm, v.airBobs,
-                        v.dataEndAtRest ? fmt::format("{:.1f}", v.restOffM) : std::string("-"),
-                        v.landing ? fmt::format("{:.1f}", v.touchdownCentreLineM) : std::string("-"),
-                        !v.broken.empty() ? fmt::format("{}", fmt::join(v.broken, "; "))
-                        : v.why.empty()   ? std::string("ok")
-                                          : v.why);
+        s += fmt::format("{:<22} {:<9} {:>3} {:>6.0f}/{:<7.0f} {:>6.1f}/{:<7.1f} {:>9.0f} {:>9.0f} "
+                         "{:>7.0f}/{:<4} {:>9} {:>7}  {}\n",
+                         v.scenario, v.tail, v.objects, v.groundStepKt,
+                         std::max(40.0, 1.3 * v.robustGroundKt), v.groundPathP95M, v.jitterP95M,
+                         v.drivenWhileDataStandM, v.highestAboveAirportFt, v.airSteepestFpm, v.airBobs,
+                         v.dataEndAtRest ? fmt::format("{:.1f}", v.restOffM) : std::string("-"),
+                         v.landing ? fmt::format("{:.1f}", v.touchdownCentreLineM) : std::string("-"),
+                         !v.broken.empty() ? fmt::format("{}", fmt::join(v.broken, "; "))
+                         : v.why.empty()   ? std::string("ok")
+                                           : v.why);
     return s;
 }
 

@@ -116,6 +116,7 @@ struct Fidelity {
     bool dataOnGround = false;                   // the recording never leaves the ground
     double highestAboveAirportFt = 0;            // what the simulator was shown
     double airSteepestFpm = 0;                   // its steepest second in the air
+    double drivenWhileDataStandM = 0;            // shown on the ground in minutes whose reports' median stood
     int airBobs = 0; // how often its climb turned into a descent or back, in 3 s steps
     bool dataEndAtRest = false;
     double restOffM = -1; // from the last recorded point; -1: never at rest
