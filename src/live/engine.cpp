@@ -52,9 +52,9 @@ constexpr double kGroundStepFactor = 1.25;
 constexpr auto kLineBudget = std::chrono::microseconds(2000);
 
 // A single air report far off the line its neighbours draw (a position or an altitude the feed
-// got wrong for a moment) takes the median of itself and its two neighbours. The stream runs 30 s
-// behind the feed, so the report after it is known long before the aircraft gets there; the
-// median leaves a steady climb or turn as it is and never carries a spike on to the next report.
+// got wrong for a moment) is put back. The stream runs 30 s behind the feed, so the report after
+// it is known long before the aircraft gets there. An altitude takes the median of itself and its
+// two neighbours, which leaves a steady climb as it is and never carries a spike on to the next.
 constexpr double kAirSpikeMinFt = 150, kAirSpikeFtPerSecond = 25;
 constexpr double kAirSpikeMinM = 150, kAirSpikeShareOfStep = 0.25;
 constexpr double kAirSpikeMaxSpanSeconds = 20;
@@ -737,7 +737,7 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
     const double t = r.timestamp;
     const auto noteAltitude = [&] {
         if (r.airborne) return airTrendAltitude(*ac, t, r.altitude);
-        ac->airAltitudeCount = 0;
+        ac->airAltitudeCount = ac->airAltitudeNext = 0;
         return r.altitude;
     };
     double feet = r.altitude;
