@@ -378,6 +378,30 @@ TEST(ScenarioCommand, RunsAFileAndReports) {
 namespace orv {
 namespace {
 
+// LSZH runway 14/32 for made-up approaches and circuits: places along its centre line from the
+// threshold of 14 (side: metres to the left of it), or north and east of that threshold.
+struct Lszh14 {
+    static constexpr double kLat = 47.483090, kLon = 8.534713, kLat32 = 47.461296, kLon32 = 8.564453;
+    static constexpr double kElevationFt = 1417;
+    const double k = std::cos(kLat * core::kRadPerDeg);
+    const double dx = (kLon32 - kLon) * 111120 * k, dy = (kLat32 - kLat) * 111120,
+                 length = std::hypot(dx, dy);
+    const double headingDeg = std::atan2(dx, dy) / core::kRadPerDeg; // about 137
+    double lat(double along, double side = 0) const {
+        return kLat + (dy * along - dx * side) / length / 111120;
+    }
+    double lon(double along, double side = 0) const {
+        return kLon + (dx * along + dy * side) / length / (111120 * k);
+    }
+    double latNorth(double north) const { return kLat + north / 111120; }
+    double lonEast(double east) const { return kLon + east / (111120 * k); }
+    // How far a place lies off the centre line, either side.
+    double offLineM(double latitude, double longitude) const {
+        const double north = (latitude - kLat) * 111120, east = (longitude - kLon) * 111120 * k;
+        return std::fabs(north * dx - east * dy) / length;
+    }
+};
+
 // A made-up report, in the recordings' line format.
 struct MadeUp {
     std::uint32_t hexid = 4992001;
@@ -477,18 +501,16 @@ TEST_F(ScenarioTest, TheLastReportOfASlowCreepIsWhereItRests) {
 // A touch-and-go on LSZH 14 and then a low circuit that sinks: once climbed out, the aircraft
 // follows the reports down instead of climbing on by itself (which made a saw-tooth of 400 ft).
 TEST_F(ScenarioTest, ALowCircuitAfterATouchAndGoFollowsTheReports) {
-    const double lat14 = 47.483090, lon14 = 8.534713, lat32 = 47.461296, lon32 = 8.564453, elevation = 1417;
-    const double k = std::cos(lat14 * core::kRadPerDeg);
-    const double dx = (lon32 - lon14) * 111120 * k, dy = (lat32 - lat14) * 111120,
-                 length = std::hypot(dx, dy);
+    const Lszh14 runway;
+    const double elevation = Lszh14::kElevationFt;
     std::string text;
     std::vector<double> altitudeAt; // the reported altitude at each second
     const auto line = [&](double t, double along, double altitude, double kt, bool ground, double vs) {
         text += rttfc({.hexid = 4992003,
                        .callsign = "SWR125",
                        .t = t,
-                       .lat = lat14 + dy / length * along / 111120,
-                       .lon = lon14 + dx / length * along / (111120 * k),
+                       .lat = runway.lat(along),
+                       .lon = runway.lon(along),
                        .altitudeFt = altitude,
                        .vsFpm = vs,
                        .kt = kt,
@@ -521,12 +543,8 @@ TEST_F(ScenarioTest, ALowCircuitAfterATouchAndGoFollowsTheReports) {
 // steady descent. Read as they come, the high day's last 460 ft look like the ground, 2.7 km
 // short, and the low day's flare hangs 490 ft above the runway.
 TEST_F(ScenarioTest, PressureAltitudesLandWhereTheDataDoWithTheDaysQnh) {
-    const double lat14 = 47.483090, lon14 = 8.534713, lat32 = 47.461296, lon32 = 8.564453, elevation = 1417;
-    const double k = std::cos(lat14 * core::kRadPerDeg);
-    const double dx = (lon32 - lon14) * 111120 * k, dy = (lat32 - lat14) * 111120,
-                 length = std::hypot(dx, dy);
-    const auto latAt = [&](double along) { return lat14 + dy / length * along / 111120; };
-    const auto lonAt = [&](double along) { return lon14 + dx / length * along / (111120 * k); };
+    const Lszh14 runway;
+    const double elevation = Lszh14::kElevationFt;
     const double v = 72, touchdownAlong = 400; // m/s (140 kt); metres past the threshold
     for (const int qnh : {1030, 995}) {
         SCOPED_TRACE(qnh);
@@ -539,8 +557,8 @@ TEST_F(ScenarioTest, PressureAltitudesLandWhereTheDataDoWithTheDaysQnh) {
             text += rttfc({.hexid = 4992004,
                            .callsign = "SWR126",
                            .t = double(t),
-                           .lat = latAt(along),
-                           .lon = lonAt(along),
+                           .lat = runway.lat(along),
+                           .lon = runway.lon(along),
                            .altitudeFt = ground ? 0.0 : trueFt - (qnh - 1013) * feed::kFeetPerHpa,
                            .vsFpm = ground ? 0.0 : -742,
                            .kt = ground ? std::max(20.0, 140.0 - (t - 120) * 3.0) : 140.0,
@@ -551,8 +569,8 @@ TEST_F(ScenarioTest, PressureAltitudesLandWhereTheDataDoWithTheDaysQnh) {
         ASSERT_EQ(r.error, "");
         ASSERT_EQ(r.objects.size(), 1u);
         ASSERT_TRUE(report[0].touchedDown);
-        EXPECT_LT(metres(report[0].touchdownLat, report[0].touchdownLon, latAt(touchdownAlong),
-                         lonAt(touchdownAlong)),
+        EXPECT_LT(metres(report[0].touchdownLat, report[0].touchdownLon, runway.lat(touchdownAlong),
+                         runway.lon(touchdownAlong)),
                   300.0);
         double steepestFpm = 0;
         const auto& p = r.objects[0].positions;
@@ -571,9 +589,8 @@ TEST_F(ScenarioTest, PressureAltitudesLandWhereTheDataDoWithTheDaysQnh) {
 // stop on the runway. After the second touchdown the aircraft rolls out, never takes off again
 // from its own roll-out, and stops where the data do (it rolled on at 20 kt once they went quiet).
 TEST_F(ScenarioTest, ACircuitAfterATouchAndGoEndsInALanding) {
-    const double lat14 = 47.483090, lon14 = 8.534713, lat32 = 47.461296, lon32 = 8.564453, elevation = 1417;
-    const double k = std::cos(lat14 * core::kRadPerDeg);
-    const double runwayDeg = std::atan2((lon32 - lon14) * k, lat32 - lat14) / core::kRadPerDeg; // about 137
+    const Lszh14 runway;
+    const double elevation = Lszh14::kElevationFt, runwayDeg = runway.headingDeg;
     double north = 0, east = 0, headingDeg = runwayDeg, altitude = elevation;
     std::string text;
     const auto step = [&](double t, double kt, bool ground, double vs) {
@@ -584,8 +601,8 @@ TEST_F(ScenarioTest, ACircuitAfterATouchAndGoEndsInALanding) {
         text += rttfc({.hexid = 4992005,
                        .callsign = "SWR127",
                        .t = t,
-                       .lat = lat14 + north / 111120,
-                       .lon = lon14 + east / (111120 * k),
+                       .lat = runway.latNorth(north),
+                       .lon = runway.lonEast(east),
                        .altitudeFt = ground ? 0.0 : altitude,
                        .vsFpm = ground ? 0.0 : vs,
                        .kt = kt,
@@ -650,10 +667,8 @@ TEST_F(ScenarioTest, ACircuitAfterATouchAndGoEndsInALanding) {
 // one altitude of a cruise level, altitudes scattered by hundreds of feet, one position far off
 // the line. The aircraft follows the true line all the same, neither bobbing nor swerving.
 TEST_F(ScenarioTest, AirReportsOffTheTrackAreNotFollowed) {
-    const double lat14 = 47.483090, lon14 = 8.534713, lat32 = 47.461296, lon32 = 8.564453, elevation = 1417;
-    const double k = std::cos(lat14 * core::kRadPerDeg);
-    const double dx = (lon32 - lon14) * 111120 * k, dy = (lat32 - lat14) * 111120,
-                 length = std::hypot(dx, dy);
+    const Lszh14 runway;
+    const double elevation = Lszh14::kElevationFt;
     const double v = 72, startAlong = -16000; // m/s (140 kt); metres before the threshold at 0 s
     const auto trueFeet = [&](double t) { return elevation + (-(startAlong + v * t)) * 0.0524 * 3.28; };
     struct Case {
@@ -678,8 +693,8 @@ TEST_F(ScenarioTest, AirReportsOffTheTrackAreNotFollowed) {
             text += rttfc({.hexid = 4992007,
                            .callsign = "SWR129",
                            .t = double(t),
-                           .lat = lat14 + (dy * along - dx * side) / length / 111120,
-                           .lon = lon14 + (dx * along + dy * side) / length / (111120 * k),
+                           .lat = runway.lat(along, side),
+                           .lon = runway.lon(along, side),
                            .altitudeFt = feet,
                            .vsFpm = -742,
                            .kt = 140,
@@ -693,8 +708,7 @@ TEST_F(ScenarioTest, AirReportsOffTheTrackAreNotFollowed) {
         for (const auto& p : r.objects[0].positions) {
             if (p.t < 40 || p.t > 185) continue;
             worstFeet = std::max(worstFeet, std::fabs(p.altitudeFt - trueFeet(p.t - 30)));
-            const double north = (p.latitude - lat14) * 111120, east = (p.longitude - lon14) * 111120 * k;
-            worstSideM = std::max(worstSideM, std::fabs(north * dx - east * dy) / length);
+            worstSideM = std::max(worstSideM, runway.offLineM(p.latitude, p.longitude));
         }
         std::printf("%s: %.0f ft, %.0f m off the line at worst\n", c.name, worstFeet, worstSideM);
         EXPECT_LT(worstFeet, 100.0);

@@ -484,8 +484,13 @@ double metresBetween(double lat1, double lon1, double lat2, double lon2) {
     return core::distanceNm({lat1, lon1}, {lat2, lon2}) * 1852.0;
 }
 
-// The recorded speed over the ground that outliers can't make: the median of the speeds the
-// positions give over five neighbouring steps, at its largest along the track.
+// The middle value (the upper of the two middle ones for an even count); the vector is not empty.
+double median(std::vector<double> v) {
+    const auto mid = v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2);
+    std::nth_element(v.begin(), mid, v.end());
+    return *mid;
+}
+
 // How steadily an object went up and down more than 100 ft above the field: its steepest
 // second, and how often it turned from climbing to descending or back (3 s steps, 30 ft or more).
 void airSteadiness(const emu::ObjectRecord& o, double fieldFt, double& steepestFpm, int& bobs) {
@@ -520,19 +525,17 @@ std::vector<std::pair<double, double>> standingMinutes(const std::vector<const F
         const double from = g[i]->at;
         for (; i < g.size() && g[i]->at < from + 60; ++i)
             lats.push_back(g[i]->latitude), lons.push_back(g[i]->longitude);
-        std::nth_element(lats.begin(), lats.begin() + static_cast<std::ptrdiff_t>(lats.size() / 2),
-                         lats.end());
-        std::nth_element(lons.begin(), lons.begin() + static_cast<std::ptrdiff_t>(lons.size() / 2),
-                         lons.end());
-        const std::pair<double, double> here{lats[lats.size() / 2], lons[lons.size() / 2]};
-        if (last && lats.size() >= 20 &&
-            metresBetween(last->first, last->second, here.first, here.second) < 20)
+        const std::size_t reports = lats.size();
+        const std::pair<double, double> here{median(std::move(lats)), median(std::move(lons))};
+        if (last && reports >= 20 && metresBetween(last->first, last->second, here.first, here.second) < 20)
             out.emplace_back(from, from + 60);
         last = here;
     }
     return out;
 }
 
+// The recorded speed over the ground that outliers can't make: the median of the speeds the
+// positions give over five neighbouring steps, at its largest along the track.
 double robustSpeedKt(const std::vector<const FedLine*>& g) {
     // Over at least 3 s, so that jitter of a few metres between reports a second apart does not
     // read as speed.
@@ -550,10 +553,8 @@ double robustSpeedKt(const std::vector<const FedLine*>& g) {
     }
     double best = 0;
     for (std::size_t i = 0; i + 5 <= steps.size(); ++i) {
-        std::vector<double> w(steps.begin() + static_cast<std::ptrdiff_t>(i),
-                              steps.begin() + static_cast<std::ptrdiff_t>(i + 5));
-        std::nth_element(w.begin(), w.begin() + 2, w.end());
-        best = std::max(best, w[2]);
+        best = std::max(best, median({steps.begin() + static_cast<std::ptrdiff_t>(i),
+                                      steps.begin() + static_cast<std::ptrdiff_t>(i + 5)}));
     }
     return best;
 }
