@@ -285,6 +285,7 @@ Result run(const Config& config) {
 
 constexpr double kSpeedWindowS = 0.1;
 constexpr double kFastestRollKt = 300;
+constexpr double kStrayMinuteM = 150; // a standing aircraft's minute medians stray no farther
 
 std::vector<Runway> readRunways(const std::filesystem::path& file) {
     std::vector<std::string> lines;
@@ -516,22 +517,68 @@ void airSteadiness(const emu::ObjectRecord& o, double fieldFt, double& steepestF
 }
 
 // The minutes in which an aircraft's ground reports stand, scatter aside: the median place of the
-// minute lies within 20 m of the one before. Feed times, from and to.
-std::vector<std::pair<double, double>> standingMinutes(const std::vector<const FedLine*>& g) {
-    std::vector<std::pair<double, double>> out;
+// minute lies within 20 m of the one before. Feed times, from and to, and where it stands.
+struct StandingMinute {
+    double from = 0, to = 0;
+    // Where the aircraft stands: the median of the reports of the run of standing minutes this
+    // one belongs to, and their median distance from it.
+    double latitude = 0, longitude = 0, scatterM = 0;
+};
+
+std::vector<StandingMinute> standingMinutes(const std::vector<const FedLine*>& g) {
+    std::vector<StandingMinute> out;
     std::optional<std::pair<double, double>> last;
     for (std::size_t i = 0; i < g.size();) {
         std::vector<double> lats, lons;
         const double from = g[i]->at;
+        const std::size_t first = i;
         for (; i < g.size() && g[i]->at < from + 60; ++i)
             lats.push_back(g[i]->latitude), lons.push_back(g[i]->longitude);
         const std::size_t reports = lats.size();
         const std::pair<double, double> here{median(std::move(lats)), median(std::move(lons))};
         if (last && reports >= 20 && metresBetween(last->first, last->second, here.first, here.second) < 20)
-            out.emplace_back(from, from + 60);
+            out.push_back({g[first]->at, i < g.size() ? g[i]->at : from + 60});
         last = here;
     }
+    const auto medianOver = [&g](double from, double to, double& lat, double& lon) {
+        std::vector<double> lats, lons;
+        for (const auto* l : g)
+            if (l->at >= from && l->at < to) lats.push_back(l->latitude), lons.push_back(l->longitude);
+        lat = lats.empty() ? 0 : median(std::move(lats)), lon = lons.empty() ? 0 : median(std::move(lons));
+    };
+    // A stray of a few minutes between two runs standing at one place is the same standing aircraft.
+    for (std::size_t k = 1; k < out.size(); ++k) {
+        if (out[k].from == out[k - 1].to || out[k].from - out[k - 1].to > 180) continue;
+        std::size_t a = k - 1, b = k + 1;
+        while (a > 0 && out[a].from == out[a - 1].to) --a;
+        while (b < out.size() && out[b].from == out[b - 1].to) ++b;
+        double lat1, lon1, lat2, lon2;
+        medianOver(out[a].from, out[k - 1].to, lat1, lon1);
+        medianOver(out[k].from, out[b - 1].to, lat2, lon2);
+        if (metresBetween(lat1, lon1, lat2, lon2) >= 50) continue;
+        out.insert(out.begin() + static_cast<std::ptrdiff_t>(k), StandingMinute{out[k - 1].to, out[k].from});
+    }
+    for (std::size_t a = 0, b = 0; a < out.size(); a = b) {
+        for (b = a + 1; b < out.size() && out[b].from == out[b - 1].to;) ++b;
+        std::vector<double> lats, lons;
+        for (const auto* l : g)
+            if (l->at >= out[a].from && l->at < out[b - 1].to)
+                lats.push_back(l->latitude), lons.push_back(l->longitude);
+        const double lat = median(lats), lon = median(lons);
+        std::vector<double> off;
+        for (std::size_t k = 0; k < lats.size(); ++k)
+            off.push_back(metresBetween(lat, lon, lats[k], lons[k]));
+        const double scatterM = median(std::move(off));
+        for (std::size_t k = a; k < b; ++k)
+            out[k].latitude = lat, out[k].longitude = lon, out[k].scatterM = scatterM;
+    }
     return out;
+}
+
+const StandingMinute* standingAt(const std::vector<StandingMinute>& standing, double t) {
+    for (const auto& m : standing)
+        if (t >= m.from && t < m.to) return &m;
+    return nullptr;
 }
 
 // The recorded speed over the ground that outliers can't make: the median of the speeds the
@@ -559,11 +606,16 @@ double robustSpeedKt(const std::vector<const FedLine*>& g) {
     return best;
 }
 
-// How far the data scatter among themselves: each point from the mean of its two neighbours on
-// each side, 95th percentile.
-double jitterP95(const std::vector<const FedLine*>& g) {
+// How far the data scatter among themselves, 95th percentile: each point from the mean of its two
+// neighbours on each side, or, in a minute whose reports stand, from their median (neighbours
+// that repeat one stray place would hide the scatter).
+double jitterP95(const std::vector<const FedLine*>& g, const std::vector<StandingMinute>& standing) {
     std::vector<double> d;
     for (std::size_t i = 2; i + 2 < g.size(); ++i) {
+        if (const auto* m = standingAt(standing, g[i]->at)) {
+            d.push_back(metresBetween(m->latitude, m->longitude, g[i]->latitude, g[i]->longitude));
+            continue;
+        }
         double lat = 0, lon = 0;
         for (std::size_t k : {i - 2, i - 1, i + 1, i + 2}) lat += g[k]->latitude, lon += g[k]->longitude;
         d.push_back(metresBetween(lat / 4, lon / 4, g[i]->latitude, g[i]->longitude));
@@ -595,13 +647,18 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
         for (const auto* l : lines)
             if (l->onGround || l->altitudeFt < result.airportElevationFt + 500) low.push_back(l);
         v.robustGroundKt = robustSpeedKt(low);
-        v.jitterP95M = jitterP95(ground);
         const auto standing = standingMinutes(ground);
+        v.jitterP95M = jitterP95(ground, standing);
         const FedLine& last = *lines.back();
         v.dataEndAtRest =
             last.onGround && ground.size() >= 3 &&
             metresBetween(ground[ground.size() - 3]->latitude, ground[ground.size() - 3]->longitude,
                           last.latitude, last.longitude) < 5.0;
+        // Where the data come to rest: their last point, or, where the reports of the last minute
+        // scatter about a standing aircraft, their median.
+        double restLat = last.latitude, restLon = last.longitude;
+        if (!standing.empty() && standing.back().to >= last.at && standing.back().scatterM > 5.0)
+            restLat = standing.back().latitude, restLon = standing.back().longitude;
         // A landing: the data begin in the air and end on the ground. (The ground flags of some
         // feeds flip during take-off runs, so a change of flag alone says nothing.)
         v.landing = !lines.front()->onGround && last.onGround;
@@ -613,10 +670,10 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
                 v.highestAboveAirportFt =
                     std::max(v.highestAboveAirportFt, p.altitudeFt - result.airportElevationFt);
             airSteadiness(o, result.airportElevationFt, v.airSteepestFpm, v.airBobs);
-            for (const auto& [from, to] : standing)
+            for (const auto& m : standing)
                 for (std::size_t k = 1; k < o.positions.size(); ++k) {
                     const auto &a = o.positions[k - 1], &b = o.positions[k];
-                    if (a.t >= from + 30 && b.t <= to + 30)
+                    if (a.t >= m.from + 30 && b.t <= m.to + 30)
                         v.drivenWhileDataStandM +=
                             metresBetween(a.latitude, a.longitude, b.latitude, b.longitude);
                 }
@@ -624,7 +681,7 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
             v.groundStepKt = std::max(v.groundStepKt, m.maxStepGroundKt);
             v.groundPathP95M = std::max(v.groundPathP95M, m.pathP95GroundM);
             if (m.touchedDown && v.touchdownCentreLineM < 0) v.touchdownCentreLineM = m.touchdownCentreLineM;
-            if (m.cameToRest) v.restOffM = metresBetween(m.restLat, m.restLon, last.latitude, last.longitude);
+            if (m.cameToRest) v.restOffM = metresBetween(m.restLat, m.restLon, restLat, restLon);
         }
         const auto broke = [&](std::string text) { v.broken.push_back(std::move(text)); };
         const auto unmatched = std::find_if(result.noMatch.begin(), result.noMatch.end(), [&](const auto& m) {
@@ -665,12 +722,41 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
         const double stepBar = std::max(40.0, 1.3 * v.robustGroundKt);
         if (v.groundStepKt > stepBar)
             broke(fmt::format("ground step {:.0f} kt > {:.0f}", v.groundStepKt, stepBar));
-        const double pathBar = std::max(10.0, v.jitterP95M);
+        // An aircraft that stands the whole recording while its reports scatter tens of metres about
+        // it has no track to follow: it is judged by how far it is shown from their median, against
+        // how far they scatter from it.
+        double pathBar = std::max(10.0, v.jitterP95M), restBarM = 5.0;
+        if (v.dataOnGround && !groundUnusable && ground.size() >= 20) {
+            std::vector<double> lats, lons, off;
+            for (const auto* l : ground) lats.push_back(l->latitude), lons.push_back(l->longitude);
+            const double lat = median(lats), lon = median(lons);
+            // It never went anywhere: the median of every minute lies near the median of them all.
+            bool stays = true;
+            for (std::size_t i = 0; i < ground.size() && stays;) {
+                std::vector<double> la, lo;
+                for (const double from = ground[i]->at; i < ground.size() && ground[i]->at < from + 60; ++i)
+                    la.push_back(ground[i]->latitude), lo.push_back(ground[i]->longitude);
+                stays = metresBetween(lat, lon, median(std::move(la)), median(std::move(lo))) < kStrayMinuteM;
+            }
+            for (const auto* l : ground) off.push_back(metresBetween(lat, lon, l->latitude, l->longitude));
+            const double scatterM = median(off), scatterP95M = percentile95(off);
+            if (stays && scatterM > 10.0 && v.restOffM >= 0) {
+                for (const auto& o : report)
+                    if (o.cameToRest && callsigns.contains(o.tail))
+                        v.restOffM = metresBetween(o.restLat, o.restLon, lat, lon);
+                pathBar = std::max(pathBar, scatterP95M), restBarM = std::max(restBarM, scatterM);
+                v.why =
+                    fmt::format("stands, its reports scattering {:.0f} m (95% {:.0f} m) about their median: "
+                                "shown within {:.0f} m (95%), at rest {:.1f} m from it",
+                                scatterM, scatterP95M, v.groundPathP95M, v.restOffM);
+            }
+        }
         if (!ground.empty() && !groundUnusable && v.objects > 0 && v.groundPathP95M > pathBar)
             broke(fmt::format("ground path {:.1f} m > {:.1f}", v.groundPathP95M, pathBar));
         if (v.dataOnGround && v.highestAboveAirportFt > 100)
             broke(fmt::format("climbed {:.0f} ft with data on the ground", v.highestAboveAirportFt));
-        if (v.dataEndAtRest && !groundUnusable && v.objects > 0 && !(v.restOffM >= 0 && v.restOffM <= 5.0))
+        if (v.dataEndAtRest && !groundUnusable && v.objects > 0 &&
+            !(v.restOffM >= 0 && v.restOffM <= restBarM))
             broke(v.restOffM < 0 ? std::string("never at rest")
                                  : fmt::format("rests {:.1f} m off", v.restOffM));
         // An aircraft is made on one side of a touchdown only: when its first reports, taken 30 s

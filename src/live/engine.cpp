@@ -693,6 +693,8 @@ double knotsBetween(double lat1, double lon1, double t1, double lat2, double lon
 }
 
 void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bool keepSpeed = false);
+// Takes a report the rules let through into the aircraft's stream.
+void take(LiveAc* ac, const feed::TrafficSample& r, double feet, bool keepSpeed);
 
 } // namespace
 
@@ -746,6 +748,25 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
         const Sample& last = ac->stream.back();
         if (!clockAgrees(*ac, r)) return;
         const double prev = ac->lastTimestamp;
+        switch (takenBack ? StandVerdict::Pass
+                          : watchStanding(ac->standWatch, t, r.latitude, r.longitude, r.airborne)) {
+        case StandVerdict::Pass:
+            break;
+        case StandVerdict::Drop:
+            return;
+        case StandVerdict::Anchor: {
+            const LatLonPos at = anchorOf(ac->standWatch);
+            feed::TrafficSample held = r;
+            held.latitude = at.lat, held.longitude = at.lon, held.track = last.track;
+            held.groundSpeed =
+                t > prev ? knotsBetween(ac->lastFeedPos.lat, ac->lastFeedPos.lon, prev, at.lat, at.lon, t)
+                         : 0.0;
+            if (held.groundSpeed < 1.0) held.groundSpeed = 0;
+            take(ac, held, feet, true);
+            ac->lastFeedSpeed = r.groundSpeed; // the feed's own, which its next reports are judged by
+            return;
+        }
+        }
         if (t <= prev + 1.0) return;
         // A feed that freezes on a moving aircraft on the ground repeats its last position and
         // then jumps: the repeats are set aside, so that it neither stops nor races to catch up.
@@ -806,6 +827,11 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
             }
         }
     }
+    take(ac, r, feet, keepSpeed);
+}
+
+void take(LiveAc* ac, const feed::TrafficSample& r, double feet, bool keepSpeed) {
+    const double t = r.timestamp;
     if (ac->simState == SimState::Buffer && !altitudeAcceptable(r.altitude)) return;
     if (!checkRespawn(*ac, r)) return;
     Sample sample = toSample(r);

@@ -39,6 +39,12 @@ struct PendingObject {
 
 enum class Update { Keep, Drop };
 
+// What the stand watch makes of a ground report: take it, drop it (the aircraft stands where it
+// is held), or move the aircraft to the held place instead.
+enum class StandVerdict { Pass, Drop, Anchor };
+StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double lon, bool airborne);
+LatLonPos anchorOf(const LiveAc::StandWatch& w);
+
 // A type, airline and registration that found no livery; the registration cut at 12 characters.
 struct FailedLivery {
     refdata::ModelId model = 0;
