@@ -129,7 +129,7 @@ TEST(StandWatch, LetsGoOfAnAircraftThatMovesOff) {
     const Case cases[] = {
         // Its first 1.5 times the stand's scatter look like scatter: 35 m here.
         {"a clean push-back at 1.5 m/s", 1.5, 0, 35},
-        {"a clean taxi at 5 m/s", 5, 0, 10},
+        {"a clean taxi at 5 m/s", 5, 0, 12},
         {"a taxi at 5 m/s scattering like its stand", 5, 15, 45},
     };
     for (const auto& c : cases) {
@@ -157,6 +157,28 @@ TEST(StandWatch, AReportOrTwoInTheAirDoNotLiftAHeldAircraft) {
     const auto o = watch(lift);
     EXPECT_GE(o.letGoAt, 200);
     EXPECT_LE(o.letGoAt, 207);
+}
+
+TEST(StandWatch, AHeldAircraftFollowsItsReportsWhenTheySettleElsewhere) {
+    // Reports scattering about one spot for two minutes, then about another 25 m off (a tow, or
+    // the receiver's fix moving): held on the first, then moved to the second within a minute
+    // and a half, in a step or two, not a wander.
+    std::mt19937 rng(5);
+    const auto reports = scatteredStand(0, 120, 10, rng) + scatteredStand(120, 240, 10, rng, 15, 20);
+    LiveAc::StandWatch w;
+    std::vector<std::pair<double, double>> heldAt; // metres from the first spot, and when
+    for (const auto& x : reports) {
+        const double lat = kLat + x.north / kMetresPerDegree;
+        const double lon = kLon + x.east / (kMetresPerDegree * std::cos(kLat * core::kRadPerDeg));
+        if (watchStanding(w, x.t, lat, lon, false) != StandVerdict::Anchor) continue;
+        const LatLonPos at = anchorOf(w);
+        heldAt.emplace_back(core::distanceNm(kLat, kLon, at.lat, at.lon) * core::kMetresPerNm, x.t);
+    }
+    ASSERT_GE(heldAt.size(), 2u);
+    EXPECT_LT(heldAt.front().first, 6.0);
+    EXPECT_NEAR(heldAt.back().first, 25.0, 6.0);
+    EXPECT_LT(heldAt.back().second, 210);
+    EXPECT_LE(heldAt.size(), 3u);
 }
 
 } // namespace

@@ -753,6 +753,8 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
         case StandVerdict::Pass:
             break;
         case StandVerdict::Drop:
+            // Its reports still come: it stands, it is not lost.
+            if (ac->holding) ac->holdStartTick = gEngine.tick;
             return;
         case StandVerdict::Anchor: {
             const LatLonPos at = anchorOf(ac->standWatch);

@@ -212,7 +212,7 @@ struct LiveAc : AcIdentity {
         std::uint8_t count = 0, next = 0;
         LatLonPos origin;
         bool held = false;
-        double airSince = 0; // the first of the air reports amid a held aircraft's, 0: none
+        double airSince = 0;                     // the first of the latest air reports, 0: none
         float anchorEastM = 0, anchorNorthM = 0; // where a held aircraft is shown
         float scatterM = 0;           // how far its reports stray while it stands, remembered across stops
         std::array<Spot, 5> recent{}; // the latest distinct positions while held

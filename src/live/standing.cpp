@@ -26,7 +26,7 @@ constexpr double kScatterMaxM = 80; // above this they are no position at all
 constexpr double kHalvesAgreeM = 15;
 constexpr double kHalvesAgreeMaxM = 30;
 constexpr double kLatestSeconds = 10;
-constexpr double kGapSeconds = 15; // a feed that falls silent this long is judged afresh
+constexpr double kGapSeconds = 15; // after a silence this long, a report far off has moved
 // A clean line of reports moving off.
 constexpr double kLineMaxSpanSeconds = 12;
 constexpr double kLineMaxOffM = 4;
@@ -37,7 +37,10 @@ constexpr double kWalkSeconds = 30;
 constexpr double kWalkMinAwayM = 25;
 constexpr double kWalkStepM = 5;
 constexpr double kDriftMinM = 10;
+constexpr int kMedianSteps = 12;
+constexpr double kMedianFloorM = 0.05;
 constexpr double kAirLetGoSeconds = 5;
+constexpr double kMinuteTravelM = 3 * kScatterMaxM;
 
 struct Point {
     float east = 0, north = 0;
@@ -57,8 +60,9 @@ float middle(std::array<float, Watch::kSpots>& v, std::size_t n) {
     return *mid;
 }
 
-// The median place of the reports from `from` (seconds) up to `to`, and how many there were.
-std::size_t medianOf(const Watch& w, double from, double to, Point& out) {
+// The median place of the reports from `from` (seconds) up to `to`, and how many there were: the
+// median of each axis, or the geometric median.
+std::size_t medianOf(const Watch& w, double from, double to, Point& out, bool geometric = false) {
     std::array<float, Watch::kSpots> east{}, north{};
     std::size_t n = 0;
     for (std::size_t i = 0; i < w.count; ++i) {
@@ -67,7 +71,23 @@ std::size_t medianOf(const Watch& w, double from, double to, Point& out) {
         east[n] = s.eastM, north[n] = s.northM, ++n;
     }
     if (n == 0) return 0;
-    out = {middle(east, n), middle(north, n)};
+    // The geometric median starts from the median of each axis. Reports that flip between two spots
+    // have their axis medians at a corner of the two, where no report is; the geometric median lies
+    // on the spot that holds most of them.
+    if (!geometric) {
+        out = {middle(east, n), middle(north, n)};
+        return n;
+    }
+    auto eastSorted = east, northSorted = north; // `middle` reorders, and the pairs are needed
+    out = {middle(eastSorted, n), middle(northSorted, n)};
+    for (int k = 0; k < kMedianSteps; ++k) {
+        double se = 0, sn = 0, sw = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            const double weight = 1.0 / std::max(distanceM({east[i], north[i]}, out), kMedianFloorM);
+            se += weight * east[i], sn += weight * north[i], sw += weight;
+        }
+        out = {static_cast<float>(se / sw), static_cast<float>(sn / sw)};
+    }
     return n;
 }
 
@@ -94,10 +114,15 @@ struct Minute {
 Minute judgeMinute(const Watch& w, double now) {
     Minute m;
     const double from = now - kWatchSeconds;
-    m.reports = medianOf(w, from, now + 1, m.centre);
-    if (m.reports == 0) return m;
-    double oldest = now;
-    for (std::size_t i = 0; i < w.count; ++i) oldest = std::min(oldest, std::max(spotAt(w, i).time, from));
+    // A minute whose first and last reports lie this far apart went somewhere: not worth a median.
+    const Spot* first = nullptr;
+    for (std::size_t i = 0; i < w.count && !first; ++i)
+        if (spotAt(w, i).time >= from) first = &spotAt(w, i);
+    const Spot& last = spotAt(w, w.count - 1);
+    if (!first || distanceM({first->eastM, first->northM}, {last.eastM, last.northM}) > kMinuteTravelM)
+        return m;
+    m.reports = medianOf(w, from, now + 1, m.centre, true);
+    const double oldest = first->time;
     m.scatterM = scatterOf(w, from, m.centre);
     Point early, late, latest;
     const double half = (oldest + now) / 2;
@@ -146,11 +171,16 @@ bool movesOffInLine(const Watch& w, Point anchor) {
     return away && distanceM(last, anchor) > std::max(kLineMinAwayM, 1.5 * w.scatterM);
 }
 
+// Farther than this from where it is held, the median of its reports says it is elsewhere.
+double farFor(double scatterM) {
+    return std::max(kWalkMinAwayM, 2.5 * scatterM);
+}
+
 // The median of the last half minute far off, and each third of it farther than the one before.
 bool walksOff(const Watch& w, double now, Point anchor) {
     Point all;
     if (medianOf(w, now - kWalkSeconds, now + 1, all) < 5) return false;
-    if (distanceM(all, anchor) <= std::max(kWalkMinAwayM, 2.5 * w.scatterM)) return false;
+    if (distanceM(all, anchor) <= farFor(w.scatterM)) return false;
     double before = -1;
     for (int i = 0; i < 3; ++i) {
         const double from = now - kWalkSeconds + i * kWalkSeconds / 3;
@@ -163,8 +193,9 @@ bool walksOff(const Watch& w, double now, Point anchor) {
     return true;
 }
 
+// The minutes held are kept: a hold taken again where it was goes on from them.
 void letGo(Watch& w) {
-    w.held = false, w.recentCount = 0, w.minuteCount = 0, w.minuteNext = 0;
+    w.held = false, w.recentCount = 0;
 }
 
 // Where a held aircraft stands: the median of its minutes once there are three, which the
@@ -192,11 +223,11 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
         // A report or two in the air amid the reports of a held aircraft is a wrong altitude or
         // flag: it cannot leave the ground without moving off first. A helicopter may, and keeps
         // reporting from the air.
-        if (w.held && (w.airSince == 0 || t - w.airSince < kAirLetGoSeconds)) {
-            if (w.airSince == 0) w.airSince = t;
-            return StandVerdict::Drop;
-        }
-        w = {};
+        if (w.airSince == 0) w.airSince = t;
+        if (t - w.airSince < kAirLetGoSeconds) return w.held ? StandVerdict::Drop : StandVerdict::Pass;
+        // A flight: the stand is forgotten (the rings need no clearing, only their counts).
+        w.count = w.next = w.recentCount = w.minuteCount = w.minuteNext = 0;
+        w.held = false, w.scatterM = 0;
         return StandVerdict::Pass;
     }
     w.airSince = 0;
@@ -219,16 +250,20 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
             m.scatterM >= kScatterMaxM || m.halvesApartM > agreeM || m.latestOffM > agreeM)
             return StandVerdict::Pass;
         w.held = true;
-        w.anchorEastM = m.centre.east, w.anchorNorthM = m.centre.north;
         w.scatterM = std::max(w.scatterM, static_cast<float>(m.scatterM));
-        w.recentCount = 0, w.minuteCount = 0, w.minuteNext = 0, w.minuteFrom = t;
+        Point before;
+        if (!longRunCentre(w, before) || distanceM(before, m.centre) > farFor(w.scatterM))
+            w.minuteCount = 0, w.minuteNext = 0, before = m.centre;
+        w.anchorEastM = before.east, w.anchorNorthM = before.north;
+        w.recentCount = 0, w.minuteFrom = t;
         return StandVerdict::Anchor;
     }
-    if (gap) {
+    const Point anchor{w.anchorEastM, w.anchorNorthM};
+    // After a silence, a report far off says it moved meanwhile.
+    if (gap && distanceM({spot.eastM, spot.northM}, anchor) > farFor(w.scatterM)) {
         letGo(w);
         return StandVerdict::Pass;
     }
-    const Point anchor{w.anchorEastM, w.anchorNorthM};
     if (m.judged && m.halvesApartM <= agreeFor(w.scatterM))
         w.scatterM =
             static_cast<float>(std::min(std::max(static_cast<double>(w.scatterM), m.scatterM), kScatterMaxM));
@@ -242,6 +277,7 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
         letGo(w);
         return StandVerdict::Pass;
     }
+    if (m.reports == 0) return StandVerdict::Drop; // a minute spread too wide to place it by
     if (t - w.minuteFrom >= kWatchSeconds) {
         w.minutes[w.minuteNext] = {t, m.centre.east, m.centre.north};
         w.minuteNext = static_cast<std::uint8_t>((w.minuteNext + 1) % w.minutes.size());
@@ -249,9 +285,14 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
             static_cast<std::uint8_t>(std::min<std::size_t>(w.minuteCount + 1u, w.minutes.size()));
         w.minuteFrom = t;
     }
+    // It moves to where its minutes stand when the last minute, too, lies nearer there than where
+    // it is held: a minute astray does not move it, nor do old minutes pull it back from where it
+    // settled.
     Point centre = m.centre;
-    const double driftM = longRunCentre(w, centre) ? kDriftMinM : std::max(kDriftMinM, 0.5 * m.scatterM);
-    if (distanceM(centre, anchor) > driftM) {
+    const bool longRun = longRunCentre(w, centre);
+    const double awayM = distanceM(centre, anchor);
+    if (longRun ? awayM > kDriftMinM && distanceM(m.centre, centre) < awayM
+                : awayM > std::max(kDriftMinM, static_cast<double>(w.scatterM))) {
         w.anchorEastM = centre.east, w.anchorNorthM = centre.north;
         return StandVerdict::Anchor;
     }
