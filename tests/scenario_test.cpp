@@ -1,6 +1,8 @@
 // Real recordings through the whole chain: decoder, engine, simulator client, emulated simulator.
 #include <algorithm>
+#include <cmath>
 #include <map>
+#include <random>
 #include <set>
 
 #include <fmt/ranges.h>
@@ -496,6 +498,56 @@ TEST_F(ScenarioTest, TheLastReportOfASlowCreepIsWhereItRests) {
     ASSERT_TRUE(report[0].cameToRest);
     const auto& last = r.fed.back();
     EXPECT_LT(metres(report[0].restLat, report[0].restLon, last.latitude, last.longitude), 5.0);
+}
+
+// A parked aircraft heard by multilateration: its reports scatter tens of metres about the stand
+// for 30 minutes, with strays of 100 m, a speed and track frozen at nonsense, and two reports in
+// the air; then it taxis off, cleanly. It stays on its stand as one object the whole time (longer
+// than an aircraft without reports is kept), and follows the taxi when it comes.
+TEST_F(ScenarioTest, AParkedAircraftWhoseReportsScatterStaysOnItsStand) {
+    const double standLat = 47.4520, standLon = 8.5610, k = std::cos(standLat * core::kRadPerDeg);
+    std::mt19937 rng(17);
+    std::normal_distribution<double> jitter(0.0, 25.0);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    std::string text;
+    const auto line = [&](double t, double east, double north, double kt, bool air = false) {
+        text += rttfc({.hexid = 4992003,
+                       .callsign = "SWR125",
+                       .t = t,
+                       .lat = standLat + north / 111120.0,
+                       .lon = standLon + east / (111120.0 * k),
+                       .altitudeFt = air ? 1125.0 : 0.0,
+                       .kt = kt,
+                       .trackDeg = air || kt > 100 ? 468.2 : 90.0,
+                       .onGround = !air});
+    };
+    const double taxiFrom = 1800;
+    double east = 0, north = 0;
+    for (double t = 0; t < taxiFrom; t += 1) {
+        if (unit(rng) < 0.6) east = jitter(rng), north = jitter(rng); // else the feed repeats itself
+        if (unit(rng) < 0.01) east = 100 * (unit(rng) - 0.5) * 2, north = 100;
+        line(t, east, north, 184, t == 900 || t == 901);
+    }
+    const double mPerS = 10 * 1852.0 / 3600.0;
+    for (double t = taxiFrom; t < taxiFrom + 120; t += 1) line(t, (t - taxiFrom) * mPerS, 0, 10);
+    const auto [r, report] = runMadeUp(dir.path() / "stand.rttfc", text, taxiFrom + 120 + 30 + 10, titles);
+    ASSERT_EQ(r.error, "");
+    ASSERT_EQ(r.objects.size(), 1u) << "one object, never removed for want of reports";
+    const auto& o = r.objects[0];
+    double drivenM = 0, farthestM = 0, highestFt = 0;
+    for (std::size_t i = 1; i < o.positions.size(); ++i) {
+        const auto &a = o.positions[i - 1], &b = o.positions[i];
+        highestFt = std::max(highestFt, b.altitudeFt);
+        if (b.t < 120 || b.t > taxiFrom + 30) continue; // from when it is held until the taxi is shown
+        drivenM += metres(a.latitude, a.longitude, b.latitude, b.longitude);
+        farthestM = std::max(farthestM, metres(standLat, standLon, b.latitude, b.longitude));
+    }
+    EXPECT_LT(drivenM, 100) << "the reports scatter over kilometres";
+    EXPECT_LT(farthestM, 20);
+    EXPECT_LT(highestFt - r.airportElevationFt, 100);
+    // The taxi is followed: at the end it is near the last report, not held back on the stand.
+    const auto& last = r.fed.back();
+    EXPECT_LT(metres(o.now.latitude, o.now.longitude, last.latitude, last.longitude), 150);
 }
 
 // A touch-and-go on LSZH 14 and then a low circuit that sinks: once climbed out, the aircraft
