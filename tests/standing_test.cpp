@@ -114,6 +114,15 @@ TEST(StandWatch, HoldsOnlyWhatStandsScatteredAndLetsGoWhenItMoves) {
     for (double t = 0; t < 300; t += 1) frozen.push_back({t, 250.0 * std::floor(t / 30), 0});
     EXPECT_LT(watch(frozen).firstHeldAt, 0);
 
+    // A queue creeping at 0.5 m/s that the feed moves in steps every 10 to 25 s, repeating the
+    // place between: its reports spread over a few metres each minute, but one way.
+    std::vector<Report> creep;
+    for (double t = 0, at = 0, step = 10; t < 300; t += 1) {
+        if (std::fmod(t, step) == 0) at = 0.5 * t, step = step == 10 ? 25 : 10;
+        creep.push_back({t, at, 0});
+    }
+    EXPECT_LT(watch(creep).firstHeldAt, 0);
+
     // A sparse feed, a report every 10 s, scattering: too few reports to judge.
     std::vector<Report> sparse;
     for (const auto& r : scatteredStand(0, 600, 30, rng))

@@ -41,6 +41,7 @@ constexpr int kMedianSteps = 12;
 constexpr double kMedianFloorM = 0.05;
 constexpr double kAirLetGoSeconds = 5;
 constexpr double kMinuteTravelM = 3 * kScatterMaxM;
+constexpr double kWanderShare = 5; // a standing aircraft's reports wander this many times their drift
 
 struct Point {
     float east = 0, north = 0;
@@ -107,6 +108,7 @@ double scatterOf(const Watch& w, double from, Point centre) {
 struct Minute {
     Point centre;
     double scatterM = 0, halvesApartM = 0, latestOffM = 0;
+    double wanderM = 0; // the reports' path from one to the next
     std::size_t reports = 0;
     bool judged = false; // long enough to be judged
 };
@@ -115,14 +117,13 @@ Minute judgeMinute(const Watch& w, double now) {
     Minute m;
     const double from = now - kWatchSeconds;
     // A minute whose first and last reports lie this far apart went somewhere: not worth a median.
-    const Spot* first = nullptr;
-    for (std::size_t i = 0; i < w.count && !first; ++i)
-        if (spotAt(w, i).time >= from) first = &spotAt(w, i);
-    const Spot& last = spotAt(w, w.count - 1);
-    if (!first || distanceM({first->eastM, first->northM}, {last.eastM, last.northM}) > kMinuteTravelM)
-        return m;
+    std::size_t firstIndex = 0;
+    while (firstIndex < w.count && spotAt(w, firstIndex).time < from) ++firstIndex;
+    if (firstIndex == w.count) return m;
+    const Spot &first = spotAt(w, firstIndex), &last = spotAt(w, w.count - 1);
+    if (distanceM({first.eastM, first.northM}, {last.eastM, last.northM}) > kMinuteTravelM) return m;
     m.reports = medianOf(w, from, now + 1, m.centre, true);
-    const double oldest = first->time;
+    const double oldest = first.time;
     m.scatterM = scatterOf(w, from, m.centre);
     Point early, late, latest;
     const double half = (oldest + now) / 2;
@@ -130,6 +131,9 @@ Minute judgeMinute(const Watch& w, double now) {
         !medianOf(w, half, now + 1, late) || !medianOf(w, now - kLatestSeconds, now + 1, latest))
         return m;
     m.halvesApartM = distanceM(early, late);
+    for (std::size_t i = firstIndex; i + 1 < w.count; ++i)
+        m.wanderM += distanceM({spotAt(w, i).eastM, spotAt(w, i).northM},
+                               {spotAt(w, i + 1).eastM, spotAt(w, i + 1).northM});
     m.latestOffM = distanceM(latest, m.centre);
     m.judged = true;
     return m;
@@ -246,8 +250,10 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
     const Minute m = judgeMinute(w, t);
     if (!w.held) {
         const double agreeM = agreeFor(m.scatterM);
+        // Reports that scatter go back and forth; a creep that the feed reports in steps goes one way.
         if (gap || !m.judged || m.reports < kJudgeMinReports || m.scatterM <= kScatterMinM ||
-            m.scatterM >= kScatterMaxM || m.halvesApartM > agreeM || m.latestOffM > agreeM)
+            m.scatterM >= kScatterMaxM || m.halvesApartM > agreeM || m.latestOffM > agreeM ||
+            m.wanderM < kWanderShare * m.halvesApartM)
             return StandVerdict::Pass;
         w.held = true;
         w.scatterM = std::max(w.scatterM, static_cast<float>(m.scatterM));
