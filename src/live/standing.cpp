@@ -108,7 +108,8 @@ double scatterOf(const Watch& w, double from, Point centre) {
 struct Minute {
     Point centre;
     double scatterM = 0, halvesApartM = 0, latestOffM = 0;
-    double wanderM = 0; // the reports' path from one to the next
+    double wanderM = 0;  // the reports' path from one to the next
+    double halfFrom = 0; // where its second half begins
     std::size_t reports = 0;
     bool judged = false; // long enough to be judged
 };
@@ -126,7 +127,7 @@ Minute judgeMinute(const Watch& w, double now) {
     const double oldest = first.time;
     m.scatterM = scatterOf(w, from, m.centre);
     Point early, late, latest;
-    const double half = (oldest + now) / 2;
+    const double half = m.halfFrom = (oldest + now) / 2;
     if (oldest > now - kJudgeAfterSeconds || !medianOf(w, from, half, early) ||
         !medianOf(w, half, now + 1, late) || !medianOf(w, now - kLatestSeconds, now + 1, latest))
         return m;
@@ -257,9 +258,12 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
             return StandVerdict::Pass;
         w.held = true;
         w.scatterM = std::max(w.scatterM, static_cast<float>(m.scatterM));
+        // Where its last half minute stands: the first half may hold the way in.
+        Point now;
+        medianOf(w, m.halfFrom, t + 1, now, true);
         Point before;
-        if (!longRunCentre(w, before) || distanceM(before, m.centre) > farFor(w.scatterM))
-            w.minuteCount = 0, w.minuteNext = 0, before = m.centre;
+        if (!longRunCentre(w, before) || distanceM(before, now) > farFor(w.scatterM))
+            w.minuteCount = 0, w.minuteNext = 0, before = now;
         w.anchorEastM = before.east, w.anchorNorthM = before.north;
         w.recentCount = 0, w.minuteFrom = t;
         return StandVerdict::Anchor;
@@ -300,6 +304,9 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
     if (longRun ? awayM > kDriftMinM && distanceM(m.centre, centre) < awayM
                 : awayM > std::max(kDriftMinM, static_cast<double>(w.scatterM))) {
         w.anchorEastM = centre.east, w.anchorNorthM = centre.north;
+        // Minutes from before the move would pull it back: they start again from here.
+        w.minutes[0] = {t, centre.east, centre.north};
+        w.minuteCount = 1, w.minuteNext = 1, w.minuteFrom = t;
         return StandVerdict::Anchor;
     }
     return StandVerdict::Drop;
