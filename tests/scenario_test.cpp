@@ -538,7 +538,7 @@ TEST_F(ScenarioTest, AParkedAircraftWhoseReportsScatterStaysOnItsStand) {
     for (std::size_t i = 1; i < o.positions.size(); ++i) {
         const auto &a = o.positions[i - 1], &b = o.positions[i];
         highestFt = std::max(highestFt, b.altitudeFt);
-        if (b.t < 120 || b.t > taxiFrom + 30) continue; // from when it is held until the taxi is shown
+        if (b.t < 120 || b.t > taxiFrom) continue; // from when it is held until it sets off
         drivenM += metres(a.latitude, a.longitude, b.latitude, b.longitude);
         farthestM = std::max(farthestM, metres(standLat, standLon, b.latitude, b.longitude));
     }

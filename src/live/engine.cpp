@@ -40,6 +40,7 @@ constexpr double kReachMinKt = 50;
 constexpr double kReachMaxKt = 220; // no faster on the ground, whatever a jump before made it seem
 constexpr double kAsideMaxSeconds = 10;
 constexpr double kAsideSameSpotM = 5;
+constexpr int kNewSpeedReports = 3; // reports in a row that make a jump of speed the feed's new one
 constexpr double kTicksPerSecond = 100;
 constexpr double kClockJumpSeconds = 60; // far beyond the feed's batching of a few seconds
 constexpr double kClockAgreeSeconds = 5;
@@ -813,8 +814,19 @@ void decodeExisting(LiveAc* ac, const feed::TrafficSample& r, bool takenBack, bo
         const double v = r.groundSpeed, lv = ac->lastFeedSpeed;
         if (ac->category != refdata::Category::Rotorcraft &&
             ((lv > 5 && v >= 10 * lv) || (v > 5 && lv >= 10 * v) || (lv <= 5 && v >= 80) ||
-             (v <= 5 && lv >= 80)))
-            return;
+             (v <= 5 && lv >= 80))) {
+            // On the ground, a taxi speed that goes on in report after report under a far higher
+            // one is the feed's own: the high one was stale (a parked aircraft's 184 kt, then its
+            // taxi at 10 kt).
+            auto& j = ac->jumpedSpeed;
+            const bool taxiUnderStale = !r.airborne && v > 5 && lv >= 10 * v;
+            if (taxiUnderStale && j.count > 0 && std::fabs(v - j.kt) <= std::max(5.0, 0.2 * j.kt))
+                j = {v, j.count + 1};
+            else
+                j = {v, taxiUnderStale ? 1 : 0};
+            if (j.count < kNewSpeedReports) return;
+        }
+        ac->jumpedSpeed = {};
         feet = noteAltitude();
         if (ac->extrapolateCount < 1) {
             const double dHdg =

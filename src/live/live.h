@@ -190,6 +190,10 @@ struct LiveAc : AcIdentity {
     double lastFeedSpeed = 0; // the speed of the last point taken from the feed
     LatLonPos lastFeedPos;    // and where it was
     double feedMovedKt = 0;   // the speed its positions showed between the last two points taken
+    struct JumpedSpeed {
+        double kt = 0;
+        int count = 0;
+    } jumpedSpeed; // the latest reports in a row set aside for a speed that jumped from it, alike
     struct SetAside {
         double first = 0, time = 0, lat = 0, lon = 0; // first 0: none
     } aside; // a ground report out of reach, kept in case the track goes on from it

@@ -141,7 +141,7 @@ Minute judgeMinute(const Watch& w, double now) {
 }
 
 double agreeFor(double scatterM) {
-    return std::max(kHalvesAgreeM, std::min(scatterM, kHalvesAgreeMaxM));
+    return std::max(kHalvesAgreeM, std::min(0.5 * scatterM, kHalvesAgreeMaxM));
 }
 
 // Five distinct reports on a line, evenly paced, leaving the held place.
@@ -256,11 +256,11 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
             m.scatterM >= kScatterMaxM || m.halvesApartM > agreeM || m.latestOffM > agreeM ||
             m.wanderM < kWanderShare * m.halvesApartM)
             return StandVerdict::Pass;
-        w.held = true;
-        w.scatterM = std::max(w.scatterM, static_cast<float>(m.scatterM));
-        // Where its last half minute stands: the first half may hold the way in.
+        // Held where its last half minute stands: the first half may hold the way in.
         Point now;
         medianOf(w, m.halfFrom, t + 1, now, true);
+        w.held = true;
+        w.scatterM = std::max(w.scatterM, static_cast<float>(m.scatterM));
         Point before;
         if (!longRunCentre(w, before) || distanceM(before, now) > farFor(w.scatterM))
             w.minuteCount = 0, w.minuteNext = 0, before = now;
