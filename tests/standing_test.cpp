@@ -25,6 +25,7 @@ struct Outcome {
     double firstHeldAt = -1;  // when it was first held
     double letGoAt = -1;      // the first report taken again after a hold
     int drops = 0, passes = 0;
+    std::vector<std::pair<double, double>> heldAt; // metres from the origin, and when
 };
 
 Outcome watch(const std::vector<Report>& reports) {
@@ -41,6 +42,7 @@ Outcome watch(const std::vector<Report>& reports) {
             if (anchored)
                 o.anchorTravelM += core::distanceNm(last.lat, last.lon, at.lat, at.lon) * core::kMetresPerNm;
             last = at, anchored = true, held = true, ++o.anchors;
+            o.heldAt.emplace_back(core::distanceNm(kLat, kLon, at.lat, at.lon) * core::kMetresPerNm, r.t);
             if (o.firstHeldAt < 0) o.firstHeldAt = r.t;
             break;
         }
@@ -173,16 +175,8 @@ TEST(StandWatch, AHeldAircraftFollowsItsReportsWhenTheySettleElsewhere) {
     // the receiver's fix moving): held on the first, then moved to the second within a minute
     // and a half, in a step or two, not a wander.
     std::mt19937 rng(5);
-    const auto reports = scatteredStand(0, 120, 10, rng) + scatteredStand(120, 240, 10, rng, 15, 20);
-    LiveAc::StandWatch w;
-    std::vector<std::pair<double, double>> heldAt; // metres from the first spot, and when
-    for (const auto& x : reports) {
-        const double lat = kLat + x.north / kMetresPerDegree;
-        const double lon = kLon + x.east / (kMetresPerDegree * std::cos(kLat * core::kRadPerDeg));
-        if (watchStanding(w, x.t, lat, lon, false) != StandVerdict::Anchor) continue;
-        const LatLonPos at = anchorOf(w);
-        heldAt.emplace_back(core::distanceNm(kLat, kLon, at.lat, at.lon) * core::kMetresPerNm, x.t);
-    }
+    const auto heldAt =
+        watch(scatteredStand(0, 120, 10, rng) + scatteredStand(120, 240, 10, rng, 15, 20)).heldAt;
     ASSERT_GE(heldAt.size(), 2u);
     EXPECT_LT(heldAt.front().first, 6.0);
     EXPECT_NEAR(heldAt.back().first, 25.0, 6.0);
