@@ -204,28 +204,6 @@ struct LiveAc : AcIdentity {
     };
     std::array<AltitudeReport, 8> airAltitudes{};
     std::uint8_t airAltitudeCount = 0, airAltitudeNext = 0;
-    // Every ground report of the last minute, repeats too, to tell a standing aircraft whose
-    // positions scatter from one that moves.
-    struct StandWatch {
-        struct Spot {
-            double time = 0;
-            float eastM = 0, northM = 0; // from origin
-        };
-        static constexpr std::size_t kSpots = 72;
-        std::array<Spot, kSpots> spots{};
-        std::uint8_t count = 0, next = 0;
-        LatLonPos origin;
-        bool held = false;
-        double airSince = 0;                     // the first of the latest air reports, 0: none
-        float anchorEastM = 0, anchorNorthM = 0; // where a held aircraft is shown
-        float scatterM = 0;           // how far its reports stray while it stands, remembered across stops
-        std::array<Spot, 5> recent{}; // the latest distinct positions while held
-        std::uint8_t recentCount = 0;
-        // The median of each minute held, the latest 16: their median is where it stands.
-        std::array<Spot, 16> minutes{};
-        std::uint8_t minuteCount = 0, minuteNext = 0;
-        double minuteFrom = 0;
-    } standWatch;
     LatLonPos settleSpot;  // where the latest reports close together lie
     int settleReports = 0; // how many in a row
     std::int64_t parkedWallClock = 0;
@@ -251,6 +229,29 @@ struct LiveAc : AcIdentity {
     LandingFlags landingFlags;
     bool towed = false, takingOff = false, above10000 = false, below10000 = false, pushRequested = false,
          turningInPlace = false;
+    // Every ground report of the last minute, repeats too, to tell a standing aircraft whose
+    // positions scatter from one that moves. Last, as the frame never reads it: the fields it reads
+    // stay close together.
+    struct StandWatch {
+        struct Spot {
+            double time = 0;
+            float eastM = 0, northM = 0; // from origin
+        };
+        static constexpr std::size_t kSpots = 72;
+        std::array<Spot, kSpots> spots{};
+        std::uint8_t count = 0, next = 0;
+        LatLonPos origin;
+        bool held = false;
+        double airSince = 0;                     // the first of the latest air reports, 0: none
+        float anchorEastM = 0, anchorNorthM = 0; // where a held aircraft is shown
+        float scatterM = 0;           // how far its reports stray while it stands, remembered across stops
+        std::array<Spot, 5> recent{}; // the latest distinct positions while held
+        std::uint8_t recentCount = 0;
+        // The median of each minute held, the latest 16: their median is where it stands.
+        std::array<Spot, 16> minutes{};
+        std::uint8_t minuteCount = 0, minuteNext = 0;
+        double minuteFrom = 0;
+    } standWatch;
 };
 
 // A new record with the constants of its category; pitches vary a little per aircraft.
