@@ -230,8 +230,8 @@ struct LiveAc : AcIdentity {
     bool towed = false, takingOff = false, above10000 = false, below10000 = false, pushRequested = false,
          turningInPlace = false;
     // Every ground report of the last minute, repeats too, to tell a standing aircraft whose
-    // positions scatter from one that moves. Last, as the frame never reads it: the fields it reads
-    // stay close together.
+    // positions scatter from one that moves. Last: only the aircraft's own reports read it, so the
+    // fields the frame's pass over every aircraft reads stay close together.
     struct StandWatch {
         struct Spot {
             double time = 0;
