@@ -516,63 +516,92 @@ void airSteadiness(const emu::ObjectRecord& o, double fieldFt, double& steepestF
     }
 }
 
+// Where reports lie: their median place, and how far they lie from it (median and 95th percentile).
+struct Spread {
+    double latitude = 0, longitude = 0, scatterM = 0, scatterP95M = 0;
+};
+
+// The spread of the reports from `from` up to `to` (feed times); there are some.
+Spread spreadOf(const std::vector<const FedLine*>& g, double from, double to) {
+    std::vector<double> lats, lons, off;
+    for (const auto* l : g)
+        if (l->at >= from && l->at < to) lats.push_back(l->latitude), lons.push_back(l->longitude);
+    Spread s{median(lats), median(lons)};
+    for (std::size_t k = 0; k < lats.size(); ++k)
+        off.push_back(metresBetween(s.latitude, s.longitude, lats[k], lons[k]));
+    s.scatterP95M = percentile95(off);
+    s.scatterM = median(std::move(off));
+    return s;
+}
+
+// An aircraft's ground reports a minute at a time from its first: feed times, from and to, the
+// minute's median place and how many reports it holds.
+struct Minute {
+    double from = 0, to = 0, latitude = 0, longitude = 0;
+    std::size_t reports = 0;
+};
+
+std::vector<Minute> minutesOf(const std::vector<const FedLine*>& g) {
+    std::vector<Minute> out;
+    for (std::size_t i = 0; i < g.size();) {
+        std::vector<double> lats, lons;
+        const double from = g[i]->at;
+        for (; i < g.size() && g[i]->at < from + 60; ++i)
+            lats.push_back(g[i]->latitude), lons.push_back(g[i]->longitude);
+        const std::size_t reports = lats.size();
+        out.push_back({from, i < g.size() ? g[i]->at : from + 60, median(std::move(lats)),
+                       median(std::move(lons)), reports});
+    }
+    return out;
+}
+
 // The minutes in which an aircraft's ground reports stand, scatter aside: the median place of the
 // minute lies within 20 m of the one before. Feed times, from and to, and where it stands.
 struct StandingMinute {
     double from = 0, to = 0;
-    // Where the aircraft stands: the median of the reports of the run of standing minutes this
-    // one belongs to, and their median distance from it.
-    double latitude = 0, longitude = 0, scatterM = 0;
+    // Where the aircraft stands: the spread of the reports of the run of standing minutes this
+    // one belongs to.
+    Spread stand;
 };
 
-std::vector<StandingMinute> standingMinutes(const std::vector<const FedLine*>& g) {
+std::vector<StandingMinute> standingMinutes(const std::vector<const FedLine*>& g,
+                                            const std::vector<Minute>& minutes) {
     std::vector<StandingMinute> out;
-    std::optional<std::pair<double, double>> last;
-    for (std::size_t i = 0; i < g.size();) {
-        std::vector<double> lats, lons;
-        const double from = g[i]->at;
-        const std::size_t first = i;
-        for (; i < g.size() && g[i]->at < from + 60; ++i)
-            lats.push_back(g[i]->latitude), lons.push_back(g[i]->longitude);
-        const std::size_t reports = lats.size();
-        const std::pair<double, double> here{median(std::move(lats)), median(std::move(lons))};
-        if (last && reports >= 20 && metresBetween(last->first, last->second, here.first, here.second) < 20)
-            out.push_back({g[first]->at, i < g.size() ? g[i]->at : from + 60});
-        last = here;
+    for (std::size_t k = 1; k < minutes.size(); ++k) {
+        const Minute &before = minutes[k - 1], &m = minutes[k];
+        if (m.reports >= 20 && metresBetween(before.latitude, before.longitude, m.latitude, m.longitude) < 20)
+            out.push_back({m.from, m.to});
     }
-    const auto medianOver = [&g](double from, double to, double& lat, double& lon) {
-        std::vector<double> lats, lons;
-        for (const auto* l : g)
-            if (l->at >= from && l->at < to) lats.push_back(l->latitude), lons.push_back(l->longitude);
-        lat = lats.empty() ? 0 : median(std::move(lats)), lon = lons.empty() ? 0 : median(std::move(lons));
-    };
     // A stray of a few minutes between two runs standing at one place is the same standing aircraft.
     for (std::size_t k = 1; k < out.size(); ++k) {
         if (out[k].from == out[k - 1].to || out[k].from - out[k - 1].to > 180) continue;
         std::size_t a = k - 1, b = k + 1;
         while (a > 0 && out[a].from == out[a - 1].to) --a;
         while (b < out.size() && out[b].from == out[b - 1].to) ++b;
-        double lat1, lon1, lat2, lon2;
-        medianOver(out[a].from, out[k - 1].to, lat1, lon1);
-        medianOver(out[k].from, out[b - 1].to, lat2, lon2);
-        if (metresBetween(lat1, lon1, lat2, lon2) >= 50) continue;
+        const Spread one = spreadOf(g, out[a].from, out[k - 1].to),
+                     other = spreadOf(g, out[k].from, out[b - 1].to);
+        if (metresBetween(one.latitude, one.longitude, other.latitude, other.longitude) >= 50) continue;
         out.insert(out.begin() + static_cast<std::ptrdiff_t>(k), StandingMinute{out[k - 1].to, out[k].from});
     }
     for (std::size_t a = 0, b = 0; a < out.size(); a = b) {
         for (b = a + 1; b < out.size() && out[b].from == out[b - 1].to;) ++b;
-        std::vector<double> lats, lons;
-        for (const auto* l : g)
-            if (l->at >= out[a].from && l->at < out[b - 1].to)
-                lats.push_back(l->latitude), lons.push_back(l->longitude);
-        const double lat = median(lats), lon = median(lons);
-        std::vector<double> off;
-        for (std::size_t k = 0; k < lats.size(); ++k)
-            off.push_back(metresBetween(lat, lon, lats[k], lons[k]));
-        const double scatterM = median(std::move(off));
-        for (std::size_t k = a; k < b; ++k)
-            out[k].latitude = lat, out[k].longitude = lon, out[k].scatterM = scatterM;
+        const Spread run = spreadOf(g, out[a].from, out[b - 1].to);
+        for (std::size_t k = a; k < b; ++k) out[k].stand = run;
     }
     return out;
+}
+
+// An aircraft that never goes anywhere (the median of every minute near the median of them all)
+// while its reports scatter more than 10 m about it: there it stands.
+std::optional<Spread> scatteredStand(const std::vector<const FedLine*>& g,
+                                     const std::vector<Minute>& minutes) {
+    if (g.size() < 20) return std::nullopt;
+    const Spread all = spreadOf(g, g.front()->at, g.back()->at + 1);
+    const bool stays = std::all_of(minutes.begin(), minutes.end(), [&](const Minute& m) {
+        return metresBetween(all.latitude, all.longitude, m.latitude, m.longitude) < kStrayMinuteM;
+    });
+    if (!stays || all.scatterM <= 10.0) return std::nullopt;
+    return all;
 }
 
 const StandingMinute* standingAt(const std::vector<StandingMinute>& standing, double t) {
@@ -613,7 +642,8 @@ double jitterP95(const std::vector<const FedLine*>& g, const std::vector<Standin
     std::vector<double> d;
     for (std::size_t i = 2; i + 2 < g.size(); ++i) {
         if (const auto* m = standingAt(standing, g[i]->at)) {
-            d.push_back(metresBetween(m->latitude, m->longitude, g[i]->latitude, g[i]->longitude));
+            d.push_back(
+                metresBetween(m->stand.latitude, m->stand.longitude, g[i]->latitude, g[i]->longitude));
             continue;
         }
         double lat = 0, lon = 0;
@@ -647,18 +677,25 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
         for (const auto* l : lines)
             if (l->onGround || l->altitudeFt < result.airportElevationFt + 500) low.push_back(l);
         v.robustGroundKt = robustSpeedKt(low);
-        const auto standing = standingMinutes(ground);
+        const auto minutes = minutesOf(ground);
+        const auto standing = standingMinutes(ground, minutes);
         v.jitterP95M = jitterP95(ground, standing);
+        // Ground reports that hop faster than anything rolls (a robust speed, not one outlier) give
+        // no track to follow or rest on: only the climb bar is left for them.
+        const bool groundUnusable = v.dataOnGround && v.robustGroundKt > kFastestRollKt;
+        const auto stand = v.dataOnGround && !groundUnusable ? scatteredStand(ground, minutes) : std::nullopt;
         const FedLine& last = *lines.back();
         v.dataEndAtRest =
             last.onGround && ground.size() >= 3 &&
             metresBetween(ground[ground.size() - 3]->latitude, ground[ground.size() - 3]->longitude,
                           last.latitude, last.longitude) < 5.0;
-        // Where the data come to rest: their last point, or, where the reports of the last minute
-        // scatter about a standing aircraft, their median.
+        // Where the data come to rest: their last point, or, where the reports scatter about a
+        // standing aircraft, their median (of them all when it never goes anywhere).
         double restLat = last.latitude, restLon = last.longitude;
-        if (!standing.empty() && standing.back().to >= last.at && standing.back().scatterM > 5.0)
-            restLat = standing.back().latitude, restLon = standing.back().longitude;
+        if (stand)
+            restLat = stand->latitude, restLon = stand->longitude;
+        else if (!standing.empty() && standing.back().to >= last.at && standing.back().stand.scatterM > 5.0)
+            restLat = standing.back().stand.latitude, restLon = standing.back().stand.longitude;
         // A landing: the data begin in the air and end on the ground. (The ground flags of some
         // feeds flip during take-off runs, so a change of flag alone says nothing.)
         v.landing = !lines.front()->onGround && last.onGround;
@@ -691,9 +728,6 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
             v.why = fmt::format("no installed livery may show it (listed as \"{}\")", *unmatched);
         else if (v.objects == 0)
             broke("never created");
-        // Ground reports that hop faster than anything rolls (a robust speed, not one outlier) give
-        // no track to follow or rest on: only the climb bar is left for them.
-        const bool groundUnusable = v.dataOnGround && v.robustGroundKt > kFastestRollKt;
         if (groundUnusable)
             v.why = fmt::format("its ground reports hop at a robust {:.0f} kt: no track to follow or rest on",
                                 v.robustGroundKt);
@@ -725,42 +759,25 @@ std::vector<Fidelity> fidelity(const std::string& scenario, const Config& config
         // An aircraft that stands the whole recording while its reports scatter tens of metres about
         // it has no track to follow: it is judged by how far it is shown from their median, against
         // how far they scatter from it, instead of by its path past every scattered report.
-        double pathBar = std::max(10.0, v.jitterP95M), restBarM = 5.0;
-        bool standsScattered = false;
-        if (v.dataOnGround && !groundUnusable && ground.size() >= 20) {
-            std::vector<double> lats, lons, off;
-            for (const auto* l : ground) lats.push_back(l->latitude), lons.push_back(l->longitude);
-            const double lat = median(lats), lon = median(lons);
-            // It never went anywhere: the median of every minute lies near the median of them all.
-            bool stays = true;
-            for (std::size_t i = 0; i < ground.size() && stays;) {
-                std::vector<double> la, lo;
-                for (const double from = ground[i]->at; i < ground.size() && ground[i]->at < from + 60; ++i)
-                    la.push_back(ground[i]->latitude), lo.push_back(ground[i]->longitude);
-                stays = metresBetween(lat, lon, median(std::move(la)), median(std::move(lo))) < kStrayMinuteM;
-            }
-            for (const auto* l : ground) off.push_back(metresBetween(lat, lon, l->latitude, l->longitude));
-            const double scatterM = median(off), scatterP95M = percentile95(off);
-            if (stays && scatterM > 10.0 && v.restOffM >= 0) {
-                for (const auto& o : report)
-                    if (o.cameToRest && callsigns.contains(o.tail))
-                        v.restOffM = metresBetween(o.restLat, o.restLon, lat, lon);
-                // Where the reports put it is known to within their median scatter.
-                std::vector<double> shownOff;
-                for (const auto& o : result.objects)
-                    if (callsigns.contains(o.tail))
-                        for (const auto& q : o.positions)
-                            shownOff.push_back(metresBetween(lat, lon, q.latitude, q.longitude));
-                const double shownP95M = shownOff.empty() ? 0.0 : percentile95(shownOff);
-                restBarM = std::max(restBarM, scatterM), standsScattered = true;
-                if (shownP95M > std::max(10.0, scatterM))
-                    broke(fmt::format("shown {:.0f} m from where its reports stand > {:.0f}", shownP95M,
-                                      std::max(10.0, scatterM)));
-                v.why =
-                    fmt::format("stands, its reports scattering {:.0f} m (95% {:.0f} m) about their median: "
+        const double pathBar = std::max(10.0, v.jitterP95M);
+        double restBarM = 5.0;
+        const bool standsScattered = stand && v.restOffM >= 0;
+        if (standsScattered) {
+            // Where the reports put it is known to within their median scatter.
+            std::vector<double> shownOff;
+            for (const auto& o : result.objects)
+                if (callsigns.contains(o.tail))
+                    for (const auto& q : o.positions)
+                        shownOff.push_back(
+                            metresBetween(stand->latitude, stand->longitude, q.latitude, q.longitude));
+            const double shownP95M = shownOff.empty() ? 0.0 : percentile95(shownOff);
+            const double barM = std::max(10.0, stand->scatterM);
+            restBarM = std::max(restBarM, stand->scatterM);
+            if (shownP95M > barM)
+                broke(fmt::format("shown {:.0f} m from where its reports stand > {:.0f}", shownP95M, barM));
+            v.why = fmt::format("stands, its reports scattering {:.0f} m (95% {:.0f} m) about their median: "
                                 "shown within {:.0f} m of it (95% of the time), at rest {:.1f} m from it",
-                                scatterM, scatterP95M, shownP95M, v.restOffM);
-            }
+                                stand->scatterM, stand->scatterP95M, shownP95M, v.restOffM);
         }
         if (!ground.empty() && !groundUnusable && !standsScattered && v.objects > 0 &&
             v.groundPathP95M > pathBar)

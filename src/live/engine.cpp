@@ -120,14 +120,9 @@ double airTrendAltitude(LiveAc& ac, double t, double feet) {
             if (const double dt = recent[j].time - recent[i].time; std::fabs(dt) >= 0.5)
                 values[m++] = (recent[j].feet - recent[i].feet) / dt;
     if (m == 0) return feet;
-    const auto median = [&values](std::size_t count) {
-        const auto mid = values.begin() + static_cast<std::ptrdiff_t>(count / 2);
-        std::nth_element(values.begin(), mid, values.begin() + static_cast<std::ptrdiff_t>(count));
-        return *mid;
-    };
-    const double slope = median(m);
+    const double slope = medianInPlace(values.begin(), m);
     for (std::size_t i = 0; i < n; ++i) values[i] = recent[i].feet + slope * (t - recent[i].time);
-    return std::max(median(n), 1.0);
+    return std::max(medianInPlace(values.begin(), n), 1.0);
 }
 
 std::optional<AirportPlace> currentAirportPlace; // the worker thread's: set and read there only

@@ -1,7 +1,9 @@
 // Inside the engine: its run state and the steps of its frame, for its own files and its tests.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <deque>
 #include <iterator>
@@ -14,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/geo.h"
 #include "feed/feed.h"
 #include "live/live.h"
 #include "sim/sim.h"
@@ -38,6 +41,26 @@ struct PendingObject {
 };
 
 enum class Update { Keep, Drop };
+
+// Places near each other in metres east (x) and north (y) of an origin, and back.
+inline constexpr double kMetresPerDegree = 111132.95;
+inline void toXY(double lat0, double lon0, double lat, double lon, double& x, double& y) {
+    y = (lat - lat0) * kMetresPerDegree;
+    x = (lon - lon0) * kMetresPerDegree * std::cos(lat0 * core::kRadPerDeg);
+}
+inline LatLonPos fromXY(const LatLonPos& origin, double x, double y) {
+    return {origin.lat + y / kMetresPerDegree,
+            origin.lon + x / (kMetresPerDegree * std::cos(origin.lat * core::kRadPerDeg))};
+}
+
+// The middle of the first `count` values (the upper middle one for an even count), found in
+// place: the values are reordered, nothing is allocated.
+template <typename It>
+auto medianInPlace(It first, std::size_t count) {
+    const It mid = first + static_cast<std::ptrdiff_t>(count / 2);
+    std::nth_element(first, mid, first + static_cast<std::ptrdiff_t>(count));
+    return *mid;
+}
 
 // What the stand watch makes of a ground report: take it, drop it (the aircraft stands where it
 // is held), or move the aircraft to the held place instead.

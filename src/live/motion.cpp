@@ -19,7 +19,6 @@ namespace orv::live {
 
 namespace {
 
-constexpr double kMetresPerDegree = 111132.95;
 constexpr double kTicksPerMinute = 6000.0; // feet per minute over this: feet per tick
 
 bool samePlace(const Sample& a, const Sample& b) {
@@ -28,12 +27,6 @@ bool samePlace(const Sample& a, const Sample& b) {
 
 double sampleDistanceNm(const Sample& a, const Sample& b) {
     return core::distanceNm(a.lat, a.lon, b.lat, b.lon);
-}
-
-// Metres east and north of an origin.
-void toXY(double lat0, double lon0, double lat, double lon, double& x, double& y) {
-    y = (lat - lat0) * kMetresPerDegree;
-    x = (lon - lon0) * kMetresPerDegree * std::cos(lat0 * core::kRadPerDeg);
 }
 
 std::int64_t wallTime100ns() {
@@ -85,8 +78,8 @@ bool curvePoint(const LiveAc& ac, double t, double& lat, double& lon, double& ta
     const double y = 2 * u * t * cy + t * t * ey;
     tangent = std::atan2(2 * t * (ex - cx) + 2 * u * cx, 2 * t * (ey - cy) + 2 * u * cy);
     if (tangent < 0) tangent += 2 * core::kPi;
-    lat = c.origin.lat + y / kMetresPerDegree;
-    lon = c.origin.lon + x / (kMetresPerDegree * std::cos(c.origin.lat * core::kRadPerDeg));
+    const LatLonPos at = fromXY(c.origin, x, y);
+    lat = at.lat, lon = at.lon;
     return true;
 }
 

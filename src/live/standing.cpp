@@ -16,7 +16,6 @@ namespace {
 using Spot = LiveAc::StandWatch::Spot;
 using Watch = LiveAc::StandWatch;
 
-constexpr double kMetresPerDegree = 60.0 * core::kMetresPerNm;
 constexpr double kSpotSpacingSeconds = 0.9; // a faster feed adds nothing to a median
 constexpr double kWatchSeconds = 60;        // the reports a standing aircraft is judged on
 constexpr double kJudgeAfterSeconds = 30;   // and at least this much of them
@@ -55,12 +54,6 @@ const Spot& spotAt(const Watch& w, std::size_t i) { // 0 is the oldest
     return w.spots[(w.next + Watch::kSpots - w.count + i) % Watch::kSpots];
 }
 
-float middle(std::array<float, Watch::kSpots>& v, std::size_t n) {
-    auto mid = v.begin() + static_cast<std::ptrdiff_t>(n / 2);
-    std::nth_element(v.begin(), mid, v.begin() + static_cast<std::ptrdiff_t>(n));
-    return *mid;
-}
-
 // The median place of the reports from `from` (seconds) up to `to`, and how many there were: the
 // median of each axis, or the geometric median.
 std::size_t medianOf(const Watch& w, double from, double to, Point& out, bool geometric = false) {
@@ -76,11 +69,11 @@ std::size_t medianOf(const Watch& w, double from, double to, Point& out, bool ge
     // have their axis medians at a corner of the two, where no report is; the geometric median lies
     // on the spot that holds most of them.
     if (!geometric) {
-        out = {middle(east, n), middle(north, n)};
+        out = {medianInPlace(east.begin(), n), medianInPlace(north.begin(), n)};
         return n;
     }
-    auto eastSorted = east, northSorted = north; // `middle` reorders, and the pairs are needed
-    out = {middle(eastSorted, n), middle(northSorted, n)};
+    auto eastSorted = east, northSorted = north; // `medianInPlace` reorders, and the pairs are needed
+    out = {medianInPlace(eastSorted.begin(), n), medianInPlace(northSorted.begin(), n)};
     for (int k = 0; k < kMedianSteps; ++k) {
         double se = 0, sn = 0, sw = 0;
         for (std::size_t i = 0; i < n; ++i) {
@@ -100,7 +93,7 @@ double scatterOf(const Watch& w, double from, Point centre) {
         const Spot& s = spotAt(w, i);
         if (s.time >= from) d[n++] = static_cast<float>(distanceM({s.eastM, s.northM}, centre));
     }
-    return n == 0 ? 0.0 : middle(d, n);
+    return n == 0 ? 0.0 : medianInPlace(d.begin(), n);
 }
 
 // The reports of the last minute: their median, scatter, and how far apart the medians of its
@@ -210,17 +203,14 @@ bool longRunCentre(const Watch& w, Point& out) {
     std::array<float, Watch::kSpots> east{}, north{};
     for (std::size_t i = 0; i < w.minuteCount; ++i)
         east[i] = w.minutes[i].eastM, north[i] = w.minutes[i].northM;
-    out = {middle(east, w.minuteCount), middle(north, w.minuteCount)};
+    out = {medianInPlace(east.begin(), w.minuteCount), medianInPlace(north.begin(), w.minuteCount)};
     return true;
 }
 
 } // namespace
 
 LatLonPos anchorOf(const LiveAc::StandWatch& w) {
-    const double lat = w.origin.lat + w.anchorNorthM / kMetresPerDegree;
-    const double lon =
-        w.origin.lon + w.anchorEastM / (kMetresPerDegree * std::cos(w.origin.lat * core::kRadPerDeg));
-    return {lat, lon};
+    return fromXY(w.origin, w.anchorEastM, w.anchorNorthM);
 }
 
 StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double lon, bool airborne) {
@@ -237,10 +227,9 @@ StandVerdict watchStanding(LiveAc::StandWatch& w, double t, double lat, double l
     }
     w.airSince = 0;
     if (w.count == 0) w.origin = {lat, lon};
-    const Spot spot{t,
-                    static_cast<float>((lon - w.origin.lon) * kMetresPerDegree *
-                                       std::cos(w.origin.lat * core::kRadPerDeg)),
-                    static_cast<float>((lat - w.origin.lat) * kMetresPerDegree)};
+    double east = 0, north = 0;
+    toXY(w.origin.lat, w.origin.lon, lat, lon, east, north);
+    const Spot spot{t, static_cast<float>(east), static_cast<float>(north)};
     const double lastTime = w.count ? spotAt(w, w.count - 1).time : -1e9;
     if (t < lastTime + kSpotSpacingSeconds) return w.held ? StandVerdict::Drop : StandVerdict::Pass;
     const bool gap = w.count && t - lastTime > kGapSeconds;

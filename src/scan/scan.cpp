@@ -259,7 +259,7 @@ class WorkQueue {
 };
 
 void walkFolder(const fs::path& folder, const ScanRun& run) {
-    run.log.add(fmt::format("Scanning for {} airports in {}", "addon ", folder.string()));
+    run.log.add(fmt::format("Scanning for addon airports in {}", folder.string()));
     const auto workers = static_cast<std::size_t>(std::max(1, core::gRun.hardwareThreads.load()));
     WorkQueue queue(2 * workers);
     std::vector<std::future<void>> pool;
