@@ -590,6 +590,7 @@ struct Emulator::Impl {
                  static_cast<double>(std::max(0, p.init.Airspeed))};
         if (p.init.OnGround)
             o.now.altitudeFt = groundAt(p.init.Latitude, p.init.Longitude) + config.staticCgFt;
+        o.created = o.now;
         const DWORD objectId = o.id;
         objects.emplace(objectId, std::move(o));
         const auto assigned = [&] { send(c, RecvAssignedObjectId{p.requestId, objectId}); };
@@ -789,6 +790,7 @@ sc::DWORD Emulator::addTraffic(double latitude, double longitude, const std::str
     o.createdAt = m.time;
     o.now = {m.time, latitude, longitude,
              m.groundAt(latitude, longitude) + m.config.staticCgFt + aboveGroundFt};
+    o.created = o.now;
     const sc::DWORD objectId = o.id;
     m.objects.emplace(objectId, std::move(o));
     m.toSubscribers("objectadded", [&](sc::DWORD eventId) {
@@ -854,10 +856,17 @@ std::string Emulator::writeRecording(const std::filesystem::path& file) const {
     {
         std::lock_guard lock(impl_->mutex);
         for (const auto& [id, o] : impl_->objects) {
-            text += json{{"type", "object"},       {"id", id},
-                         {"title", o.title},       {"tail", o.tail},
-                         {"created", o.createdAt}, {"removed", o.removedAt},
-                         {"released", o.released}, {"flightPlan", o.flightPlan}}
+            text += json{{"type", "object"},
+                         {"id", id},
+                         {"title", o.title},
+                         {"tail", o.tail},
+                         {"created", o.createdAt},
+                         {"removed", o.removedAt},
+                         {"lat", o.created.latitude},
+                         {"lon", o.created.longitude},
+                         {"alt", o.created.altitudeFt},
+                         {"released", o.released},
+                         {"flightPlan", o.flightPlan}}
                         .dump() +
                     "\n";
             for (const auto& p : o.positions)

@@ -75,7 +75,7 @@ struct ObjectRecord {
     double createdAt = 0, removedAt = -1;
     bool released = false;
     std::string flightPlan;
-    PositionRecord now; // the latest state
+    PositionRecord created, now; // where it was made, and the latest state
     double spoilers = 0, throttle1 = 0, throttle2 = 0;
     std::vector<PositionRecord> positions; // every SetDataOnSimObject, with its frame time
     std::vector<EventRecord> events;

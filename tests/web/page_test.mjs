@@ -129,9 +129,11 @@ try {
   demo.kill('SIGINT');
   await demoEnded;
   const records = fs.readFileSync(path.join(repo, 'build/demo/simemu-recording.jsonl'), 'utf8').trim().split('\n').map((l) => JSON.parse(l));
+  // A path starts where the object was made: the engine holds it there until the simulator
+  // has confirmed it, and the map shows it there meanwhile.
   const tails = new Map(records.filter((r) => r.type === 'object').map((r) => [r.id, r.tail]));
   const paths = new Map();
-  for (const r of records.filter((x) => x.type === 'position')) {
+  for (const r of records.filter((x) => x.type === 'object' || x.type === 'position')) {
     const tail = tails.get(r.id);
     if (!paths.has(tail)) paths.set(tail, []);
     paths.get(tail).push(r);
