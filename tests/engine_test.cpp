@@ -1,5 +1,7 @@
 // The engine's rules that a whole scenario does not pin down.
+#include <cmath>
 #include <future>
+#include <random>
 #include <thread>
 
 #include <fmt/format.h>
@@ -150,6 +152,27 @@ TEST_F(EngineTest, GroundReportsOutOfReachOrFrozenAreSetAside) {
             got.push_back(std::round((st[i].lat - kMspLat - 0.1) * 111120.0));
         EXPECT_EQ(got, c.streamNorthM) << c.name;
     }
+}
+
+// A parked aircraft whose reports scatter tens of metres is held where they centre, and they are
+// dropped; but they are still news: the status tells how old the latest one is, not the last taken.
+TEST_F(EngineTest, AHeldAircraftsDroppedReportsStillCountAsNews) {
+    std::mt19937 rng(3);
+    std::normal_distribution<double> jitterM(0.0, 25.0);
+    double latest = 0;
+    for (int i = 0; i < 300; ++i) {
+        gEngine.tick = 100 * i;
+        auto r = record(100 + i, 0, 90, false);
+        r.latitude += jitterM(rng) / 111120.0;
+        r.longitude += jitterM(rng) / (111120.0 * std::cos(r.latitude * core::kRadPerDeg));
+        decode(r);
+        latest = r.timestamp;
+    }
+    ASSERT_EQ(gEngine.liveTable.size(), 1u);
+    const LiveAc& ac = gEngine.liveTable[0];
+    ASSERT_TRUE(ac.standWatch.held);
+    EXPECT_LT(ac.lastTimestamp, latest - 60) << "its reports are dropped";
+    EXPECT_NEAR(lastHeard(ac), latest, 1.0);
 }
 
 // Reports of a taxi every 2 s, 30 m apart, whose time stamps (offsets from their arrival) break.

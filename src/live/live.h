@@ -313,5 +313,8 @@ struct LiveCounts {
 LiveCounts liveCounts() noexcept;
 // Each live aircraft in the table, on the engine's thread (the status snapshot reads them so).
 void forEachLive(const std::function<void(const LiveAc&)>& fn);
+// The feed time of its latest report, taken or not: an aircraft held on its stand hears reports
+// that it does not take.
+double lastHeard(const LiveAc& ac);
 
 } // namespace orv::live

@@ -200,7 +200,7 @@ void letGo(Watch& w) {
 // scatter of a single minute, even a minute-long stray, cannot pull away.
 bool longRunCentre(const Watch& w, Point& out) {
     if (w.minuteCount < 3) return false;
-    std::array<float, Watch::kSpots> east{}, north{};
+    std::array<float, std::tuple_size_v<decltype(Watch::minutes)>> east{}, north{};
     for (std::size_t i = 0; i < w.minuteCount; ++i)
         east[i] = w.minutes[i].eastM, north[i] = w.minutes[i].northM;
     out = {medianInPlace(east.begin(), w.minuteCount), medianInPlace(north.begin(), w.minuteCount)};
@@ -208,6 +208,11 @@ bool longRunCentre(const Watch& w, Point& out) {
 }
 
 } // namespace
+
+double lastHeard(const LiveAc& ac) {
+    const Watch& w = ac.standWatch;
+    return w.held && w.count ? std::max(ac.lastTimestamp, spotAt(w, w.count - 1).time) : ac.lastTimestamp;
+}
 
 LatLonPos anchorOf(const LiveAc::StandWatch& w) {
     return fromXY(w.origin, w.anchorEastM, w.anchorNorthM);

@@ -165,8 +165,8 @@ void fillSnapshot(StatusSnapshot& s, bool withAircraft) {
         identify(v, ac.hexid, ac.callsign, ac.modelCode, ac.registration, ac.liveryTitle, ac.lat, ac.lon,
                  ac.heading * core::kDegPerRad);
         v.altFt = ac.alt;
-        v.dataAgeS =
-            ac.lastTimestamp > 0 && now > 0 ? static_cast<float>(std::max(0.0, now - ac.lastTimestamp)) : -1;
+        const double heard = live::lastHeard(ac);
+        v.dataAgeS = heard > 0 && now > 0 ? static_cast<float>(std::max(0.0, now - heard)) : -1;
         v.liveryStep = ac.liveryStep;
         v.phase = static_cast<std::uint8_t>(ac.phase), v.simState = static_cast<std::uint8_t>(ac.simState);
         v.onGround = ac.onGround;
